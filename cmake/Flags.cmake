@@ -1,0 +1,26 @@
+# What every target of the project is compiled with; nothing of it reaches the targets of a host.
+
+option(VELMORA_SSDP_WERROR "Treat warnings as errors" ${VELMORA_SSDP_TOP_LEVEL})
+
+function(velmora_target_defaults target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(VELMORA_SSDP_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+  target_compile_definitions(${target} PRIVATE
+    QT_NO_CAST_FROM_ASCII
+    QT_NO_CAST_TO_ASCII
+    QT_NO_CAST_FROM_BYTEARRAY
+    QT_NO_URL_CAST_FROM_STRING
+    QT_NO_KEYWORDS
+    QT_NO_FOREACH
+    QT_STRICT_ITERATORS
+    QT_DEPRECATED_WARNINGS)
+  # gnu++17, since the headers of Qt 4.8 are no strict C++.
+  set_target_properties(${target} PROPERTIES
+    CXX_STANDARD 17
+    CXX_STANDARD_REQUIRED ON
+    AUTOMOC ON
+    CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+endfunction()

@@ -1,0 +1,179 @@
+#include <simulator/PrivateNetwork.h>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sched.h>
+#include <stdexcept>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Velmora {
+namespace Simulator {
+
+namespace {
+
+[[noreturn]] void fail(const std::string& what)
+{
+    throw std::runtime_error(what + ": " + std::strerror(errno));
+}
+
+void writeFile(const std::string& path, const std::string& text)
+{
+    const int file = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    if (file == -1)
+        fail("cannot open " + path);
+    const bool written = write(file, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    const int error = errno;
+    close(file);
+    errno = error;
+    if (!written)
+        fail("cannot write " + path);
+}
+
+void becomeRootOfOwnUserNamespace()
+{
+    const std::string user = std::to_string(geteuid());
+    const std::string group = std::to_string(getegid());
+    if (unshare(CLONE_NEWUSER) == -1) {
+        const std::string reason = std::strerror(errno);
+        throw std::runtime_error("the kernel forbids a private network without root (" + reason
+                                 + "): run as root, or allow user namespaces with"
+                                   " 'sysctl -w user.max_user_namespaces=10000' and, where they exist,"
+                                   " 'sysctl -w kernel.unprivileged_userns_clone=1' and"
+                                   " 'sysctl -w kernel.apparmor_restrict_unprivileged_userns=0'");
+    }
+    writeFile("/proc/self/setgroups", "deny");
+    writeFile("/proc/self/uid_map", "0 " + user + " 1");
+    writeFile("/proc/self/gid_map", "0 " + group + " 1");
+}
+
+int newNetwork()
+{
+    if (unshare(CLONE_NEWNET) == -1)
+        fail("the kernel gives no network namespace");
+    const int descriptor = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (descriptor == -1)
+        fail("cannot open /proc/thread-self/ns/net");
+    return descriptor;
+}
+
+std::string addressOf(const std::string& addressWithPrefix)
+{
+    return addressWithPrefix.substr(0, addressWithPrefix.find('/'));
+}
+
+std::string prefixOf(const std::string& addressWithPrefix)
+{
+    const size_t slash = addressWithPrefix.find('/');
+    return slash == std::string::npos ? std::string("/32") : addressWithPrefix.substr(slash);
+}
+
+} // namespace
+
+PrivateNetwork::PrivateNetwork()
+    : links(0)
+{
+    if (geteuid() != 0)
+        becomeRootOfOwnUserNamespace();
+    sides[DeviceSide] = newNetwork();
+    sides[HostSide] = newNetwork();
+    for (const Side side : {DeviceSide, HostSide})
+        run(side, {"ip", "link", "set", "lo", "up"});
+}
+
+PrivateNetwork::~PrivateNetwork()
+{
+    for (const int side : sides)
+        close(side);
+}
+
+void PrivateNetwork::addLink(const std::string& hostAddress, const std::string& firstDeviceAddress,
+                             int deviceAddresses, const std::string& rate)
+{
+    const std::string number = std::to_string(links++);
+    const std::string host = "host" + number;
+    const std::string device = "device" + number;
+    const std::string deviceSide =
+        "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(sides[DeviceSide]);
+
+    std::string batch = "link add " + host + " type veth peer name " + device + " netns " + deviceSide + "\n";
+    if (!hostAddress.empty())
+        batch += "addr add " + hostAddress + " dev " + host + "\n";
+    batch += "link set " + host + " up\n";
+    run(HostSide, {"ip", "-batch", "-"}, batch);
+
+    batch.clear();
+    for (int i = 0; i < deviceAddresses; ++i) {
+        batch += "addr add " + addressAfter(addressOf(firstDeviceAddress), i) + prefixOf(firstDeviceAddress)
+            + " dev " + device + "\n";
+    }
+    batch += "link set " + device + " up\n";
+    run(DeviceSide, {"ip", "-batch", "-"}, batch);
+    if (!rate.empty()) {
+        run(DeviceSide,
+            {"tc", "qdisc", "add", "dev", device, "root", "tbf", "rate", rate, "burst", "16kb", "latency",
+             "500ms"});
+    }
+}
+
+void PrivateNetwork::enter(Side side)
+{
+    if (setns(sides[side], CLONE_NEWNET) == -1)
+        fail("cannot change the network namespace");
+}
+
+void PrivateNetwork::run(Side side, const std::vector<std::string>& command, const std::string& input)
+{
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string& argument : command)
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    arguments.push_back(nullptr);
+
+    // A file, since a pipe would block once the command reads slower than this writes.
+    FILE* const file = tmpfile();
+    if (!file || fwrite(input.data(), 1, input.size(), file) != input.size() || fflush(file) != 0)
+        fail("cannot write a temporary file");
+    rewind(file);
+
+    const pid_t child = fork();
+    if (child == -1)
+        fail("cannot start " + command.front());
+    if (child == 0) {
+        if (setns(sides[side], CLONE_NEWNET) == 0 && dup2(fileno(file), STDIN_FILENO) != -1)
+            execvp(arguments.front(), arguments.data());
+        _exit(127);
+    }
+    fclose(file);
+    int status = 0;
+    while (waitpid(child, &status, 0) == -1 && errno == EINTR) { }
+    if (status != 0) {
+        std::string text;
+        for (const std::string& argument : command)
+            text += argument + " ";
+        throw std::runtime_error(
+            "'" + text + "' failed"
+            + (WIFEXITED(status) && WEXITSTATUS(status) == 127 ? " (is iproute2 installed?)" : ""));
+    }
+}
+
+void PrivateNetwork::setSetting(Side side, const std::string& name, const std::string& value)
+{
+    const Scope scope(*this, side);
+    writeFile("/proc/sys/" + name, value);
+}
+
+std::string PrivateNetwork::addressAfter(const std::string& first, int index)
+{
+    in_addr address = {};
+    if (inet_pton(AF_INET, first.c_str(), &address) != 1)
+        throw std::runtime_error("'" + first + "' is not an IPv4 address");
+    address.s_addr = htonl(ntohl(address.s_addr) + static_cast<uint32_t>(index));
+    char text[INET_ADDRSTRLEN];
+    return inet_ntop(AF_INET, &address, text, sizeof text);
+}
+
+} // namespace Simulator
+} // namespace Velmora

@@ -1,0 +1,102 @@
+#include <ssdp/BoundedXml.h>
+
+#include <QtCore/QString>
+#include <QtXml/QDomDocument>
+
+namespace Velmora {
+namespace SSDP {
+
+namespace {
+
+const int DEEPEST_LEVEL = 128;
+const int MOST_ATTRIBUTES = 256;
+
+bool standsAt(const QString& text, int position, QLatin1String expected)
+{
+    const int size = static_cast<int>(expected.size());
+    if (text.size() - position < size)
+        return false;
+    for (int i = 0; i < size; ++i) {
+        if (text.at(position + i) != QLatin1Char(expected.latin1()[i]))
+            return false;
+    }
+    return true;
+}
+
+/// The position behind the next @p end, or the end of the text.
+int behind(const QString& text, QLatin1String end, int position)
+{
+    const int found = static_cast<int>(text.indexOf(end, position));
+    return static_cast<int>(found == -1 ? text.size() : found + end.size());
+}
+
+/// The position of the next ">" or "[" outside quotes, or the end of the text. Counts the quoted
+/// texts on the way.
+int tagEnd(const QString& text, int position, int* quotedTexts)
+{
+    for (; position < text.size(); ++position) {
+        const QChar character = text.at(position);
+        if (character == QLatin1Char('>') || character == QLatin1Char('['))
+            return position;
+        if (character == QLatin1Char('"') || character == QLatin1Char('\'')) {
+            ++*quotedTexts;
+            position = static_cast<int>(text.indexOf(character, position + 1));
+            if (position == -1)
+                break;
+        }
+    }
+    return static_cast<int>(text.size());
+}
+
+bool isXmlDeclaration(const QString& text, int position)
+{
+    return standsAt(text, position, QLatin1String("?xml")) && position + 4 < text.size()
+        && text.at(position + 4).isSpace();
+}
+
+} // namespace
+
+// Reads markup in the steps of a parser, which stops at its first error: as far as that, both see the
+// same tags, and what stands behind it is never parsed.
+bool isWithinXmlBounds(const QString& text)
+{
+    int level = 0;
+    int position = 0;
+    while ((position = static_cast<int>(text.indexOf(QLatin1Char('<'), position))) != -1) {
+        ++position;
+        int quotedTexts = 0;
+        if (standsAt(text, position, QLatin1String("!--"))) {
+            position = behind(text, QLatin1String("-->"), position + 3);
+        } else if (standsAt(text, position, QLatin1String("![CDATA["))) {
+            position = behind(text, QLatin1String("]]>"), position + 8);
+        } else if (standsAt(text, position, QLatin1String("!"))) {
+            position = tagEnd(text, position, &quotedTexts);
+            if (position < text.size() && text.at(position) == QLatin1Char('['))
+                return false;
+        } else if (standsAt(text, position, QLatin1String("?"))) {
+            const int end = behind(text, QLatin1String("?>"), position);
+            // The XML declaration has quoted values, in which a parser does not look for the end.
+            if (isXmlDeclaration(text, position) && tagEnd(text, position, &quotedTexts) != end - 1)
+                return false;
+            position = end;
+        } else if (standsAt(text, position, QLatin1String("/"))) {
+            position = behind(text, QLatin1String(">"), position);
+            level = qMax(level - 1, 0);
+        } else {
+            position = tagEnd(text, position, &quotedTexts);
+            if (level == DEEPEST_LEVEL || quotedTexts > MOST_ATTRIBUTES)
+                return false;
+            if (text.at(position - 1) != QLatin1Char('/'))
+                ++level;
+        }
+    }
+    return true;
+}
+
+bool parseXml(QDomDocument& document, const QString& text)
+{
+    return isWithinXmlBounds(text) && static_cast<bool>(document.setContent(text));
+}
+
+} // namespace SSDP
+} // namespace Velmora

@@ -1,0 +1,141 @@
+#include <ssdp/Ssdp.h>
+
+#include <log/Logger.h>
+#include <ssdp/SsdpManager.h>
+
+#include <QtCore/QStringList>
+#include <QtCore/QTimer>
+#include <QtNetwork/QNetworkInterface>
+
+#include <utility>
+
+namespace Velmora {
+namespace SSDP {
+
+using Log::Logger;
+
+namespace {
+
+enum State { Idle = 0, Discovering = 3 };
+
+} // namespace
+
+const QString Ssdp::KO(QLatin1String("KO"));
+
+Ssdp::Ssdp(int timeout, QObject* parent)
+    : QObject(parent)
+    , state(Idle)
+    , timer(new QTimer(this))
+    , timeout(timeout)
+{
+#if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
+    // Qt 4's timers are exact; later ones may come a twentieth early, before the last devices.
+    timer->setTimerType(Qt::PreciseTimer);
+#endif
+    connect(timer, SIGNAL(timeout()), this, SLOT(onTimerTick()));
+}
+
+Ssdp::~Ssdp() = default;
+
+int Ssdp::discover()
+{
+    if (state != Idle)
+        return state;
+
+    timer->start(timeout);
+    state = Discovering;
+    if (managers.isEmpty())
+        createManagers();
+    for (SsdpManager* const manager : std::as_const(managers)) {
+        manager->clearDevices();
+        manager->initialize();
+        manager->discover();
+    }
+    return state;
+}
+
+void Ssdp::stop()
+{
+    state = Idle;
+    if (timer->isActive())
+        timer->stop();
+    stopManagers();
+}
+
+void Ssdp::onTimerTick()
+{
+    stop();
+    Logger(Logger::Information) << "SSDP timeout expired not found";
+    Q_EMIT timeoutExpired();
+}
+
+QList<QHostAddress> Ssdp::findBindableAddresses() const
+{
+    QList<QHostAddress> result;
+    const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
+    for (int i = interfaces.size() - 1; i >= 0; --i) {
+        const QNetworkInterface::InterfaceFlags flags = interfaces.at(i).flags();
+        if (!(flags & QNetworkInterface::IsUp) || (flags & QNetworkInterface::IsLoopBack))
+            continue;
+        const QList<QNetworkAddressEntry> entries = interfaces.at(i).addressEntries();
+        for (const QNetworkAddressEntry& entry : entries) {
+            if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
+                result.append(entry.ip());
+        }
+    }
+    if (result.isEmpty())
+        result.append(QHostAddress(QHostAddress::LocalHost));
+    return result;
+}
+
+void Ssdp::createManagers()
+{
+    const QList<QHostAddress> bindable = findBindableAddresses();
+    for (const QHostAddress& address : bindable) {
+        SsdpManager* const manager = new SsdpManager(address, this);
+        connect(manager, SIGNAL(valueChanged(const SsdpDevice*, const SsdpService*, QString)), this,
+                SLOT(valueChanged(const SsdpDevice*, const SsdpService*, QString)));
+        managers.append(manager);
+    }
+}
+
+void Ssdp::stopManagers()
+{
+    for (SsdpManager* const manager : std::as_const(managers))
+        manager->stop();
+}
+
+void Ssdp::valueChanged(const SsdpDevice* device, const SsdpService* service, const QString& valueName)
+{
+    if (!service || !device || valueName != KO)
+        return;
+    parseKoValue(device, service);
+}
+
+void Ssdp::parseKoValue(const SsdpDevice* device, const SsdpService* service)
+{
+    if (!service || !device)
+        return;
+
+    const QStringList entries = service->stateVariables.value(KO).split(QLatin1Char(';'));
+    for (const QString& entry : entries) {
+        const QStringList codes = entry.split(QLatin1Char(','));
+        if (codes.size() != 2)
+            continue;
+        const QHostAddress address = device->address;
+        if (address.isNull())
+            continue;
+        fireDiscovered(codes.at(0).toInt(), codes.at(1).toInt(), address);
+        return;
+    }
+}
+
+void Ssdp::fireDiscovered(int functionCode, int univocalCode, const QHostAddress& deviceAddress)
+{
+    const QString text(QLatin1String("Device with FC:%1 and UC:%2 found at %3"));
+    Logger(Logger::Information) << text.arg(functionCode).arg(univocalCode).arg(deviceAddress.toString());
+    Q_EMIT discovered(functionCode, univocalCode, deviceAddress);
+}
+
+} // namespace SSDP
+} // namespace Velmora
