@@ -11,23 +11,20 @@ namespace {
 const int DEEPEST_LEVEL = 128;
 const int MOST_ATTRIBUTES = 256;
 
-bool standsAt(const QString& text, int position, QLatin1String expected)
+bool standsAt(const QString& text, int position, const char* expected)
 {
-    const int size = static_cast<int>(expected.size());
-    if (text.size() - position < size)
-        return false;
-    for (int i = 0; i < size; ++i) {
-        if (text.at(position + i) != QLatin1Char(expected.latin1()[i]))
+    for (; *expected != '\0'; ++expected, ++position) {
+        if (position >= text.size() || text.at(position) != QLatin1Char(*expected))
             return false;
     }
     return true;
 }
 
 /// The position behind the next @p end, or the end of the text.
-int behind(const QString& text, QLatin1String end, int position)
+int behind(const QString& text, const char* end, int position)
 {
-    const int found = static_cast<int>(text.indexOf(end, position));
-    return static_cast<int>(found == -1 ? text.size() : found + end.size());
+    const int found = static_cast<int>(text.indexOf(QLatin1String(end), position));
+    return found == -1 ? static_cast<int>(text.size()) : found + static_cast<int>(qstrlen(end));
 }
 
 /// The position of the next ">" or "[" outside quotes, or the end of the text. Counts the quoted
@@ -50,8 +47,7 @@ int tagEnd(const QString& text, int position, int* quotedTexts)
 
 bool isXmlDeclaration(const QString& text, int position)
 {
-    return standsAt(text, position, QLatin1String("?xml")) && position + 4 < text.size()
-        && text.at(position + 4).isSpace();
+    return standsAt(text, position, "?xml") && position + 4 < text.size() && text.at(position + 4).isSpace();
 }
 
 } // namespace
@@ -65,22 +61,22 @@ bool isWithinXmlBounds(const QString& text)
     while ((position = static_cast<int>(text.indexOf(QLatin1Char('<'), position))) != -1) {
         ++position;
         int quotedTexts = 0;
-        if (standsAt(text, position, QLatin1String("!--"))) {
-            position = behind(text, QLatin1String("-->"), position + 3);
-        } else if (standsAt(text, position, QLatin1String("![CDATA["))) {
-            position = behind(text, QLatin1String("]]>"), position + 8);
-        } else if (standsAt(text, position, QLatin1String("!"))) {
+        if (standsAt(text, position, "!--")) {
+            position = behind(text, "-->", position + 3);
+        } else if (standsAt(text, position, "![CDATA[")) {
+            position = behind(text, "]]>", position + 8);
+        } else if (standsAt(text, position, "!")) {
             position = tagEnd(text, position, &quotedTexts);
             if (position < text.size() && text.at(position) == QLatin1Char('['))
                 return false;
-        } else if (standsAt(text, position, QLatin1String("?"))) {
-            const int end = behind(text, QLatin1String("?>"), position);
+        } else if (standsAt(text, position, "?")) {
+            const int end = behind(text, "?>", position);
             // The XML declaration has quoted values, in which a parser does not look for the end.
             if (isXmlDeclaration(text, position) && tagEnd(text, position, &quotedTexts) != end - 1)
                 return false;
             position = end;
-        } else if (standsAt(text, position, QLatin1String("/"))) {
-            position = behind(text, QLatin1String(">"), position);
+        } else if (standsAt(text, position, "/")) {
+            position = behind(text, ">", position);
             level = qMax(level - 1, 0);
         } else {
             position = tagEnd(text, position, &quotedTexts);

@@ -73,11 +73,12 @@ QList<QHostAddress> Ssdp::findBindableAddresses() const
 {
     QList<QHostAddress> result;
     const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
-    for (int i = interfaces.size() - 1; i >= 0; --i) {
-        const QNetworkInterface::InterfaceFlags flags = interfaces.at(i).flags();
+    for (auto it = interfaces.constEnd(); it != interfaces.constBegin();) {
+        --it;
+        const QNetworkInterface::InterfaceFlags flags = it->flags();
         if (!(flags & QNetworkInterface::IsUp) || (flags & QNetworkInterface::IsLoopBack))
             continue;
-        const QList<QNetworkAddressEntry> entries = interfaces.at(i).addressEntries();
+        const QList<QNetworkAddressEntry> entries = it->addressEntries();
         for (const QNetworkAddressEntry& entry : entries) {
             if (entry.ip().protocol() == QAbstractSocket::IPv4Protocol)
                 result.append(entry.ip());

@@ -1,6 +1,9 @@
 #ifndef VELMORA_SSDP_SSDP_H
 #define VELMORA_SSDP_SSDP_H
 
+// Hosts connect by the text of a signature, and these name the records without their namespaces.
+// clazy:excludeall=fully-qualified-moc-types
+
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
 

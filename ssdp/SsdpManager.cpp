@@ -38,6 +38,17 @@ void askForReceiveBuffer(const QUdpSocket* socket)
                sizeof RECEIVE_BUFFER_SIZE);
 }
 
+bool lineBeginsWith(const QString& message, int begin, int end, const QString& header)
+{
+    if (end - begin < header.size())
+        return false;
+    for (int i = 0; i < header.size(); ++i) {
+        if (message.at(begin + i).toCaseFolded() != header.at(i).toCaseFolded())
+            return false;
+    }
+    return true;
+}
+
 QString childText(const QDomNode& parent, const char* name)
 {
     return parent.firstChildElement(QLatin1String(name)).text();
@@ -249,7 +260,7 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
 
 QString SsdpManager::getHeaderValue(const QString& message, const QString& header)
 {
-    // No list of lines: a message of nothing but line feeds would make millions of them.
+    // No list of lines: a message of nothing but line feeds would make a million of them.
     int end = -1;
     while (end < message.size()) {
         const int begin = end + 1;
@@ -257,8 +268,7 @@ QString SsdpManager::getHeaderValue(const QString& message, const QString& heade
         if (end == -1)
             end = static_cast<int>(message.size());
 
-        const int length = qMin(end - begin, static_cast<int>(header.size()));
-        if (length < header.size() || message.mid(begin, length).compare(header, Qt::CaseInsensitive) != 0)
+        if (!lineBeginsWith(message, begin, end, header))
             continue;
         const int colon = static_cast<int>(message.indexOf(QLatin1Char(':'), begin));
         if (colon > begin && colon < end)
