@@ -1,0 +1,99 @@
+#include <simulator/SsdpGroup.h>
+
+#include <simulator/MessageText.h>
+
+#include <QtNetwork/QNetworkDatagram>
+#include <QtNetwork/QNetworkProxy>
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+namespace Velmora {
+namespace Simulator {
+
+namespace {
+
+// A thousand devices answer one search; the kernel's default holds some 280 answers.
+const int BUFFER_SIZE = 4 * 1024 * 1024;
+
+const int MULTICAST_TTL = 2;
+
+} // namespace
+
+const QHostAddress SsdpGroup::ADDRESS(QStringLiteral("239.255.255.250"));
+const quint16 SsdpGroup::PORT = 1900;
+
+SsdpGroup::SsdpGroup(QObject* parent)
+    : QObject(parent)
+{
+    socket.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
+    connect(&socket, &QUdpSocket::readyRead, this, &SsdpGroup::readDatagrams);
+}
+
+bool SsdpGroup::join(const QHostAddress& address)
+{
+    if (socket.state() != QAbstractSocket::BoundState) {
+        const NetworkNamespace::Scope scope(home);
+        if (!socket.bind(QHostAddress(QHostAddress::AnyIPv4), PORT,
+                         QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint)) {
+            error = QStringLiteral("cannot bind UDP port %1: %2").arg(PORT).arg(socket.errorString());
+            return false;
+        }
+        socket.setSocketOption(QAbstractSocket::MulticastTtlOption, MULTICAST_TTL);
+        socket.setSocketOption(QAbstractSocket::SendBufferSizeSocketOption, BUFFER_SIZE);
+        socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, BUFFER_SIZE);
+    }
+
+    // By address rather than by QNetworkInterface, which lists all addresses of the host at each call.
+    ip_mreq membership = {};
+    membership.imr_multiaddr.s_addr = htonl(ADDRESS.toIPv4Address());
+    membership.imr_interface.s_addr = htonl(address.toIPv4Address());
+    if (setsockopt(static_cast<int>(socket.socketDescriptor()), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
+                   sizeof membership)
+            == -1
+        && errno != EADDRINUSE) { // another device has joined on this interface
+        error = QStringLiteral("cannot join %1 on %2: %3")
+                    .arg(ADDRESS.toString(), address.toString(), QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    return true;
+}
+
+QString SsdpGroup::errorString() const
+{
+    return error;
+}
+
+void SsdpGroup::send(const QHostAddress& from, const QHostAddress& to, quint16 port, const QByteArray& text)
+{
+    QNetworkDatagram datagram(text, to, port);
+    datagram.setSender(from, PORT);
+    socket.writeDatagram(datagram);
+}
+
+const NetworkNamespace& SsdpGroup::network() const
+{
+    return home;
+}
+
+void SsdpGroup::readDatagrams()
+{
+    while (socket.hasPendingDatagrams()) {
+        const QNetworkDatagram datagram = socket.receiveDatagram();
+        Search search;
+        search.text = datagram.data();
+        if (!search.text.startsWith("M-SEARCH ") || headerOf(search.text, "MAN") != "\"ssdp:discover\"")
+            continue;
+        search.target = headerOf(search.text, "ST");
+        search.mx = qMax(1, headerOf(search.text, "MX").toInt());
+        search.address = datagram.senderAddress();
+        search.port = static_cast<quint16>(datagram.senderPort());
+        Q_EMIT searched(search);
+    }
+}
+
+} // namespace Simulator
+} // namespace Velmora
