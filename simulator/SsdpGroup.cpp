@@ -69,9 +69,28 @@ QString SsdpGroup::errorString() const
 
 void SsdpGroup::send(const QHostAddress& from, const QHostAddress& to, quint16 port, const QByteArray& text)
 {
-    QNetworkDatagram datagram(text, to, port);
-    datagram.setSender(from, PORT);
-    socket.writeDatagram(datagram);
+    // QNetworkDatagram::setSender() sets ipi_addr, of which the kernel takes no notice here.
+    sockaddr_in destination = {};
+    destination.sin_family = AF_INET;
+    destination.sin_addr.s_addr = htonl(to.toIPv4Address());
+    destination.sin_port = htons(port);
+    iovec data = {const_cast<char*>(text.constData()), static_cast<size_t>(text.size())};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    msghdr message = {};
+    message.msg_name = &destination;
+    message.msg_namelen = sizeof destination;
+    message.msg_iov = &data;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof control;
+    cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    header->cmsg_level = IPPROTO_IP;
+    header->cmsg_type = IP_PKTINFO;
+    header->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+    in_pktinfo source = {};
+    source.ipi_spec_dst.s_addr = htonl(from.toIPv4Address());
+    std::memcpy(CMSG_DATA(header), &source, sizeof source);
+    sendmsg(static_cast<int>(socket.socketDescriptor()), &message, MSG_DONTWAIT);
 }
 
 const NetworkNamespace& SsdpGroup::network() const
