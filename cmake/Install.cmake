@@ -1,0 +1,69 @@
+# What `cmake --install` lays out, beside the rules that stand next to each target.
+#
+# Components, which become packages (cmake/Packages.cmake): log and ssdp, the two libraries; dev, what
+# building against them needs; tools, the programs with their manual pages and completions.
+
+include(CMakePackageConfigHelpers)
+
+option(VELMORA_SSDP_INSTALL "Make install rules" ${VELMORA_SSDP_TOP_LEVEL})
+
+# Outside the system's own prefix the loader finds the libraries only relative to what needs them.
+if(VELMORA_SSDP_INSTALL AND NOT DEFINED CMAKE_INSTALL_RPATH AND NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  file(RELATIVE_PATH libraries_from_programs ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/${libraries_from_programs}")
+endif()
+
+# velmora_install_library(target COMPONENT component HEADERS file... INCLUDE folder)
+function(velmora_install_library target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "COMPONENT;INCLUDE" "HEADERS")
+  if(NOT VELMORA_SSDP_INSTALL)
+    return()
+  endif()
+  install(TARGETS ${target} EXPORT VelmoraSsdpTargets
+    LIBRARY
+      DESTINATION ${CMAKE_INSTALL_LIBDIR}
+      COMPONENT ${arg_COMPONENT}
+      NAMELINK_COMPONENT dev)
+  install(FILES ${arg_HEADERS}
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${arg_INCLUDE}
+    COMPONENT dev)
+endfunction()
+
+if(NOT VELMORA_SSDP_INSTALL)
+  return()
+endif()
+
+set(config_folder ${CMAKE_INSTALL_LIBDIR}/cmake/VelmoraSsdp)
+string(REGEX MATCH "^[0-9]+\\.[0-9]+" VELMORA_QT_MINIMUM "${VELMORA_QT_VERSION}")
+configure_package_config_file(cmake/VelmoraSsdpConfig.cmake.in VelmoraSsdpConfig.cmake
+  INSTALL_DESTINATION ${config_folder}
+  NO_SET_AND_CHECK_MACRO)
+write_basic_package_version_file(VelmoraSsdpConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(
+  FILES ${PROJECT_BINARY_DIR}/VelmoraSsdpConfig.cmake ${PROJECT_BINARY_DIR}/VelmoraSsdpConfigVersion.cmake
+  DESTINATION ${config_folder}
+  COMPONENT dev)
+install(EXPORT VelmoraSsdpTargets
+  NAMESPACE Velmora::
+  DESTINATION ${config_folder}
+  COMPONENT dev)
+
+if(QT_VERSION_MAJOR EQUAL 4)
+  set(pkgconfig_requires "QtCore >= ${VELMORA_QT_MINIMUM}, QtNetwork >= ${VELMORA_QT_MINIMUM}")
+else()
+  string(CONCAT pkgconfig_requires
+    "Qt${QT_VERSION_MAJOR}Core >= ${VELMORA_QT_MINIMUM}, Qt${QT_VERSION_MAJOR}Network >= ${VELMORA_QT_MINIMUM}")
+endif()
+# Qt 5 refuses position-dependent code, and does not ask pkg-config for the flag.
+if(QT_VERSION_MAJOR EQUAL 5)
+  set(pkgconfig_cflags "-fPIC ")
+endif()
+set(pkgconfig_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH prefix_from_pkgconfig
+  ${CMAKE_INSTALL_PREFIX}/${pkgconfig_folder} ${CMAKE_INSTALL_PREFIX})
+configure_file(cmake/velmora-ssdp.pc.in velmora-ssdp.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/velmora-ssdp.pc DESTINATION ${pkgconfig_folder} COMPONENT dev)
+
+install(DIRECTORY examples/minimal examples/device-browser
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev/examples
+  COMPONENT dev)

@@ -1,0 +1,90 @@
+# The Debian packages:
+#   cmake --preset package && cmake --build --preset package && cpack --config build/package/CPackConfig.cmake
+#
+# liblog2 stands apart, since another logging library can take its place: a package that has
+# "Provides: liblog2", "Conflicts: liblog2" and "Replaces: liblog2", and a libLog.so.2 of its own. The
+# dependencies on it therefore name no version.
+
+if(NOT VELMORA_SSDP_INSTALL OR NOT VELMORA_SSDP_TOP_LEVEL OR QT_VERSION_MAJOR LESS 5)
+  return()
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_VENDOR "the libSsdp developers")
+set(CPACK_PACKAGE_CONTACT "the libSsdp developers <libssdp@example.org>")
+# Empty, so that each package's description begins with a line of its own.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_COMPONENTS_ALL log ssdp dev)
+if(VELMORA_SSDP_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_COMPONENTS_GROUPING IGNORE)
+set(CPACK_STRIP_FILES ON)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SOURCE libssdp)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# The packages are made together: what one needs of the other is written below.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/log ${PROJECT_BINARY_DIR}/ssdp)
+
+set(CPACK_DEBIAN_LOG_PACKAGE_NAME liblog2)
+set(CPACK_DEBIAN_LOG_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_LOG_DESCRIPTION "log lines of libssdp2
+The logging library that libssdp2 writes its lines through: it hands them to
+Qt's own logging. Another package that provides liblog2 can take its place.")
+
+set(CPACK_DEBIAN_SSDP_PACKAGE_NAME libssdp2)
+set(CPACK_DEBIAN_SSDP_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_SSDP_PACKAGE_DEPENDS liblog2)
+set(CPACK_COMPONENT_SSDP_DESCRIPTION "finds the maker's devices on the local network
+A UPnP control point on Qt: it searches the local IPv4 network, reads what the
+devices describe, subscribes to their events and reports the codes and the
+address of every device that tells them.")
+
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libssdp-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
+if(QT_VERSION_MAJOR EQUAL 5)
+  set(qt_dev qtbase5-dev)
+else()
+  set(qt_dev qt${QT_VERSION_MAJOR}-base-dev)
+endif()
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssdp2 (= ${PROJECT_VERSION}), liblog2, ${qt_dev}")
+set(CPACK_COMPONENT_DEV_DESCRIPTION "development files of libssdp2
+The headers of libssdp2 and liblog2, what CMake and pkg-config need to find
+them, and two examples.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ssdp-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libssdp2 (>= ${PROJECT_VERSION}), iproute2")
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION "command-line tools of libssdp2
+ssdp-discover lists the maker's devices on the local network, ssdp-simulator
+plays such devices, and ssdp-lab runs both in a private network.")
+
+# dpkg asks that the loader's cache be renewed through this trigger, not by scripts.
+file(CONFIGURE OUTPUT package/triggers CONTENT "activate-noawait ldconfig\n")
+file(CONFIGURE OUTPUT package/log/shlibs CONTENT "libLog ${PROJECT_VERSION_MAJOR} liblog2\n")
+file(CONFIGURE OUTPUT package/ssdp/shlibs
+  CONTENT "libSsdp ${PROJECT_VERSION_MAJOR} libssdp2 (>= ${PROJECT_VERSION})\n")
+foreach(component IN ITEMS log ssdp)
+  string(TOUPPER ${component} upper)
+  set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
+    ${PROJECT_BINARY_DIR}/package/triggers ${PROJECT_BINARY_DIR}/package/${component}/shlibs)
+endforeach()
+
+find_program(GZIP gzip REQUIRED)
+execute_process(
+  COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+  OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/changelog.gz
+  COMMAND_ERROR_IS_FATAL ANY)
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+  string(TOUPPER ${component} upper)
+  install(FILES ${PROJECT_BINARY_DIR}/package/changelog.gz ${PROJECT_SOURCE_DIR}/cmake/copyright
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
+    COMPONENT ${component})
+endforeach()
+
+include(CPack)
