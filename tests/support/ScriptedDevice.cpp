@@ -1,0 +1,214 @@
+#include <tests/support/ScriptedDevice.h>
+
+#include <QtCore/QFile>
+#include <QtNetwork/QNetworkProxy>
+
+#include <arpa/inet.h>
+#include <linux/sockios.h>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+namespace Velmora {
+namespace Tests {
+
+using Simulator::PrivateNetwork;
+
+namespace {
+
+const char GROUP[] = "239.255.255.250";
+
+void require(bool done, const char* what)
+{
+    if (!done)
+        throw std::runtime_error(std::string("the scripted device cannot ") + what);
+}
+
+/// An address and a port as the kernel's table of connections has them.
+QByteArray tableEntry(const QHostAddress& address, quint16 port)
+{
+    return QString::asprintf("%08X:%04X", htonl(address.toIPv4Address()), port).toLatin1();
+}
+
+} // namespace
+
+Connection::Connection(QTcpSocket* socket, QObject* parent)
+    : QObject(parent)
+    , socket(socket)
+{
+    socket->setParent(this);
+    socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    connect(socket, &QTcpSocket::readyRead, this, [this] {
+        received += this->socket->readAll();
+        Q_EMIT arrived();
+    });
+}
+
+void Connection::send(const QByteArray& bytes)
+{
+    socket->write(bytes);
+    socket->flush();
+}
+
+void Connection::close()
+{
+    socket->disconnectFromHost();
+}
+
+void Connection::reset()
+{
+    const linger hard = {1, 0};
+    setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    socket->abort();
+}
+
+bool Connection::isOpen() const
+{
+    return socket->state() == QAbstractSocket::ConnectedState;
+}
+
+bool Connection::wasRead() const
+{
+    int unacknowledged = -1;
+    if (!isOpen() || socket->bytesToWrite() > 0
+        || ioctl(static_cast<int>(socket->socketDescriptor()), SIOCOUTQ, &unacknowledged) != 0
+        || unacknowledged != 0)
+        return false;
+
+    // The thread is on the host side, so this is the library's end of the connection.
+    QFile table(QStringLiteral("/proc/thread-self/net/tcp"));
+    require(table.open(QIODevice::ReadOnly), "read the table of connections");
+    const QByteArray ends = tableEntry(socket->peerAddress(), socket->peerPort()) + ' '
+        + tableEntry(socket->localAddress(), socket->localPort()) + ' ';
+    for (const QByteArray& line : table.readAll().split('\n')) {
+        if (line.contains(ends))
+            return line.simplified().split(' ').at(4).endsWith(":00000000");
+    }
+    return false;
+}
+
+ScriptedDevice::ScriptedDevice(PrivateNetwork& network, const QString& address, quint16 port)
+    : address(address)
+    , port(port)
+    , network(network)
+{
+    group.setProxy(QNetworkProxy::NoProxy);
+    sender.setProxy(QNetworkProxy::NoProxy);
+    server.setProxy(QNetworkProxy::NoProxy);
+
+    const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
+    require(group.bind(QHostAddress(QHostAddress::AnyIPv4), 1900,
+                       QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint),
+            "bind to port 1900");
+    ip_mreq membership = {};
+    membership.imr_multiaddr.s_addr = inet_addr(GROUP);
+    membership.imr_interface.s_addr = htonl(this->address.toIPv4Address());
+    require(setsockopt(static_cast<int>(group.socketDescriptor()), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
+                       sizeof membership)
+                == 0,
+            "join the group");
+
+    require(sender.bind(this->address), "bind to its address");
+    const int descriptor = static_cast<int>(sender.socketDescriptor());
+    const unsigned char noLoop = 0;
+    require(setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_IF, &membership.imr_interface,
+                       sizeof membership.imr_interface)
+                    == 0
+                && setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_LOOP, &noLoop, sizeof noLoop) == 0,
+            "send to the group");
+    require(server.listen(this->address, port), "listen");
+
+    connect(&group, &QUdpSocket::readyRead, this, &ScriptedDevice::readDatagrams);
+    connect(&server, &QTcpServer::newConnection, this, &ScriptedDevice::accept);
+}
+
+void ScriptedDevice::script(const QByteArray& requestStart, const QByteArray& bytes)
+{
+    scripts.prepend({requestStart, bytes});
+}
+
+void ScriptedDevice::answer(const QByteArray& bytes)
+{
+    require(!searches.isEmpty(), "answer before it was searched");
+    require(sender.writeDatagram(bytes, searches.last().sender, searches.last().port) == bytes.size(),
+            "answer the search");
+}
+
+void ScriptedDevice::announce(const QByteArray& bytes)
+{
+    require(sender.writeDatagram(bytes, QHostAddress(QLatin1String(GROUP)), 1900) == bytes.size(),
+            "announce itself");
+}
+
+Connection* ScriptedDevice::connectTo(const QHostAddress& host, quint16 hostPort)
+{
+    const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
+    QTcpSocket* const socket = new QTcpSocket;
+    socket->setProxy(QNetworkProxy::NoProxy);
+    require(socket->bind(address), "bind to its address");
+    socket->connectToHost(host, hostPort);
+    require(socket->waitForConnected(), "connect to the library");
+    return new Connection(socket, this);
+}
+
+QList<ScriptedDevice::Request> ScriptedDevice::requestsFor(const QByteArray& start) const
+{
+    QList<Request> result;
+    for (const Request& request : requests) {
+        if (request.bytes.startsWith(start))
+            result.append(request);
+    }
+    return result;
+}
+
+void ScriptedDevice::stopListening()
+{
+    server.close();
+}
+
+void ScriptedDevice::readDatagrams()
+{
+    while (group.hasPendingDatagrams()) {
+        Datagram datagram;
+        datagram.bytes.resize(static_cast<int>(group.pendingDatagramSize()));
+        group.readDatagram(datagram.bytes.data(), datagram.bytes.size(), &datagram.sender, &datagram.port);
+        searches.append(datagram);
+    }
+}
+
+void ScriptedDevice::accept()
+{
+    while (server.hasPendingConnections()) {
+        Connection* const connection = new Connection(server.nextPendingConnection(), this);
+        accepted.append(connection);
+        connect(connection, &Connection::arrived, this, [this, connection] { readRequests(connection); });
+    }
+}
+
+void ScriptedDevice::readRequests(Connection* connection)
+{
+    for (;;) {
+        const int begin = handled.value(connection);
+        int length = 4;
+        int end = static_cast<int>(connection->received.indexOf("\r\n\r\n", begin));
+        if (end == -1) {
+            length = 2;
+            end = static_cast<int>(connection->received.indexOf("\n\n", begin));
+        }
+        if (end == -1)
+            return;
+        handled.insert(connection, end + length);
+        const QByteArray request = connection->received.mid(begin, end + length - begin);
+        requests.append({request, connection});
+        for (const auto& script : scripts) {
+            if (request.startsWith(script.first)) {
+                connection->send(script.second);
+                break;
+            }
+        }
+    }
+}
+
+} // namespace Tests
+} // namespace Velmora

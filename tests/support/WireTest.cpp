@@ -1,0 +1,195 @@
+#include <tests/support/WireTest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+namespace Velmora {
+namespace Tests {
+
+using Simulator::PrivateNetwork;
+
+const char WireTest::KEY_OBJECTS[] = "<service>"
+                                     "<serviceType>urn:schemas-velmora-it:service:keyobjects:1</serviceType>"
+                                     "<serviceId>urn:velmora-it:serviceId:keyobjects</serviceId>"
+                                     "<SCPDURL>/scpd.xml</SCPDURL>"
+                                     "<controlURL>/control</controlURL>"
+                                     "<eventSubURL>/event</eventSubURL>"
+                                     "</service>";
+
+WireTest::WireTest(PrivateNetwork& network)
+    : network(network)
+    , timeouts(0)
+{
+}
+
+bool WireTest::waitUntil(const std::function<bool()>& condition)
+{
+    // The tick is for what makes no event of its own: the kernel's receive queues.
+    QTimer tick;
+    tick.start(2);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    while (!condition()) {
+        if (elapsed.elapsed() > 20000)
+            return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+    return true;
+}
+
+std::unique_ptr<SSDP::Ssdp> WireTest::newController(int timeout)
+{
+    auto controller = std::make_unique<SSDP::Ssdp>(timeout);
+    connect(
+        controller.get(), &SSDP::Ssdp::discovered, this,
+        [this](int functionCode, int univocalCode, const QHostAddress& address) {
+            reports << QStringLiteral("%1,%2 at %3").arg(functionCode).arg(univocalCode).arg(address.toString());
+        });
+    connect(controller.get(), &SSDP::Ssdp::timeoutExpired, this, [this] { ++timeouts; });
+    return controller;
+}
+
+bool WireTest::search()
+{
+    const auto before = device->searches.size();
+    ssdp->discover();
+    return waitUntil([&] { return device->searches.size() > before; });
+}
+
+bool WireTest::answerSearch(const QByteArray& location)
+{
+    const auto before = device->requestsFor("GET ").size();
+    device->answer("HTTP/1.1 200 OK\r\nLOCATION: " + location + "\r\nST: upnp:rootdevice\r\n\r\n");
+    return waitUntil([&] { return device->requestsFor("GET ").size() > before; });
+}
+
+void WireTest::scriptDevice()
+{
+    device->script("GET /desc.xml ", reply(deviceDescription(KEY_OBJECTS)));
+    device->script("GET /scpd.xml ", reply(serviceDescription({"KO"})));
+    device->script("SUBSCRIBE ",
+                   "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
+                   "TIMEOUT: Second-120\r\nCONTENT-LENGTH: 0\r\n\r\n");
+}
+
+bool WireTest::findDevice()
+{
+    scriptDevice();
+    const auto before = device->requestsFor("SUBSCRIBE ").size();
+    return search() && answerSearch() && waitUntil([&] {
+               const auto subscriptions = device->requestsFor("SUBSCRIBE ");
+               return subscriptions.size() > before && !subscriptions.last().connection->isOpen();
+           });
+}
+
+QStringList WireTest::log()
+{
+    QStringList result;
+    for (const LogLine& line : CapturedLog::lines())
+        result << QString::number(line.severity) + QLatin1Char('|') + line.pieces.join(QLatin1Char('|'));
+    return result;
+}
+
+QByteArray WireTest::reply(const QByteArray& body)
+{
+    return "HTTP/1.1 200 OK\r\nCONTENT-LENGTH: " + QByteArray::number(body.size())
+        + "\r\nCONTENT-TYPE: text/xml\r\n\r\n" + body;
+}
+
+QByteArray WireTest::serviceDescription(const QList<QByteArray>& names)
+{
+    QByteArray variables;
+    for (const QByteArray& name : names)
+        variables += "<stateVariable sendEvents=\"yes\"><name>" + name + "</name></stateVariable>";
+    return "<?xml version=\"1.0\"?>\n<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
+        + variables + "</serviceStateTable></scpd>";
+}
+
+QByteArray WireTest::deviceDescription(const QByteArray& service)
+{
+    return "<?xml version=\"1.0\"?>\n<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><serviceList>"
+        + service + "</serviceList></device></root>";
+}
+
+QByteArray WireTest::event(const QByteArray& name, const QByteArray& value)
+{
+    return "<?xml version=\"1.0\"?>\n<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"><e:property><"
+        + name + ">" + value + "</" + name + "></e:property></e:propertyset>";
+}
+
+WireTest::Callback WireTest::callbackOf(const QByteArray& request)
+{
+    const QByteArray start("CALLBACK: <http://");
+    const int begin = static_cast<int>(request.indexOf(start)) + start.size();
+    const int colon = static_cast<int>(request.indexOf(':', begin));
+    const int slash = static_cast<int>(request.indexOf('/', colon));
+    const int end = static_cast<int>(request.indexOf('>', slash));
+    return {QHostAddress(QString::fromLatin1(request.mid(begin, colon - begin))),
+            request.mid(colon + 1, slash - colon - 1).toUShort(), request.mid(slash, end - slash)};
+}
+
+WireTest::Callback WireTest::callback() const
+{
+    return callbackOf(device->requestsFor("SUBSCRIBE ").last().bytes);
+}
+
+Connection* WireTest::sendHead(const Callback& to, const QByteArray& contentLength)
+{
+    Connection* const connection = device->connectTo(to.host, to.port);
+    connection->send("NOTIFY " + to.path + " HTTP/1.1\r\nHOST: 10.77.0.1\r\nCONTENT-TYPE: text/xml\r\n"
+                     + "NT: upnp:event\r\nNTS: upnp:propchange\r\n"
+                     + (contentLength.isNull() ? QByteArray() : "CONTENT-LENGTH: " + contentLength + "\r\n")
+                     + "\r\n");
+    return waitUntil([&] { return connection->wasRead(); }) ? connection : nullptr;
+}
+
+bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
+{
+    Connection* const connection = sendHead(to, QByteArray::number(body.size()));
+    if (!connection)
+        return false;
+    connection->send(body);
+    return waitUntil([&] { return !connection->isOpen(); });
+}
+
+bool WireTest::sendLastEvent()
+{
+    return sendEvent(callback(), event("KO", "77,1"))
+        && waitUntil([&] { return reports.contains(QStringLiteral("77,1 at 10.77.1.1")); });
+}
+
+void WireTest::initTestCase()
+{
+    network.addLink("10.77.0.1/16", "10.77.1.1/16", 3);
+    network.run(PrivateNetwork::HostSide, {"ip", "route", "add", "224.0.0.0/4", "dev", "host0"});
+}
+
+void WireTest::init()
+{
+    device = std::make_unique<ScriptedDevice>(network, QStringLiteral("10.77.1.1"), quint16(8080));
+    ssdp = newController(60000);
+    reports.clear();
+    timeouts = 0;
+    CapturedLog::clear();
+}
+
+void WireTest::cleanup()
+{
+    ssdp.reset();
+    device.reset();
+}
+
+std::unique_ptr<PrivateNetwork> makeNetworkOrExit()
+{
+    try {
+        return std::make_unique<PrivateNetwork>();
+    } catch (const std::runtime_error& error) {
+        std::fprintf(stderr, "No private network: %s\n", error.what());
+        std::exit(qgetenv("VELMORA_REQUIRE_NETWORK") == "1" ? 1 : 77);
+    }
+}
+
+} // namespace Tests
+} // namespace Velmora
