@@ -1,7 +1,5 @@
 #include <simulator/MessageText.h>
 
-#include <QtCore/QList>
-
 namespace Velmora {
 namespace Simulator {
 
@@ -28,6 +26,11 @@ QByteArray headerOf(const QByteArray& head, const char* name)
             return line.mid(colon + 1).trimmed();
     }
     return QByteArray();
+}
+
+QByteArray headOf(const QList<QByteArray>& lines)
+{
+    return lines.join("\r\n") + "\r\n\r\n";
 }
 
 } // namespace Simulator

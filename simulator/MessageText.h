@@ -2,6 +2,7 @@
 #define VELMORA_SIMULATOR_MESSAGETEXT_H
 
 #include <QtCore/QByteArray>
+#include <QtCore/QList>
 
 namespace Velmora {
 namespace Simulator {
@@ -12,6 +13,9 @@ int headLength(const QByteArray& text);
 
 /// The value of the header @p name (without regard to case), trimmed; null when there is none.
 QByteArray headerOf(const QByteArray& head, const char* name);
+
+/// The head that these lines make, each ended by CRLF, with its empty line.
+QByteArray headOf(const QList<QByteArray>& lines);
 
 } // namespace Simulator
 } // namespace Velmora

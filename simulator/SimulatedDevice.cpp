@@ -6,6 +6,9 @@
 #include <QtNetwork/QNetworkProxy>
 #include <QtNetwork/QTcpSocket>
 
+#include <algorithm>
+#include <initializer_list>
+#include <iterator>
 #include <sys/socket.h>
 #include <utility>
 
@@ -17,6 +20,7 @@ namespace {
 const char DEVICE_TYPE[] = "urn:schemas-velmora-it:device:simulated:1";
 const char KEY_OBJECT_SERVICE[] = "urn:schemas-velmora-it:service:keyobjects:1";
 const char OTHER_SERVICE[] = "urn:schemas-velmora-it:service:other:1";
+const char XML_TYPE[] = "CONTENT-TYPE: text/xml; charset=\"utf-8\"";
 const char SERVER[] = "Linux/1 UPnP/1.1 ssdp-simulator/2";
 
 const int MAX_AGE = 1800;
@@ -33,14 +37,60 @@ const int SLOW_INTERVAL = 100;
 const char* const STAGE_NAMES[SimulatedDevice::STAGES] = {"search",    "description", "scpd",
                                                           "subscribe", "event-head",  "event"};
 
-QByteArray numbered(const char* format, int number)
+const char DESCRIPTION[] = R"(<?xml version="1.0"?>
+<root xmlns="urn:schemas-upnp-org:device-1-0">
+  <specVersion><major>1</major><minor>1</minor></specVersion>
+  <device>
+    <deviceType>%type</deviceType>
+    <friendlyName>Simulated device %code</friendlyName>
+    <manufacturer>Velmora</manufacturer>
+    <modelName>ssdp-simulator</modelName>
+    <UDN>uuid:%uuid</UDN>
+    <serviceList>
+%services    </serviceList>
+  </device>
+</root>
+)";
+
+const char SERVICE[] = R"(      <service>
+        <serviceType>%type</serviceType>
+        <serviceId>urn:velmora-it:serviceId:service%number</serviceId>
+        <SCPDURL>%scpd</SCPDURL>
+        <controlURL>/service%number/control</controlURL>
+        <eventSubURL>/service%number/event</eventSubURL>
+      </service>
+)";
+
+const char SERVICE_DESCRIPTION[] = R"(<?xml version="1.0"?>
+<scpd xmlns="urn:schemas-upnp-org:service-1-0">
+  <specVersion><major>1</major><minor>1</minor></specVersion>
+  <serviceStateTable>
+%variables  </serviceStateTable>
+</scpd>
+)";
+
+const char STATE_VARIABLE[] = R"(    <stateVariable sendEvents="yes">
+      <name>%name</name>
+      <dataType>string</dataType>
+    </stateVariable>
+)";
+
+QByteArray filled(const char* text, std::initializer_list<std::pair<const char*, QByteArray>> values)
 {
-    return QByteArray(format).replace("%1", QByteArray::number(number));
+    QByteArray result = text;
+    for (const auto& value : values)
+        result.replace(value.first, value.second);
+    return result;
+}
+
+QString addressText(const QHostAddress& address, quint16 port)
+{
+    return address.toString() + QLatin1Char(':') + QString::number(port);
 }
 
 QString peerOf(const QTcpSocket* socket)
 {
-    return socket->peerAddress().toString() + QLatin1Char(':') + QString::number(socket->peerPort());
+    return addressText(socket->peerAddress(), socket->peerPort());
 }
 
 /// The time-out in "Second-120", within what the device grants.
@@ -76,32 +126,63 @@ QList<QByteArray> cut(const QByteArray& text, qsizetype length)
 
 } // namespace
 
+QString DeviceOptions::addFault(const QString& text)
+{
+    const qsizetype equals = text.indexOf(QLatin1Char('='));
+    const QString name = text.left(equals);
+    QString value = equals == -1 ? QString() : text.mid(equals + 1);
+    for (const Fault& fault : SimulatedDevice::faults()) {
+        if (name != QLatin1String(fault.name))
+            continue;
+        if (!fault.value && !value.isNull())
+            return QStringLiteral("fault '%1' takes no value").arg(name);
+        if (value.isEmpty())
+            value = QString::fromLatin1(fault.standard);
+
+        bool isNumber = false;
+        const int standard = QByteArray(fault.standard).toInt(&isNumber);
+        bool isRight = true;
+        if (isNumber) {
+            const int number = value.toInt(&isRight);
+            isRight = isRight && (number > 0 || standard < 0);
+        } else if (name == QLatin1String("die-after")) {
+            isRight = std::find(std::begin(STAGE_NAMES), std::end(STAGE_NAMES), value.toLatin1())
+                != std::end(STAGE_NAMES);
+        }
+        if (!isRight)
+            return QStringLiteral("'%1' is no value for fault '%2'").arg(value, name);
+        faults.insert(name, value);
+        return QString();
+    }
+    return QStringLiteral("there is no fault '%1'").arg(name);
+}
+
 const QList<Fault>& SimulatedDevice::faults()
 {
     static const QList<Fault> list = {
-        {"ignore-search", nullptr, "answers no search; only its announcements tell of it"},
-        {"duplicate-responses", "TIMES", "answers each search that many times (3)"},
-        {"location-garbage", "TEXT", "names that text as its location (\"no location\")"},
-        {"silent-http", nullptr, "takes HTTP connections and never answers"},
-        {"slow-http", "BYTES", "sends that many bytes of a document per second (500)"},
-        {"reset-mid-body", nullptr, "resets the connection half-way through a document"},
-        {"wrong-length", "DIFFERENCE", "adds that to a document's Content-Length (-20) and then closes"},
-        {"truncated-xml", nullptr, "sends the first half of a document as if it were whole"},
-        {"deep-xml", "LEVELS", "sends elements nested that deeply for a document (20000)"},
-        {"html-instead", nullptr, "sends a web page for a document"},
-        {"redirect", "PATH", "redirects from a document to that path (/moved.xml)"},
-        {"error-500", nullptr, "answers with an internal error for a document"},
-        {"refuse-subscribe", nullptr, "refuses subscriptions with 412"},
-        {"never-answer-subscribe", nullptr, "takes subscriptions without an answer or an event"},
-        {"no-sid", nullptr, "accepts subscriptions without giving a SID"},
-        {"late-sid", "MS", "gives the SID that long after the status line (50)"},
-        {"event-one-chunk", nullptr, "sends head and body of an event in one write"},
-        {"event-many-chunks", "PIECES", "sends the body of an event in that many writes (10)"},
-        {"event-unknown-path", nullptr, "sends events to a path that nobody gave it"},
-        {"event-bad-xml", nullptr, "sends events whose body is no XML"},
-        {"event-no-length", nullptr, "sends events without Content-Length"},
-        {"die-after", "STAGE",
-         "goes silent after search, description, scpd, subscribe, event-head or event (description)"},
+        {"ignore-search", nullptr, nullptr, "answers no search; only its announcements tell of it"},
+        {"duplicate-responses", "TIMES", "3", "answers each search that many times"},
+        {"location-garbage", "TEXT", "no location", "names that text as its location"},
+        {"silent-http", nullptr, nullptr, "takes HTTP connections and never answers"},
+        {"slow-http", "BYTES", "500", "sends that many bytes of a document per second"},
+        {"reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
+        {"wrong-length", "DIFFERENCE", "-20", "adds that to the length of a document, and then closes"},
+        {"truncated-xml", nullptr, nullptr, "sends the first half of a document as if it were whole"},
+        {"deep-xml", "LEVELS", "20000", "sends elements nested that deeply for a document"},
+        {"html-instead", nullptr, nullptr, "sends a web page for a document"},
+        {"redirect", "PATH", "/moved.xml", "redirects from a document to that path"},
+        {"error-500", nullptr, nullptr, "answers with an internal error for a document"},
+        {"refuse-subscribe", nullptr, nullptr, "refuses subscriptions with 412"},
+        {"never-answer-subscribe", nullptr, nullptr, "takes subscriptions without an answer or an event"},
+        {"no-sid", nullptr, nullptr, "accepts subscriptions without giving a SID"},
+        {"late-sid", "MS", "50", "gives the SID that long after the status line"},
+        {"event-one-chunk", nullptr, nullptr, "sends head and body of an event in one write"},
+        {"event-many-chunks", "PIECES", "10", "sends the body of an event in about that many writes"},
+        {"event-unknown-path", nullptr, nullptr, "sends events to a path that nobody gave it"},
+        {"event-bad-xml", nullptr, nullptr, "sends events whose body is no XML"},
+        {"event-no-length", nullptr, nullptr, "sends events without a length"},
+        {"die-after", "STAGE", "description",
+         "closes down after search, description, scpd, subscribe, event-head or event"},
     };
     return list;
 }
@@ -121,7 +202,7 @@ SimulatedDevice::SimulatedDevice(SsdpGroup* group, const DeviceOptions& options,
     , alive(false)
 {
     // The same device after a restart, another one at another address.
-    const QString name = settings.address.toString() + QLatin1Char(':') + QString::number(settings.port);
+    const QString name = addressText(settings.address, settings.port);
     uuid = QUuid::createUuidV5(QUuid(), name).toByteArray(QUuid::WithoutBraces);
     for (const QString& variable : std::as_const(settings.variables))
         values.insert(variable, QString::number(0));
@@ -213,20 +294,16 @@ bool SimulatedDevice::has(const char* fault) const
     return settings.faults.contains(QLatin1String(fault));
 }
 
-int SimulatedDevice::valueOf(const char* fault, int standard) const
+QString SimulatedDevice::valueOf(const char* fault) const
 {
-    const QString value = settings.faults.value(QLatin1String(fault));
-    return value.isEmpty() ? standard : value.toInt();
+    return settings.faults.value(QLatin1String(fault));
 }
 
 void SimulatedDevice::reach(Stage stage)
 {
     ++counts[stage];
     Q_EMIT reached(stage);
-    if (!has("die-after"))
-        return;
-    const QString last = settings.faults.value(QStringLiteral("die-after"));
-    if (stageName(stage) == (last.isEmpty() ? stageName(Described) : last))
+    if (has("die-after") && valueOf("die-after") == stageName(stage))
         die();
 }
 
@@ -269,8 +346,7 @@ void SimulatedDevice::onSearched(const Search& search)
     if (!all && !types.contains(search.target))
         return;
 
-    Q_EMIT message(false, search.address.toString() + QLatin1Char(':') + QString::number(search.port),
-                   search.text);
+    Q_EMIT message(false, addressText(search.address, search.port), search.text);
     const int last = settings.responseDelayMax < 0 ? search.mx * 1000 : settings.responseDelayMax;
     const int first = qMin(settings.responseDelayMin, last);
     for (const QByteArray& type : types) {
@@ -285,21 +361,14 @@ void SimulatedDevice::answerSearch(const Search& search, const QByteArray& type)
 {
     if (!alive)
         return;
-    const QString garbage = settings.faults.value(QStringLiteral("location-garbage"));
-    const QByteArray place = !has("location-garbage") ? location().toLatin1()
-        : garbage.isEmpty()                           ? QByteArray("no location")
-                                                      : garbage.toLatin1();
-    const QByteArray text = "HTTP/1.1 200 OK\r\n"
-                            "CACHE-CONTROL: max-age="
-        + QByteArray::number(MAX_AGE)
-        + "\r\n"
-          "EXT:\r\n"
-          "LOCATION: "
-        + place + "\r\nSERVER: " + SERVER + "\r\nST: " + type + "\r\nUSN: " + uniqueServiceName(type) + "\r\n\r\n";
-    const int times = has("duplicate-responses") ? valueOf("duplicate-responses", 3) : 1;
+    const QString place = has("location-garbage") ? valueOf("location-garbage") : location();
+    const QByteArray text = headOf({"HTTP/1.1 200 OK", "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE),
+                                    "EXT:", "LOCATION: " + place.toLatin1(), QByteArray("SERVER: ") + SERVER,
+                                    "ST: " + type, "USN: " + uniqueServiceName(type)});
+    const int times = has("duplicate-responses") ? valueOf("duplicate-responses").toInt() : 1;
     for (int i = 0; i < times; ++i) {
         group->send(settings.address, search.address, search.port, text);
-        Q_EMIT message(true, search.address.toString() + QLatin1Char(':') + QString::number(search.port), text);
+        Q_EMIT message(true, addressText(search.address, search.port), text);
     }
     reach(Searched);
 }
@@ -318,19 +387,20 @@ void SimulatedDevice::notifyGroup(bool coming)
 {
     if (!alive)
         return;
-    const QByteArray host = SsdpGroup::ADDRESS.toString().toLatin1() + ':' + QByteArray::number(SsdpGroup::PORT);
-    QByteArray presence;
+    const QString host = addressText(SsdpGroup::ADDRESS, SsdpGroup::PORT);
+    QList<QByteArray> lines = {"NOTIFY * HTTP/1.1", "HOST: " + host.toLatin1()};
     if (coming) {
-        presence = "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE)
-            + "\r\nLOCATION: " + location().toLatin1() + "\r\nSERVER: " + SERVER + "\r\n";
+        lines << "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE) << "LOCATION: " + location().toLatin1()
+              << QByteArray("SERVER: ") + SERVER << "NTS: ssdp:alive";
+    } else {
+        lines << "NTS: ssdp:byebye";
     }
     const QList<QByteArray> types = notificationTypes();
     for (const QByteArray& type : types) {
-        const QByteArray text = "NOTIFY * HTTP/1.1\r\nHOST: " + host + "\r\n" + presence + "NT: " + type
-            + "\r\nNTS: " + (coming ? "ssdp:alive" : "ssdp:byebye") + "\r\nUSN: " + uniqueServiceName(type)
-            + "\r\n\r\n";
+        const QByteArray text =
+            headOf(lines + QList<QByteArray>{"NT: " + type, "USN: " + uniqueServiceName(type)});
         group->send(settings.address, SsdpGroup::ADDRESS, SsdpGroup::PORT, text);
-        Q_EMIT message(true, QString::fromLatin1(host), text);
+        Q_EMIT message(true, host, text);
     }
 }
 
@@ -385,12 +455,12 @@ void SimulatedDevice::answerRequest(QTcpSocket* socket, const QByteArray& head)
     else if (method == "GET" && !has("silent-http"))
         answerGet(socket, head, path);
     else if (method != "GET")
-        respond(socket, head, {"501 Not Implemented", QByteArray(), QByteArray(), 0});
+        respond(socket, head, {"501 Not Implemented", {}, QByteArray(), 0});
 }
 
 void SimulatedDevice::answerGet(QTcpSocket* socket, const QByteArray& head, const QByteArray& path)
 {
-    Response response = {"200 OK", "CONTENT-TYPE: text/xml; charset=\"utf-8\"\r\n", QByteArray(), 0};
+    Response response = {"200 OK", {XML_TYPE}, QByteArray(), 0};
     Stage stage = Described;
     if (path == "/description.xml") {
         response.body = description();
@@ -402,19 +472,18 @@ void SimulatedDevice::answerGet(QTcpSocket* socket, const QByteArray& head, cons
         }
     }
 
-    const char html[] = "CONTENT-TYPE: text/html\r\n";
+    const QList<QByteArray> html = {"CONTENT-TYPE: text/html"};
     if (response.body.isEmpty()) {
         response = {"404 Not Found", html, htmlPage("Not found"), 0};
     } else if (has("redirect")) {
-        const QString target = settings.faults.value(QStringLiteral("redirect"));
         response = {"302 Found", html, htmlPage("Moved"), 0};
-        response.headers += "LOCATION: " + (target.isEmpty() ? "/moved.xml" : target.toLatin1()) + "\r\n";
+        response.headers << "LOCATION: " + valueOf("redirect").toLatin1();
     } else if (has("error-500")) {
         response = {"500 Internal Server Error", html, htmlPage("Internal error"), 0};
     } else if (has("html-instead")) {
         response = {"200 OK", html, htmlPage("Welcome"), 0};
     } else if (has("deep-xml")) {
-        response.body = nested(valueOf("deep-xml", 20000));
+        response.body = nested(valueOf("deep-xml").toInt());
     } else if (has("truncated-xml")) {
         response.body.truncate(response.body.size() / 2);
     }
@@ -422,7 +491,7 @@ void SimulatedDevice::answerGet(QTcpSocket* socket, const QByteArray& head, cons
 
     std::function<void()> finished = [this, stage] { reach(stage); };
     if (has("wrong-length")) {
-        const int difference = valueOf("wrong-length", -20);
+        const int difference = valueOf("wrong-length").toInt();
         response.announced += difference;
         finished = [this, socket, stage] {
             socket->disconnectFromHost();
@@ -441,18 +510,19 @@ void SimulatedDevice::answerGet(QTcpSocket* socket, const QByteArray& head, cons
 void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const Response& response,
                               const std::function<void()>& sent)
 {
-    QByteArray text = "HTTP/1.1 " + response.status + "\r\n" + response.headers + "SERVER: " + SERVER
-        + "\r\nCONTENT-LENGTH: " + QByteArray::number(response.announced) + "\r\n";
     const bool last = headerOf(head, "CONNECTION").toLower() == "close"
         || head.left(head.indexOf('\n')).trimmed().endsWith("HTTP/1.0");
+    QList<QByteArray> lines = {"HTTP/1.1 " + response.status, QByteArray("SERVER: ") + SERVER};
+    lines += response.headers;
+    lines += "CONTENT-LENGTH: " + QByteArray::number(response.announced);
     if (last)
-        text += "CONNECTION: close\r\n";
-    text += "\r\n";
+        lines += "CONNECTION: close";
+    const QByteArray text = headOf(lines);
 
     QList<QByteArray> chunks;
     int gap = 0;
     if (has("slow-http") && !response.body.isEmpty()) {
-        chunks << text << cut(response.body, qMax(1, valueOf("slow-http", 500) * SLOW_INTERVAL / 1000));
+        chunks << text << cut(response.body, qMax(1, valueOf("slow-http").toInt() * SLOW_INTERVAL / 1000));
         gap = SLOW_INTERVAL;
     } else {
         chunks << text + response.body;
@@ -472,59 +542,26 @@ QByteArray SimulatedDevice::description() const
 {
     QByteArray list;
     for (int i = 1; i <= settings.services; ++i) {
-        QByteArray service = "      <service>\n"
-                             "        <serviceType>%type</serviceType>\n"
-                             "        <serviceId>urn:velmora-it:serviceId:service%1</serviceId>\n"
-                             "        <SCPDURL>%scpd</SCPDURL>\n"
-                             "        <controlURL>/service%1/control</controlURL>\n"
-                             "        <eventSubURL>/service%1/event</eventSubURL>\n"
-                             "      </service>\n";
-        service.replace("%type", i == settings.services ? KEY_OBJECT_SERVICE : OTHER_SERVICE);
-        service.replace("%scpd", servicePath(i).toLatin1());
-        list += numbered(service.constData(), i);
+        list += filled(SERVICE,
+                       {{"%type", i == settings.services ? KEY_OBJECT_SERVICE : OTHER_SERVICE},
+                        {"%number", QByteArray::number(i)},
+                        {"%scpd", servicePath(i).toLatin1()}});
     }
-    return "<?xml version=\"1.0\"?>\n"
-           "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">\n"
-           "  <specVersion><major>1</major><minor>1</minor></specVersion>\n"
-           "  <device>\n"
-           "    <deviceType>"
-        + QByteArray(DEVICE_TYPE)
-        + "</deviceType>\n"
-          "    <friendlyName>Simulated device "
-        + QByteArray::number(settings.univocalCode)
-        + "</friendlyName>\n"
-          "    <manufacturer>Velmora</manufacturer>\n"
-          "    <modelName>ssdp-simulator</modelName>\n"
-          "    <UDN>uuid:"
-        + uuid
-        + "</UDN>\n"
-          "    <serviceList>\n"
-        + list
-        + "    </serviceList>\n"
-          "  </device>\n"
-          "</root>\n";
+    return filled(DESCRIPTION,
+                  {{"%type", DEVICE_TYPE},
+                   {"%code", QByteArray::number(settings.univocalCode)},
+                   {"%uuid", uuid},
+                   {"%services", list}});
 }
 
 QByteArray SimulatedDevice::serviceDescription(int number) const
 {
+    const bool isKeyObject = number == settings.services;
+    const QStringList names = isKeyObject ? settings.variables : QStringList(QStringLiteral("Status"));
     QByteArray table;
-    const QStringList names =
-        number == settings.services ? settings.variables : QStringList(QStringLiteral("Status"));
-    for (const QString& name : names) {
-        table += "    <stateVariable sendEvents=\"yes\">\n"
-                 "      <name>"
-            + name.toHtmlEscaped().toUtf8()
-            + "</name>\n"
-              "      <dataType>string</dataType>\n"
-              "    </stateVariable>\n";
-    }
-    return "<?xml version=\"1.0\"?>\n"
-           "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">\n"
-           "  <specVersion><major>1</major><minor>1</minor></specVersion>\n"
-           "  <serviceStateTable>\n"
-        + table
-        + "  </serviceStateTable>\n"
-          "</scpd>\n";
+    for (const QString& name : names)
+        table += filled(STATE_VARIABLE, {{"%name", name.toUtf8()}});
+    return filled(SERVICE_DESCRIPTION, {{"%variables", table}});
 }
 
 // Subscription
@@ -540,7 +577,7 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
     callback = callback.mid(callback.indexOf('<') + 1, callback.indexOf('>') - callback.indexOf('<') - 1);
     if (has("refuse-subscribe") || (isNew ? !callback.startsWith("http://") : !subscribers.contains(sid))
         || subscribers.size() >= MOST_SUBSCRIBERS) {
-        respond(socket, head, {"412 Precondition Failed", QByteArray(), QByteArray(), 0});
+        respond(socket, head, {"412 Precondition Failed", {}, QByteArray(), 0});
         return;
     }
 
@@ -556,20 +593,21 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
         if (isNew && alive)
             sendEvent(sid);
     };
-    const QByteArray sidLine = has("no-sid") ? QByteArray() : "SID: " + sid + "\r\n";
-    const QByteArray timeoutLine = "TIMEOUT: Second-" + QByteArray::number(seconds) + "\r\n";
+    QList<QByteArray> headers = {"TIMEOUT: Second-" + QByteArray::number(seconds)};
+    if (!has("no-sid"))
+        headers.prepend("SID: " + sid);
     if (has("late-sid")) {
-        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", sidLine + timeoutLine + "CONTENT-LENGTH: 0\r\n\r\n"},
-                    valueOf("late-sid", 50), accepted);
+        headers << "CONTENT-LENGTH: 0";
+        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf("late-sid").toInt(), accepted);
     } else {
-        respond(socket, head, {"200 OK", sidLine + timeoutLine, QByteArray(), 0}, accepted);
+        respond(socket, head, {"200 OK", headers, QByteArray(), 0}, accepted);
     }
 }
 
 void SimulatedDevice::answerUnsubscribe(QTcpSocket* socket, const QByteArray& head)
 {
     const bool known = subscribers.remove(headerOf(head, "SID")) > 0;
-    respond(socket, head, {known ? "200 OK" : "412 Precondition Failed", QByteArray(), QByteArray(), 0});
+    respond(socket, head, {known ? "200 OK" : "412 Precondition Failed", {}, QByteArray(), 0});
 }
 
 // Events
@@ -653,18 +691,22 @@ QList<QByteArray> SimulatedDevice::eventChunks(const QByteArray& sid, const QByt
     if (has("event-unknown-path"))
         path = "/" + uuid;
 
-    QByteArray head = "NOTIFY " + path + " HTTP/1.1\r\nHOST: " + host
-        + "\r\nCONTENT-TYPE: text/xml; charset=\"utf-8\"\r\nNT: upnp:event\r\nNTS: upnp:propchange\r\nSID: " + sid
-        + "\r\nSEQ: " + QByteArray::number(subscribers.value(sid).events) + "\r\n";
+    QList<QByteArray> lines = {"NOTIFY " + path + " HTTP/1.1",
+                               "HOST: " + host,
+                               XML_TYPE,
+                               "NT: upnp:event",
+                               "NTS: upnp:propchange",
+                               "SID: " + sid,
+                               "SEQ: " + QByteArray::number(subscribers.value(sid).events)};
     if (!has("event-no-length"))
-        head += "CONTENT-LENGTH: " + QByteArray::number(body.size() + tail.size()) + "\r\n";
-    head += "\r\n";
+        lines << "CONTENT-LENGTH: " + QByteArray::number(body.size() + tail.size());
+    const QByteArray head = headOf(lines);
 
     if (has("event-one-chunk") || settings.eventGap == 0)
         return {head + body + tail};
     QList<QByteArray> chunks = {head};
     if (has("event-many-chunks"))
-        chunks += cut(body, qMax<qsizetype>(1, body.size() / valueOf("event-many-chunks", 10)));
+        chunks += cut(body, qMax<qsizetype>(1, body.size() / valueOf("event-many-chunks").toInt()));
     else
         chunks += body;
     if (!tail.isEmpty())

@@ -39,15 +39,18 @@ struct DeviceOptions
     int announceEvery = 0; ///< 0 announces at the start only.
     int eventEvery = 0; ///< 0 sends the initial event only.
     quint32 seed = 1; ///< Of the response delays.
-    QMap<QString, QString>
-        faults; ///< What it does wrong: name and value, as SimulatedDevice::faults() lists them.
+    QMap<QString, QString> faults; ///< What it does wrong, as addFault() sets it.
+
+    /// Adds a fault given as NAME or NAME=VALUE. Returns what is wrong with @p text, or an empty text.
+    QString addFault(const QString& text);
 };
 
 /// A thing that a simulated device can do wrong.
 struct Fault
 {
     const char* name;
-    const char* value; ///< What the value means; null for a fault that takes none.
+    const char* value; ///< What its value means; null for a fault that takes none.
+    const char* standard; ///< The value when none is given: a number if it has to be one.
     const char* explanation;
 };
 
@@ -157,13 +160,13 @@ private:
     struct Response
     {
         QByteArray status;
-        QByteArray headers;
+        QList<QByteArray> headers;
         QByteArray body;
         qint64 announced; ///< What CONTENT-LENGTH says.
     };
 
     bool has(const char* fault) const;
-    int valueOf(const char* fault, int standard) const;
+    QString valueOf(const char* fault) const;
     void reach(Stage stage);
     void die();
     QList<QTcpSocket*> connections() const;
