@@ -45,8 +45,8 @@ QVariant DeviceModel::data(const QModelIndex& index, int role) const
     if (!index.isValid())
         return QVariant();
 
-    const bool isNumber
-        = index.column() == FunctionCode || index.column() == UnivocalCode || index.column() == Reports;
+    const bool isNumber =
+        index.column() == FunctionCode || index.column() == UnivocalCode || index.column() == Reports;
     if (role == Qt::TextAlignmentRole && isNumber)
         return int(Qt::AlignRight | Qt::AlignVCenter);
     if (role != Qt::DisplayRole && role != Qt::UserRole)
