@@ -1,0 +1,144 @@
+#include "Harness.h"
+
+#include <simulator/PrivateNetwork.h>
+#include <ssdp/SsdpDevice.h>
+#include <ssdp/SsdpService.h>
+#include <tests/support/ManagerAccess.h>
+
+#include <QtCore/QCoreApplication>
+
+#include <arpa/inet.h>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using Velmora::Simulator::PrivateNetwork;
+
+namespace {
+
+void drop(QtMsgType, const QMessageLogContext&, const QString&) { }
+
+[[noreturn]] void skip(const char* reason)
+{
+    std::fprintf(stderr, "no private network: %s\n", reason);
+    std::exit(qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") ? 1 : 77);
+}
+
+} // namespace
+
+int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    try {
+        static PrivateNetwork network;
+    } catch (const std::exception& error) {
+        skip(error.what());
+    }
+    // Otherwise GLib's event loop, if it is there, is asked several times an input.
+    qputenv("QT_NO_GLIB", "1");
+    static QCoreApplication application(*argc, *argv);
+    qInstallMessageHandler(drop);
+    return 0;
+}
+
+namespace Velmora {
+namespace Fuzz {
+
+void require(bool holds, const char* what)
+{
+    if (holds)
+        return;
+    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::abort();
+}
+
+void settle()
+{
+    // Accepting a connection, reading it and deleting its socket take one round each.
+    for (int round = 0; round < 3; ++round) {
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    }
+}
+
+QUuid serviceId()
+{
+    return QUuid(QLatin1String("6f9619ff-8b86-d011-b42d-00c04fc964ff"));
+}
+
+SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& location)
+{
+    auto* const device = new SSDP::SsdpDevice;
+    auto* const service = new SSDP::SsdpService;
+    device->id = QUuid::createUuid();
+    device->address = QHostAddress(QHostAddress::LocalHost);
+    device->location = location;
+    device->services.append(service);
+    service->id = serviceId();
+    service->eventSubUrl = QLatin1String("/event");
+    Tests::ManagerAccess(manager).devices().append(device);
+    return service;
+}
+
+FinishedReply::FinishedReply(const QByteArray& body)
+    : body(body)
+{
+    open(ReadOnly | Unbuffered);
+    setFinished(true);
+}
+
+qint64 FinishedReply::bytesAvailable() const
+{
+    return body.size() + QNetworkReply::bytesAvailable();
+}
+
+qint64 FinishedReply::readData(char* data, qint64 size)
+{
+    const qint64 length = qMin(size, static_cast<qint64>(body.size()));
+    std::memcpy(data, body.constData(), static_cast<size_t>(length));
+    body.remove(0, static_cast<int>(length));
+    return length;
+}
+
+Peer::Peer(uint16_t port)
+    : Peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), 0)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    require(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+            "the server takes the connection");
+}
+
+Peer::Peer(int descriptor, int)
+    : descriptor(descriptor)
+{
+    const linger atOnce = {1, 0};
+    require(setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce) == 0, "there is a connection");
+}
+
+Peer::~Peer()
+{
+    reset();
+}
+
+void Peer::send(const QByteArray& bytes)
+{
+    // The library may have closed the connection already.
+    if (!bytes.isEmpty()
+        && ::send(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL) < 0)
+        reset();
+}
+
+void Peer::reset()
+{
+    if (descriptor != -1)
+        close(descriptor);
+    descriptor = -1;
+}
+
+} // namespace Fuzz
+} // namespace Velmora

@@ -1,0 +1,44 @@
+// The first bytes on a connection to the event server, and whatever comes after them in one more
+// segment: the first byte says how much, in sixteenths.
+
+#include "Harness.h"
+
+#include <ssdp/SsdpService.h>
+#include <tests/support/ManagerAccess.h>
+
+#include <QtNetwork/QTcpSocket>
+
+using namespace Velmora;
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 1)
+        return 0;
+    static SSDP::SsdpManager* const manager = [] {
+        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost));
+        result->initialize();
+        Fuzz::addService(*result, QLatin1String("http://127.0.0.1:9/description.xml"));
+        return result;
+    }();
+    Tests::ManagerAccess access(*manager);
+
+    Fuzz::Peer device(access.eventServer().serverPort());
+    const QByteArray bytes(reinterpret_cast<const char*>(data) + 1, static_cast<int>(size - 1));
+    const int cut = static_cast<int>(bytes.size() - (bytes.size() * (data[0] & 15)) / 16);
+    device.send(bytes.left(cut));
+    Fuzz::settle();
+    Fuzz::require(access.requestSockets().size() <= 1
+                      && access.requestSockets().size() == access.responseBuffers().size()
+                      && access.requestSockets().size() == access.responseContentLengths().size()
+                      && access.requestSockets().size() == access.requestSocketServices().size(),
+                  "a connection is in every list or in none");
+    device.send(bytes.mid(cut));
+    Fuzz::settle();
+    device.reset();
+    Fuzz::settle();
+    Fuzz::require(access.eventServer().findChildren<QTcpSocket*>().isEmpty(), "the connection is gone");
+    Fuzz::require(access.requestSockets().isEmpty() && access.responseBuffers().isEmpty()
+                      && access.responseContentLengths().isEmpty() && access.requestSocketServices().isEmpty(),
+                  "and nothing of it is left");
+    return 0;
+}
