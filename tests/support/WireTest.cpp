@@ -84,6 +84,11 @@ bool WireTest::findDevice()
            });
 }
 
+ManagerAccess WireTest::manager() const
+{
+    return ManagerAccess(*ssdp->findChild<SSDP::SsdpManager*>());
+}
+
 QStringList WireTest::log()
 {
     QStringList result;

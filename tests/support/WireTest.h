@@ -4,6 +4,7 @@
 #include <simulator/PrivateNetwork.h>
 #include <ssdp/Ssdp.h>
 #include <tests/support/CapturedLog.h>
+#include <tests/support/ManagerAccess.h>
 #include <tests/support/ScriptedDevice.h>
 
 #include <QtCore/QCoreApplication>
@@ -56,6 +57,9 @@ protected:
 
     /// All of it: searches, lets the device be found and its subscription be answered.
     bool findDevice();
+
+    /// What the controller's first control point holds.
+    ManagerAccess manager() const;
 
     /// The log so far: "0|piece|piece" and so on, one text for each line.
     static QStringList log();
