@@ -106,7 +106,7 @@ protected:
     QStringList reports;
     int timeouts;
 
-private Q_SLOTS:
+protected Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
