@@ -57,6 +57,14 @@ void CapturedLog::clear()
     captured().clear();
 }
 
+QStringList CapturedLog::all()
+{
+    QStringList result;
+    for (const LogLine& line : captured())
+        result << (QStringList(QString::number(line.severity)) + line.pieces).join(QLatin1Char('|'));
+    return result;
+}
+
 QStringList CapturedLog::joined(int severity)
 {
     QStringList result;

@@ -1,0 +1,49 @@
+# cmake -DLIBRARY=file -DSONAME=libSsdp.so.2 -DCLASSES=... -DRECORDED=exports-Ssdp.txt [-DNEEDED=libLog.so.2]
+#       -DNM=nm -DREADELF=readelf -P exports.cmake
+#
+# Compares what a library offers to the linker with what is recorded: hosts that are linked already
+# need every recorded name, and no other class is to be offered.
+
+cmake_minimum_required(VERSION 3.20)
+
+function(output_of variable)
+  execute_process(COMMAND ${ARGN} OUTPUT_VARIABLE output COMMAND_ERROR_IS_FATAL ANY)
+  string(STRIP "${output}" output)
+  string(REPLACE "\n" ";" lines "${output}")
+  set(${variable} "${lines}" PARENT_SCOPE)
+endfunction()
+
+output_of(dynamic "${READELF}" -d "${LIBRARY}")
+if(NOT dynamic MATCHES "Library soname: .${SONAME}.;")
+  message(SEND_ERROR "${LIBRARY} does not call itself ${SONAME}, so hosts would not find it. Only an"
+    " incompatible interface gets another name: see SOVERSION in its CMakeLists.txt.")
+endif()
+if(NEEDED AND NOT dynamic MATCHES "Shared library: .${NEEDED}.;")
+  message(SEND_ERROR "${LIBRARY} is not linked to ${NEEDED} by that name, so another build of it cannot take"
+    " its place.")
+endif()
+
+output_of(symbols "${NM}" --dynamic --demangle --defined-only "${LIBRARY}")
+list(TRANSFORM symbols REPLACE "^[0-9a-f]+ . " "")
+# AddressSanitizer's own.
+list(FILTER symbols EXCLUDE REGEX "^__odr_asan")
+
+string(REPLACE ";" "|" classes "${CLASSES}")
+foreach(symbol IN LISTS symbols)
+  if(NOT symbol MATCHES "^((vtable|typeinfo|typeinfo name) for |(non-)?virtual thunk to )?(${classes})(::|$)")
+    message(SEND_ERROR "${LIBRARY} offers '${symbol}', which belongs to no public class. Take Q_DECL_EXPORT off"
+      " its class, or give the class its documentation and add it to CLASSES in tests/unit/CMakeLists.txt.")
+  endif()
+endforeach()
+
+file(STRINGS "${RECORDED}" recorded)
+list(LENGTH recorded count)
+if(count EQUAL 0)
+  message(SEND_ERROR "${RECORDED} records nothing.")
+endif()
+foreach(name IN LISTS recorded)
+  if(NOT name IN_LIST symbols)
+    message(SEND_ERROR "${LIBRARY} no longer offers '${name}': hosts that are linked to it do not start any"
+      " more. Bring it back, or give the library another SOVERSION and take the line out of ${RECORDED}.")
+  endif()
+endforeach()
