@@ -167,6 +167,20 @@ void ScriptedDevice::stopListening()
     server.close();
 }
 
+void ScriptedDevice::holdConnections()
+{
+    // A queue for none holds one.
+    server.pauseAccepting();
+    require(::listen(static_cast<int>(server.socketDescriptor()), 0) == 0, "shorten its queue");
+    const Connection* const filler = connectTo(address, port);
+    require(filler->isOpen(), "fill its queue");
+}
+
+void ScriptedDevice::takeConnections()
+{
+    server.resumeAccepting();
+}
+
 void ScriptedDevice::readDatagrams()
 {
     while (group.hasPendingDatagrams()) {

@@ -92,6 +92,12 @@ public:
     /// Refuses connections from now on; those that exist stay.
     void stopListening();
 
+    /// Leaves connections without an answer from now on, as a device does whose queue is full.
+    void holdConnections();
+
+    /// Answers them again; the peer's kernel tries anew every second or two.
+    void takeConnections();
+
     QHostAddress address;
     quint16 port;
     QList<Datagram> searches;

@@ -74,14 +74,19 @@ void WireTest::scriptDevice()
                    "TIMEOUT: Second-120\r\nCONTENT-LENGTH: 0\r\n\r\n");
 }
 
-bool WireTest::findDevice()
+bool WireTest::beFound()
 {
-    scriptDevice();
     const auto before = device->requestsFor("SUBSCRIBE ").size();
-    return search() && answerSearch() && waitUntil([&] {
+    return answerSearch() && waitUntil([&] {
                const auto subscriptions = device->requestsFor("SUBSCRIBE ");
                return subscriptions.size() > before && !subscriptions.last().connection->isOpen();
            });
+}
+
+bool WireTest::findDevice()
+{
+    scriptDevice();
+    return search() && beFound();
 }
 
 ManagerAccess WireTest::manager() const

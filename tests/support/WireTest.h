@@ -55,6 +55,9 @@ protected:
     /// Gives the device a description with one key-object service with the variable KO.
     void scriptDevice();
 
+    /// Lets the scripted device be found and waits until its subscription was answered.
+    bool beFound();
+
     /// All of it: searches, lets the device be found and its subscription be answered.
     bool findDevice();
 
