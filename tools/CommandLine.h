@@ -1,0 +1,26 @@
+#ifndef VELMORA_TOOLS_COMMANDLINE_H
+#define VELMORA_TOOLS_COMMANDLINE_H
+
+#include <QtCore/QCommandLineParser>
+#include <QtCore/QString>
+
+namespace Velmora {
+namespace Tools {
+
+/// The exit status of a command line that makes no sense.
+const int USAGE_ERROR = 2;
+
+/// Ends the program with @p text and the way to --help.
+[[noreturn]] void failUsage(const QString& text);
+
+/// Parses the program's arguments, answers --help and --version, and fails on what it does not know.
+/// QCommandLineParser::process() would end with status 1.
+void parseArguments(QCommandLineParser& parser);
+
+/// The value of @p option, which has to be a whole number from @p least to @p most.
+int numberOf(const QCommandLineParser& parser, const QString& option, int least, int most);
+
+} // namespace Tools
+} // namespace Velmora
+
+#endif

@@ -1,0 +1,377 @@
+#include <ssdp/Ssdp.h>
+#include <tools/CommandLine.h>
+#include <tools/Interruption.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QDateTime>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QTimer>
+#include <QtNetwork/QHostAddress>
+
+#include <cstdio>
+#include <optional>
+#include <set>
+#include <sys/ioctl.h>
+#include <tuple>
+#include <unistd.h>
+
+using namespace Velmora::Tools;
+using Velmora::SSDP::Ssdp;
+
+namespace {
+
+const int FOUND = 0;
+const int NOTHING_FOUND = 1;
+
+const int PROGRESS_INTERVAL = 100;
+
+struct Settings
+{
+    int timeout = 0;
+    int count = 0; ///< Of devices after which to stop; 0 for no such limit.
+    int repeat = 0; ///< Seconds between discoveries; 0 for one discovery only.
+    bool all = false;
+    bool json = false;
+    bool quiet = false;
+    std::optional<int> functionCode;
+    std::optional<int> univocalCode;
+    std::optional<QPair<QHostAddress, int>> subnet;
+};
+
+struct Device
+{
+    int functionCode;
+    int univocalCode;
+    QHostAddress address;
+
+    bool operator<(const Device& other) const
+    {
+        return std::make_tuple(address.toIPv4Address(), functionCode, univocalCode)
+            < std::make_tuple(other.address.toIPv4Address(), other.functionCode, other.univocalCode);
+    }
+};
+
+void addOptions(QCommandLineParser& parser)
+{
+    parser.setApplicationDescription(
+        QStringLiteral("Finds the maker's devices on the local network and prints each once, as it reports.\n"
+                       "\n"
+                       "Devices take up to 3 seconds to answer the search and then have to be read: the standard\n"
+                       "time is the library's, 5000 finds the late ones too.\n"
+                       "\n"
+                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option."));
+    const auto flag = [&parser](const char* name, const char* description) {
+        parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
+    };
+    const auto value = [&parser](const char* name, const char* value, const char* description) {
+        parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
+                                            QString::fromLatin1(value)));
+    };
+    value("timeout", "MS", "How long a discovery lasts (3000).");
+    value("count", "N", "Stops as soon as N devices were found.");
+    flag("first", "Stops at the first device, as --count 1.");
+    value("function-code", "CODE", "Only devices with this function code.");
+    value("univocal-code", "CODE", "Only devices with this univocal code.");
+    value("address", "ADDRESS", "Only devices with this address, or in this network as in 10.0.0.0/8.");
+    value("repeat", "SECONDS", "Discovers again and again, with that pause, and prints what came and went.");
+    flag("all", "Prints every report, also those of a device that is known.");
+    flag("json", "Prints a JSON object a line.");
+    flag("quiet", "Prints nothing.");
+    flag("verbose", "Prints the library's log lines on standard error.");
+}
+
+Settings readSettings(const QCommandLineParser& parser)
+{
+    const auto number = [&parser](const char* option, int least, int most, int standard) {
+        const QString name = QString::fromLatin1(option);
+        return parser.isSet(name) ? numberOf(parser, name, least, most) : standard;
+    };
+    const auto code = [&parser, &number](const char* option) {
+        return parser.isSet(QString::fromLatin1(option)) ? std::optional<int>(number(option, INT_MIN, INT_MAX, 0))
+                                                         : std::nullopt;
+    };
+    Settings settings;
+    settings.timeout = number("timeout", 1, INT_MAX, 3000);
+    settings.count = parser.isSet(QStringLiteral("first")) ? 1 : number("count", 1, INT_MAX, 0);
+    settings.repeat = number("repeat", 1, 24 * 60 * 60, 0);
+    settings.all = parser.isSet(QStringLiteral("all"));
+    settings.json = parser.isSet(QStringLiteral("json"));
+    settings.quiet = parser.isSet(QStringLiteral("quiet"));
+    settings.functionCode = code("function-code");
+    settings.univocalCode = code("univocal-code");
+    if (parser.isSet(QStringLiteral("first")) && parser.isSet(QStringLiteral("count")))
+        failUsage(QStringLiteral("--first and --count do not go together"));
+    if (settings.repeat > 0 && settings.count > 0)
+        failUsage(QStringLiteral("--repeat goes on until it is interrupted, without --count and --first"));
+    if (parser.isSet(QStringLiteral("address"))) {
+        const QString text = parser.value(QStringLiteral("address"));
+        const QHostAddress address(text.section(QLatin1Char('/'), 0, 0));
+        settings.subnet = QHostAddress::parseSubnet(text);
+        if (address.protocol() != QAbstractSocket::IPv4Protocol || settings.subnet->second < 0)
+            failUsage(QStringLiteral("'%1' is neither an IPv4 address nor a network").arg(text));
+    }
+    return settings;
+}
+
+/// Standard output, which may be a terminal of any width.
+class Output
+{
+public:
+    explicit Output(const Settings& settings)
+        : isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json && !settings.quiet)
+        , hasColour(isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb")
+        , marks(settings.repeat > 0)
+        , isNarrow(false)
+    {
+        winsize size = {};
+        if (isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
+            isNarrow = size.ws_col > 0 && size.ws_col < WIDTH + (marks ? 1 : 0);
+    }
+
+    bool showsProgress() const { return isTerminal; }
+
+    void line(const QString& text)
+    {
+        clearProgress();
+        std::puts(qPrintable(text));
+        std::fflush(stdout);
+    }
+
+    void header() { line(coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), "1")); }
+
+    void device(char mark, const Device& device, qint64 elapsed)
+    {
+        const QString text = row(mark,
+                                 {QByteArray::number(device.functionCode), QByteArray::number(device.univocalCode),
+                                  device.address.toString().toLatin1(), seconds(elapsed)});
+        line(mark == '-' ? coloured(text, "31") : mark == '+' ? coloured(text, "32") : text);
+    }
+
+    void progress(const QString& text)
+    {
+        std::printf("\r\033[K%s", qPrintable(text));
+        std::fflush(stdout);
+        progressShown = true;
+    }
+
+    static QByteArray seconds(qint64 milliseconds)
+    {
+        return QByteArray::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + " s";
+    }
+
+private:
+    static const int WIDTH = 51;
+
+    /// Wide enough for any number and address; what a narrow terminal has no room for is left out.
+    QString row(char mark, const QList<QByteArray>& cells) const
+    {
+        char text[128];
+        if (isNarrow) {
+            std::snprintf(text, sizeof text, "%11s %11s %s", cells.at(0).constData(), cells.at(1).constData(),
+                          cells.at(2).constData());
+        } else {
+            std::snprintf(text, sizeof text, "%11s  %11s  %-15s  %8s", cells.at(0).constData(),
+                          cells.at(1).constData(), cells.at(2).constData(), cells.at(3).constData());
+        }
+        return (marks ? QString(QLatin1Char(mark)) : QString()) + QString::fromLatin1(text);
+    }
+
+    QString coloured(const QString& text, const char* colour) const
+    {
+        return hasColour ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(colour), text) : text;
+    }
+
+    void clearProgress()
+    {
+        if (progressShown)
+            std::fputs("\r\033[K", stdout);
+        progressShown = false;
+    }
+
+    bool isTerminal;
+    bool hasColour;
+    bool marks;
+    bool isNarrow;
+    bool progressShown = false;
+};
+
+class Host : public QObject
+{
+    Q_OBJECT
+
+public:
+    Host(const Settings& settings, bool verbose)
+        : settings(settings)
+        , output(settings)
+        , ssdp(settings.timeout)
+    {
+        connect(&ssdp, &Ssdp::discovered, this, &Host::onDiscovered);
+        connect(&ssdp, &Ssdp::timeoutExpired, this, &Host::onTimeoutExpired);
+        connect(&pause, &QTimer::timeout, this, &Host::discover);
+        connect(&progressTimer, &QTimer::timeout, this, &Host::showProgress);
+        pause.setSingleShot(true);
+        // The log lines would break into it.
+        if (output.showsProgress() && !verbose)
+            progressTimer.start(PROGRESS_INTERVAL);
+        clock.start();
+    }
+
+    void discover()
+    {
+        seen.clear();
+        round.start();
+        ssdp.discover();
+    }
+
+    void finish()
+    {
+        if (finished)
+            return;
+        finished = true;
+        progressTimer.stop();
+        ssdp.stop();
+        if (!settings.quiet)
+            summarise();
+        QCoreApplication::exit(found > 0 ? FOUND : NOTHING_FOUND);
+    }
+
+private Q_SLOTS:
+    void onDiscovered(int functionCode, int univocalCode, const QHostAddress& address)
+    {
+        if (finished)
+            return;
+        const Device device = {functionCode, univocalCode, address};
+        if (!isWanted(device)) {
+            others.insert(device);
+            return;
+        }
+        seen.insert(device);
+        const bool isNew = known.insert(device).second;
+        found += isNew ? 1 : 0;
+        if (isNew || settings.all)
+            print(isNew ? '+' : ' ', device);
+        if (static_cast<int>(known.size()) == settings.count)
+            finish();
+    }
+
+    void onTimeoutExpired()
+    {
+        if (settings.repeat == 0) {
+            finish();
+            return;
+        }
+        for (auto it = known.begin(); it != known.end();) {
+            if (seen.count(*it) > 0) {
+                ++it;
+                continue;
+            }
+            print('-', *it);
+            it = known.erase(it);
+        }
+        pause.start(settings.repeat * 1000);
+    }
+
+    void showProgress()
+    {
+        const QString devices = QStringLiteral("%1 device%2 so far").arg(known.size()).arg(plural(known.size()));
+        if (pause.isActive())
+            output.progress(QStringLiteral("pause, %1").arg(devices));
+        else
+            output.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
+    }
+
+private:
+    static QString plural(size_t count) { return count == 1 ? QString() : QStringLiteral("s"); }
+
+    QString left() const
+    {
+        return QString::fromLatin1(Output::seconds(qMax<qint64>(0, settings.timeout - round.elapsed())));
+    }
+
+    bool isWanted(const Device& device) const
+    {
+        return device.functionCode == settings.functionCode.value_or(device.functionCode)
+            && device.univocalCode == settings.univocalCode.value_or(device.univocalCode)
+            && (!settings.subnet || device.address.isInSubnet(*settings.subnet));
+    }
+
+    void print(char mark, const Device& device)
+    {
+        if (settings.quiet)
+            return;
+        if (settings.json) {
+            const QJsonObject object = {
+                {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+                {QStringLiteral("event"), mark == '-' ? QStringLiteral("gone") : QStringLiteral("found")},
+                {QStringLiteral("functionCode"), device.functionCode},
+                {QStringLiteral("univocalCode"), device.univocalCode},
+                {QStringLiteral("address"), device.address.toString()},
+            };
+            output.line(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+            return;
+        }
+        if (!headerPrinted)
+            output.header();
+        headerPrinted = true;
+        output.device(mark, device, clock.elapsed());
+    }
+
+    void summarise()
+    {
+        if (!settings.json) {
+            QString text = found == 0 ? QStringLiteral("No device found")
+                                      : QStringLiteral("%1 device%2 found").arg(found).arg(plural(found));
+            text += QStringLiteral(" in %1").arg(QLatin1String(Output::seconds(clock.elapsed())));
+            if (!others.empty())
+                text += QStringLiteral(", %1 left out").arg(others.size());
+            output.line(text);
+        }
+        if (found == 0 && others.empty()) {
+            std::fputs(
+                "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
+                "The devices may be in another network: this host needs an interface in theirs.\n"
+                "The time may be too short: devices take up to 3 s to answer; try --timeout 6000.\n",
+                stderr);
+        }
+    }
+
+    Settings settings;
+    Output output;
+    Ssdp ssdp;
+    QTimer pause;
+    QTimer progressTimer;
+    QElapsedTimer clock;
+    QElapsedTimer round;
+    std::set<Device> known;
+    std::set<Device> seen; ///< In the running discovery.
+    std::set<Device> others; ///< That the filters left out.
+    size_t found = 0;
+    bool headerPrinted = false;
+    bool finished = false;
+};
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    QCoreApplication application(argc, argv);
+    const Interruption interruption;
+    QCoreApplication::setApplicationName(QStringLiteral("ssdp-discover"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
+    QCommandLineParser parser;
+    addOptions(parser);
+    parseArguments(parser);
+    const bool verbose = parser.isSet(QStringLiteral("verbose"));
+    if (!verbose)
+        QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp=false"));
+
+    Host host(readSettings(parser), verbose);
+    QObject::connect(&interruption, &Interruption::interrupted, &host, &Host::finish);
+    host.discover();
+    return QCoreApplication::exec();
+}
+
+#include "ssdp-discover.moc"
