@@ -598,7 +598,9 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
         headers.prepend("SID: " + sid);
     if (has("late-sid")) {
         headers << "CONTENT-LENGTH: 0";
-        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf("late-sid").toInt(), accepted);
+        // The control point may close after the first part, and is subscribed all the same.
+        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf("late-sid").toInt(), [] {});
+        accepted();
     } else {
         respond(socket, head, {"200 OK", headers, QByteArray(), 0}, accepted);
     }

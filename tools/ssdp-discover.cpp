@@ -108,9 +108,12 @@ Settings readSettings(const QCommandLineParser& parser)
         failUsage(QStringLiteral("--repeat goes on until it is interrupted, without --count and --first"));
     if (parser.isSet(QStringLiteral("address"))) {
         const QString text = parser.value(QStringLiteral("address"));
-        const QHostAddress address(text.section(QLatin1Char('/'), 0, 0));
+        const QString address = text.section(QLatin1Char('/'), 0, 0);
+        // QHostAddress also takes short forms, in which 10.77 is 10.0.0.77.
+        const bool isWhole = QHostAddress(address).toString() == address;
         settings.subnet = QHostAddress::parseSubnet(text);
-        if (address.protocol() != QAbstractSocket::IPv4Protocol || settings.subnet->second < 0)
+        if (!isWhole || settings.subnet->first.protocol() != QAbstractSocket::IPv4Protocol
+            || settings.subnet->second < 0)
             failUsage(QStringLiteral("'%1' is neither an IPv4 address nor a network").arg(text));
     }
     return settings;
