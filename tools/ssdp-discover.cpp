@@ -150,7 +150,7 @@ public:
         const QString text = row(mark,
                                  {QByteArray::number(device.functionCode), QByteArray::number(device.univocalCode),
                                   device.address.toString().toLatin1(), seconds(elapsed)});
-        line(mark == '-' ? coloured(text, "31") : mark == '+' ? coloured(text, "32") : text);
+        line(!marks || mark == ' ' ? text : coloured(text, mark == '-' ? "31" : "32"));
     }
 
     void progress(const QString& text)
@@ -368,8 +368,8 @@ int main(int argc, char* argv[])
     addOptions(parser);
     parseArguments(parser);
     const bool verbose = parser.isSet(QStringLiteral("verbose"));
-    if (!verbose)
-        QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp=false"));
+    if (!verbose) // Qt warns of what the library does too, as when it listens again.
+        QLoggingCategory::setFilterRules(QStringLiteral("*=false"));
 
     Host host(readSettings(parser), verbose);
     QObject::connect(&interruption, &Interruption::interrupted, &host, &Host::finish);

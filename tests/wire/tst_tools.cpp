@@ -271,6 +271,7 @@ void ToolsTest::discoverPrintsWhatCameAndWent()
     QCOMPARE(out.count("\n+"), 2);
     QCOMPARE(out.count("\n-"), 1);
     QVERIFY2(out.mid(out.indexOf("\n-")).contains(" 10.77.1.2 "), out.constData());
+    QCOMPARE(process.readAllStandardError(), QByteArray());
 }
 
 void ToolsTest::discoverEndsWithTheSummaryWhenInterrupted()
