@@ -93,7 +93,8 @@ public:
     void stopListening();
 
     /// Leaves connections without an answer from now on, as a device does whose queue is full.
-    void holdConnections();
+    /// Returns the connection that fills it, which is the device's own at both ends.
+    const Connection* holdConnections();
 
     /// Answers them again; the peer's kernel tries anew every second or two.
     void takeConnections();
