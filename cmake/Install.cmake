@@ -67,3 +67,15 @@ install(FILES ${PROJECT_BINARY_DIR}/velmora-ssdp.pc DESTINATION ${pkgconfig_fold
 install(DIRECTORY examples/minimal examples/device-browser
   DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev/examples
   COMPONENT dev)
+
+if(VELMORA_SSDP_BUILD_TOOLS)
+  find_program(GZIP gzip REQUIRED)
+  foreach(tool IN ITEMS ssdp-discover ssdp-lab ssdp-simulator)
+    set(page ${PROJECT_SOURCE_DIR}/docs/man/${tool}.1)
+    execute_process(COMMAND ${GZIP} -9nc ${page}
+      OUTPUT_FILE ${PROJECT_BINARY_DIR}/${tool}.1.gz
+      COMMAND_ERROR_IS_FATAL ANY)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${page})
+    install(FILES ${PROJECT_BINARY_DIR}/${tool}.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  endforeach()
+endif()
