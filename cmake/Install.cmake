@@ -61,6 +61,7 @@ endif()
 set(pkgconfig_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(RELATIVE_PATH prefix_from_pkgconfig
   ${CMAKE_INSTALL_PREFIX}/${pkgconfig_folder} ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
 configure_file(cmake/velmora-ssdp.pc.in velmora-ssdp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-ssdp.pc DESTINATION ${pkgconfig_folder} COMPONENT dev)
 
