@@ -57,17 +57,16 @@ private:
 
 namespace Access {
 
-template <typename Name, auto Member>
-struct Granted
+template <typename Name, auto Member> struct Granted
 {
     friend constexpr auto memberOf(Name) { return Member; }
 };
 
-#define VELMORA_GRANT(Name, member)                                                                              \
-    struct Name                                                                                                  \
-    {                                                                                                            \
-        friend constexpr auto memberOf(Name);                                                                    \
-    };                                                                                                           \
+#define VELMORA_GRANT(Name, member)                                                                               \
+    struct Name                                                                                                   \
+    {                                                                                                             \
+        friend constexpr auto memberOf(Name);                                                                     \
+    };                                                                                                            \
     template struct Granted<Name, &SSDP::SsdpManager::member>;
 
 VELMORA_GRANT(MulticastSocketMember, multicastSocket)

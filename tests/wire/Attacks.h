@@ -1,0 +1,40 @@
+#ifndef VELMORA_TESTS_WIRE_ATTACKS_H
+#define VELMORA_TESTS_WIRE_ATTACKS_H
+
+#include "Attacker.h"
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace Velmora {
+namespace Tests {
+
+/// One thing that somebody on the network may do to the host.
+struct Attack
+{
+    enum Trait {
+        Quick = 0x1, ///< Part of the reduced set.
+        Unending = 0x2, ///< Leaves requests that nobody ends, so nobody waits for their end.
+        ManyRecords = 0x4, ///< Says so much that what has to be kept of it is not bounded.
+        FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
+        Stalled = 0x10 ///< The host is busy for 400 ms once it has searched.
+    };
+
+    const char* name;
+    int traits;
+    /// How long the good device pauses between head and body of its event, in milliseconds; longer than
+    /// the host may be busy, since head and body that are read together are dropped.
+    int eventGap;
+    /// Records of devices that the host has to have in the end.
+    int devices;
+    /// Does it, after the host has searched. Returns what the attacker has seen; throws if it failed.
+    std::function<std::string(Attacker&)> run;
+};
+
+const std::vector<Attack>& attacks();
+
+} // namespace Tests
+} // namespace Velmora
+
+#endif

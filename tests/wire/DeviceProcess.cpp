@@ -1,0 +1,110 @@
+#include "DeviceProcess.h"
+
+#include <cerrno>
+#include <csignal>
+#include <stdexcept>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace Velmora {
+namespace Tests {
+
+using Simulator::PrivateNetwork;
+
+namespace {
+
+// A command is the number of the process to start, or this.
+const int STOP = -1;
+
+} // namespace
+
+DeviceProcess::DeviceProcess(PrivateNetwork& network, const Body& body)
+{
+    for (int* const pair : {commands, reports}) {
+        if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, pair) == -1)
+            throw std::runtime_error("no socket pair");
+    }
+    const pid_t child = fork();
+    if (child == -1)
+        throw std::runtime_error("cannot fork");
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        network.enter(PrivateNetwork::DeviceSide);
+        close(commands[0]);
+        obey(body);
+        _exit(0);
+    }
+    close(commands[1]);
+}
+
+DeviceProcess::~DeviceProcess()
+{
+    close(commands[0]);
+    for (const int end : reports)
+        close(end);
+    while (wait(nullptr) == -1 && errno == EINTR) { }
+}
+
+void DeviceProcess::obey(const Body& body)
+{
+    pid_t running = 0;
+    int command = STOP;
+    while (recv(commands[1], &command, sizeof command, 0) == sizeof command) {
+        if (command == STOP) {
+            if (running > 0) {
+                kill(running, SIGKILL);
+                while (waitpid(running, nullptr, 0) == -1 && errno == EINTR) { }
+            }
+            running = 0;
+        } else {
+            running = fork();
+            if (running == 0) {
+                prctl(PR_SET_PDEATHSIG, SIGKILL);
+                _exit(body(command, *this));
+            }
+        }
+        if (send(commands[1], &running, sizeof running, MSG_NOSIGNAL) != sizeof running)
+            return;
+    }
+}
+
+int DeviceProcess::command(int number)
+{
+    pid_t running = -1;
+    if (send(commands[0], &number, sizeof number, MSG_NOSIGNAL) != sizeof number
+        || recv(commands[0], &running, sizeof running, 0) != sizeof running || running == -1)
+        throw std::runtime_error("the device side is gone");
+    return running;
+}
+
+void DeviceProcess::start(int number)
+{
+    command(number);
+}
+
+void DeviceProcess::stop()
+{
+    command(STOP);
+    char late[4096];
+    while (recv(reports[0], late, sizeof late, MSG_DONTWAIT) > 0) { }
+}
+
+void DeviceProcess::report(const std::string& text) const
+{
+    if (send(reports[1], text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size()))
+        _exit(1);
+}
+
+std::string DeviceProcess::readReport() const
+{
+    char buffer[4096];
+    const ssize_t n = recv(reports[0], buffer, sizeof buffer, 0);
+    if (n <= 0)
+        throw std::runtime_error("no report");
+    return std::string(buffer, static_cast<size_t>(n));
+}
+
+} // namespace Tests
+} // namespace Velmora

@@ -1,0 +1,56 @@
+#ifndef VELMORA_TESTS_WIRE_DEVICEPROCESS_H
+#define VELMORA_TESTS_WIRE_DEVICEPROCESS_H
+
+#include <simulator/PrivateNetwork.h>
+
+#include <functional>
+#include <string>
+
+namespace Velmora {
+namespace Tests {
+
+/**
+ * The other side of a private network in processes of their own, so that what is measured in this one
+ * is the library alone.
+ *
+ * Make it before the first thread: it forks a process that does nothing but fork those that are
+ * started later, and all of them end with this one.
+ */
+class DeviceProcess
+{
+public:
+    /// What a started process runs, with the number that start() was given; report() is its voice.
+    using Body = std::function<int(int number, const DeviceProcess& process)>;
+
+    DeviceProcess(Simulator::PrivateNetwork& network, const Body& body);
+    ~DeviceProcess();
+    DeviceProcess(const DeviceProcess&) = delete;
+    DeviceProcess& operator=(const DeviceProcess&) = delete;
+
+    /// Starts a process; there is one at a time.
+    void start(int number);
+
+    /// Kills it, waits for its end and drops the reports that nobody has read. Harmless when there is none.
+    void stop();
+
+    /// In the started process: says @p text to this one.
+    void report(const std::string& text) const;
+
+    /// Becomes readable with every report.
+    int descriptor() const { return reports[0]; }
+
+    /// The next report; waits for it.
+    std::string readReport() const;
+
+private:
+    void obey(const Body& body);
+    int command(int number);
+
+    int commands[2];
+    int reports[2];
+};
+
+} // namespace Tests
+} // namespace Velmora
+
+#endif

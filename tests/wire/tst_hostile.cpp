@@ -1,0 +1,350 @@
+#include "Attacks.h"
+#include "DeviceProcess.h"
+
+#include <simulator/SimulatedDevice.h>
+#include <ssdp/Ssdp.h>
+#include <tests/support/ManagerAccess.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QFile>
+#include <QtCore/QSocketNotifier>
+#include <QtCore/QTimer>
+#include <QtNetwork/QTcpSocket>
+#include <QtTest/QtTest>
+
+#include <cstdio>
+#include <cstdlib>
+#include <malloc.h>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+#include <time.h>
+
+using namespace Velmora;
+using Simulator::DeviceOptions;
+using Simulator::PrivateNetwork;
+using Simulator::SimulatedDevice;
+using Simulator::SsdpGroup;
+using Tests::Attack;
+using Tests::Attacker;
+using Tests::attacks;
+using Tests::DeviceProcess;
+using Tests::ManagerAccess;
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__)
+const bool SANITIZED = true;
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+const bool SANITIZED = true;
+#else
+const bool SANITIZED = false;
+#endif
+#else
+const bool SANITIZED = false;
+#endif
+
+// What a release build keeps to is 2 s and 700 MB; what is asserted leaves room for slow machines.
+const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
+const qint64 PEAK_MEMORY = (SANITIZED ? 6000 : 2100) * Q_INT64_C(1024);
+
+const char GOOD_ADDRESS[] = "10.77.1.1";
+const int TICK = 5;
+const int PATIENCE = 90 * 1000;
+
+int eventGap(const Attack& attack)
+{
+    return SANITIZED ? qMin(attack.eventGap * 3, 9000) : attack.eventGap;
+}
+
+/// The good device and the attacker of one attack.
+int runDevices(int number, const DeviceProcess& process)
+{
+    int argc = 1;
+    char name[] = "devices";
+    char* argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+
+    SsdpGroup group;
+    DeviceOptions options;
+    options.address = QHostAddress(QLatin1String(GOOD_ADDRESS));
+    options.functionCode = 7;
+    options.univocalCode = 1;
+    options.responseDelayMax = 0;
+    const Attack& attack = attacks()[static_cast<size_t>(number)];
+    options.eventGap = eventGap(attack);
+    SimulatedDevice device(&group, options);
+    if (!device.start())
+        return 1;
+
+    Attacker attacker;
+    std::thread([&] {
+        try {
+            attacker.waitForSearch();
+            process.report("done " + attack.run(attacker));
+        } catch (const std::exception& error) {
+            process.report(std::string("failed: ") + error.what());
+        }
+    }).detach();
+    process.report("ready");
+    return QCoreApplication::exec();
+}
+
+/// A line of /proc/self/status, in KB.
+qint64 memory(const char* field)
+{
+    QFile file(QStringLiteral("/proc/self/status"));
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray text = file.readAll();
+    return text.mid(text.indexOf(field) + static_cast<int>(qstrlen(field)) + 1)
+        .trimmed()
+        .split(' ')
+        .constFirst()
+        .toLongLong();
+}
+
+/// How long the calling thread has had a processor, in milliseconds.
+qint64 workOfThread()
+{
+    timespec time = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<qint64>(time.tv_sec) * 1000 + time.tv_nsec / 1000000;
+}
+
+void forgetPeakMemory()
+{
+    malloc_trim(0);
+    QFile file(QStringLiteral("/proc/self/clear_refs"));
+    QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
+    QCOMPARE(file.write("5"), 1);
+}
+
+int openDescriptors()
+{
+    return static_cast<int>(QDir(QStringLiteral("/proc/self/fd"))
+                                .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
+                                .size());
+}
+
+void limitDescriptors(rlim_t count)
+{
+    rlimit limit = {};
+    QCOMPARE(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = qMin(count, limit.rlim_max);
+    QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
+}
+
+} // namespace
+
+/**
+ * What somebody on the network may do, one attack after the other, each with a good device beside it
+ * that has to be found all the same.
+ *
+ * Runs a reduced set, or all of it with VELMORA_ALL_ATTACKS=1. With VELMORA_WRITE_ROBUSTNESS=FILE it
+ * runs all of it and writes what it measured into FILE, in the section of its Qt.
+ */
+class tst_Hostile : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit tst_Hostile(DeviceProcess& devices)
+        : devices(devices)
+    {
+    }
+
+private Q_SLOTS:
+    void initTestCase();
+    void goodDeviceIsFound_data();
+    void goodDeviceIsFound();
+    void cleanup();
+    void cleanupTestCase();
+
+private:
+    struct Measured
+    {
+        int longestBlock = 0; ///< In milliseconds,
+        int longestWork = 0; ///< and how long the thread had a processor in one of them.
+        int foundAfter = -1;
+        bool isDone = false;
+        QByteArray report;
+    };
+
+    Measured discover(SSDP::Ssdp& ssdp, const Attack& attack);
+    static QString left(const ManagerAccess& manager);
+
+    DeviceProcess& devices;
+    QStringList rows;
+};
+
+void tst_Hostile::initTestCase()
+{
+    // Otherwise the log is most of what the test prints, and part of what it measures.
+    QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp=false"));
+}
+
+void tst_Hostile::goodDeviceIsFound_data()
+{
+    QTest::addColumn<int>("number");
+    const bool all =
+        qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS") || qEnvironmentVariableIsSet("VELMORA_WRITE_ROBUSTNESS");
+    int number = 0;
+    for (const Attack& attack : attacks()) {
+        if (all || (attack.traits & Attack::Quick))
+            QTest::newRow(attack.name) << number;
+        ++number;
+    }
+}
+
+void tst_Hostile::goodDeviceIsFound()
+{
+    QFETCH(int, number);
+    const Attack& attack = attacks()[static_cast<size_t>(number)];
+
+    devices.start(number);
+    QCOMPARE(devices.readReport(), std::string("ready"));
+    forgetPeakMemory();
+    const qint64 memoryBefore = memory("VmRSS");
+    const int descriptorsBefore = openDescriptors();
+    if (attack.traits & Attack::FewDescriptors)
+        limitDescriptors(1024);
+
+    auto ssdp = std::make_unique<SSDP::Ssdp>(2 * PATIENCE);
+    const Measured measured = discover(*ssdp, attack);
+    const qint64 peak = memory("VmHWM") - memoryBefore;
+    ManagerAccess manager(*ssdp->findChild<SSDP::SsdpManager*>());
+    const QString result = left(manager);
+
+    QVERIFY2(measured.isDone, qPrintable(QString(QLatin1String("the attack is not done: ")) + result));
+    QVERIFY2(measured.report.startsWith("done"), measured.report.constData());
+    QVERIFY2(measured.foundAfter >= 0, qPrintable(result));
+    if (!(attack.traits & Attack::ManyRecords))
+        QVERIFY2(measured.longestWork < LONGEST_BLOCK, qPrintable(QString::number(measured.longestWork)));
+    if (!(attack.traits & Attack::ManyRecords))
+        QVERIFY2(peak < PEAK_MEMORY, qPrintable(QString::number(peak)));
+    QVERIFY2(manager.devices().size() > attack.devices, qPrintable(result));
+
+    const QByteArray seen = measured.report.mid(5);
+    QElapsedTimer elapsed;
+    elapsed.start();
+    ssdp.reset();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    const QStringList row = {
+        QLatin1String(attack.name),
+        QString::number(measured.longestWork),
+        QString::number(measured.longestBlock),
+        QString::number(qMax(peak, Q_INT64_C(0)) / 1024),
+        QString::number(elapsed.elapsed()),
+        QString(QLatin1String("found after %1 ms; %2%3"))
+            .arg(QString::number(measured.foundAfter), result,
+                 seen.isEmpty() ? QString() : QLatin1String("; ") + QString::fromLatin1(seen))};
+    rows << QLatin1String("| ") + row.join(QLatin1String(" | ")) + QLatin1String(" |");
+    // The HTTP thread of Qt ends when it comes to it.
+    QTRY_COMPARE_WITH_TIMEOUT(openDescriptors(), descriptorsBefore, 30000);
+}
+
+tst_Hostile::Measured tst_Hostile::discover(SSDP::Ssdp& ssdp, const Attack& attack)
+{
+    Measured measured;
+    QElapsedTimer elapsed;
+    connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode, int, const QHostAddress& address) {
+        if (functionCode == 7 && address == QHostAddress(QLatin1String(GOOD_ADDRESS)) && measured.foundAfter < 0)
+            measured.foundAfter = static_cast<int>(elapsed.elapsed());
+    });
+    QSocketNotifier reports(devices.descriptor(), QSocketNotifier::Read);
+    connect(&reports, &QSocketNotifier::activated, this,
+            [&] { measured.report = QByteArray::fromStdString(devices.readReport()); });
+
+    QEventLoop loop;
+    QElapsedTimer sinceTick;
+    qint64 workBefore = workOfThread();
+    QTimer ticker;
+    ticker.setTimerType(Qt::PreciseTimer);
+    connect(&ticker, &QTimer::timeout, this, [&] {
+        measured.longestBlock = qMax(measured.longestBlock, static_cast<int>(sinceTick.restart()) - TICK);
+        const qint64 work = workOfThread();
+        measured.longestWork = qMax(measured.longestWork, static_cast<int>(work - workBefore));
+        workBefore = work;
+        ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
+        const bool settled = (attack.traits & Attack::Unending) || manager.deviceReplies().isEmpty();
+        measured.isDone = measured.report.startsWith("failed")
+            || (!measured.report.isEmpty() && measured.foundAfter >= 0 && settled);
+        if (measured.isDone || elapsed.elapsed() > PATIENCE)
+            loop.quit();
+    });
+
+    elapsed.start();
+    sinceTick.start();
+    ticker.start(TICK);
+    ssdp.discover();
+    if (attack.traits & Attack::Stalled)
+        QTest::qSleep(400);
+    loop.exec();
+    return measured;
+}
+
+QString tst_Hostile::left(const ManagerAccess& constManager)
+{
+    ManagerAccess manager(constManager);
+    int services = 0;
+    for (const SSDP::SsdpDevice* const device : std::as_const(manager.devices()))
+        services += static_cast<int>(device->services.size());
+    return QString(QLatin1String("devices %1, services %2, requests %3, sockets %4, event connections %5"))
+        .arg(manager.devices().size())
+        .arg(services)
+        .arg(manager.deviceReplies().size())
+        .arg(manager.requestSockets().size())
+        .arg(manager.eventServer().findChildren<QTcpSocket*>().size());
+}
+
+void tst_Hostile::cleanup()
+{
+    limitDescriptors(RLIM_INFINITY);
+    devices.stop();
+}
+
+void tst_Hostile::cleanupTestCase()
+{
+    const QString name = qEnvironmentVariable("VELMORA_WRITE_ROBUSTNESS");
+    if (name.isEmpty())
+        return;
+    QFile file(name);
+    QVERIFY2(file.open(QIODevice::ReadWrite), qPrintable(file.errorString()));
+    QString text = QString::fromUtf8(file.readAll());
+
+    const QString begin = QString(QLatin1String("<!-- measured with Qt %1 -->\n")).arg(QT_VERSION_MAJOR);
+    const QString end(QLatin1String("<!-- end -->\n"));
+    const auto from = text.indexOf(begin);
+    QVERIFY2(from != -1, "the file has no section for this Qt");
+    const auto to = text.indexOf(end, from);
+    const QString section = QString(QLatin1String("Qt %1, %2 of %3 attacks.\n\n"
+                                                  "| Attack | Longest work, ms | Longest block, ms | Memory, MB | Letting go, ms "
+                                                  "| The good device, and what is listed in the end |\n"
+                                                  "|---|---|---|---|---|---|\n%4\n"))
+                                .arg(QLatin1String(qVersion()))
+                                .arg(rows.size())
+                                .arg(attacks().size())
+                                .arg(rows.join(QLatin1Char('\n')));
+    text.replace(from + begin.size(), to - from - begin.size(), section);
+    QVERIFY(file.resize(0) && file.seek(0) && file.write(text.toUtf8()) > 0);
+}
+
+int main(int argc, char** argv)
+{
+    try {
+        PrivateNetwork network;
+        network.addLink("10.77.0.1/16", "10.77.1.1/16", 2);
+        DeviceProcess devices(network, runDevices);
+        const QCoreApplication application(argc, argv);
+        tst_Hostile test(devices);
+        return QTest::qExec(&test, argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "no private network: %s\n", error.what());
+        return qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") ? 1 : 77;
+    }
+}
+
+#include "tst_hostile.moc"
