@@ -21,8 +21,15 @@ using Velmora::SSDP::Ssdp;
 
 namespace {
 
-const QHostAddress NINE(QStringLiteral("10.77.1.9"));
-const QHostAddress TEN(QStringLiteral("10.77.1.10"));
+QHostAddress nine()
+{
+    return QHostAddress(QStringLiteral("10.77.1.9"));
+}
+
+QHostAddress ten()
+{
+    return QHostAddress(QStringLiteral("10.77.1.10"));
+}
 
 QDateTime at(int second)
 {
@@ -68,9 +75,9 @@ void DeviceBrowserTest::modelCountsTheReportsOfADevice()
 {
     DeviceModel model;
     const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    model.addReport(12, 34, NINE, at(1));
+    model.addReport(12, 34, nine(), at(1));
     QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
-    model.addReport(12, 34, NINE, at(5));
+    model.addReport(12, 34, nine(), at(5));
 
     QCOMPARE(model.rowCount(), 1);
     QCOMPARE(changed.count(), 1);
@@ -85,10 +92,10 @@ void DeviceBrowserTest::modelCountsTheReportsOfADevice()
 void DeviceBrowserTest::modelTellsDevicesByAllThreeValues()
 {
     DeviceModel model;
-    model.addReport(1, 2, NINE);
-    model.addReport(2, 2, NINE);
-    model.addReport(1, 3, NINE);
-    model.addReport(1, 2, TEN);
+    model.addReport(1, 2, nine());
+    model.addReport(2, 2, nine());
+    model.addReport(1, 3, nine());
+    model.addReport(1, 2, ten());
     QCOMPARE(column(model, DeviceModel::Reports),
              (QStringList{QStringLiteral("1"), QStringLiteral("1"), QStringLiteral("1"), QStringLiteral("1")}));
 }
@@ -96,8 +103,8 @@ void DeviceBrowserTest::modelTellsDevicesByAllThreeValues()
 void DeviceBrowserTest::modelSortsAddressesByNumber()
 {
     DeviceModel model;
-    model.addReport(1, 1, TEN);
-    model.addReport(1, 1, NINE);
+    model.addReport(1, 1, ten());
+    model.addReport(1, 1, nine());
     QSortFilterProxyModel sorted;
     sorted.setSourceModel(&model);
     sorted.setSortRole(Qt::UserRole);
@@ -110,10 +117,10 @@ void DeviceBrowserTest::modelForgetsEverything()
 {
     DeviceModel model;
     const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-    model.addReport(1, 1, TEN);
+    model.addReport(1, 1, ten());
     model.clear();
     QCOMPARE(model.rowCount(), 0);
-    model.addReport(1, 1, TEN);
+    model.addReport(1, 1, ten());
     QCOMPARE(text(model, 0, DeviceModel::Reports), QStringLiteral("1"));
 }
 
@@ -133,7 +140,7 @@ struct Searching
         button->click();
     }
 
-    Ssdp* ssdp() const { return window.findChildren<Ssdp*>().last(); }
+    Ssdp* ssdp() const { return window.findChildren<Ssdp*>().constLast(); }
     void report(int functionCode, int univocalCode, const QHostAddress& address) const
     {
         Q_EMIT ssdp()->discovered(functionCode, univocalCode, address);
@@ -151,9 +158,9 @@ struct Searching
 void DeviceBrowserTest::windowShowsWhatReports()
 {
     const Searching searching;
-    searching.report(7, 2, TEN);
-    searching.report(7, 1, NINE);
-    searching.report(7, 1, NINE);
+    searching.report(7, 2, ten());
+    searching.report(7, 1, nine());
+    searching.report(7, 1, nine());
     QVERIFY(searching.table->isVisible());
     QCOMPARE(column(*searching.table->model(), DeviceModel::UnivocalCode),
              (QStringList{QStringLiteral("1"), QStringLiteral("2")}));
@@ -198,7 +205,7 @@ void DeviceBrowserTest::windowTakesALateReport()
 {
     Searching searching;
     searching.button->click();
-    searching.report(7, 1, NINE);
+    searching.report(7, 1, nine());
     QVERIFY(searching.table->isVisible());
     QCOMPARE(searching.table->model()->rowCount(), 1);
 }
@@ -206,15 +213,15 @@ void DeviceBrowserTest::windowTakesALateReport()
 void DeviceBrowserTest::windowForgetsTheDevicesOfTheLastDiscovery()
 {
     Searching searching;
-    searching.report(7, 1, NINE);
+    searching.report(7, 1, nine());
     searching.button->click();
     QCOMPARE(searching.table->model()->rowCount(), 1);
     Ssdp* const before = searching.ssdp();
     searching.button->click();
     QCOMPARE(searching.table->model()->rowCount(), 0);
-    Q_EMIT before->discovered(7, 1, NINE);
+    Q_EMIT before->discovered(7, 1, nine());
     QCOMPARE(searching.table->model()->rowCount(), 0);
-    searching.report(7, 2, NINE);
+    searching.report(7, 2, nine());
     QCOMPARE(searching.table->model()->rowCount(), 1);
 }
 
@@ -233,8 +240,8 @@ void DeviceBrowserTest::windowStartsAgainFromTheSignalOfTheEnd()
 void DeviceBrowserTest::windowCopiesTheSelectedRowsInTheOrderOfTheTable()
 {
     const Searching searching;
-    searching.report(7, 2, TEN);
-    searching.report(7, 1, NINE);
+    searching.report(7, 2, ten());
+    searching.report(7, 1, nine());
     searching.report(7, 3, QHostAddress(QStringLiteral("10.77.1.11")));
     searching.table->selectRow(1);
     searching.table->setSelectionMode(QAbstractItemView::MultiSelection);
