@@ -32,6 +32,7 @@ namespace Log {
 class Q_DECL_EXPORT Logger
 {
 public:
+    /// What a line is about.
     enum Severity {
         Information = 0, ///< Progress: what was found, what was set up.
         Error = 1 ///< A failure; the first piece is the signature of the failing function.

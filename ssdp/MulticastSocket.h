@@ -30,6 +30,7 @@ class Q_DECL_EXPORT MulticastSocket : public QUdpSocket
     Q_OBJECT
 
 public:
+    /// Makes a socket without a proxy that is not bound yet.
     explicit MulticastSocket(QObject* parent = nullptr);
     ~MulticastSocket() override;
 

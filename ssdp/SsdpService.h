@@ -32,11 +32,11 @@ public:
     /// callback path of the subscription, and events find their service by it.
     QUuid id;
 
-    QString serviceType;
-    QString serviceId;
-    QString controlUrl;
-    QString eventSubUrl;
-    QString scpdUrl;
+    QString serviceType; ///< The type, SsdpManager::VELMORA_SERVICE_FILTER for a key-object service.
+    QString serviceId; ///< The identifier that the device gives it.
+    QString controlUrl; ///< Where its actions would be called, which the library never does.
+    QString eventSubUrl; ///< The path that takes subscriptions, on the server of the location.
+    QString scpdUrl; ///< The path of its description, on the server of the location.
 
     /// The last value received of each state variable, by name: null for a variable that the service
     /// description lists and no event has set, no entry for one that neither has named.
