@@ -734,10 +734,15 @@ void SimulatedDevice::writeChunks(QTcpSocket* socket, const QList<QByteArray>& c
         return;
     }
     const QList<QByteArray> rest = chunks.mid(1);
-    QTimer::singleShot(gap, Qt::PreciseTimer, socket, [this, socket, rest, gap, finished] {
+    QTimer* const timer = new QTimer(socket);
+    timer->setSingleShot(true);
+    timer->setTimerType(Qt::PreciseTimer);
+    connect(timer, &QTimer::timeout, this, [this, timer, socket, rest, gap, finished] {
+        timer->deleteLater();
         if (socket->state() == QAbstractSocket::ConnectedState)
             writeChunks(socket, rest, gap, finished);
     });
+    timer->start(gap);
 }
 
 void SimulatedDevice::reset(QTcpSocket* socket)

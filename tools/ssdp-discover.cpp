@@ -203,8 +203,6 @@ private:
 
 class Host : public QObject
 {
-    Q_OBJECT
-
 public:
     Host(const Settings& settings, bool verbose)
         : settings(settings)
@@ -241,7 +239,7 @@ public:
         QCoreApplication::exit(found > 0 ? FOUND : NOTHING_FOUND);
     }
 
-private Q_SLOTS:
+private:
     void onDiscovered(int functionCode, int univocalCode, const QHostAddress& address)
     {
         if (finished)
@@ -286,7 +284,6 @@ private Q_SLOTS:
             output.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
     }
 
-private:
     static QString plural(size_t count) { return count == 1 ? QString() : QStringLiteral("s"); }
 
     QString left() const
@@ -376,5 +373,3 @@ int main(int argc, char* argv[])
     host.discover();
     return QCoreApplication::exec();
 }
-
-#include "ssdp-discover.moc"
