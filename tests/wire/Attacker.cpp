@@ -151,13 +151,23 @@ Attacker::Attacker()
 
 void Attacker::waitForSearch()
 {
+    // A busy kernel may lose the search; what goes to the group reaches the host as well.
+    const timeval patience = {2, 0};
+    setsockopt(searchSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
+    searcher = socketAddress("239.255.255.250", 1900);
     char buffer[2048];
-    ssize_t n = 0;
-    do {
-        socklen_t length = sizeof searcher;
-        n = recvfrom(searchSocket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&searcher), &length);
-        check(n >= 0, "search");
-    } while (!startsWith(std::string(buffer, static_cast<size_t>(n)), "M-SEARCH"));
+    for (;;) {
+        sockaddr_in sender = {};
+        socklen_t length = sizeof sender;
+        const ssize_t n =
+            recvfrom(searchSocket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&sender), &length);
+        if (n < 0)
+            return;
+        if (startsWith(std::string(buffer, static_cast<size_t>(n)), "M-SEARCH")) {
+            searcher = sender;
+            return;
+        }
+    }
 }
 
 void Attacker::sendDatagram(const std::string& bytes)

@@ -63,7 +63,7 @@ public:
     /// Listens to the group and to TCP, and serves the documents of a good device.
     Attacker();
 
-    /// Waits until the host searches.
+    /// Waits until the host searches, but no longer than two seconds.
     void waitForSearch();
 
     /// Answers the search.

@@ -51,6 +51,8 @@ int runDevices(int, const DeviceProcess& process)
         options.functionCode = i + 1;
         options.variables = QStringList({QStringLiteral("KO"), QStringLiteral("Other")});
         options.responseDelayMax = 0;
+        // The library searches once, and a busy kernel may lose that datagram.
+        options.announceEvery = 1000;
         // Longer than a busy machine keeps this process waiting: head and body that are read together
         // are dropped.
         options.eventGap = 300;
