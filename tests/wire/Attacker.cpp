@@ -112,9 +112,10 @@ bool PlainConnection::waitForEnd()
 
 void PlainConnection::flush()
 {
+    // A peer that has reset the connection takes nothing more.
+    pollfd ended = {descriptor, 0, 0};
     int left = 1;
-    while (ioctl(descriptor, SIOCOUTQ, &left) == 0 && left > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    while (ioctl(descriptor, SIOCOUTQ, &left) == 0 && left > 0 && poll(&ended, 1, 1) == 0) { }
 }
 
 void PlainConnection::reset()

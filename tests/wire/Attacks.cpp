@@ -407,7 +407,8 @@ std::vector<Attack> makeAttacks()
         subscription("SUBSCRIBE reply of one byte at a time",
                      [status](Connection& connection, const std::string&) {
                          for (const char byte : status + "SID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n") {
-                             connection.send(std::string(1, byte));
+                             if (!connection.send(std::string(1, byte)))
+                                 return;
                              connection.flush();
                          }
                      }),
@@ -494,7 +495,7 @@ std::vector<Attack> makeAttacks()
                         [](Connection& connection, const std::string& path) {
                             const std::string text = Attacker::event("1,1");
                             connection.send(repeated(Attacker::eventHead(path, std::to_string(text.size())) + text, 100));
-                            connection.flush();
+                            std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
                             connection.send(text);
                             expectEnd(connection);
                         }),
