@@ -645,7 +645,8 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
         socket->bind(settings.address);
     }
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    QTimer::singleShot(EVENT_PATIENCE, socket, [socket] {
+    const int duration = static_cast<int>(chunks.size()) * settings.eventGap;
+    QTimer::singleShot(duration + EVENT_PATIENCE, socket, [socket] {
         socket->abort();
         socket->deleteLater();
     });

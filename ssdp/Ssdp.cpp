@@ -126,7 +126,8 @@ void Ssdp::parseKoValue(const SsdpDevice* device, const SsdpService* service)
         const QHostAddress address = device->address;
         if (address.isNull())
             continue;
-        fireDiscovered(codes.at(0).toInt(), codes.at(1).toInt(), address);
+        // Trimmed, since Qt 6 takes fewer characters for blanks in a number than the others.
+        fireDiscovered(codes.at(0).trimmed().toInt(), codes.at(1).trimmed().toInt(), address);
         return;
     }
 }

@@ -30,6 +30,9 @@ const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 // A description is a few kilobytes. A longer reply waits here, unread, for the next clearDevices().
 const qint64 REPLY_BUFFER_SIZE = Q_INT64_C(16) * 1024 * 1024;
 
+// How often waiting heads are looked for, in milliseconds: well below the pause behind a head.
+const int HEAD_INTERVAL = 5;
+
 void askForReceiveBuffer(const QUdpSocket* socket)
 {
     // A socket that could not be bound has no descriptor, which the kernel refuses; what it grants
@@ -86,8 +89,7 @@ SsdpManager::~SsdpManager()
     // The members below still signal while they are destroyed, when no slot may run any more.
     disconnect(&networkManager, nullptr, this, nullptr);
     disconnect(&eventServer, nullptr, this, nullptr);
-    const QList<QTcpSocket*> accepted = eventServer.findChildren<QTcpSocket*>();
-    for (QTcpSocket* const socket : accepted)
+    for (QTcpSocket* const socket : std::as_const(silentSockets))
         disconnect(socket, nullptr, this, nullptr);
 
     if (multicastSocket) {
@@ -137,7 +139,8 @@ void SsdpManager::initialize()
         bound = unicastSocket->bind(localAddress, port);
     askForReceiveBuffer(unicastSocket);
 
-    if (eventServer.listen(localAddress, 0)) {
+    // A server that listens already keeps its port, and Qt would warn of the call.
+    if (!eventServer.isListening() && eventServer.listen(localAddress, 0)) {
         // Qt's own backlog of 50 loses connections when many devices send their event at once.
         ::listen(static_cast<int>(eventServer.socketDescriptor()), SOMAXCONN);
     } else {
@@ -328,6 +331,7 @@ void SsdpManager::onReplyFinished(QNetworkReply* networkReply)
     deviceReplies.remove(networkReply);
     serviceReplies.remove(networkReply);
     networkReply->deleteLater();
+    readWaitingHeads();
 }
 
 void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
@@ -468,7 +472,21 @@ void SsdpManager::onNewConnection()
         QTcpSocket* const socket = eventServer.nextPendingConnection();
         connect(socket, SIGNAL(readyRead()), this, SLOT(onResponseSocketReadyRead()));
         connect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
+        silentSockets.append(socket);
     }
+}
+
+void SsdpManager::readWaitingHeads()
+{
+    // Qt hands over all that its HTTP thread has ready before it looks at a socket again. With many
+    // devices that takes longer than the pause in which the head of an event has to be read.
+    if (sinceWaitingHeads.isValid() && sinceWaitingHeads.elapsed() < HEAD_INTERVAL)
+        return;
+    sinceWaitingHeads.start();
+    eventServer.waitForNewConnection(0);
+    const QList<QTcpSocket*> waiting = silentSockets;
+    for (QTcpSocket* const socket : waiting)
+        socket->waitForReadyRead(0);
 }
 
 void SsdpManager::onResponseSocketReadyRead()
@@ -514,6 +532,7 @@ void SsdpManager::onResponseSocketReadyRead()
 
 void SsdpManager::readEventHead(QTcpSocket* socket)
 {
+    silentSockets.removeOne(socket);
     const QString header = textUpToZero(socket->readAll());
     SsdpService* const service = getServiceFromHeader(header);
     const QString contentLength = getHeaderValue(header, QString(QLatin1String("CONTENT-LENGTH")));
@@ -590,6 +609,7 @@ void SsdpManager::forgetResponseSocket(QTcpSocket* socket)
 {
     if (!socket)
         return;
+    silentSockets.removeOne(socket);
     requestSockets.removeOne(socket);
     requestSocketServices.remove(socket);
     responseContentLengths.remove(socket);

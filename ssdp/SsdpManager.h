@@ -7,6 +7,7 @@
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
 
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QObject>
@@ -198,12 +199,17 @@ private:
 
     void readDatagram(QUdpSocket* socket);
     QNetworkReply* get(const QString& url);
+    void readWaitingHeads();
     void readEventHead(QTcpSocket* socket);
     void forgetResponseSocket(QTcpSocket* socket);
 
     /// Counts the calls of clearDevices(), so that a record of an earlier discovery is known as one
     /// even when a new record has its address.
     unsigned int generation;
+
+    /// Accepted event connections that have sent nothing yet, and when they were last asked for it.
+    QList<QTcpSocket*> silentSockets;
+    QElapsedTimer sinceWaitingHeads;
 };
 
 } // namespace SSDP
