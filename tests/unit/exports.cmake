@@ -25,8 +25,8 @@ endif()
 
 output_of(symbols "${NM}" --dynamic --demangle --defined-only "${LIBRARY}")
 list(TRANSFORM symbols REPLACE "^[0-9a-f]+ . " "")
-# AddressSanitizer's own.
-list(FILTER symbols EXCLUDE REGEX "^__odr_asan")
+# What the sanitizers add.
+list(FILTER symbols EXCLUDE REGEX "^(__odr_asan|typeinfo (name )?for Q[A-Z])")
 
 string(REPLACE ";" "|" classes "${CLASSES}")
 foreach(symbol IN LISTS symbols)

@@ -97,14 +97,6 @@ const Decoy DECOYS[] = {
     {"a bad reference", "&<b;/>"},
 };
 
-int depth(const QDomNode& node)
-{
-    int deepest = 0;
-    for (QDomElement child = node.firstChildElement(); !child.isNull(); child = child.nextSiblingElement())
-        deepest = qMax(deepest, depth(child) + 1);
-    return deepest;
-}
-
 } // namespace
 
 class BoundedXmlTest : public QObject
@@ -261,10 +253,9 @@ private Q_SLOTS:
         QFETCH(const QString, decoy);
         const QString text = QStringLiteral("<r>") + decoy + nested(128) + QStringLiteral("</r>");
         QDomDocument document;
-        // Some decoys are no XML at all. Where Qt's parser takes one for XML, it is to be refused here.
+        // Some decoys are no XML at all. What Qt's parser takes for XML is to be refused before it.
         if (static_cast<bool>(document.setContent(text)))
-            QVERIFY(depth(document) > 128);
-        QVERIFY(!static_cast<bool>(document.setContent(text)) || !isWithinXmlBounds(text));
+            QVERIFY(!isWithinXmlBounds(text));
         QVERIFY(!parseXml(document, text));
     }
 
@@ -308,6 +299,8 @@ private Q_SLOTS:
     void aDeclarationWithQuotedEndDoesNotHideDepth()
     {
         QFETCH(const QString, text);
+        // A parser that takes the quoted value would go into the depth before it finds an error.
+        QVERIFY(!isWithinXmlBounds(text));
         QDomDocument document;
         QVERIFY(!parseXml(document, text));
     }

@@ -39,8 +39,8 @@ extern "C" Q_DECL_EXPORT int uname(utsname* system) noexcept
     if (!fakedSystem)
         return static_cast<int>(syscall(SYS_uname, system));
     std::memset(system, 'x', sizeof *system);
-    std::strcpy(system->sysname, fakedSystem->name);
-    std::strcpy(system->release, fakedSystem->release);
+    qstrncpy(system->sysname, fakedSystem->name, sizeof system->sysname);
+    qstrncpy(system->release, fakedSystem->release, sizeof system->release);
     return fakedSystem->result;
 }
 
