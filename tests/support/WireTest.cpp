@@ -1,5 +1,7 @@
 #include <tests/support/WireTest.h>
 
+#include <QtNetwork/QNetworkInterface>
+
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -20,7 +22,27 @@ const char WireTest::KEY_OBJECTS[] = "<service>"
 WireTest::WireTest(PrivateNetwork& network)
     : network(network)
     , timeouts(0)
+    , links(0)
 {
+}
+
+QString WireTest::addLink(const char* hostAddress, const char* firstDeviceAddress, int deviceAddresses)
+{
+    network.addLink(hostAddress, firstDeviceAddress, deviceAddresses);
+    const QString number = QString::number(links++);
+    const bool running = waitForLink(PrivateNetwork::DeviceSide, QStringLiteral("device") + number)
+        && waitForLink(PrivateNetwork::HostSide, QStringLiteral("host") + number);
+    return running ? QStringLiteral("host") + number : QString();
+}
+
+bool WireTest::waitForLink(PrivateNetwork::Side side, const QString& name)
+{
+    // Newer kernels end the wait for whoever asks for the state; otherwise it may take a second.
+    network.run(side, {"sh", "-c", "ip link show dev " + name.toStdString() + " > /dev/null"});
+    return waitUntil([&] {
+        const PrivateNetwork::Scope scope(network, side);
+        return QNetworkInterface::interfaceFromName(name).flags().testFlag(QNetworkInterface::IsRunning);
+    });
 }
 
 bool WireTest::waitUntil(const std::function<bool()>& condition)
@@ -172,7 +194,7 @@ bool WireTest::sendLastEvent()
 
 void WireTest::initTestCase()
 {
-    network.addLink("10.77.0.1/16", "10.77.1.1/16", 3);
+    QVERIFY(!addLink("10.77.0.1/16", "10.77.1.1/16", 3).isEmpty());
     network.run(PrivateNetwork::HostSide, {"ip", "route", "add", "224.0.0.0/4", "dev", "host0"});
 }
 

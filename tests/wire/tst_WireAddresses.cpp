@@ -1,5 +1,7 @@
 #include <tests/support/WireTest.h>
 
+#include <QtNetwork/QNetworkInterface>
+
 #include <algorithm>
 
 using namespace Velmora::Tests;
@@ -41,14 +43,6 @@ private Q_SLOTS:
     void failedBindIsTriedAgainByTheNextDiscovery();
 
 private:
-    /// Joins the sides; the interface is named host0, host1 and so on, over all tests.
-    QString addLink(const char* hostAddress, const char* deviceAddress)
-    {
-        network.addLink(hostAddress, deviceAddress);
-        links << QStringLiteral("host%1").arg(linksEver++);
-        return links.last();
-    }
-
     void host(const QString& command)
     {
         std::vector<std::string> words;
@@ -72,9 +66,6 @@ private:
             result << ManagerAccess(*controlPoint).eventServer().serverAddress().toString();
         return result;
     }
-
-    QStringList links;
-    int linksEver = 0;
 };
 
 void WireAddressesTest::init()
@@ -88,9 +79,11 @@ void WireAddressesTest::init()
 void WireAddressesTest::cleanup()
 {
     WireTest::cleanup();
-    for (const QString& link : std::as_const(links))
-        host(QStringLiteral("ip link del ") + link);
-    links.clear();
+    // Their names count on over all tests.
+    for (const QNetworkInterface& interface : QNetworkInterface::allInterfaces()) {
+        if (interface.name().startsWith(QStringLiteral("host")))
+            host(QStringLiteral("ip link del ") + interface.name());
+    }
 }
 
 void WireAddressesTest::onlyLoopbackGivesOneControlPoint()
