@@ -4,8 +4,13 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/rtnetlink.h>
+#include <memory>
+#include <net/if.h>
 #include <sched.h>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -70,6 +75,47 @@ std::string prefixOf(const std::string& addressWithPrefix)
     return slash == std::string::npos ? std::string("/32") : addressWithPrefix.substr(slash);
 }
 
+/// What happens to the links of the calling thread's network from now on.
+class LinkEvents
+{
+public:
+    LinkEvents()
+        : descriptor(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE))
+    {
+        sockaddr_nl address = {};
+        address.nl_family = AF_NETLINK;
+        address.nl_groups = RTMGRP_LINK;
+        const timeval patience = {5, 0};
+        if (descriptor == -1 || bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == -1
+            || setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience) == -1)
+            fail("cannot watch the links");
+    }
+    ~LinkEvents() { close(descriptor); }
+    LinkEvents(const LinkEvents&) = delete;
+    LinkEvents& operator=(const LinkEvents&) = delete;
+
+    void waitUntilRunning(unsigned int link)
+    {
+        alignas(nlmsghdr) char buffer[16384];
+        for (;;) {
+            const ssize_t size = recv(descriptor, buffer, sizeof buffer, 0);
+            if (size == -1)
+                fail("the link does not come up");
+            int left = static_cast<int>(size);
+            for (auto* message = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(message, left);
+                 message = NLMSG_NEXT(message, left)) {
+                const auto* const info = static_cast<const ifinfomsg*>(NLMSG_DATA(message));
+                if (message->nlmsg_type == RTM_NEWLINK && static_cast<unsigned int>(info->ifi_index) == link
+                    && (info->ifi_flags & IFF_RUNNING))
+                    return;
+            }
+        }
+    }
+
+private:
+    int descriptor;
+};
+
 } // namespace
 
 PrivateNetwork::PrivateNetwork()
@@ -110,7 +156,19 @@ void PrivateNetwork::addLink(const std::string& hostAddress, const std::string& 
             + " dev " + device + "\n";
     }
     batch += "link set " + device + " up\n";
+    // The kernel drops, without an error, what is sent before it has noticed that both ends are up.
+    LinkEvents hostEvents;
+    std::unique_ptr<LinkEvents> deviceEvents;
+    unsigned int deviceLink = 0;
+    {
+        const Scope scope(*this, DeviceSide);
+        deviceEvents = std::make_unique<LinkEvents>();
+        deviceLink = if_nametoindex(device.c_str());
+    }
     run(DeviceSide, {"ip", "-batch", "-"}, batch);
+    hostEvents.waitUntilRunning(if_nametoindex(host.c_str()));
+    deviceEvents->waitUntilRunning(deviceLink);
+
     if (!rate.empty()) {
         run(DeviceSide,
             {"tc", "qdisc", "add", "dev", device, "root", "tbf", "rate", rate, "burst", "16kb", "latency",

@@ -35,8 +35,7 @@ const int HEAD_INTERVAL = 5;
 
 void askForReceiveBuffer(const QUdpSocket* socket)
 {
-    // A socket that could not be bound has no descriptor, which the kernel refuses; what it grants
-    // of the size is its own affair (net.core.rmem_max).
+    // The kernel grants no more than net.core.rmem_max, and refuses a socket without a descriptor.
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
@@ -298,7 +297,10 @@ void SsdpManager::addSsdpDevice(const QHostAddress& address, const QString& loca
 
 QNetworkReply* SsdpManager::get(const QString& url)
 {
-    QNetworkReply* const reply = networkManager.get(QNetworkRequest(QUrl(url)));
+    // Qt would open a file as it stands, and opening a pipe or a device may block or harm the host: no
+    // URL at all fails like one that nobody serves.
+    const QUrl parsed(url);
+    QNetworkReply* const reply = networkManager.get(QNetworkRequest(parsed.isLocalFile() ? QUrl() : parsed));
     reply->setReadBufferSize(REPLY_BUFFER_SIZE);
     return reply;
 }

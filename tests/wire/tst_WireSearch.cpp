@@ -279,6 +279,8 @@ void WireSearchTest::locationThatCannotBeAskedIsADeviceAllTheSame_data()
     QTest::newRow("no text of a URL") << QByteArray("%%% [ ]");
     QTest::newRow("no such scheme") << QByteArray("coap://10.77.1.1/desc.xml");
     QTest::newRow("no server") << QByteArray("http://10.77.1.1:1/desc.xml");
+    QTest::newRow("a local file") << QByteArray("file:///proc/self/status");
+    QTest::newRow("a local file in capitals") << QByteArray("FILE:/proc/self/status");
 }
 
 void WireSearchTest::locationThatCannotBeAskedIsADeviceAllTheSame()
