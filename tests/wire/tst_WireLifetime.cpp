@@ -29,6 +29,7 @@ enum Stage {
     Subscribing,
     Subscribed,
     SilentEventConnection,
+    SilentBesideHeadSeen,
     HeadSeen,
     NegativeLength,
     BodyBegun,
@@ -276,6 +277,8 @@ bool WireLifetimeTest::comeTo(Stage stage)
     case SilentEventConnection:
         // A connection that is answered shows that the library has accepted the one before it.
         return device->connectTo(to.host, to.port) && sendEvent(to, event("A", "1"));
+    case SilentBesideHeadSeen:
+        return device->connectTo(to.host, to.port) && sendHead(to, "120");
     case HeadSeen:
         return sendHead(to, "120") != nullptr;
     case NegativeLength:
@@ -306,6 +309,7 @@ void WireLifetimeTest::controllerMayGoAtAnyStage_data()
         {"subscribing", Subscribing},
         {"subscribed", Subscribed},
         {"silent event connection", SilentEventConnection},
+        {"silent event connection and head of an event seen", SilentBesideHeadSeen},
         {"head of an event seen", HeadSeen},
         {"head with a negative length seen", NegativeLength},
         {"body of an event begun", BodyBegun},
