@@ -118,10 +118,7 @@ ManagerAccess WireTest::manager() const
 
 QStringList WireTest::log()
 {
-    QStringList result;
-    for (const LogLine& line : CapturedLog::lines())
-        result << QString::number(line.severity) + QLatin1Char('|') + line.pieces.join(QLatin1Char('|'));
-    return result;
+    return CapturedLog::all();
 }
 
 QByteArray WireTest::reply(const QByteArray& body)
