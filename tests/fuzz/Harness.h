@@ -2,6 +2,7 @@
 #define VELMORA_TESTS_FUZZ_HARNESS_H
 
 #include <QtCore/QByteArray>
+#include <QtCore/QCoreApplication>
 #include <QtCore/QUuid>
 #include <QtNetwork/QNetworkReply>
 

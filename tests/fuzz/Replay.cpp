@@ -1,5 +1,7 @@
 #include "Harness.h"
 
+#include <ssdp/SsdpManager.h>
+
 #include <QtCore/QDirIterator>
 #include <QtCore/QFile>
 
@@ -23,5 +25,7 @@ int main(int argc, char** argv)
         }
     }
     std::fprintf(stderr, "%d inputs\n", inputs);
+    // Their HTTP threads would meet statics of Qt that are gone after main().
+    qDeleteAll(QCoreApplication::instance()->findChildren<Velmora::SSDP::SsdpManager*>());
     return inputs > 0 ? 0 : 1;
 }

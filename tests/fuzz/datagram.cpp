@@ -17,7 +17,7 @@ namespace {
 SSDP::SsdpManager& listeningManager()
 {
     static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost));
+        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
         result->initialize();
         return result;
     }();

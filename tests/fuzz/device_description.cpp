@@ -11,7 +11,7 @@ using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    static auto* const manager = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost));
+    static auto* const manager = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
     Tests::ManagerAccess access(*manager);
     Fuzz::addService(*manager, QLatin1String("http://127.0.0.1:9/description.xml"));
     SSDP::SsdpDevice* const device = access.devices().constFirst();

@@ -15,7 +15,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (size < 1)
         return 0;
     static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost));
+        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
         result->initialize();
         Fuzz::addService(*result, QLatin1String("http://127.0.0.1:9/description.xml"));
         return result;

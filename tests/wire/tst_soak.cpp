@@ -166,7 +166,9 @@ void tst_Soak::discoveriesLeaveNothingBehind()
     // The socket, its engine and their notifiers.
     const int objectsOfASocket = (after.objects - before.objects) / left;
     QCOMPARE(after.objects - before.objects, left * objectsOfASocket);
+#if !defined(__SANITIZE_ADDRESS__) // which keeps what was freed
     QVERIFY2(after.memory - before.memory < 4 * 1024 + left * 40, "a socket takes less than 40 KB");
+#endif
 }
 
 int main(int argc, char** argv)
