@@ -40,11 +40,7 @@ public:
     explicit WireTest(Simulator::PrivateNetwork& network);
 
 protected:
-    /**
-     * Joins the sides as PrivateNetwork::addLink() does, and waits until the kernel sends on the link,
-     * which comes a while after it is up; until then, datagrams are lost.
-     * @return the name of the host's interface
-     */
+    /// Joins the sides as PrivateNetwork::addLink() does. Returns the name of the host's interface.
     QString addLink(const char* hostAddress, const char* firstDeviceAddress, int deviceAddresses = 1);
 
     /// Handles events until @p condition holds. Returns whether it did in the end.
@@ -121,9 +117,6 @@ protected Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-
-private:
-    bool waitForLink(Simulator::PrivateNetwork::Side side, const QString& name);
 };
 
 /// The private network of a test program; ends the program where there can be none.

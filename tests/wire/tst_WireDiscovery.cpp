@@ -44,14 +44,15 @@ private:
     }
 
     SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
+
+    QStringList logInTheSlot;
+    bool stoppedInTheSlot = false;
 };
 
 void WireDiscoveryTest::timeoutIsLoggedAndSignalledOnce()
 {
     ssdp = newController(50);
-    QStringList logInTheSlot;
-    bool stoppedInTheSlot = false;
-    connect(ssdp.get(), &Velmora::SSDP::Ssdp::timeoutExpired, this, [&] {
+    connect(ssdp.get(), &Velmora::SSDP::Ssdp::timeoutExpired, this, [this] {
         logInTheSlot = log();
         stoppedInTheSlot = ssdp->findChildren<QUdpSocket*>().isEmpty() && !ssdp->findChild<QTimer*>()->isActive();
     });
@@ -73,7 +74,7 @@ void WireDiscoveryTest::timeoutComesAlsoAfterAReport()
     QVERIFY(sendLastEvent());
     QCOMPARE(timeouts, 0);
     VERIFY_SOON(timeouts == 1);
-    QCOMPARE(log().last(), QStringLiteral("0|SSDP timeout expired not found"));
+    QCOMPARE(log().constLast(), QStringLiteral("0|SSDP timeout expired not found"));
     QCOMPARE(reports.size(), 1);
 }
 
@@ -295,7 +296,8 @@ void WireDiscoveryTest::subscriptionOfAnEarlierDiscoveryHasNoService()
     QCOMPARE(manager().requestSocketServices().value(manager().requestSockets().at(1)), service());
 
     bool signalled = false;
-    connect(earlier, &QTcpSocket::readyRead, this, [&signalled] { signalled = true; });
+    const QObject context;
+    connect(earlier, &QTcpSocket::readyRead, &context, [flag = &signalled] { *flag = true; });
     device->requestsFor("SUBSCRIBE ")
         .at(0)
         .connection->send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");

@@ -222,12 +222,13 @@ void WireEventsTest::bodyMayComeInManyChunks()
     const QByteArray body = event("KO", "12,34");
     Connection* const connection = sendHead(callback(), QByteArray::number(body.size()));
     QVERIFY(connection);
-    for (int i = 0; i + 10 < body.size(); i += 10) {
-        connection->send(body.mid(i, 10));
+    int sent = 0;
+    for (; sent + 10 < body.size(); sent += 10) {
+        connection->send(body.mid(sent, 10));
         VERIFY_SOON(connection->wasRead());
         QCOMPARE(reports, QStringList());
     }
-    connection->send(body.mid((static_cast<int>(body.size()) - 1) / 10 * 10));
+    connection->send(body.mid(sent));
     VERIFY_SOON(!connection->isOpen());
     QCOMPARE(reports, QStringList{REPORT});
 }
@@ -410,7 +411,7 @@ void WireEventsTest::bodyThatDoesNotParseIsLogged()
     const auto lines = log().size();
     QVERIFY(sendEvent(callback(), body));
     QCOMPARE(log().mid(lines), QStringList{QLatin1String(NOT_PARSED)});
-    QCOMPARE(CapturedLog::lines().last().pieces.size(), 2);
+    QCOMPARE(CapturedLog::lines().constLast().pieces.size(), 2);
     QCOMPARE(changes, QStringList());
     QCOMPARE(manager().devices().at(0)->services.at(0)->stateVariables.size(), 1);
     VERIFY_SOON(nothingIsListed());

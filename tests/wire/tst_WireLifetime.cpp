@@ -79,6 +79,7 @@ private:
         });
     }
 
+    bool acted = false;
     QPointer<Connection> eventConnection;
     const Connection* filler = nullptr;
 };
@@ -121,17 +122,24 @@ void WireLifetimeTest::act(Action action)
     }
     case RunLoopAndRestart: {
         const auto before = device->searches.size();
-        QTimer::singleShot(0, this, [this] {
+        QTimer soon;
+        connect(&soon, &QTimer::timeout, this, [this] {
             ssdp->stop();
             ssdp->discover();
         });
+        soon.setSingleShot(true);
+        soon.start(0);
         runLoopUntil([&] { return device->searches.size() > before; });
         break;
     }
-    case RunLoopAndDelete:
-        QTimer::singleShot(0, this, [this] { ssdp.reset(); });
+    case RunLoopAndDelete: {
+        QTimer soon;
+        connect(&soon, &QTimer::timeout, this, [this] { ssdp.reset(); });
+        soon.setSingleShot(true);
+        soon.start(0);
         runLoopUntil([&] { return !alive; });
         break;
+    }
     }
 }
 
@@ -154,8 +162,8 @@ void WireLifetimeTest::hostMayActInItsSlotForADevice()
 {
     QFETCH(const int, action);
     QFETCH(const int, expectedReports);
-    bool acted = false;
-    connect(ssdp.get(), &Ssdp::discovered, this, [&] {
+    acted = false;
+    connect(ssdp.get(), &Ssdp::discovered, this, [this, action] {
         if (!acted) {
             acted = true;
             act(static_cast<Action>(action));
@@ -205,8 +213,8 @@ void WireLifetimeTest::hostMayActInItsSlotForTheTimeout_data()
 void WireLifetimeTest::hostMayActInItsSlotForTheTimeout()
 {
     QFETCH(const int, action);
-    bool acted = false;
-    connect(ssdp.get(), &Ssdp::timeoutExpired, this, [&] {
+    acted = false;
+    connect(ssdp.get(), &Ssdp::timeoutExpired, this, [this, action] {
         if (!acted) {
             acted = true;
             act(static_cast<Action>(action));

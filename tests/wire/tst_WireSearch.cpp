@@ -234,11 +234,12 @@ void WireSearchTest::onlyOneDatagramIsReadPerSignal()
 {
     QVERIFY(search());
     QList<int> foundAtSignal;
+    const QObject context;
     const QList<QUdpSocket*> sockets = ssdp->findChildren<QUdpSocket*>();
     QCOMPARE(sockets.size(), 2);
     for (const QUdpSocket* const socket : sockets) {
-        connect(socket, &QUdpSocket::readyRead, this,
-                [&foundAtSignal] { foundAtSignal << static_cast<int>(found().size()); });
+        connect(socket, &QUdpSocket::readyRead, &context,
+                [counts = &foundAtSignal] { *counts << static_cast<int>(found().size()); });
     }
     device->answer("LOCATION: http://10.77.1.1:8080/1\r\n");
     device->answer("LOCATION: http://10.77.1.1:8080/2\r\n");
@@ -262,8 +263,9 @@ void WireSearchTest::reportNamesTheSenderAndNotTheLocation()
 void WireSearchTest::announcedDeviceIsReportedWithAnIPv4Address()
 {
     QList<QHostAddress> addresses;
-    connect(ssdp.get(), &Velmora::SSDP::Ssdp::discovered, this,
-            [&addresses](int, int, const QHostAddress& address) { addresses << address; });
+    const QObject context;
+    connect(ssdp.get(), &Velmora::SSDP::Ssdp::discovered, &context,
+            [list = &addresses](int, int, const QHostAddress& address) { *list << address; });
     scriptDevice();
     QVERIFY(search());
     device->announce("NOTIFY * HTTP/1.1\r\nLOCATION: http://10.77.1.1:8080/desc.xml\r\nNTS: ssdp:alive\r\n\r\n");
