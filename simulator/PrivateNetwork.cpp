@@ -101,7 +101,7 @@ public:
             const ssize_t size = recv(descriptor, buffer, sizeof buffer, 0);
             if (size == -1)
                 fail("the link does not come up");
-            int left = static_cast<int>(size);
+            auto left = static_cast<__u32>(size);
             for (auto* message = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(message, left);
                  message = NLMSG_NEXT(message, left)) {
                 const auto* const info = static_cast<const ifinfomsg*>(NLMSG_DATA(message));
