@@ -4,11 +4,14 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/ethtool.h>
 #include <linux/rtnetlink.h>
+#include <linux/sockios.h>
 #include <memory>
 #include <net/if.h>
 #include <sched.h>
 #include <stdexcept>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -94,8 +97,9 @@ public:
     LinkEvents(const LinkEvents&) = delete;
     LinkEvents& operator=(const LinkEvents&) = delete;
 
-    void waitUntilRunning(unsigned int link)
+    void waitUntilRunning(const std::string& name)
     {
+        const int link = ask(name);
         alignas(nlmsghdr) char buffer[16384];
         for (;;) {
             const ssize_t size = recv(descriptor, buffer, sizeof buffer, 0);
@@ -105,7 +109,7 @@ public:
             for (auto* message = reinterpret_cast<nlmsghdr*>(buffer); NLMSG_OK(message, left);
                  message = NLMSG_NEXT(message, left)) {
                 const auto* const info = static_cast<const ifinfomsg*>(NLMSG_DATA(message));
-                if (message->nlmsg_type == RTM_NEWLINK && static_cast<unsigned int>(info->ifi_index) == link
+                if (message->nlmsg_type == RTM_NEWLINK && info->ifi_index == link
                     && (info->ifi_flags & IFF_RUNNING))
                     return;
             }
@@ -113,6 +117,21 @@ public:
     }
 
 private:
+    /// The index of a link. The kernel looks at its links once a second; newer ones also look at one
+    /// whose state they are asked for.
+    int ask(const std::string& name)
+    {
+        ifreq request = {};
+        name.copy(request.ifr_name, IFNAMSIZ - 1);
+        ethtool_value state = {};
+        state.cmd = ETHTOOL_GLINK;
+        request.ifr_data = reinterpret_cast<char*>(&state);
+        ioctl(descriptor, SIOCETHTOOL, &request);
+        if (ioctl(descriptor, SIOCGIFINDEX, &request) == -1)
+            fail("cannot find the link " + name);
+        return request.ifr_ifindex;
+    }
+
     int descriptor;
 };
 
@@ -159,15 +178,13 @@ void PrivateNetwork::addLink(const std::string& hostAddress, const std::string& 
     // The kernel drops, without an error, what is sent before it has noticed that both ends are up.
     LinkEvents hostEvents;
     std::unique_ptr<LinkEvents> deviceEvents;
-    unsigned int deviceLink = 0;
     {
         const Scope scope(*this, DeviceSide);
         deviceEvents = std::make_unique<LinkEvents>();
-        deviceLink = if_nametoindex(device.c_str());
     }
     run(DeviceSide, {"ip", "-batch", "-"}, batch);
-    hostEvents.waitUntilRunning(if_nametoindex(host.c_str()));
-    deviceEvents->waitUntilRunning(deviceLink);
+    hostEvents.waitUntilRunning(host);
+    deviceEvents->waitUntilRunning(device);
 
     if (!rate.empty()) {
         run(DeviceSide,
