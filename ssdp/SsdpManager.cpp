@@ -7,12 +7,14 @@
 
 #include <QtCore/QPointer>
 #include <QtCore/QUrl>
+#include <QtCore/QVector>
 #include <QtNetwork/QNetworkProxy>
 #include <QtNetwork/QNetworkRequest>
 #include <QtNetwork/QTcpSocket>
 #include <QtNetwork/QUdpSocket>
 #include <QtXml/QDomDocument>
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
 #include <utility>
@@ -408,6 +410,10 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
         connect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
         connect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
         socket->connectToHost(location.host(), static_cast<quint16>(location.port(80)), QIODevice::ReadWrite);
+        // Without a descriptor left it has failed at once, and will signal nothing: sender() would only
+        // walk it with all the others.
+        if (socket->state() == QAbstractSocket::UnconnectedState)
+            socket->disconnect(this);
         Logger(Logger::Information) << "SSDP response state variable" << name;
         element = element.nextSiblingElement(variableName);
     }
@@ -484,11 +490,23 @@ void SsdpManager::readWaitingHeads()
     // devices that takes longer than the pause in which the head of an event has to be read.
     if (sinceWaitingHeads.isValid() && sinceWaitingHeads.elapsed() < HEAD_INTERVAL)
         return;
-    sinceWaitingHeads.start();
     eventServer.waitForNewConnection(0);
+
+    // One call for all of them, however many connections somebody keeps open.
     const QList<QTcpSocket*> waiting = silentSockets;
-    for (QTcpSocket* const socket : waiting)
-        socket->waitForReadyRead(0);
+    QVector<pollfd> descriptors;
+    descriptors.reserve(waiting.size());
+    for (const QTcpSocket* const socket : waiting) {
+        const pollfd descriptor = {static_cast<int>(socket->socketDescriptor()), POLLIN, 0};
+        descriptors.append(descriptor);
+    }
+    if (poll(descriptors.data(), static_cast<nfds_t>(descriptors.size()), 0) > 0) {
+        for (int i = 0; i < descriptors.size(); ++i) {
+            if (descriptors.at(i).revents != 0)
+                waiting.at(i)->waitForReadyRead(0);
+        }
+    }
+    sinceWaitingHeads.start();
 }
 
 void SsdpManager::onResponseSocketReadyRead()
