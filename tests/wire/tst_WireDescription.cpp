@@ -48,6 +48,7 @@ private Q_SLOTS:
     void redirectIsNotFollowed();
     void framingOfTheReplyDoesNotMatter_data();
     void framingOfTheReplyDoesNotMatter();
+    void compressedReplyIsReadWhereQtBoundsIt();
     void serviceDescriptionUrlMayAnswerWithADeviceDescription();
     void locationThatAnswersWithAServiceDescriptionDoesNothing();
     void everyStateVariableHasItsOwnConnection();
@@ -434,6 +435,18 @@ void WireDescriptionTest::framingOfTheReplyDoesNotMatter()
     VERIFY_SOON(!record()->services.isEmpty());
     QCOMPARE(record()->services.size(), 1);
     QCOMPARE(log().filter(QStringLiteral("1|")), QStringList());
+}
+
+void WireDescriptionTest::compressedReplyIsReadWhereQtBoundsIt()
+{
+    // qCompress() puts the length before the zlib stream, in four bytes.
+    const QByteArray body = qCompress(deviceDescription(KEY_OBJECTS)).mid(4);
+    QVERIFY(
+        answerDescription("HTTP/1.1 200 OK\r\nCONNECTION: close\r\nCONTENT-ENCODING: deflate\r\nCONTENT-LENGTH: "
+                          + QByteArray::number(body.size()) + "\r\n\r\n" + body));
+    const bool isBounded = QT_VERSION >= QT_VERSION_CHECK(6, 2, 0);
+    QCOMPARE(!device->requestsFor("GET ").at(0).bytes.contains("Accept-Encoding: identity\r\n"), isBounded);
+    QCOMPARE(static_cast<int>(record()->services.size()), isBounded ? 1 : 0);
 }
 
 void WireDescriptionTest::serviceDescriptionUrlMayAnswerWithADeviceDescription()

@@ -46,9 +46,8 @@ const bool SANITIZED = false;
 const bool SANITIZED = false;
 #endif
 
-// What a release build keeps to is 2 s and 700 MB; what is asserted leaves room for slow machines.
+// What a release build keeps to is 2 s; what is asserted leaves room for slow machines.
 const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
-const qint64 PEAK_MEMORY = (SANITIZED ? 6000 : 2100) * Q_INT64_C(1024);
 
 const char GOOD_ADDRESS[] = "10.77.1.1";
 const int TICK = 5;
@@ -57,6 +56,15 @@ const int PATIENCE = 90 * 1000;
 int eventGap(const Attack& attack)
 {
     return SANITIZED ? qMin(attack.eventGap * 3, 9000) : attack.eventGap;
+}
+
+/// In KB, three times what a release build keeps to: 700 MB while it parses a large document, for which
+/// the good device has to pause, and 64 MB otherwise.
+qint64 peakMemory(const Attack& attack)
+{
+    if (SANITIZED)
+        return Q_INT64_C(6000) * 1024;
+    return (attack.eventGap > 1000 ? Q_INT64_C(2100) : Q_INT64_C(200)) * 1024;
 }
 
 /// The good device and the attacker of one attack.
@@ -229,10 +237,9 @@ void tst_Hostile::goodDeviceIsFound()
     QVERIFY2(measured.isDone, qPrintable(QString(QLatin1String("the attack is not done: ")) + result));
     QVERIFY2(measured.report.startsWith("done"), measured.report.constData());
     QVERIFY2(measured.foundAfter >= 0, qPrintable(result));
+    QVERIFY2(measured.longestWork < LONGEST_BLOCK, qPrintable(QString::number(measured.longestWork)));
     if (!(attack.traits & Attack::ManyRecords))
-        QVERIFY2(measured.longestWork < LONGEST_BLOCK, qPrintable(QString::number(measured.longestWork)));
-    if (!(attack.traits & Attack::ManyRecords))
-        QVERIFY2(peak < PEAK_MEMORY, qPrintable(QString::number(peak)));
+        QVERIFY2(peak < peakMemory(attack), qPrintable(QString::number(peak)));
     QVERIFY2(manager.devices().size() > attack.devices, qPrintable(result));
 
     const QByteArray seen = measured.report.mid(5);
