@@ -102,6 +102,8 @@ qint64 FinishedReply::readData(char* data, qint64 size)
     return length;
 }
 
+// The alarms of libFuzzer interrupt what waits.
+
 Peer::Peer(uint16_t port)
     : Peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), 0)
 {
@@ -109,7 +111,8 @@ Peer::Peer(uint16_t port)
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    require(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0,
+    require(TEMP_FAILURE_RETRY(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address))
+                == 0,
             "the server takes the connection");
 }
 
@@ -129,7 +132,9 @@ void Peer::send(const QByteArray& bytes)
 {
     // The library may have closed the connection already.
     if (!bytes.isEmpty()
-        && ::send(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL) < 0)
+        && TEMP_FAILURE_RETRY(
+               ::send(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL))
+            < 0)
         reset();
 }
 

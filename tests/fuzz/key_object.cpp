@@ -25,12 +25,17 @@ std::vector<std::string> fields(const std::string& text, char separator)
     return result;
 }
 
+int number(const std::string& text)
+{
+    return QString::fromStdString(text).trimmed().toInt();
+}
+
 std::vector<std::pair<int, int>> expectedReports(const std::string& value)
 {
     for (const std::string& entry : fields(value, ';')) {
         const std::vector<std::string> codes = fields(entry, ',');
         if (codes.size() == 2)
-            return {{QString::fromStdString(codes[0]).toInt(), QString::fromStdString(codes[1]).toInt()}};
+            return {{number(codes[0]), number(codes[1])}};
     }
     return {};
 }

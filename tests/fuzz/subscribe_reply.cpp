@@ -9,6 +9,7 @@
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Velmora;
 
@@ -50,7 +51,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     access.onReplyFinished(description);
     Fuzz::require(access.requestSockets().size() == 1, "the service is subscribed to");
 
-    Fuzz::Peer device = Fuzz::Peer::accepted(accept(listener, nullptr, nullptr));
+    Fuzz::Peer device = Fuzz::Peer::accepted(TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr)));
     if (data[0] & 1)
         Fuzz::settle();
     const QByteArray answer(reinterpret_cast<const char*>(data) + 2, static_cast<int>(size - 2));
