@@ -268,7 +268,8 @@ private:
                    {QStringLiteral("device"), device},
                    {QStringLiteral("direction"), sent ? QStringLiteral("out") : QStringLiteral("in")},
                    {QStringLiteral("peer"), peer},
-                   {QStringLiteral("text"), QString::fromLatin1(text)}});
+                   // With its length: Qt 5 ends a byte array's text at the zero byte that a port can put there.
+                   {QStringLiteral("text"), QString::fromLatin1(text.constData(), text.size())}});
             return;
         }
         std::printf("%.3f %s %s %s\n", static_cast<double>(clock.elapsed()) / 1000, qPrintable(device),

@@ -76,7 +76,7 @@ bool PlainConnection::send(const std::string& bytes)
 void PlainConnection::sendFor(int milliseconds, const std::string& bytes, int pause)
 {
     // A host that stops reading must not hold the attack up.
-    const timeval patience = {0, 100 * 1000};
+    const timeval patience = {0, 100000};
     setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
     while (std::chrono::steady_clock::now() < end) {

@@ -358,16 +358,23 @@ void ToolsTest::simulatorTracesAndSums()
     const QStringList lines = result.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     QJsonObject last;
     QStringList texts;
+    QString subscription;
     for (const QString& line : lines) {
         last = QJsonDocument::fromJson(line.toUtf8()).object();
         QVERIFY2(!last.isEmpty(), qPrintable(line));
         texts << last.value(QStringLiteral("direction")).toString() + QLatin1Char(' ')
                 + last.value(QStringLiteral("text")).toString().section(QLatin1Char(' '), 0, 0);
+        if (texts.last() == QStringLiteral("in SUBSCRIBE"))
+            subscription = last.value(QStringLiteral("text")).toString();
     }
     const QStringList expected = {QStringLiteral("in M-SEARCH"), QStringLiteral("in GET"),
                                   QStringLiteral("in SUBSCRIBE"), QStringLiteral("out NOTIFY")};
     for (const QString& text : expected)
         QVERIFY2(texts.contains(text), qPrintable(text));
+    // The byte 0 that stands for port 49152 is part of the message.
+    QVERIFY2(subscription.contains(QStringLiteral("HOST: 10.77.1.1:") + QChar(QChar::Null) + QLatin1Char('\n')),
+             qPrintable(subscription));
+    QVERIFY2(subscription.endsWith(QStringLiteral("TIMEOUT: Second-120\n\n")), qPrintable(subscription));
     const QJsonObject saw = last.value(QStringLiteral("saw")).toObject();
     QCOMPARE(saw.value(QStringLiteral("search")).toInt(), 1);
     QCOMPARE(saw.value(QStringLiteral("event")).toInt(), 1);
