@@ -66,9 +66,10 @@ public:
 private:
     Q_DISABLE_COPY(MulticastSocket)
 
-    bool changeMembership(int option, const QHostAddress& groupAddress, const QHostAddress& interfaceAddress);
-    bool setOption(int option, const void* value, unsigned int size);
-    bool fail();
+    Q_DECL_HIDDEN bool changeMembership(int option, const QHostAddress& groupAddress,
+                                        const QHostAddress& interfaceAddress);
+    Q_DECL_HIDDEN bool setOption(int option, const void* value, unsigned int size);
+    Q_DECL_HIDDEN bool fail();
 };
 
 } // namespace SSDP

@@ -197,11 +197,11 @@ private:
     QHash<QTcpSocket*, int> responseContentLengths;
     QHash<QTcpSocket*, QString> responseBuffers;
 
-    void readDatagram(QUdpSocket* socket);
-    QNetworkReply* get(const QString& url);
-    void readWaitingHeads();
-    void readEventHead(QTcpSocket* socket);
-    void forgetResponseSocket(QTcpSocket* socket);
+    Q_DECL_HIDDEN void readDatagram(QUdpSocket* socket);
+    Q_DECL_HIDDEN QNetworkReply* get(const QString& url);
+    Q_DECL_HIDDEN void readWaitingHeads();
+    Q_DECL_HIDDEN void readEventHead(QTcpSocket* socket);
+    Q_DECL_HIDDEN void forgetResponseSocket(QTcpSocket* socket);
 
     /// Counts the calls of clearDevices(), so that a record of an earlier discovery is known as one
     /// even when a new record has its address.
