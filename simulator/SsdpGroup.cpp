@@ -55,8 +55,10 @@ bool SsdpGroup::join(const QHostAddress& address)
                    sizeof membership)
             == -1
         && errno != EADDRINUSE) { // another device has joined on this interface
-        error = QStringLiteral("cannot join %1 on %2: %3")
-                    .arg(ADDRESS.toString(), address.toString(), QString::fromLocal8Bit(std::strerror(errno)));
+        const QString reason = errno == ENODEV
+            ? QStringLiteral("this host has no such address, ssdp-lab makes a network that has it")
+            : QString::fromLocal8Bit(std::strerror(errno));
+        error = QStringLiteral("cannot join %1 on %2: %3").arg(ADDRESS.toString(), address.toString(), reason);
         return false;
     }
     return true;

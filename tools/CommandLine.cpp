@@ -17,7 +17,10 @@ void failUsage(const QString& text)
 
 void parseArguments(QCommandLineParser& parser)
 {
-    const QCommandLineOption help = parser.addHelpOption();
+    // Not addHelpOption(): newer versions of Qt add --help-all, which only their process() answers.
+    const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
+                                  QStringLiteral("Shows this text."));
+    parser.addOption(help);
     const QCommandLineOption version = parser.addVersionOption();
     const bool parsed = parser.parse(QCoreApplication::arguments());
     if (parsed && parser.isSet(help))

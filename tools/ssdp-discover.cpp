@@ -28,6 +28,9 @@ const int NOTHING_FOUND = 1;
 
 const int PROGRESS_INTERVAL = 100;
 
+// Devices may answer for 3 s, and have to be read then.
+const int SUFFICIENT_TIMEOUT = 5000;
+
 struct Settings
 {
     int timeout = 0;
@@ -59,8 +62,8 @@ void addOptions(QCommandLineParser& parser)
     parser.setApplicationDescription(
         QStringLiteral("Finds the maker's devices on the local network and prints each once, as it reports.\n"
                        "\n"
-                       "Devices take up to 3 seconds to answer the search and then have to be read: the standard\n"
-                       "time is the library's, 5000 finds the late ones too.\n"
+                       "Devices take up to 3 seconds to answer the search and then have to be read: 5000 ms find\n"
+                       "those too that are late.\n"
                        "\n"
                        "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option."));
     const auto flag = [&parser](const char* name, const char* description) {
@@ -79,7 +82,7 @@ void addOptions(QCommandLineParser& parser)
     value("repeat", "SECONDS", "Discovers again and again, with that pause, and prints what came and went.");
     flag("all", "Prints every report, also those of a device that is known.");
     flag("json", "Prints a JSON object a line.");
-    flag("quiet", "Prints nothing.");
+    flag("quiet", "Prints neither devices nor a summary; the exit status tells.");
     flag("verbose", "Prints the library's log lines on standard error.");
 }
 
@@ -326,16 +329,25 @@ private:
                                       : QStringLiteral("%1 device%2 found").arg(found).arg(plural(found));
             text += QStringLiteral(" in %1").arg(QLatin1String(Output::seconds(clock.elapsed())));
             if (!others.empty())
-                text += QStringLiteral(", %1 left out").arg(others.size());
+                text += QStringLiteral(", %1 other%2 left out").arg(others.size()).arg(plural(others.size()));
             output.line(text);
         }
-        if (found == 0 && others.empty()) {
-            std::fputs(
-                "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
-                "The devices may be in another network: this host needs an interface in theirs.\n"
-                "The time may be too short: devices take up to 3 s to answer; try --timeout 6000.\n",
-                stderr);
-        }
+        if (found == 0 && others.empty())
+            advise();
+    }
+
+    void advise() const
+    {
+        const bool wasShort = settings.timeout < SUFFICIENT_TIMEOUT && round.elapsed() >= settings.timeout;
+        std::fputs(
+            "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
+            "The devices may be in another network: this host needs an interface in theirs.\n",
+            stderr);
+        std::fputs(
+            wasShort
+                ? "The time may be too short: try --timeout 5000, and --verbose to see how far a device came.\n"
+                : "--verbose shows whether a device has answered, and how far it came.\n",
+            stderr);
     }
 
     Settings settings;

@@ -1,5 +1,6 @@
 #include <simulator/PrivateNetwork.h>
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -32,11 +33,12 @@ Options:
   --devices N              How many devices (1); 0 leaves the device side empty.
   --first-address ADDRESS  The first device's address (10.77.1.1); the host is .0.1 of the same /16.
   --second-interface       A second pair in the next /16 (10.78.1.1), with as many devices again.
-  --rate RATE              How fast the devices may send, as tc(8) takes it (1mbit).
+  --rate RATE              How fast the devices may send, as tc(8) takes it, such as 1mbit.
   --verbose                Shows what the simulator prints, on standard error.
   -h, --help               Shows this text.
   -v, --version            Shows the version.
-Every other option goes to ssdp-simulator, whose --trace is printed on standard error.
+Every other option goes to ssdp-simulator, whose --trace is printed on standard error;
+'ssdp-simulator --help' and 'ssdp-simulator --list-faults' tell of them.
 
 Exit status: that of COMMAND, 128 and the number of the signal that ended it, 127 when there is no
 such command, 2 for a wrong option, 125 when the network or the simulator could not be set up.
@@ -115,6 +117,9 @@ Settings readSettings(const std::vector<std::string>& arguments)
     }
     if (settings.command.empty())
         failUsage("give the command after '--'");
+    in_addr address;
+    if (inet_pton(AF_INET, settings.firstAddress.c_str(), &address) != 1)
+        failUsage("'" + settings.firstAddress + "' is not an IPv4 address");
     return settings;
 }
 

@@ -85,6 +85,7 @@ private Q_SLOTS:
     void discoverLogsOnlyWhenAsked();
     void discoverPrintsWhatCameAndWent();
     void discoverEndsWithTheSummaryWhenInterrupted();
+    void discoverBlamesTheTimeOnlyWhenItRanOut();
     void discoverShowsProgressOnATerminalOnly();
     void discoverFindsDevicesOnBothInterfaces();
     void discoverFindsAHundredDevices();
@@ -143,6 +144,7 @@ void ToolsTest::labTellsOfWrongOptions()
     QCOMPARE(lab("--devices two -- true").status, 2);
     QCOMPARE(lab("--fault no-such-fault -- true").status, 2);
     QCOMPARE(lab("--first-address 10.77.0.1 -- true").status, 2);
+    QCOMPARE(lab("--first-address 300.1.1.1 -- true").status, 2);
     QCOMPARE(lab("--help").status, 0);
     QCOMPARE(lab("--version").status, 0);
 }
@@ -213,7 +215,9 @@ void ToolsTest::discoverFilters()
     const Run result = run(SSDP_LAB, fixed + filter.split(QLatin1Char(' ')));
     QCOMPARE(devicesOf(result), devices);
     QCOMPARE(result.status, devices.isEmpty() ? 1 : 0);
-    QVERIFY(result.out.contains(QStringLiteral("%1 left out").arg(3 - devices.size())));
+    const auto others = 3 - devices.size();
+    const QString word = others == 1 ? QStringLiteral("other") : QStringLiteral("others");
+    QVERIFY(result.out.contains(QStringLiteral(", %1 %2 left out\n").arg(others).arg(word)));
     QCOMPARE(result.err, QString());
 }
 
@@ -223,6 +227,7 @@ void ToolsTest::discoverAdvisesWhenNothingIsFound()
     QCOMPARE(result.status, 1);
     QVERIFY(result.out.startsWith(QStringLiteral("No device found in ")));
     QCOMPARE(result.err.count(QLatin1Char('\n')), 3);
+    QVERIFY2(result.err.contains(QStringLiteral("try --timeout 5000")), qPrintable(result.err));
     const Run quiet = lab("--devices 0 -- ssdp-discover --timeout 100 --quiet");
     QCOMPARE(quiet.status, 1);
     QCOMPARE(quiet.out + quiet.err, QString());
@@ -232,7 +237,7 @@ void ToolsTest::discoverTellsOfWrongOptions_data()
 {
     QTest::addColumn<QString>("option");
     for (const char* const option :
-         {"--no-such-option", "--timeout 0", "--timeout soon", "--count 0", "--first --count 2",
+         {"--no-such-option", "--help-all", "--timeout 0", "--timeout soon", "--count 0", "--first --count 2",
           "--repeat 1 --first", "--address 10.77", "--address 10.77.1.1/33", "--address ::1", "argument"}) {
         QTest::newRow(option) << QString::fromLatin1(option);
     }
@@ -287,6 +292,21 @@ void ToolsTest::discoverEndsWithTheSummaryWhenInterrupted()
     QVERIFY(process.readAllStandardOutput().contains("1 device found in "));
 }
 
+void ToolsTest::discoverBlamesTheTimeOnlyWhenItRanOut()
+{
+    QProcess process;
+    process.setReadChannel(QProcess::StandardError);
+    process.start(QString::fromLatin1(SSDP_LAB), words("--devices 0 -- ssdp-discover --verbose --timeout 4000"));
+    QByteArray err;
+    while (!err.contains("Ssdp Server bound") && process.waitForReadyRead(LONGEST_RUN))
+        err += process.readAllStandardError();
+    QCOMPARE(kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
+    QVERIFY(process.waitForFinished(LONGEST_RUN));
+    err += process.readAllStandardError();
+    QVERIFY2(err.contains("A firewall may "), err.constData());
+    QVERIFY2(!err.contains("The time may "), err.constData());
+}
+
 void ToolsTest::discoverShowsProgressOnATerminalOnly()
 {
     // script(1) gives it a terminal.
@@ -335,9 +355,9 @@ void ToolsTest::simulatorTellsOfWrongOptions_data()
 {
     QTest::addColumn<QString>("option");
     for (const char* const option :
-         {"--no-such-option", "--devices 0", "--first-address here", "--response-delay 5", "--response-delay 9-5",
-          "--variables KO,,B", "--fault no-such-fault", "--fault 2:error-500", "--fault error-500=1",
-          "--fault slow-http=0", "--fault die-after=birth", "argument"}) {
+         {"--no-such-option", "--help-all", "--devices 0", "--first-address here", "--response-delay 5",
+          "--response-delay 9-5", "--variables KO,,B", "--fault no-such-fault", "--fault 2:error-500",
+          "--fault error-500=1", "--fault slow-http=0", "--fault die-after=birth", "argument"}) {
         QTest::newRow(option) << QString::fromLatin1(option);
     }
 }
