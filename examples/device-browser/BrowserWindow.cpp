@@ -34,6 +34,7 @@ BrowserWindow::BrowserWindow(int timeout, QWidget* parent)
     , summary(new QLabel(this))
 {
     setWindowTitle(tr("Device browser"));
+    setMinimumSize(600, 320);
     resize(720, 360);
 
     sortedDevices->setSourceModel(devices);
@@ -94,6 +95,7 @@ BrowserWindow::BrowserWindow(int timeout, QWidget* parent)
     layout->addWidget(pages, 1);
     layout->addWidget(summary);
 
+    summary->setObjectName(QStringLiteral("summary"));
     searchButton->setText(tr("&Search"));
     showSummary();
 }
@@ -102,6 +104,7 @@ void BrowserWindow::startOrStop()
 {
     if (progressTimer.isActive()) {
         ssdp->stop();
+        isStopped = true;
         finish();
     } else {
         start();
@@ -119,6 +122,7 @@ void BrowserWindow::start()
     connect(ssdp, &Ssdp::discovered, this, &BrowserWindow::addDevice);
     connect(ssdp, &Ssdp::timeoutExpired, this, &BrowserWindow::finish);
 
+    isStopped = false;
     devices->clear();
     progress->setRange(0, timeoutField->value());
     timeoutField->setEnabled(false);
@@ -133,7 +137,7 @@ void BrowserWindow::start()
 void BrowserWindow::finish()
 {
     progressTimer.stop();
-    progress->setValue(progress->maximum());
+    progress->setValue(isStopped ? 0 : progress->maximum());
     timeoutField->setEnabled(true);
     searchButton->setText(tr("&Search"));
     showSummary();
@@ -155,9 +159,12 @@ void BrowserWindow::showSummary()
 {
     const int count = devices->rowCount();
     const bool isSearching = progressTimer.isActive();
-    pages->setCurrentIndex(count > 0 || isSearching || !ssdp ? 1 : 0);
+    const bool isComplete = ssdp && !isSearching && !isStopped;
+    pages->setCurrentIndex(isComplete && count == 0 ? 0 : 1);
     if (isSearching)
         summary->setText(tr("Searching; devices so far: %1").arg(count));
+    else if (isStopped)
+        summary->setText(tr("Stopped; devices found: %1").arg(count));
     else if (ssdp)
         summary->setText(tr("Devices found: %1").arg(count));
     else

@@ -52,6 +52,7 @@ private:
     QSortFilterProxyModel* sortedDevices;
     QElapsedTimer elapsed;
     QTimer progressTimer;
+    bool isStopped = false; ///< The last discovery ended by the button.
 
     QPushButton* searchButton;
     QSpinBox* timeoutField;

@@ -1,5 +1,16 @@
 #include "DeviceModel.h"
 
+namespace {
+
+int alignment(int column)
+{
+    const bool isNumber = column == DeviceModel::FunctionCode || column == DeviceModel::UnivocalCode
+        || column == DeviceModel::Reports;
+    return int((isNumber ? Qt::AlignRight : Qt::AlignLeft) | Qt::AlignVCenter);
+}
+
+} // namespace
+
 DeviceModel::DeviceModel(QObject* parent)
     : QAbstractTableModel(parent)
 {
@@ -45,10 +56,8 @@ QVariant DeviceModel::data(const QModelIndex& index, int role) const
     if (!index.isValid())
         return QVariant();
 
-    const bool isNumber =
-        index.column() == FunctionCode || index.column() == UnivocalCode || index.column() == Reports;
-    if (role == Qt::TextAlignmentRole && isNumber)
-        return int(Qt::AlignRight | Qt::AlignVCenter);
+    if (role == Qt::TextAlignmentRole)
+        return alignment(index.column());
     if (role != Qt::DisplayRole && role != Qt::UserRole)
         return QVariant();
 
@@ -76,6 +85,8 @@ QVariant DeviceModel::data(const QModelIndex& index, int role) const
 
 QVariant DeviceModel::headerData(int section, Qt::Orientation orientation, int role) const
 {
+    if (orientation == Qt::Horizontal && role == Qt::TextAlignmentRole)
+        return alignment(section);
     if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
         return QVariant();
     switch (section) {

@@ -5,6 +5,8 @@
 #include <QtGui/QScreen>
 #include <QtWidgets/QApplication>
 
+#include <cstdio>
+
 int main(int argc, char** argv)
 {
     QApplication application(argc, argv);
@@ -25,6 +27,8 @@ int main(int argc, char** argv)
         QObject::connect(&window, &BrowserWindow::finished, &application, [&window, file] {
             window.repaint();
             const bool saved = window.screen()->grabWindow(window.winId()).save(file);
+            if (!saved)
+                std::fprintf(stderr, "device-browser: cannot write '%s'\n", qPrintable(file));
             QCoreApplication::exit(saved ? 0 : 1);
         });
         window.startOrStop();
