@@ -5,6 +5,7 @@
 #include <ssdp/Latin1Text.h>
 #include <ssdp/MulticastSocket.h>
 
+#include <QtCore/QMap>
 #include <QtCore/QPointer>
 #include <QtCore/QUrl>
 #include <QtCore/QVector>
@@ -15,8 +16,11 @@
 #include <QtXml/QDomDocument>
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 #include <utility>
 
 namespace Velmora {
@@ -32,6 +36,12 @@ const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 // A description is a few kilobytes. A longer reply waits here, unread, for the next clearDevices().
 const qint64 REPLY_BUFFER_SIZE = Q_INT64_C(16) * 1024 * 1024;
 
+// Descriptors that are left to the rest of the process, where there are a thousand.
+const rlim_t SPARE_DESCRIPTORS = 64;
+
+// How many names of one document may hash alike. That two do is rare.
+const int MOST_NAMES_ALIKE = 64;
+
 // How often waiting heads are looked for, in milliseconds: well below the pause behind a head.
 const int HEAD_INTERVAL = 5;
 
@@ -41,6 +51,45 @@ void askForReceiveBuffer(const QUdpSocket* socket)
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
+
+/// Whether the network has had its share of the descriptors. The next thread that Qt or GLib starts aborts
+/// the process when there is none left for it.
+bool descriptorsAreScarce()
+{
+    rlimit limit = {};
+    const int lowest = eventfd(0, EFD_CLOEXEC);
+    if (lowest == -1 || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return true;
+    close(lowest);
+    return static_cast<rlim_t>(lowest) >= limit.rlim_cur - qMin(SPARE_DESCRIPTORS, limit.rlim_cur / 16);
+}
+
+/// What a document adds to a table of names. Before Qt 6, names that hash alike do so whatever the seed:
+/// thousands of them would make a list of the table, and minutes of a document.
+class NewNames
+{
+public:
+    explicit NewNames(const QHash<QString, QString>& table)
+        : table(table)
+    {
+    }
+
+    bool admit(const QString& name) { return table.contains(name) || ++alike[hash(name)] <= MOST_NAMES_ALIKE; }
+
+private:
+    static quint64 hash(const QString& name)
+    {
+#if QT_VERSION >= QT_VERSION_CHECK(5, 6, 0) && QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
+        // Without a seed it is another function than that of the table.
+        return qHash(name, static_cast<uint>(qGlobalQHashSeed()));
+#else
+        return qHash(name);
+#endif
+    }
+
+    const QHash<QString, QString>& table;
+    QMap<quint64, int> alike;
+};
 
 bool lineBeginsWith(const QString& message, int begin, int end, const QString& header)
 {
@@ -299,14 +348,15 @@ void SsdpManager::addSsdpDevice(const QHostAddress& address, const QString& loca
 
 QNetworkReply* SsdpManager::get(const QString& url)
 {
-    // Qt would open a file as it stands, and opening a pipe or a device may block or harm the host: no
-    // URL at all fails like one that nobody serves.
+    // Qt would open a file as it stands, and opening a pipe or a device may block or harm the host; what
+    // it reads by FTP, as long as it could, has no bound. No URL at all fails like one that nobody serves.
     const QUrl parsed(url);
-    QNetworkRequest request(parsed.isLocalFile() ? QUrl() : parsed);
-#if QT_VERSION < QT_VERSION_CHECK(6, 2, 0)
-    // Before it knew the ratio of an archive bomb, Qt unpacked every reply to its end: 300 KB to 300 MB.
-    request.setRawHeader("Accept-Encoding", "identity");
-#endif
+    const bool isRefused =
+        parsed.isLocalFile() || parsed.scheme() == QLatin1String("ftp") || descriptorsAreScarce();
+    QNetworkRequest request(isRefused ? QUrl() : parsed);
+    // A cookie would come back with every later request, and all of them would be searched for each.
+    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
+    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
     QNetworkReply* const reply = networkManager.get(request);
     reply->setReadBufferSize(REPLY_BUFFER_SIZE);
     return reply;
@@ -345,7 +395,8 @@ void SsdpManager::onReplyFinished(QNetworkReply* networkReply)
 
 void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
 {
-    const QString body = textUpToZero(networkReply->readAll());
+    // More than the buffer there is only of a reply that Qt has unpacked.
+    const QString body = textUpToZero(networkReply->read(REPLY_BUFFER_SIZE));
     QDomDocument document;
     if (!parseXml(document, body)) {
         Logger(Logger::Error) << "void Velmora::SSDP::SsdpManager::handleServerResponse(QNetworkReply*)"
@@ -401,11 +452,15 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
 {
     const QString variableName(QLatin1String("stateVariable"));
     const QUrl location(device->location);
+    NewNames names(service->stateVariables);
     QDomElement element = document.firstChildElement(QString(QLatin1String("scpd")))
                               .firstChildElement(QString(QLatin1String("serviceStateTable")))
                               .firstChildElement(variableName);
     while (!element.isNull()) {
         const QString name = childText(element, "name");
+        element = element.nextSiblingElement(variableName);
+        if (!names.admit(name))
+            continue;
         service->stateVariables.insert(name, QString());
 
         QTcpSocket* const socket = new QTcpSocket(this);
@@ -414,13 +469,12 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
         requestSocketServices.insert(socket, service);
         connect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
         connect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
-        socket->connectToHost(location.host(), static_cast<quint16>(location.port(80)), QIODevice::ReadWrite);
-        // Without a descriptor left it has failed at once, and will signal nothing: sender() would only
-        // walk it with all the others.
+        if (!descriptorsAreScarce())
+            socket->connectToHost(location.host(), static_cast<quint16>(location.port(80)), QIODevice::ReadWrite);
+        // Without a descriptor it will signal nothing: sender() would only walk it with all the others.
         if (socket->state() == QAbstractSocket::UnconnectedState)
             socket->disconnect(this);
         Logger(Logger::Information) << "SSDP response state variable" << name;
-        element = element.nextSiblingElement(variableName);
     }
 }
 
@@ -483,6 +537,11 @@ void SsdpManager::onNewConnection()
 {
     while (eventServer.hasPendingConnections()) {
         QTcpSocket* const socket = eventServer.nextPendingConnection();
+        if (descriptorsAreScarce()) {
+            socket->abort();
+            socket->deleteLater();
+            continue;
+        }
         connect(socket, SIGNAL(readyRead()), this, SLOT(onResponseSocketReadyRead()));
         connect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
         silentSockets.append(socket);
@@ -610,15 +669,18 @@ void SsdpManager::updateStateVariables(SsdpService* service, const QString& xml)
 
     const QPointer<SsdpManager> self(this);
     const unsigned int current = generation;
+    const SsdpDevice* const device = getDeviceForService(service);
+    NewNames names(service->stateVariables);
     const QString propertyName(QLatin1String("e:property"));
     QDomElement property =
         document.firstChildElement(QString(QLatin1String("e:propertyset"))).firstChildElement(propertyName);
     while (!property.isNull()) {
         const QDomElement variable = property.firstChildElement();
         const QString name = variable.tagName();
-        service->stateVariables.insert(name, variable.text());
-        const SsdpDevice* const device = getDeviceForService(service);
         property = property.nextSiblingElement(propertyName);
+        if (!names.admit(name))
+            continue;
+        service->stateVariables.insert(name, variable.text());
         Q_EMIT valueChanged(device, service, name);
         if (!self || generation != current)
             return;

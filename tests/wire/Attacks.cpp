@@ -1,6 +1,8 @@
 #include "Attacks.h"
 
 #include <QtCore/QByteArray>
+#include <QtCore/QHash>
+#include <QtCore/QString>
 
 #include <algorithm>
 #include <cctype>
@@ -22,6 +24,7 @@ const size_t MB = 1024 * KB;
 const size_t DOCUMENT_SIZE = 4 * MB;
 const int SHORT_GAP = 300;
 const int LONG_GAP = 6000;
+const int LONGEST_GAP = 15000;
 const char OK[] = "HTTP/1.1 200 OK\r\n";
 
 int millisecondsSince(Clock::time_point begin)
@@ -234,6 +237,97 @@ std::string sendLongEvents(Attacker& attacker)
     return times;
 }
 
+/// Sends an event that is no good device's, and waits until the host is done with it.
+std::string sendEvent(const Attacker::Callback& callback, const std::string& body)
+{
+    const auto connection = Attacker::connectTo(callback);
+    connection->send(Attacker::eventHead(callback.path, std::to_string(body.size())));
+    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
+    connection->send(body);
+    expectEnd(*connection);
+    return std::string();
+}
+
+std::string properties(const std::vector<std::string>& names)
+{
+    std::string result = "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">";
+    for (const std::string& name : names)
+        result.append("<e:property><").append(name).append("/></e:property>");
+    return result + "</e:propertyset>";
+}
+
+/// Names that Qt 5 hashes alike whatever the seed: its hash is a CRC, in which to change a set of bits
+/// changes the result by the same bits in every name. What cancels out there makes the next name.
+std::vector<std::string> namesAlike(size_t count)
+{
+    const std::string base(14, 'H');
+    const auto hash = [](const std::string& name) { return static_cast<uint>(qHash(QString::fromStdString(name), 1)); };
+    const auto changed = [&base](quint64 mask) {
+        std::string name = base;
+        // Four bits a letter that leave it one.
+        for (size_t i = 0; i < name.size() * 4; ++i) {
+            if ((mask >> i) & 1)
+                name[i / 4] = static_cast<char>(name[i / 4] ^ "\x01\x02\x04\x20"[i % 4]);
+        }
+        return name;
+    };
+    struct Change
+    {
+        uint result;
+        quint64 mask;
+    };
+    std::vector<Change> independent;
+    std::vector<quint64> cancelling;
+    for (size_t i = 0; i < base.size() * 4; ++i) {
+        const quint64 bit = Q_UINT64_C(1) << i;
+        Change change = {hash(changed(bit)) ^ hash(base), bit};
+        for (const Change& other : independent) {
+            if ((change.result ^ other.result) < change.result)
+                change = {change.result ^ other.result, change.mask ^ other.mask};
+        }
+        if (change.result == 0)
+            cancelling.push_back(change.mask);
+        else
+            independent.push_back(change);
+    }
+    std::vector<std::string> names;
+    names.reserve(count);
+    for (size_t i = 0; i < count; ++i) {
+        quint64 mask = 0;
+        for (size_t j = 0; j < cancelling.size(); ++j)
+            mask ^= ((i >> j) & 1) ? cancelling[j] : 0;
+        names.push_back(changed(mask));
+    }
+    return names;
+}
+
+std::string sendCookies(Attacker& attacker)
+{
+    const int count = 160;
+    attacker.serve("GET /many/", [](PlainConnection& connection, const std::string& request) {
+        // Each reply has names of its own: /many/NUMBER.
+        const std::string number = request.substr(10, request.find(' ', 10) - 10);
+        connection.send(Attacker::reply("<a/>", numbered("Set-Cookie: c" + number + "x", "=v\r\n", 2000)));
+    });
+    sendLocations(attacker, count, 20);
+    attacker.waitForRequests("GET /many/", count);
+    return std::string();
+}
+
+std::string useUpDescriptors(Attacker& attacker)
+{
+    const Attacker::Callback callback = attacker.beSubscribedTo();
+    // The good device's event has its connection by then; nobody else gets one.
+    std::this_thread::sleep_for(std::chrono::milliseconds(2 * SHORT_GAP));
+    std::vector<std::unique_ptr<PlainConnection>> connections;
+    for (int i = 0; i < 1100; ++i)
+        connections.push_back(Attacker::connectTo(callback));
+    attacker.waitForDatagrams();
+    connections.clear();
+    attacker.waitForDatagrams();
+    return std::string();
+}
+
 std::string connectWithoutAWord(Attacker& attacker)
 {
     const int count = 1000;
@@ -336,9 +430,14 @@ std::vector<Attack> makeAttacks()
              [](Connection& connection, const std::string&) {
                  connection.send(Attacker::reply(compressed(300 * MB), "Content-Encoding: deflate\r\n"));
                  connection.waitForEnd();
-             }),
+             },
+             // Qt 6.2 gives an archive bomb up; before, it unpacks what has come, and may wait for ever then.
+             QT_VERSION < QT_VERSION_CHECK(6, 2, 0) ? Attack::Unending | Attack::ManyRecords : 0),
         httpReply("HTTP compressed body that is no compression", Attacker::reply(body, "Content-Encoding: gzip\r\n")),
         httpReply("HTTP with 101 headers", Attacker::reply(body, numbered("X-", ": v\r\n", 905)), Attack::Quick),
+        httpReply("HTTP with 1,500 cookies", Attacker::reply(body, numbered("Set-Cookie: c", "=v\r\n", 29 * KB)),
+                  Attack::Quick),
+        {"160 HTTP replies with 95 cookies each", Attack::Quick, SHORT_GAP, 160, sendCookies},
         httpReply("HTTP with a header of 110 KB",
                   Attacker::reply(body, "X-Header: " + std::string(110 * KB, 'x') + "\r\n")),
         httpReply("HTTP redirect to itself",
@@ -348,12 +447,14 @@ std::vector<Attack> makeAttacks()
         document("Document of 4 MB, deep and well-formed",
                  [] { return root(filled("<a>", DOCUMENT_SIZE / 2) + filled("</a>", DOCUMENT_SIZE / 2)); }),
         document("Document of 4 MB, wide", [] { return root(filled("<a/>")); }, Attack::Quick),
+        {"Document of 16 MB, wide", Attack::ManyRecords | Attack::Oversized, LONGEST_GAP, 1,
+         document("", [] { return root(filled("<a/>", 16 * MB - KB)); }).run},
         document("Document of 4 MB, 128 levels again and again",
                  [] { return root(filled(repeated("<a>", 127) + repeated("</a>", 127))); }),
         document("Document of 4 MB, attributes of one element",
                  [] { return root("<a" + numbered(" a", "=\"\"") + "/>"); }, Attack::Quick),
         document("Document of 4 MB, 256 attributes for every element",
-                 [] { return root(filled("<a" + numbered(" a", "=\"\"", 1950) + "/>")); }),
+                 [] { return root(filled("<a" + numbered(" a", "=\"\"", 1938) + "/>")); }),
         document("Document of 4 MB, name-space declarations",
                  [] { return root("<a" + numbered(" xmlns:a", "=\"u\"") + "/>"); }),
         document("Document of 4 MB, comments", [] { return root(filled("<!---->")); }),
@@ -466,19 +567,21 @@ std::vector<Attack> makeAttacks()
                             connection.send("<a/>\n");
                             expectEnd(connection);
                         }),
+        {"Event of 20,000 names that Qt 5 hashes alike", Attack::Quick, LONG_GAP, 1,
+         [](Attacker& attacker) {
+             const std::string text = properties(namesAlike(20000));
+             return sendEvent(attacker.beSubscribedTo(), text);
+         }},
+        {"Event of 100,000 properties after 100,000 services", Attack::ManyRecords, LONG_GAP, 1,
+         [](Attacker& attacker) {
+             attacker.serveDocument("/d.xml", Attacker::deviceDescription(repeated("<service/>", 100000) + Attacker::keyObjectService()));
+             return sendEvent(attacker.beSubscribedTo(), properties(std::vector<std::string>(100000, "A")));
+         }},
+        {"1,100 event connections, 1,024 descriptors", Attack::Quick | Attack::FewDescriptors, 2000, 1, useUpDescriptors},
         {"1,000 event connections that stay silent", Attack::Quick, SHORT_GAP, 1, connectWithoutAWord},
         {"Event bodies of 16 and 64 MB", Attack::ManyRecords, LONG_GAP, 1, sendLongEvents},
         {"Event body of 4 MB, deep", 0, LONG_GAP, 1,
-         [](Attacker& attacker) {
-             const Attacker::Callback callback = attacker.beSubscribedTo();
-             const auto connection = Attacker::connectTo(callback);
-             const std::string text = filled("<a>");
-             connection->send(Attacker::eventHead(callback.path, std::to_string(text.size())));
-             std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-             connection->send(text);
-             expectEnd(*connection);
-             return std::string();
-         }},
+         [](Attacker& attacker) { return sendEvent(attacker.beSubscribedTo(), filled("<a>")); }},
         eventConnection("Event body length of 2147483647",
                         [](Connection& connection, const std::string& path) {
                             connection.send(Attacker::eventHead(path, "2147483647"));

@@ -16,9 +16,10 @@ struct Attack
     enum Trait {
         Quick = 0x1, ///< Part of the reduced set.
         Unending = 0x2, ///< Leaves requests that nobody ends, so nobody waits for their end.
-        ManyRecords = 0x4, ///< Says so much that what has to be kept of it is not bounded.
+        ManyRecords = 0x4, ///< Says so much that what is kept of it is not bounded.
         FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
-        Stalled = 0x10 ///< The host is busy for 400 ms once it has searched.
+        Stalled = 0x10, ///< The host is busy for 400 ms once it has searched.
+        Oversized = 0x20 ///< Longer than what the time of the host is bounded for.
     };
 
     const char* name;
