@@ -43,9 +43,12 @@ void write(Logger::Severity severity, const QByteArray& utf8)
 
 const int LONGEST_PIECE = 1024;
 
-bool breaksTheLine(ushort code)
+/// Whether it would end the line, steer a terminal, or show what follows in another order.
+bool disturbsTheLine(QChar character)
 {
-    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x2028 || code == 0x2029;
+    const QChar::Category category = character.category();
+    return category == QChar::Other_Control || category == QChar::Other_Format || category == QChar::Separator_Line
+        || category == QChar::Separator_Paragraph;
 }
 
 QString escaped(const QString& text)
@@ -54,7 +57,7 @@ QString escaped(const QString& text)
     result.reserve(text.size());
     for (const QChar character : text) {
         const ushort code = character.unicode();
-        if (!breaksTheLine(code))
+        if (!disturbsTheLine(character))
             result += character;
         else if (code == '\n')
             result += QLatin1String("\\n");

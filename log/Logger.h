@@ -23,8 +23,9 @@ namespace Log {
  * category "velmora.ssdp" (QtInfoMsg or QtCriticalMsg), which is switched off with the filter rule
  * "velmora.ssdp.info=false"; Qt 4.8 has no categories and gets QtDebugMsg or QtCriticalMsg. The
  * pieces of a line are joined by one blank. Control characters (C0, DEL, C1 and the Unicode line and
- * paragraph separators) are written as escapes, so a line stays one line whatever a device sent. Of a
- * piece longer than 1,024 characters (UTF-16 code units) the rest is left out and counted:
+ * paragraph separators) and format characters (such as those that change the direction) are written
+ * as escapes, so a line stays one line, and reads as it stands, whatever a device sent. Of a piece
+ * longer than 1,024 characters (UTF-16 code units) the rest is left out and counted:
  * "[3072 characters left out]".
  *
  * A line may be written from any thread; one object is used by one thread.

@@ -126,6 +126,8 @@ private Q_SLOTS:
         QTest::newRow("the first of C1") << QString(QChar(0x80)) << QStringLiteral("\\u0080");
         QTest::newRow("next line") << QString(QChar(0x85)) << QStringLiteral("\\u0085");
         QTest::newRow("the last of C1") << QString(QChar(0x9f)) << QStringLiteral("\\u009f");
+        QTest::newRow("a change of direction") << QString(QChar(0x202e)) << QStringLiteral("\\u202e");
+        QTest::newRow("a blank without width") << QString(QChar(0x200b)) << QStringLiteral("\\u200b");
         QTest::newRow("the line separator") << QString(QChar(0x2028)) << QStringLiteral("\\u2028");
         QTest::newRow("the paragraph separator") << QString(QChar(0x2029)) << QStringLiteral("\\u2029");
         QTest::newRow("a blank") << QStringLiteral(" a ") << QStringLiteral(" a ");
