@@ -15,6 +15,7 @@
 #include <QtNetwork/QUdpSocket>
 #include <QtXml/QDomDocument>
 
+#include <cerrno>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
@@ -56,11 +57,13 @@ void askForReceiveBuffer(const QUdpSocket* socket)
 /// the process when there is none left for it.
 bool descriptorsAreScarce()
 {
-    rlimit limit = {};
     const int lowest = eventfd(0, EFD_CLOEXEC);
-    if (lowest == -1 || getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return true;
+    if (lowest == -1)
+        return errno == EMFILE || errno == ENFILE;
     close(lowest);
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return false;
     return static_cast<rlim_t>(lowest) >= limit.rlim_cur - qMin(SPARE_DESCRIPTORS, limit.rlim_cur / 16);
 }
 
