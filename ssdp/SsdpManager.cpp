@@ -5,7 +5,6 @@
 #include <ssdp/Latin1Text.h>
 #include <ssdp/MulticastSocket.h>
 
-#include <QtCore/QMap>
 #include <QtCore/QPointer>
 #include <QtCore/QUrl>
 #include <QtCore/QVector>
@@ -91,7 +90,7 @@ private:
     }
 
     const QHash<QString, QString>& table;
-    QMap<quint64, int> alike;
+    QHash<quint64, int> alike;
 };
 
 bool lineBeginsWith(const QString& message, int begin, int end, const QString& header)

@@ -261,7 +261,9 @@ std::string properties(const std::vector<std::string>& names)
 std::vector<std::string> namesAlike(size_t count)
 {
     const std::string base(14, 'H');
-    const auto hash = [](const std::string& name) { return static_cast<uint>(qHash(QString::fromStdString(name), 1)); };
+    const auto hash = [](const std::string& name) {
+        return static_cast<uint>(qHash(QString::fromStdString(name), 1));
+    };
     const auto changed = [&base](quint64 mask) {
         std::string name = base;
         // Four bits a letter that leave it one.
