@@ -398,7 +398,8 @@ void SsdpManager::onReplyFinished(QNetworkReply* networkReply)
 void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
 {
     // More than the buffer there is only of a reply that Qt has unpacked.
-    const QString body = textUpToZero(networkReply->read(REPLY_BUFFER_SIZE));
+    const qint64 size = qMin(networkReply->bytesAvailable(), REPLY_BUFFER_SIZE);
+    const QString body = textUpToZero(networkReply->read(size));
     QDomDocument document;
     if (!parseXml(document, body)) {
         Logger(Logger::Error) << "void Velmora::SSDP::SsdpManager::handleServerResponse(QNetworkReply*)"
