@@ -321,8 +321,10 @@ std::string useUpDescriptors(Attacker& attacker)
     const Attacker::Callback callback = attacker.beSubscribedTo();
     // The good device's event has its connection by then; nobody else gets one.
     std::this_thread::sleep_for(std::chrono::milliseconds(2 * SHORT_GAP));
+    const size_t count = 1100;
     std::vector<std::unique_ptr<PlainConnection>> connections;
-    for (int i = 0; i < 1100; ++i)
+    connections.reserve(count);
+    while (connections.size() < count)
         connections.push_back(Attacker::connectTo(callback));
     attacker.waitForDatagrams();
     connections.clear();
