@@ -45,6 +45,9 @@ class MulticastSocket;
  * or expired by time. Failures are written to the log; what is malformed on the network is dropped.
  *
  * The control point's sockets and requests use no proxy, whatever the host or the environment sets.
+ * They leave the last descriptors, 64 of 1,024, to the rest of the process: meanwhile requests and
+ * subscriptions fail, and events are not accepted. Of the names in one document, 64 at most are taken
+ * that a QHash cannot tell apart by their hash.
  */
 class Q_DECL_EXPORT SsdpManager : public QObject
 {

@@ -7,10 +7,10 @@
 
 #include <QtCore/QCoreApplication>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <exception>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -97,7 +97,7 @@ qint64 FinishedReply::bytesAvailable() const
 qint64 FinishedReply::readData(char* data, qint64 size)
 {
     const qint64 length = qMin(size, static_cast<qint64>(body.size()));
-    std::memcpy(data, body.constData(), static_cast<size_t>(length));
+    std::copy_n(body.constData(), length, data);
     body.remove(0, static_cast<int>(length));
     return length;
 }

@@ -43,6 +43,21 @@ Run lab(const char* arguments)
     return run(SSDP_LAB, words(arguments));
 }
 
+/// Interrupts it once it has printed @p text. What it prints on standard error is in Run::out too.
+Run labInterruptedAfter(const char* text, const char* arguments)
+{
+    QProcess process;
+    process.setProcessChannelMode(QProcess::MergedChannels);
+    process.start(QString::fromLatin1(SSDP_LAB), words(arguments));
+    QByteArray out;
+    while (!out.contains(text) && process.waitForReadyRead(LONGEST_RUN))
+        out += process.readAll();
+    kill(static_cast<pid_t>(process.processId()), SIGINT);
+    if (!process.waitForFinished(LONGEST_RUN))
+        return {-1, QString(), process.errorString()};
+    return {process.exitCode(), QString::fromUtf8(out + process.readAll()), QString()};
+}
+
 /// The rows of a table, each as its cells without the time, in order of the address.
 QStringList devicesOf(const Run& result)
 {
@@ -281,30 +296,18 @@ void ToolsTest::discoverPrintsWhatCameAndWent()
 
 void ToolsTest::discoverEndsWithTheSummaryWhenInterrupted()
 {
-    QProcess process;
-    process.start(QString::fromLatin1(SSDP_LAB), words("--response-delay 0-0 -- ssdp-discover --timeout 3600000"));
-    QByteArray out;
-    while (!out.contains("10.77.1.1") && process.waitForReadyRead(LONGEST_RUN))
-        out += process.readAllStandardOutput();
-    QCOMPARE(kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
-    QVERIFY(process.waitForFinished(LONGEST_RUN));
-    QCOMPARE(process.exitCode(), 0);
-    QVERIFY(process.readAllStandardOutput().contains("1 device found in "));
+    const Run result = labInterruptedAfter("10.77.1.1", "--response-delay 0-0 -- ssdp-discover --timeout 3600000");
+    QCOMPARE(result.status, 0);
+    QVERIFY2(result.out.contains(QStringLiteral("1 device found in ")), qPrintable(result.out));
 }
 
 void ToolsTest::discoverBlamesTheTimeOnlyWhenItRanOut()
 {
-    QProcess process;
-    process.setReadChannel(QProcess::StandardError);
-    process.start(QString::fromLatin1(SSDP_LAB), words("--devices 0 -- ssdp-discover --verbose --timeout 4000"));
-    QByteArray err;
-    while (!err.contains("Ssdp Server bound") && process.waitForReadyRead(LONGEST_RUN))
-        err += process.readAllStandardError();
-    QCOMPARE(kill(static_cast<pid_t>(process.processId()), SIGINT), 0);
-    QVERIFY(process.waitForFinished(LONGEST_RUN));
-    err += process.readAllStandardError();
-    QVERIFY2(err.contains("A firewall may "), err.constData());
-    QVERIFY2(!err.contains("The time may "), err.constData());
+    const Run result =
+        labInterruptedAfter("Ssdp Server bound", "--devices 0 -- ssdp-discover --verbose --timeout 4000");
+    QCOMPARE(result.status, 1);
+    QVERIFY2(result.out.contains(QStringLiteral("A firewall may ")), qPrintable(result.out));
+    QVERIFY2(!result.out.contains(QStringLiteral("The time may ")), qPrintable(result.out));
 }
 
 void ToolsTest::discoverShowsProgressOnATerminalOnly()
