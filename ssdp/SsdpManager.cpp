@@ -489,8 +489,7 @@ void SsdpManager::onRequestSocketConnected()
     SsdpService* const service = requestSocketServices.value(socket);
     if (!service)
         return;
-    const QByteArray request = createSubscribeMessage(service).toLatin1();
-    socket->write(request.constData(), request.size());
+    socket->write(createSubscribeMessage(service).toLatin1());
 }
 
 QString SsdpManager::createSubscribeMessage(SsdpService* service)

@@ -283,6 +283,9 @@ void WireSearchTest::locationThatCannotBeAskedIsADeviceAllTheSame_data()
     QTest::newRow("no server") << QByteArray("http://10.77.1.1:1/desc.xml");
     QTest::newRow("a local file") << QByteArray("file:///proc/self/status");
     QTest::newRow("a local file in capitals") << QByteArray("FILE:/proc/self/status");
+    // Somebody listens there, and a client would wait for the greeting.
+    QTest::newRow("a file transfer") << QByteArray("ftp://10.77.1.1:8080/desc.xml");
+    QTest::newRow("a file transfer in capitals") << QByteArray("FTP://10.77.1.1:8080/desc.xml");
 }
 
 void WireSearchTest::locationThatCannotBeAskedIsADeviceAllTheSame()
