@@ -56,7 +56,7 @@ const int PATIENCE = 90 * 1000;
 
 int eventGap(const Attack& attack)
 {
-    return SANITIZED ? qMin(attack.eventGap * 3, qMax(attack.eventGap, 9000)) : attack.eventGap;
+    return SANITIZED ? qMax(attack.eventGap, qMin(attack.eventGap * 3, 9000)) : attack.eventGap;
 }
 
 /// In KB, three times what a release build keeps to: 700 MB while it parses a large document, for which
