@@ -1,9 +1,9 @@
 #include <ssdp/Ssdp.h>
 
 #include <log/Logger.h>
+#include <ssdp/KeyObject.h>
 #include <ssdp/SsdpManager.h>
 
-#include <QtCore/QStringList>
 #include <QtCore/QTimer>
 #include <QtNetwork/QNetworkInterface>
 
@@ -118,18 +118,10 @@ void Ssdp::parseKoValue(const SsdpDevice* device, const SsdpService* service)
     if (!service || !device)
         return;
 
-    const QStringList entries = service->stateVariables.value(KO).split(QLatin1Char(';'));
-    for (const QString& entry : entries) {
-        const QStringList codes = entry.split(QLatin1Char(','));
-        if (codes.size() != 2)
-            continue;
-        const QHostAddress address = device->address;
-        if (address.isNull())
-            continue;
-        // Trimmed, since Qt 6 takes fewer characters for blanks in a number than the others.
-        fireDiscovered(codes.at(0).trimmed().toInt(), codes.at(1).trimmed().toInt(), address);
-        return;
-    }
+    KeyObject keyObject;
+    const QHostAddress address = device->address;
+    if (!address.isNull() && readKeyObject(service->stateVariables.value(KO), &keyObject))
+        fireDiscovered(keyObject.functionCode, keyObject.univocalCode, address);
 }
 
 void Ssdp::fireDiscovered(int functionCode, int univocalCode, const QHostAddress& deviceAddress)

@@ -110,10 +110,11 @@ private:
     void parseKoValue(const SsdpDevice* device, const SsdpService* service);
     void fireDiscovered(int functionCode, int univocalCode, const QHostAddress& deviceAddress);
 
-    QList<SsdpManager*> managers;
-    int state;
-    QTimer* timer;
-    int timeout;
+    QList<SsdpManager*> managers; ///< One per local address, chosen at the first discovery. Children.
+    int state; ///< 0: idle; 3: a discovery is running.
+    QTimer* timer; ///< The time-out. Not single-shot: stop() stops it. A child.
+    int timeout; ///< In milliseconds.
+    /// Not used. It stays because it belongs to the layout that hosts were compiled against.
     QList<QHostAddress> addresses;
 };
 

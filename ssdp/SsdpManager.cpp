@@ -2,25 +2,22 @@
 
 #include <log/Logger.h>
 #include <ssdp/BoundedXml.h>
+#include <ssdp/Documents.h>
+#include <ssdp/HttpFetcher.h>
 #include <ssdp/Latin1Text.h>
 #include <ssdp/MulticastSocket.h>
+#include <ssdp/NameBound.h>
+#include <ssdp/Protocol.h>
 
 #include <QtCore/QPointer>
 #include <QtCore/QUrl>
-#include <QtCore/QVector>
 #include <QtNetwork/QNetworkProxy>
 #include <QtNetwork/QNetworkRequest>
 #include <QtNetwork/QTcpSocket>
 #include <QtNetwork/QUdpSocket>
 #include <QtXml/QDomDocument>
 
-#include <cerrno>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
-#include <unistd.h>
 #include <utility>
 
 namespace Velmora {
@@ -33,91 +30,45 @@ namespace {
 // A thousand devices answer one search within seconds; the kernel's default holds some 280 answers.
 const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 
-// A description is a few kilobytes. A longer reply waits here, unread, for the next clearDevices().
-const qint64 REPLY_BUFFER_SIZE = Q_INT64_C(16) * 1024 * 1024;
+// What a connection keeps that nobody reads any more.
+const int UNREAD_BUFFER_SIZE = 64 * 1024;
 
-// Descriptors that are left to the rest of the process, where there are a thousand.
-const rlim_t SPARE_DESCRIPTORS = 64;
-
-// How many names of one document may hash alike. That two do is rare.
-const int MOST_NAMES_ALIKE = 64;
-
-// How often waiting heads are looked for, in milliseconds: well below the pause behind a head.
-const int HEAD_INTERVAL = 5;
-
-void askForReceiveBuffer(const QUdpSocket* socket)
+void enlargeReceiveBuffer(const QUdpSocket* socket)
 {
     // The kernel grants no more than net.core.rmem_max, and refuses a socket without a descriptor.
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
 
-/// Whether the network has had its share of the descriptors. The next thread that Qt or GLib starts aborts
-/// the process when there is none left for it.
-bool descriptorsAreScarce()
-{
-    const int lowest = eventfd(0, EFD_CLOEXEC);
-    if (lowest == -1)
-        return errno == EMFILE || errno == ENFILE;
-    close(lowest);
-    rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
-        return false;
-    return static_cast<rlim_t>(lowest) >= limit.rlim_cur - qMin(SPARE_DESCRIPTORS, limit.rlim_cur / 16);
-}
-
-/// What a document adds to a table of names. Before Qt 6, names that hash alike do so whatever the seed:
-/// thousands of them would make a list of the table, and minutes of a document.
-class NewNames
-{
-public:
-    explicit NewNames(const QHash<QString, QString>& table)
-        : table(table)
-    {
-    }
-
-    bool admit(const QString& name) { return table.contains(name) || ++alike[hash(name)] <= MOST_NAMES_ALIKE; }
-
-private:
-    static quint64 hash(const QString& name)
-    {
-#if QT_VERSION >= QT_VERSION_CHECK(5, 6, 0) && QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-        // Without a seed it is another function than that of the table.
-        return qHash(name, static_cast<uint>(qGlobalQHashSeed()));
-#else
-        return qHash(name);
-#endif
-    }
-
-    const QHash<QString, QString>& table;
-    QHash<quint64, int> alike;
-};
-
-bool lineBeginsWith(const QString& message, int begin, int end, const QString& header)
-{
-    if (end - begin < header.size())
-        return false;
-    for (int i = 0; i < header.size(); ++i) {
-        if (message.at(begin + i).toCaseFolded() != header.at(i).toCaseFolded())
-            return false;
-    }
-    return true;
-}
-
-QString childText(const QDomNode& parent, const char* name)
-{
-    return parent.firstChildElement(QLatin1String(name)).text();
-}
-
 } // namespace
 
-const QHostAddress SsdpManager::MULTICAST_GROUP_ADDRESS(QString(QLatin1String("239.255.255.250")));
-const QString SsdpManager::DEVICE_FILTER(QLatin1String("urn:schemas-upnp-org:device"));
-const QString SsdpManager::SERVICE_FILTER(QLatin1String("urn:schemas-upnp-org:service"));
-const QString SsdpManager::VELMORA_DEVICE_FILTER(QLatin1String("urn:schemas-velmora-it:device:"));
-const QString SsdpManager::VELMORA_SERVICE_FILTER(QLatin1String("urn:schemas-velmora-it:service:keyobjects:1"));
+const QHostAddress SsdpManager::MULTICAST_GROUP_ADDRESS(QString(QLatin1String(Protocol::GROUP_ADDRESS)));
+const QString SsdpManager::DEVICE_FILTER(QLatin1String(Protocol::DEVICE_NAMESPACE));
+const QString SsdpManager::SERVICE_FILTER(QLatin1String(Protocol::SERVICE_NAMESPACE));
+const QString SsdpManager::VELMORA_DEVICE_FILTER(QLatin1String(Protocol::DEVICE_TYPE));
+const QString SsdpManager::VELMORA_SERVICE_FILTER(QLatin1String(Protocol::KEY_OBJECT_SERVICE_TYPE));
 
 // Lifecycle
+
+SsdpManager::NetworkManager::NetworkManager()
+    : fetcher(new HttpFetcher)
+{
+}
+
+SsdpManager::NetworkManager::~NetworkManager()
+{
+    delete fetcher;
+}
+
+QNetworkReply* SsdpManager::NetworkManager::createRequest(Operation operation, const QNetworkRequest& request,
+                                                          QIODevice* outgoingData)
+{
+    if (operation != GetOperation)
+        return QNetworkAccessManager::createRequest(operation, request, outgoingData);
+    QNetworkReply* const reply = fetcher->get(request);
+    reply->setParent(this);
+    return reply;
+}
 
 SsdpManager::SsdpManager(const QHostAddress& address, QObject* parent)
     : QObject(parent)
@@ -126,41 +77,28 @@ SsdpManager::SsdpManager(const QHostAddress& address, QObject* parent)
     , unicastSocket(nullptr)
     , generation(0)
 {
-    networkManager.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    // Qt 6 follows redirects unless told otherwise; a device is described by its own location only.
-    networkManager.setRedirectPolicy(QNetworkRequest::ManualRedirectPolicy);
-#endif
     eventServer.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     connect(&networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(onReplyFinished(QNetworkReply*)));
     connect(&eventServer, SIGNAL(newConnection()), this, SLOT(onNewConnection()));
+#if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
+    // From Qt 5 on, a server that finds no descriptor for a connection pauses. It keeps the first error
+    // that it met, so it may pause again after every connection from then on.
+    connect(&eventServer, &QTcpServer::acceptError, &eventServer, &QTcpServer::resumeAccepting);
+#endif
 }
 
 SsdpManager::~SsdpManager()
 {
-    // The members below still signal while they are destroyed, when no slot may run any more.
+    stop();
+
+    // The members and children still signal while they are destroyed, when no slot may run any more.
     disconnect(&networkManager, nullptr, this, nullptr);
     disconnect(&eventServer, nullptr, this, nullptr);
-    for (QTcpSocket* const socket : std::as_const(silentSockets))
-        disconnect(socket, nullptr, this, nullptr);
-
-    if (multicastSocket) {
-        multicastSocket->leaveMulticastGroup(MULTICAST_GROUP_ADDRESS, localAddress);
-        multicastSocket->close();
-        delete multicastSocket;
-        multicastSocket = nullptr;
-    }
-    if (unicastSocket) {
-        unicastSocket->close();
-        delete unicastSocket;
-        unicastSocket = nullptr;
-    }
     eventServer.close();
-    for (QTcpSocket* const socket : std::as_const(requestSockets)) {
-        disconnect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
-        disconnect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
-        disconnect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
-    }
+    for (QObject* const connection : eventServer.children())
+        disconnect(connection, nullptr, this, nullptr);
+    for (QTcpSocket* const socket : std::as_const(requestSockets))
+        disconnect(socket, nullptr, this, nullptr);
     qDeleteAll(devices);
 }
 
@@ -174,22 +112,23 @@ void SsdpManager::initialize()
     connect(multicastSocket, SIGNAL(readyRead()), this, SLOT(onMulticastMessageReceived()));
     connect(unicastSocket, SIGNAL(readyRead()), this, SLOT(onUnicastMessageReceived()));
 
-    if (!multicastSocket->bind(1900)) {
+    if (!multicastSocket->bind(Protocol::SSDP_PORT)) {
         Logger(Logger::Error) << signature << "Failed to bind multicast socket for listening";
         return;
     }
-    askForReceiveBuffer(multicastSocket);
+    enlargeReceiveBuffer(multicastSocket);
     if (!multicastSocket->joinMulticastGroup(MULTICAST_GROUP_ADDRESS, localAddress)) {
+        // The grave accents are part of the text, as docs/protocol.md, "Log lines", says: it is required.
         const QString text(QLatin1String("Could n``ot join %1"));
         Logger(Logger::Error) << signature << text.arg(MULTICAST_GROUP_ADDRESS.toString());
         return;
     }
 
-    // The socket above takes port 1900 of every address, so the search goes out from 49152 as a rule.
-    bool bound = unicastSocket->bind(localAddress, 1900);
-    for (quint16 port = 49152; !bound && port < 65535; ++port)
-        bound = unicastSocket->bind(localAddress, port);
-    askForReceiveBuffer(unicastSocket);
+    // The socket above takes port 1900 of every address, so the search leaves from 49152 as a rule.
+    bool bound = unicastSocket->bind(localAddress, Protocol::SSDP_PORT);
+    for (int port = Protocol::FIRST_SEARCH_PORT; !bound && port <= Protocol::LAST_SEARCH_PORT; ++port)
+        bound = unicastSocket->bind(localAddress, static_cast<quint16>(port));
+    enlargeReceiveBuffer(unicastSocket);
 
     // A server that listens already keeps its port, and Qt would warn of the call.
     if (!eventServer.isListening() && eventServer.listen(localAddress, 0)) {
@@ -221,22 +160,21 @@ void SsdpManager::stop()
 void SsdpManager::clearDevices()
 {
     ++generation;
+    networkManager.fetcher->guard.reset();
 
-    // Every pending reply is for a device, also those for a service.
+    // Every pending request is for a device, including those for a service description.
     const QList<QNetworkReply*> replies = deviceReplies.keys();
     deviceReplies.clear();
     serviceReplies.clear();
     for (QNetworkReply* const reply : replies) {
-        // abort() says finished() itself, and some replies have it queued already.
-        reply->disconnect(SIGNAL(finished()));
+        reply->disconnect();
         reply->abort();
         reply->deleteLater();
     }
 
     for (auto it = requestSocketServices.begin(); it != requestSocketServices.end(); ++it) {
         it.value() = nullptr;
-        // Nobody reads this connection any more, so nothing of it is kept in memory either.
-        it.key()->setReadBufferSize(1);
+        it.key()->setReadBufferSize(UNREAD_BUFFER_SIZE);
     }
 
     qDeleteAll(devices);
@@ -260,29 +198,22 @@ void SsdpManager::discover()
 {
     if (!unicastSocket)
         return;
-    unicastSocket->writeDatagram(createSearchMessage().toLatin1(), MULTICAST_GROUP_ADDRESS, 1900);
+    unicastSocket->writeDatagram(createSearchMessage().toLatin1(), MULTICAST_GROUP_ADDRESS, Protocol::SSDP_PORT);
 }
 
 QString SsdpManager::createSearchMessage()
 {
-    QString message;
-    message += QLatin1String("M-SEARCH * HTTP/1.1\n");
-    message += QString(QLatin1String("HOST: %1:1900\n")).arg(MULTICAST_GROUP_ADDRESS.toString());
-    message += QLatin1String("MAN: \"ssdp:discover\"\n");
-    message += QLatin1String("MX: 3\n");
-    message += QLatin1String("ST: upnp:rootdevice\n");
-    message += QString(QLatin1String("USER-AGENT: %1 UPnP/1.1 SSDP/1.0\n")).arg(getSystemInfo());
-    message += QLatin1String("\n");
-    return message;
+    return Protocol::searchMessage();
 }
 
 QString SsdpManager::getSystemInfo()
 {
-    utsname system;
-    if (uname(&system) != 0)
-        return QString(QLatin1String("Undefined/-1"));
-    return QString(QLatin1String("%1/%2"))
-        .arg(QString::fromLatin1(system.sysname), QString::fromLatin1(system.release));
+    return Protocol::systemInfo();
+}
+
+QString SsdpManager::getHeaderValue(const QString& message, const QString& header)
+{
+    return Protocol::headerValue(message, header);
 }
 
 void SsdpManager::onMulticastMessageReceived()
@@ -300,8 +231,8 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
     if (!socket)
         return;
 
-    // The socket signals again only once it was read: one read a call, whatever its size is said to
-    // be, -1 included.
+    // QUdpSocket emits readyRead() again only after a read, so exactly one datagram is read, even if its
+    // size is said to be -1.
     const qint64 size = socket->pendingDatagramSize();
     QByteArray datagram(static_cast<int>(size) + 1, '\0');
     QHostAddress address;
@@ -311,25 +242,6 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
     const QString location = getHeaderValue(textUpToZero(datagram), QString(QLatin1String("Location")));
     if (!location.isEmpty())
         addSsdpDevice(address, location);
-}
-
-QString SsdpManager::getHeaderValue(const QString& message, const QString& header)
-{
-    // No list of lines: a message of nothing but line feeds would make a million of them.
-    int end = -1;
-    while (end < message.size()) {
-        const int begin = end + 1;
-        end = static_cast<int>(message.indexOf(QLatin1Char('\n'), begin));
-        if (end == -1)
-            end = static_cast<int>(message.size());
-
-        if (!lineBeginsWith(message, begin, end, header))
-            continue;
-        const int colon = static_cast<int>(message.indexOf(QLatin1Char(':'), begin));
-        if (colon > begin && colon < end)
-            return message.mid(colon + 1, end - colon - 1).trimmed();
-    }
-    return QString();
 }
 
 void SsdpManager::addSsdpDevice(const QHostAddress& address, const QString& location)
@@ -345,46 +257,20 @@ void SsdpManager::addSsdpDevice(const QHostAddress& address, const QString& loca
     device->id = QUuid::createUuid();
     devices.append(device);
     Logger(Logger::Information) << "Ssdp device" << location;
-    deviceReplies.insert(get(location), device);
+    deviceReplies.insert(requestDocument(location), device);
 }
 
-QNetworkReply* SsdpManager::get(const QString& url)
-{
-    // Qt would open a file as it stands, and opening a pipe or a device may block or harm the host; what
-    // it reads by FTP, as long as it could, has no bound. No URL at all fails like one that nobody serves.
-    const QUrl parsed(url);
-    const bool isRefused =
-        parsed.isLocalFile() || parsed.scheme() == QLatin1String("ftp") || descriptorsAreScarce();
-    QNetworkRequest request(isRefused ? QUrl() : parsed);
-    // A cookie would come back with every later request, and all of them would be searched for each.
-    request.setAttribute(QNetworkRequest::CookieLoadControlAttribute, QNetworkRequest::Manual);
-    request.setAttribute(QNetworkRequest::CookieSaveControlAttribute, QNetworkRequest::Manual);
-    QNetworkReply* const reply = networkManager.get(request);
-    reply->setReadBufferSize(REPLY_BUFFER_SIZE);
-    return reply;
-}
+// Description
 
-QString SsdpManager::getHost(const QString& url) const
+QNetworkReply* SsdpManager::requestDocument(const QString& url)
 {
-    const QUrl parsed(url);
-    const char port = static_cast<char>(parsed.port(80));
-    return parsed.host() + QLatin1Char(':') + QString::fromLatin1(&port, 1);
-}
-
-QString SsdpManager::getSubLocation(const QString& path) const
-{
-    const QLatin1Char slash('/');
-    return path.startsWith(slash) ? path : slash + path;
+    return networkManager.get(QNetworkRequest(QUrl(url)));
 }
 
 QString SsdpManager::getFullLocation(const QString& location, const QString& path) const
 {
-    const QLatin1String scheme("http://");
-    const int authority = location.startsWith(scheme) ? 7 : 0;
-    return location.left(location.indexOf(QLatin1Char('/'), authority)) + getSubLocation(path);
+    return Protocol::fullLocation(location, path);
 }
-
-// Description
 
 void SsdpManager::onReplyFinished(QNetworkReply* networkReply)
 {
@@ -392,14 +278,11 @@ void SsdpManager::onReplyFinished(QNetworkReply* networkReply)
     deviceReplies.remove(networkReply);
     serviceReplies.remove(networkReply);
     networkReply->deleteLater();
-    readWaitingHeads();
 }
 
 void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
 {
-    // More than the buffer there is only of a reply that Qt has unpacked.
-    const qint64 size = qMin(networkReply->bytesAvailable(), REPLY_BUFFER_SIZE);
-    const QString body = textUpToZero(networkReply->read(size));
+    const QString body = textUpToZero(networkReply->readAll());
     QDomDocument document;
     if (!parseXml(document, body)) {
         Logger(Logger::Error) << "void Velmora::SSDP::SsdpManager::handleServerResponse(QNetworkReply*)"
@@ -407,45 +290,40 @@ void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
         return;
     }
 
-    QDomElement root = document.firstChildElement(QString(QLatin1String("root")));
-    if (root.isNull())
-        root = document.firstChildElement(QString(QLatin1String("scpd")));
-    const QString xmlns = root.attribute(QString(QLatin1String("xmlns")));
-
     // The document decides, not the request: a service description may be answered by a device's.
     SsdpDevice* const device = deviceReplies.value(networkReply);
     SsdpService* const service = serviceReplies.value(networkReply);
-    if (xmlns.startsWith(DEVICE_FILTER)) {
+    switch (Documents::kindOf(document)) {
+    case Documents::DeviceDescription:
         if (device)
             handleDeviceResponse(device, document);
-    } else if (xmlns.startsWith(SERVICE_FILTER)) {
+        break;
+    case Documents::ServiceDescription:
         if (device && service)
             handleServiceResponse(device, service, document);
+        break;
+    case Documents::Other:
+        break;
     }
 }
 
 void SsdpManager::handleDeviceResponse(SsdpDevice* device, const QDomDocument& document)
 {
-    const QString serviceName(QLatin1String("service"));
-    QDomElement element = document.firstChildElement(QString(QLatin1String("root")))
-                              .firstChildElement(QString(QLatin1String("device")))
-                              .firstChildElement(QString(QLatin1String("serviceList")))
-                              .firstChildElement(serviceName);
-    while (!element.isNull()) {
+    const QList<Documents::Service> described = Documents::services(document);
+    for (const Documents::Service& description : described) {
         SsdpService* const service = new SsdpService;
         service->id = QUuid::createUuid();
-        service->serviceType = childText(element, "serviceType");
-        service->serviceId = childText(element, "serviceId");
-        service->controlUrl = childText(element, "controlURL");
-        service->eventSubUrl = childText(element, "eventSubURL");
-        service->scpdUrl = childText(element, "SCPDURL");
+        service->serviceType = description.type;
+        service->serviceId = description.id;
+        service->controlUrl = description.controlUrl;
+        service->eventSubUrl = description.eventSubUrl;
+        service->scpdUrl = description.scpdUrl;
         device->services.append(service);
-        element = element.nextSiblingElement(serviceName);
         Logger(Logger::Information) << "SSDP Device service" << service->scpdUrl;
 
         if (service->serviceType != VELMORA_SERVICE_FILTER)
             continue;
-        QNetworkReply* const reply = get(getFullLocation(device->location, service->scpdUrl));
+        QNetworkReply* const reply = requestDocument(getFullLocation(device->location, service->scpdUrl));
         deviceReplies.insert(reply, device);
         serviceReplies.insert(reply, service);
     }
@@ -453,16 +331,14 @@ void SsdpManager::handleDeviceResponse(SsdpDevice* device, const QDomDocument& d
 
 void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service, const QDomDocument& document)
 {
-    const QString variableName(QLatin1String("stateVariable"));
     const QUrl location(device->location);
-    NewNames names(service->stateVariables);
-    QDomElement element = document.firstChildElement(QString(QLatin1String("scpd")))
-                              .firstChildElement(QString(QLatin1String("serviceStateTable")))
-                              .firstChildElement(variableName);
-    while (!element.isNull()) {
-        const QString name = childText(element, "name");
-        element = element.nextSiblingElement(variableName);
-        if (!names.admit(name))
+    const QString host = location.host();
+    const quint16 port = static_cast<quint16>(location.port(Protocol::HTTP_PORT));
+    NameBound bound(service->stateVariables);
+    const QStringList names = Documents::stateVariables(document);
+    // One subscription per variable, as docs/protocol.md, "Service description", says: it is required.
+    for (const QString& name : names) {
+        if (!bound.admits(name))
             continue;
         service->stateVariables.insert(name, QString());
 
@@ -472,9 +348,8 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
         requestSocketServices.insert(socket, service);
         connect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
         connect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
-        if (!descriptorsAreScarce())
-            socket->connectToHost(location.host(), static_cast<quint16>(location.port(80)), QIODevice::ReadWrite);
-        // Without a descriptor it will signal nothing: sender() would only walk it with all the others.
+        networkManager.fetcher->guard.connectToHost(socket, host, port);
+        // It will not signal any more, and sender() would walk it with all the others.
         if (socket->state() == QAbstractSocket::UnconnectedState)
             socket->disconnect(this);
         Logger(Logger::Information) << "SSDP response state variable" << name;
@@ -487,9 +362,9 @@ void SsdpManager::onRequestSocketConnected()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
-    if (!service)
-        return;
-    socket->write(createSubscribeMessage(service).toLatin1());
+    // The descriptor of a connection to a name is known only now.
+    if (service && networkManager.fetcher->guard.admits(socket))
+        socket->write(createSubscribeMessage(service).toLatin1());
 }
 
 QString SsdpManager::createSubscribeMessage(SsdpService* service)
@@ -497,36 +372,32 @@ QString SsdpManager::createSubscribeMessage(SsdpService* service)
     const SsdpDevice* const device = getDeviceForService(service);
     if (!device)
         return QString();
+    const Protocol::Callback callback = {eventServer.serverAddress(), eventServer.serverPort(), service->id};
+    return Protocol::subscribeMessage(service->eventSubUrl, device->location, callback);
+}
 
-    QString id = service->id.toString();
-    id.replace(QLatin1String("{"), QLatin1String(""));
-    id.replace(QLatin1String("}"), QLatin1String(""));
+QString SsdpManager::getHost(const QString& url) const
+{
+    return Protocol::hostValue(url);
+}
 
-    QString message;
-    message += QString(QLatin1String("SUBSCRIBE %1 HTTP/1.1\n")).arg(getSubLocation(service->eventSubUrl));
-    message += QString(QLatin1String("HOST: %1\n")).arg(getHost(device->location));
-    message += QString(QLatin1String("USER-AGENT: %1 UPnP/1.1 SSDP/1.0\n")).arg(getSystemInfo());
-    // "%4" goes out as it stands: devices send it back in the path of their events.
-    message += QString(QLatin1String("CALLBACK: <http://%1:%2/%3_%4>\n"))
-                   .arg(eventServer.serverAddress().toString())
-                   .arg(eventServer.serverPort())
-                   .arg(id);
-    message += QLatin1String("NT: upnp:event\n");
-    message += QLatin1String("TIMEOUT: Second-120\n");
-    message += QLatin1String("\n");
-    return message;
+QString SsdpManager::getSubLocation(const QString& path) const
+{
+    return Protocol::subLocation(path);
 }
 
 void SsdpManager::onRequestSocketReadyRead()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
-    if (!service)
+    if (!service) {
+        // Its reply stays unread. With a full buffer, though, Qt would not see that the peer closes.
+        if (socket && socket->bytesAvailable() >= UNREAD_BUFFER_SIZE)
+            socket->readAll();
         return;
+    }
 
-    QString sid = getHeaderValue(textUpToZero(socket->readAll()), QString(QLatin1String("SID")));
-    service->subscriptionId = QUuid(sid.remove(QLatin1String("uuid:")));
-
+    service->subscriptionId = Protocol::subscriptionIdentifier(textUpToZero(socket->readAll()));
     socket->disconnectFromHost();
     requestSockets.removeOne(socket);
     requestSocketServices.remove(socket);
@@ -539,40 +410,10 @@ void SsdpManager::onNewConnection()
 {
     while (eventServer.hasPendingConnections()) {
         QTcpSocket* const socket = eventServer.nextPendingConnection();
-        if (descriptorsAreScarce()) {
-            socket->abort();
-            socket->deleteLater();
-            continue;
-        }
         connect(socket, SIGNAL(readyRead()), this, SLOT(onResponseSocketReadyRead()));
         connect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
-        silentSockets.append(socket);
+        networkManager.fetcher->guard.admits(socket);
     }
-}
-
-void SsdpManager::readWaitingHeads()
-{
-    // Qt hands over all that its HTTP thread has ready before it looks at a socket again. With many
-    // devices that takes longer than the pause in which the head of an event has to be read.
-    if (sinceWaitingHeads.isValid() && sinceWaitingHeads.elapsed() < HEAD_INTERVAL)
-        return;
-    eventServer.waitForNewConnection(0);
-
-    // One call for all of them, however many connections somebody keeps open.
-    const QList<QTcpSocket*> waiting = silentSockets;
-    QVector<pollfd> descriptors;
-    descriptors.reserve(waiting.size());
-    for (const QTcpSocket* const socket : waiting) {
-        const pollfd descriptor = {static_cast<int>(socket->socketDescriptor()), POLLIN, 0};
-        descriptors.append(descriptor);
-    }
-    if (poll(descriptors.data(), static_cast<nfds_t>(descriptors.size()), 0) > 0) {
-        for (int i = 0; i < descriptors.size(); ++i) {
-            if (descriptors.at(i).revents != 0)
-                waiting.at(i)->waitForReadyRead(0);
-        }
-    }
-    sinceWaitingHeads.start();
 }
 
 void SsdpManager::onResponseSocketReadyRead()
@@ -594,31 +435,24 @@ void SsdpManager::onResponseSocketReadyRead()
     }
     QString& buffer = responseBuffers[socket];
     buffer += textUpToZero(socket->readAll());
+    // One character short is enough, as docs/protocol.md, "Event", says: it is required.
     if (buffer.size() < contentLength - 1)
         return;
 
-    // A receiver of valueChanged() may run an event loop or let this object go, while the socket is
-    // still inside its readyRead(): until it returns, nobody else deletes the socket.
-    const QPointer<SsdpManager> self(this);
+    // A receiver of valueChanged() may delete this object, or run an event loop while the peer still
+    // sends. Nobody else deletes the socket while it is inside its readyRead().
     const QString body = buffer;
-    disconnect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
+    forgetResponseSocket(socket);
     socket->setParent(nullptr);
+    socket->setReadBufferSize(UNREAD_BUFFER_SIZE);
     updateStateVariables(service, body);
-    if (!self) {
-        socket->deleteLater();
-        return;
-    }
-    socket->setParent(&eventServer);
-    connect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
-    if (socket->state() == QAbstractSocket::UnconnectedState)
-        forgetResponseSocket(socket);
-    else
-        socket->disconnectFromHost();
+    socket->disconnectFromHost();
+    socket->deleteLater();
 }
 
 void SsdpManager::readEventHead(QTcpSocket* socket)
 {
-    silentSockets.removeOne(socket);
+    // What has come with the head is dropped, as docs/protocol.md, "Event", says: it is required.
     const QString header = textUpToZero(socket->readAll());
     SsdpService* const service = getServiceFromHeader(header);
     const QString contentLength = getHeaderValue(header, QString(QLatin1String("CONTENT-LENGTH")));
@@ -637,15 +471,9 @@ void SsdpManager::readEventHead(QTcpSocket* socket)
 
 SsdpService* SsdpManager::getServiceFromHeader(const QString& header)
 {
-    const QLatin1Char blank(' ');
-    const QString line = header.left(header.indexOf(QLatin1Char('\n')));
-    const int first = static_cast<int>(line.indexOf(blank));
-    if (first == -1)
+    QUuid id;
+    if (!Protocol::readEventIdentifier(header, &id))
         return nullptr;
-    const int second = static_cast<int>(line.indexOf(blank, first + 1));
-    QString path = line.mid(first + 1, second == -1 ? -1 : second - first - 1);
-    const QUuid id(path.remove(QLatin1Char('/')));
-
     for (const SsdpDevice* const device : std::as_const(devices)) {
         for (SsdpService* const service : std::as_const(device->services)) {
             if (service->id == id)
@@ -669,21 +497,17 @@ void SsdpManager::updateStateVariables(SsdpService* service, const QString& xml)
         return;
     }
 
+    // A receiver may delete this object, or begin another discovery, which deletes the records.
     const QPointer<SsdpManager> self(this);
     const unsigned int current = generation;
     const SsdpDevice* const device = getDeviceForService(service);
-    NewNames names(service->stateVariables);
-    const QString propertyName(QLatin1String("e:property"));
-    QDomElement property =
-        document.firstChildElement(QString(QLatin1String("e:propertyset"))).firstChildElement(propertyName);
-    while (!property.isNull()) {
-        const QDomElement variable = property.firstChildElement();
-        const QString name = variable.tagName();
-        property = property.nextSiblingElement(propertyName);
-        if (!names.admit(name))
+    NameBound bound(service->stateVariables);
+    const QList<Documents::Property> properties = Documents::properties(document);
+    for (const Documents::Property& property : properties) {
+        if (!bound.admits(property.name))
             continue;
-        service->stateVariables.insert(name, variable.text());
-        Q_EMIT valueChanged(device, service, name);
+        service->stateVariables.insert(property.name, property.value);
+        Q_EMIT valueChanged(device, service, property.name);
         if (!self || generation != current)
             return;
     }
@@ -691,19 +515,20 @@ void SsdpManager::updateStateVariables(SsdpService* service, const QString& xml)
 
 void SsdpManager::onResponseSocketDisconnected()
 {
-    forgetResponseSocket(qobject_cast<QTcpSocket*>(sender()));
+    QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
+    if (!socket)
+        return;
+    forgetResponseSocket(socket);
+    socket->deleteLater();
 }
 
 void SsdpManager::forgetResponseSocket(QTcpSocket* socket)
 {
-    if (!socket)
-        return;
-    silentSockets.removeOne(socket);
+    socket->disconnect(this);
     requestSockets.removeOne(socket);
     requestSocketServices.remove(socket);
     responseContentLengths.remove(socket);
     responseBuffers.remove(socket);
-    socket->deleteLater();
 }
 
 } // namespace SSDP

@@ -7,7 +7,6 @@
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
 
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QObject>
@@ -24,6 +23,7 @@ class QUdpSocket;
 namespace Velmora {
 namespace SSDP {
 
+class HttpFetcher;
 class MulticastSocket;
 
 /**
@@ -45,9 +45,12 @@ class MulticastSocket;
  * or expired by time. Failures are written to the log; what is malformed on the network is dropped.
  *
  * The control point's sockets and requests use no proxy, whatever the host or the environment sets.
- * They leave the last descriptors, 64 of 1,024, to the rest of the process: meanwhile requests and
- * subscriptions fail, and events are not accepted. Of the names in one document, 64 at most are taken
- * that a QHash cannot tell apart by their hash.
+ *
+ * @note The control point starts no thread, except that Qt looks up a host name in one if the location
+ * of a device has a name instead of an address.
+ *
+ * @note The last descriptors, 64 of 1,024, are left to the rest of the process. While no others are
+ * free, requests and subscriptions fail, events are not accepted, and one line of the log says so.
  */
 class Q_DECL_EXPORT SsdpManager : public QObject
 {
@@ -72,8 +75,8 @@ public:
     explicit SsdpManager(const QHostAddress& address, QObject* parent = nullptr);
 
     /**
-     * Closes every socket and aborts every request. May come at any time, also while a receiver of
-     * valueChanged() runs an event loop of its own; only a receiver itself uses deleteLater().
+     * Closes every socket and aborts every request. Safe at any time, even in a receiver of
+     * valueChanged() and inside a nested event loop of one.
      */
     ~SsdpManager() override;
 
@@ -82,9 +85,11 @@ public:
      * (port 1900, else the first free one from 49152 to 65534), and the event server on any free
      * port of that address.
      *
-     * A failure is logged and leaves the rest as it is: without port 1900 or the group, the search
-     * goes out from whatever port the system gives, and there is no event server. Call stop() before
-     * calling this again; the event server keeps its port, which the log reports as a failure.
+     * A failure is logged. Without port 1900 or the group, the search leaves from a port that the
+     * system chooses, and the event server is not started; one that listens already goes on.
+     *
+     * @warning Call stop() before calling this again. The event server then keeps its port, which the
+     * log reports as a failure.
      */
     void initialize();
 
@@ -123,7 +128,7 @@ public:
 
     /**
      * The value of the first line of @p message that begins with @p header, without regard to case,
-     * and has a colon behind its first character: the text after the first colon, trimmed.
+     * and has a colon after its first character: the text after the first colon, trimmed.
      *
      * The comparison is of the line's beginning, not of the whole name: "SID" also finds "SIDE: x".
      * @return a null string when there is no such line, an empty one when it has no value
@@ -132,8 +137,9 @@ public:
 
     /**
      * The HOST value of a subscription to @p url: the host, a colon, and one character whose code is
-     * the low 8 bits of the port (80 when the URL names none). Port 80 gives "10.0.0.5:P". Devices
-     * expect this form; it is not the decimal port.
+     * the low 8 bits of the port (80 when the URL names none). Port 80 gives "10.0.0.5:P".
+     *
+     * @note This form is required. It is not the decimal port.
      */
     QString getHost(const QString& url) const;
 
@@ -187,32 +193,51 @@ private:
     SsdpService* getServiceFromHeader(const QString& header);
     void updateStateVariables(SsdpService* service, const QString& xml);
 
-    QHostAddress localAddress;
-    MulticastSocket* multicastSocket;
-    QUdpSocket* unicastSocket;
-    QNetworkAccessManager networkManager;
-    QTcpServer eventServer;
-    QList<SsdpDevice*> devices;
+    /// Fetches by HttpFetcher what QNetworkAccessManager::get() requests.
+    class Q_DECL_HIDDEN NetworkManager : public QNetworkAccessManager
+    {
+    public:
+        NetworkManager();
+        ~NetworkManager() override;
+
+        HttpFetcher* const fetcher;
+
+    protected:
+        QNetworkReply* createRequest(Operation operation, const QNetworkRequest& request,
+                                     QIODevice* outgoingData) override;
+    };
+
+    QHostAddress localAddress; ///< Of the interface, the search and the event server.
+    MulticastSocket* multicastSocket; ///< Listens to the group; null unless initialised.
+    QUdpSocket* unicastSocket; ///< Searches, and gets the answers; null unless initialised.
+    NetworkManager networkManager; ///< Fetches descriptions and service descriptions.
+    QTcpServer eventServer; ///< Accepts the connections of events.
+    QList<SsdpDevice*> devices; ///< In the order in which they were found. Owned.
+
+    /// The device that each pending request is for, be it for its description or a service description.
     QHash<QNetworkReply*, SsdpDevice*> deviceReplies;
+    /// The service that each pending request for a service description is for.
     QHash<QNetworkReply*, SsdpService*> serviceReplies;
+
+    /// The connections of subscriptions *and*, from their first data on, those of events.
     QList<QTcpSocket*> requestSockets;
+    /// The service of each connection in requestSockets: the one subscribed to, or the one that the
+    /// path of the event names. Null if there is none, or none any more.
     QHash<QTcpSocket*, SsdpService*> requestSocketServices;
+
+    /// The CONTENT-LENGTH of each event whose head has come.
     QHash<QTcpSocket*, int> responseContentLengths;
+    /// The body of each event whose head has come, as far as it has come.
     QHash<QTcpSocket*, QString> responseBuffers;
 
-    Q_DECL_HIDDEN void readDatagram(QUdpSocket* socket);
-    Q_DECL_HIDDEN QNetworkReply* get(const QString& url);
-    Q_DECL_HIDDEN void readWaitingHeads();
-    Q_DECL_HIDDEN void readEventHead(QTcpSocket* socket);
-    Q_DECL_HIDDEN void forgetResponseSocket(QTcpSocket* socket);
-
-    /// Counts the calls of clearDevices(), so that a record of an earlier discovery is known as one
-    /// even when a new record has its address.
+    /// Counts the calls of clearDevices(). A record of an earlier discovery is recognised by it even if
+    /// a new record has the same address.
     unsigned int generation;
 
-    /// Accepted event connections that have sent nothing yet, and when they were last asked for it.
-    QList<QTcpSocket*> silentSockets;
-    QElapsedTimer sinceWaitingHeads;
+    Q_DECL_HIDDEN void readDatagram(QUdpSocket* socket);
+    Q_DECL_HIDDEN QNetworkReply* requestDocument(const QString& url);
+    Q_DECL_HIDDEN void readEventHead(QTcpSocket* socket);
+    Q_DECL_HIDDEN void forgetResponseSocket(QTcpSocket* socket);
 };
 
 } // namespace SSDP

@@ -4,6 +4,8 @@
 
 #include <QtCore/QFile>
 #include <QtCore/QSet>
+#include <QtNetwork/QTcpServer>
+#include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
 using namespace Velmora::SSDP;
@@ -18,11 +20,45 @@ const char PARSE_RESPONSE[] = "1|void Velmora::SSDP::SsdpManager::handleServerRe
 const char UPDATE_VARIABLES[] = "1|void Velmora::SSDP::SsdpManager::updateStateVariables("
                                 "Velmora::SSDP::SsdpService*, const QString&)|";
 
-/// A location that is its own document, so that no server is needed to be asked for it.
-QString dataUrl(const QByteArray& document)
+/// Serves the documents that it is given, each under a path of its own, on loopback.
+class DocumentServer : public QTcpServer
 {
-    return QLatin1String("data:text/xml,") + QLatin1String(document.toPercentEncoding());
-}
+public:
+    DocumentServer()
+    {
+        if (!listen(QHostAddress(QHostAddress::LocalHost)))
+            qFatal("%s", qPrintable(errorString()));
+        connect(this, &QTcpServer::newConnection, this, [this] {
+            while (QTcpSocket* const socket = nextPendingConnection()) {
+                connect(socket, &QTcpSocket::readyRead, this, [this, socket] { answer(socket); });
+                connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+            }
+        });
+    }
+
+    /// Returns the path of @p document from now on.
+    QString add(const QByteArray& document)
+    {
+        documents << document;
+        return QStringLiteral("/%1").arg(documents.size() - 1);
+    }
+
+    QString location(const QString& path) const
+    {
+        return QStringLiteral("http://127.0.0.1:%1%2").arg(serverPort()).arg(path);
+    }
+
+private:
+    void answer(QTcpSocket* socket) const
+    {
+        const QByteArray path = socket->readAll().split(' ').value(1);
+        const QByteArray document = documents.value(path.mid(1).toInt());
+        socket->write("HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(document.size()) + "\r\n\r\n"
+                      + document);
+    }
+
+    QList<QByteArray> documents;
+};
 
 QByteArray serviceElement(const QByteArray& type, const QByteArray& url)
 {
@@ -50,6 +86,7 @@ class LogLinesTest : public QObject
     Q_OBJECT
 
 private:
+    DocumentServer server;
     QScopedPointer<SsdpManager> manager;
 
     /// Lets a device be found, and waits until nothing is asked for any more.
@@ -59,6 +96,8 @@ private:
         access.addSsdpDevice(QHostAddress(QStringLiteral("10.77.1.1")), location);
         QTRY_VERIFY(access.deviceReplies().isEmpty());
     }
+
+    void findDocument(const QByteArray& document) { find(server.location(server.add(document))); }
 
 private Q_SLOTS:
     void init()
@@ -108,8 +147,8 @@ private Q_SLOTS:
 
     void everyServiceIsLoggedWithItsUrl()
     {
-        const QString location = dataUrl(deviceDescription(serviceElement("a", "/a.xml") + serviceElement("b", "")
-                                                           + serviceElement("c", "c.xml")));
+        const QString location = server.location(server.add(deviceDescription(
+            serviceElement("a", "/a.xml") + serviceElement("b", "") + serviceElement("c", "c.xml"))));
         find(location);
         QCOMPARE(CapturedLog::all(),
                  (QStringList{
@@ -119,17 +158,15 @@ private Q_SLOTS:
 
     void everyStateVariableIsLoggedWithItsName()
     {
-        // Behind "data:text", the part of the location before its first slash.
-        const QByteArray path = "/xml,"
-            + QByteArray("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
-                         "<stateVariable><name>KO</name></stateVariable>"
-                         "<stateVariable/>"
-                         "<stateVariable><name>KO</name></stateVariable>"
-                         "</serviceStateTable></scpd>")
-                  .toPercentEncoding();
-        find(dataUrl(deviceDescription(serviceElement("urn:schemas-velmora-it:service:keyobjects:1", path))));
+        const QString path = server.add("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
+                                        "<stateVariable><name>KO</name></stateVariable>"
+                                        "<stateVariable/>"
+                                        "<stateVariable><name>KO</name></stateVariable>"
+                                        "</serviceStateTable></scpd>");
+        findDocument(
+            deviceDescription(serviceElement("urn:schemas-velmora-it:service:keyobjects:1", path.toLatin1())));
         QCOMPARE(CapturedLog::all().mid(1),
-                 (QStringList{QStringLiteral("0|SSDP Device service|") + QString::fromLatin1(path),
+                 (QStringList{QStringLiteral("0|SSDP Device service|") + path,
                               QStringLiteral("0|SSDP response state variable|KO"),
                               QStringLiteral("0|SSDP response state variable|"),
                               QStringLiteral("0|SSDP response state variable|KO")}));
@@ -155,7 +192,7 @@ private Q_SLOTS:
     {
         QFETCH(const QByteArray, body);
         QFETCH(const QString, logged);
-        find(dataUrl(body));
+        findDocument(body);
         QCOMPARE(CapturedLog::joined(1), QStringList{QLatin1String(PARSE_RESPONSE + 2) + logged});
         QCOMPARE(CapturedLog::lines().constLast().pieces.size(), qsizetype(3));
     }
@@ -168,9 +205,9 @@ private Q_SLOTS:
 
     void aDocumentOfAnotherNamespaceIsNotLogged()
     {
-        find(dataUrl("<root xmlns=\"urn:other\"/>"));
-        find(dataUrl("<other xmlns=\"urn:schemas-upnp-org:device-1-0\"/>"));
-        find(dataUrl("<root/>"));
+        findDocument("<root xmlns=\"urn:other\"/>");
+        findDocument("<other xmlns=\"urn:schemas-upnp-org:device-1-0\"/>");
+        findDocument("<root/>");
         QCOMPARE(CapturedLog::lines().size(), qsizetype(3));
     }
 

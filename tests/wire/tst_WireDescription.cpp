@@ -48,7 +48,7 @@ private Q_SLOTS:
     void redirectIsNotFollowed();
     void framingOfTheReplyDoesNotMatter_data();
     void framingOfTheReplyDoesNotMatter();
-    void compressedReplyIsRead();
+    void codingThatWasNotOfferedIsNotRead();
     void cookiesAreNotSentBack();
     void serviceDescriptionUrlMayAnswerWithADeviceDescription();
     void locationThatAnswersWithAServiceDescriptionDoesNothing();
@@ -56,7 +56,7 @@ private Q_SLOTS:
     void stateVariableIsReadFromItsPlaceOnly_data();
     void stateVariableIsReadFromItsPlaceOnly();
     void serviceDescriptionsMayComeInAnyOrder();
-    void replyBeyond16MiBNeverFinishes();
+    void replyBeyond16MiBFailsWithoutABody();
 
 private:
     /// Answers the request for the description with @p bytes and waits until that was handled.
@@ -438,14 +438,16 @@ void WireDescriptionTest::framingOfTheReplyDoesNotMatter()
     QCOMPARE(log().filter(QStringLiteral("1|")), QStringList());
 }
 
-void WireDescriptionTest::compressedReplyIsRead()
+void WireDescriptionTest::codingThatWasNotOfferedIsNotRead()
 {
     // qCompress() puts the length before the zlib stream, in four bytes.
     const QByteArray body = qCompress(deviceDescription(KEY_OBJECTS)).mid(4);
     QVERIFY(
         answerDescription("HTTP/1.1 200 OK\r\nCONNECTION: close\r\nCONTENT-ENCODING: deflate\r\nCONTENT-LENGTH: "
                           + QByteArray::number(body.size()) + "\r\n\r\n" + body));
-    QCOMPARE(static_cast<int>(record()->services.size()), 1);
+    QVERIFY(!device->requestsFor("GET ").at(0).bytes.toLower().contains("accept-encoding"));
+    QCOMPARE(static_cast<int>(record()->services.size()), 0);
+    QVERIFY(log().constLast().startsWith(QLatin1String(UNPARSED)));
 }
 
 void WireDescriptionTest::cookiesAreNotSentBack()
@@ -571,34 +573,15 @@ void WireDescriptionTest::serviceDescriptionsMayComeInAnyOrder()
     QCOMPARE(QStringList(record()->services.at(1)->stateVariables.keys()), QStringList{QStringLiteral("SECOND")});
 }
 
-void WireDescriptionTest::replyBeyond16MiBNeverFinishes()
+void WireDescriptionTest::replyBeyond16MiBFailsWithoutABody()
 {
-    const int limit = 16 * 1024 * 1024;
-    const int slack = 4 * 1024 * 1024;
-    ScriptedDevice good(network, QStringLiteral("10.77.1.2"), 8080);
-    device->script("GET /good.xml ", reply(deviceDescription(KEY_OBJECTS)));
-    device->script("GET /desc.xml ", reply(QByteArray(limit + limit, ' ')));
+    device->script("GET /desc.xml ", reply(QByteArray(2 * 16 * 1024 * 1024, ' ')));
     QVERIFY(search());
     QVERIFY(answerSearch());
-    QPointer<QNetworkReply> pending = manager().deviceReplies().keys().at(0);
-    VERIFY_SOON(!pending || pending->bytesAvailable() >= limit);
-    QVERIFY(pending);
-
-    // The library handles what comes after it, and takes no more of this one.
-    QVERIFY(answerSearch("http://10.77.1.1:8080/good.xml"));
-    VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
-    QVERIFY(pending && !pending->isFinished());
-    QVERIFY(pending->bytesAvailable() < limit + slack);
-    const QPointer<Connection> connection = device->requestsFor("GET /desc.xml ").at(0).connection;
-    QVERIFY(connection->isOpen());
-
-    ssdp->stop();
-    CapturedLog::clear();
-    ssdp->discover();
-    VERIFY_SOON(!connection->isOpen());
-    VERIFY_SOON(!pending);
-    QCOMPARE(log().filter(QStringLiteral("handleServerResponse")), QStringList());
+    COMPARE_SOON(log().constLast(), QLatin1String(UNPARSED));
     QVERIFY(manager().deviceReplies().isEmpty());
+    const QPointer<Connection> connection = device->requestsFor("GET /desc.xml ").at(0).connection;
+    VERIFY_SOON(!connection->isOpen());
 }
 
 VELMORA_WIRE_TEST_MAIN(WireDescriptionTest)

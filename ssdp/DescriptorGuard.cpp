@@ -1,0 +1,77 @@
+#include <ssdp/DescriptorGuard.h>
+
+#include <log/Logger.h>
+
+#include <QtNetwork/QAbstractSocket>
+#include <QtNetwork/QHostAddress>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <limits>
+#include <sys/resource.h>
+#include <unistd.h>
+
+namespace Velmora {
+namespace SSDP {
+
+namespace {
+
+const qint64 SPARE_DESCRIPTORS = 64;
+
+} // namespace
+
+DescriptorGuard::DescriptorGuard()
+{
+    reset();
+}
+
+void DescriptorGuard::reset()
+{
+    rlimit descriptors = {};
+    limit = std::numeric_limits<int>::max();
+    if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < static_cast<rlim_t>(limit))
+        limit = static_cast<qint64>(descriptors.rlim_cur);
+    limit -= qMin(SPARE_DESCRIPTORS, limit / 16);
+    isLogged = false;
+}
+
+void DescriptorGuard::connectToHost(QAbstractSocket* socket, const QString& host, quint16 port)
+{
+    // Qt looks up a name in a thread.
+    if (QHostAddress(host).isNull() && !admitsLookup())
+        return;
+    socket->connectToHost(host, port, QIODevice::ReadWrite);
+    admits(socket);
+}
+
+bool DescriptorGuard::admits(QAbstractSocket* socket)
+{
+    if (admits(static_cast<int>(socket->socketDescriptor())))
+        return true;
+    socket->abort();
+    return false;
+}
+
+bool DescriptorGuard::admitsLookup()
+{
+    // A look-up has no descriptor of its own to tell by, so one is opened to see its number.
+    const int probe = open("/", O_PATH | O_CLOEXEC);
+    if (probe == -1)
+        return errno != EMFILE && errno != ENFILE;
+    close(probe);
+    return admits(probe);
+}
+
+bool DescriptorGuard::admits(int descriptor)
+{
+    if (descriptor < limit)
+        return true;
+    if (!isLogged) {
+        Log::Logger(Log::Logger::Error) << "Too few file descriptors are left; a connection was not opened";
+        isLogged = true;
+    }
+    return false;
+}
+
+} // namespace SSDP
+} // namespace Velmora
