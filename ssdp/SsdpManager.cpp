@@ -8,6 +8,7 @@
 #include <ssdp/MulticastSocket.h>
 #include <ssdp/NameBound.h>
 #include <ssdp/Protocol.h>
+#include <ssdp/RecordIndex.h>
 
 #include <QtCore/QPointer>
 #include <QtCore/QUrl>
@@ -76,6 +77,7 @@ SsdpManager::SsdpManager(const QHostAddress& address, QObject* parent)
     , multicastSocket(nullptr)
     , unicastSocket(nullptr)
     , generation(0)
+    , index(new RecordIndex(devices))
 {
     eventServer.setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
     connect(&networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(onReplyFinished(QNetworkReply*)));
@@ -100,6 +102,7 @@ SsdpManager::~SsdpManager()
     for (QTcpSocket* const socket : std::as_const(requestSockets))
         disconnect(socket, nullptr, this, nullptr);
     qDeleteAll(devices);
+    delete index;
 }
 
 void SsdpManager::initialize()
@@ -177,19 +180,14 @@ void SsdpManager::clearDevices()
         it.key()->setReadBufferSize(UNREAD_BUFFER_SIZE);
     }
 
+    index->clear();
     qDeleteAll(devices);
     devices.clear();
 }
 
 SsdpDevice* SsdpManager::getDeviceForService(const SsdpService* service) const
 {
-    for (SsdpDevice* const device : devices) {
-        for (const SsdpService* const candidate : std::as_const(device->services)) {
-            if (candidate == service)
-                return device;
-        }
-    }
-    return nullptr;
+    return index->deviceOf(service);
 }
 
 // Search
@@ -246,16 +244,15 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
 
 void SsdpManager::addSsdpDevice(const QHostAddress& address, const QString& location)
 {
-    for (const SsdpDevice* const known : std::as_const(devices)) {
-        if (known->location == location)
-            return;
-    }
+    if (index->hasLocation(location))
+        return;
 
     SsdpDevice* const device = new SsdpDevice;
     device->address = address;
     device->location = location;
     device->id = QUuid::createUuid();
     devices.append(device);
+    index->add(device);
     Logger(Logger::Information) << "Ssdp device" << location;
     deviceReplies.insert(requestDocument(location), device);
 }
@@ -319,6 +316,7 @@ void SsdpManager::handleDeviceResponse(SsdpDevice* device, const QDomDocument& d
         service->eventSubUrl = description.eventSubUrl;
         service->scpdUrl = description.scpdUrl;
         device->services.append(service);
+        index->add(device, service);
         Logger(Logger::Information) << "SSDP Device service" << service->scpdUrl;
 
         if (service->serviceType != VELMORA_SERVICE_FILTER)
@@ -363,8 +361,11 @@ void SsdpManager::onRequestSocketConnected()
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
     // The descriptor of a connection to a name is known only now.
-    if (service && networkManager.fetcher->guard.admits(socket))
-        socket->write(createSubscribeMessage(service).toLatin1());
+    if (!service || !networkManager.fetcher->guard.admits(socket))
+        return;
+    socket->write(createSubscribeMessage(service).toLatin1());
+    // Saves the event loop a turn for it.
+    socket->flush();
 }
 
 QString SsdpManager::createSubscribeMessage(SsdpService* service)
@@ -472,15 +473,7 @@ void SsdpManager::readEventHead(QTcpSocket* socket)
 SsdpService* SsdpManager::getServiceFromHeader(const QString& header)
 {
     QUuid id;
-    if (!Protocol::readEventIdentifier(header, &id))
-        return nullptr;
-    for (const SsdpDevice* const device : std::as_const(devices)) {
-        for (SsdpService* const service : std::as_const(device->services)) {
-            if (service->id == id)
-                return service;
-        }
-    }
-    return nullptr;
+    return Protocol::readEventIdentifier(header, &id) ? index->serviceOf(id) : nullptr;
 }
 
 void SsdpManager::updateStateVariables(SsdpService* service, const QString& xml)

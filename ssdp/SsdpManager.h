@@ -25,6 +25,7 @@ namespace SSDP {
 
 class HttpFetcher;
 class MulticastSocket;
+class RecordIndex;
 
 /**
  * A UPnP control point on one local IPv4 address.
@@ -233,6 +234,9 @@ private:
     /// Counts the calls of clearDevices(). A record of an earlier discovery is recognised by it even if
     /// a new record has the same address.
     unsigned int generation;
+
+    /// Finds records as a walk over devices would.
+    RecordIndex* const index;
 
     Q_DECL_HIDDEN void readDatagram(QUdpSocket* socket);
     Q_DECL_HIDDEN QNetworkReply* requestDocument(const QString& url);
