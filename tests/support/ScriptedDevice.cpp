@@ -162,6 +162,17 @@ QList<ScriptedDevice::Request> ScriptedDevice::requestsFor(const QByteArray& sta
     return result;
 }
 
+void ScriptedDevice::forget()
+{
+    for (const QPointer<Connection>& connection : accepted)
+        delete connection;
+    accepted.clear();
+    handled.clear();
+    searches.clear();
+    requests.clear();
+    scripts.clear();
+}
+
 void ScriptedDevice::stopListening()
 {
     server.close();

@@ -89,6 +89,9 @@ public:
     /// The requests that begin with @p start, oldest first.
     QList<Request> requestsFor(const QByteArray& start) const;
 
+    /// Closes every connection and forgets what came and what was scripted.
+    void forget();
+
     /// Refuses connections from now on; those that exist stay.
     void stopListening();
 

@@ -1,0 +1,150 @@
+#include <tests/support/HttpTest.h>
+
+#include <QtCore/QDir>
+#include <QtCore/QMutex>
+#include <QtNetwork/QNetworkRequest>
+
+namespace Velmora {
+namespace Tests {
+
+namespace {
+
+/// What Qt has warned of, in any thread.
+struct Warnings
+{
+    QMutex mutex;
+    QStringList texts;
+};
+
+Warnings& warnings()
+{
+    static Warnings instance;
+    return instance;
+}
+
+QtMessageHandler printMessage = nullptr;
+
+void noteWarning(QtMsgType type, const QMessageLogContext& context, const QString& text)
+{
+    if (type != QtDebugMsg && type != QtInfoMsg) {
+        const QMutexLocker locker(&warnings().mutex);
+        warnings().texts << text;
+    }
+    printMessage(type, context, text);
+}
+
+} // namespace
+
+const QByteArray HttpTest::BODY("<a>b</a>");
+
+Fetcher::Fetcher()
+    : manager(QHostAddress(QStringLiteral("10.77.0.1")))
+    , network(ManagerAccess(manager).networkManager())
+{
+    // The control point would read the body itself.
+    QObject::disconnect(&network, nullptr, &manager, nullptr);
+}
+
+Fetch::Fetch(QNetworkAccessManager& network, const QUrl& url)
+{
+    connect(&network, &QNetworkAccessManager::finished, this, &Fetch::onFinished);
+    reply = network.get(QNetworkRequest(url));
+    isInGet = false;
+    finishedInGet = finishedInGet || reply->isFinished();
+    connect(reply, &QNetworkReply::finished, this, [this] { ++replyFinishes; });
+}
+
+Fetch::~Fetch()
+{
+    delete reply;
+}
+
+void Fetch::onFinished(QNetworkReply* finished)
+{
+    if (isInGet)
+        finishedInGet = true;
+    if (!isInGet && finished != reply)
+        return;
+    if (++finishes > 1)
+        return;
+    if (finished->isOpen())
+        body = finished->read(finished->bytesAvailable());
+    failed = finished->error() != QNetworkReply::NoError;
+    Q_EMIT handled();
+}
+
+QUrl HttpTest::url(const char* path, const char* host)
+{
+    return QUrl(QStringLiteral("http://%1:8080%2").arg(QLatin1String(host), QLatin1String(path)));
+}
+
+int HttpTest::descriptors()
+{
+    return static_cast<int>(
+        QDir(QStringLiteral("/proc/self/fd")).entryList(QDir::Files | QDir::Dirs | QDir::System).size());
+}
+
+bool HttpTest::serve(const QList<QByteArray>& segments, End end, const Fetch& fetch)
+{
+    while (waitUntil([&] { return fetch.finishes > 0 || device->requests.size() > served; })) {
+        if (fetch.finishes > 0)
+            return true;
+        const QPointer<Connection> connection = device->requests.at(served++).connection;
+        if (end == Close && !segments.isEmpty()) {
+            // The last bytes and the end of the connection come together.
+            send(connection, segments.mid(0, segments.size() - 1));
+            if (connection->isOpen())
+                connection->send(segments.constLast());
+        } else {
+            send(connection, segments);
+        }
+        if (end == Close)
+            connection->close();
+        else if (end == Reset && connection->isOpen())
+            connection->reset();
+    }
+    return false;
+}
+
+void HttpTest::send(Connection* connection, const QList<QByteArray>& segments)
+{
+    for (const QByteArray& segment : segments) {
+        if (!connection->isOpen())
+            return;
+        connection->send(segment);
+        waitUntil([&] { return connection->wasRead() || !connection->isOpen(); });
+    }
+}
+
+bool HttpTest::allCloses() const
+{
+    return waitUntil([this] {
+        return std::none_of(device->accepted.cbegin(), device->accepted.cend(),
+                            [](const Connection* connection) { return connection && connection->isOpen(); });
+    });
+}
+
+void HttpTest::init()
+{
+    // To make a device takes longer than most of these tests.
+    if (!device)
+        device = std::make_unique<ScriptedDevice>(network, QStringLiteral("10.77.1.1"), quint16(8080));
+    device->forget();
+    served = 0;
+    warnings().texts.clear();
+    printMessage = qInstallMessageHandler(noteWarning);
+}
+
+void HttpTest::cleanup()
+{
+    qInstallMessageHandler(printMessage);
+    QCOMPARE(warnings().texts, QStringList());
+}
+
+void HttpTest::cleanupTestCase()
+{
+    device.reset();
+}
+
+} // namespace Tests
+} // namespace Velmora
