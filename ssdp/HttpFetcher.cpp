@@ -42,6 +42,11 @@ HttpFetcher::HttpFetcher()
 
 HttpFetcher::~HttpFetcher()
 {
+    dropAll();
+}
+
+void HttpFetcher::dropAll()
+{
     while (!servers.isEmpty()) {
         const Server server = servers.take(servers.firstKey());
         for (HttpReply* const reply : server.waiting)
@@ -261,12 +266,15 @@ void HttpConnection::carry(HttpReply* next)
 {
     reply = next;
     reply->connection = this;
-    ++reply->attempts;
     hasSent = false;
-    if (state() == ConnectedState)
+    if (state() == ConnectedState) {
+        // If the peer has closed it meanwhile, the request is sent once more.
+        reply->attempts = MAX_ATTEMPTS - 1;
         sendRequest();
-    else
+    } else {
+        ++reply->attempts;
         open();
+    }
 }
 
 void HttpConnection::open()
@@ -306,7 +314,7 @@ void HttpConnection::readReply()
 {
     char data[16 * 1024];
     qint64 size = 0;
-    while (reply && (size = read(data, sizeof data)) > 0) {
+    while (reply && bytesAvailable() > 0 && (size = read(data, sizeof data)) > 0) {
         const qint64 used = reply->receive(data, size);
         if (!reply->reader.isReading())
             finishReply(used == size && bytesAvailable() == 0);
@@ -352,7 +360,8 @@ void HttpConnection::onClosed()
         return;
     if (!hasSent) {
         unfinished->fail(QNetworkReply::ConnectionRefusedError, errorString());
-    } else if (!unfinished->reader.hasBegun() && unfinished->attempts < MAX_ATTEMPTS) {
+    } else if (unfinished->reader.state() == HttpReader::ReadingHead && unfinished->attempts < MAX_ATTEMPTS) {
+        unfinished->reader = HttpReader();
         owner->enqueue(unfinished);
     } else {
         unfinished->reader.close();

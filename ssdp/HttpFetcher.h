@@ -21,8 +21,8 @@ class HttpReply;
  *
  * At most six connections are open to one host and port; further requests wait in order. A connection
  * carries one request after the other while the replies allow it, and is closed as soon as no request
- * is left for it. A request whose connection closes before anything of the reply has come is sent
- * again on a new connection, three times at most.
+ * is left for it. A request whose connection ends before the head of the reply has come is sent again on
+ * a new connection: once if the connection had carried a request before, else three times at most.
  *
  * Only http is spoken. There are no redirects, cookies, codings, caches or proxies.
  */
@@ -30,7 +30,7 @@ class HttpFetcher
 {
 public:
     HttpFetcher();
-    /// Closes every connection. Replies that have not finished never do.
+    /// As dropAll().
     ~HttpFetcher();
 
     /**
@@ -42,6 +42,9 @@ public:
      * all replies hold more than 64 MiB, where the first MiB of each does not count.
      */
     QNetworkReply* get(const QNetworkRequest& request);
+
+    /// Closes every connection. Replies that have not finished never do, unless they are aborted.
+    void dropAll();
 
     /// What every connection has to pass. Whoever else opens sockets for the network shares it.
     DescriptorGuard guard;

@@ -26,12 +26,12 @@ bool equalsName(const QByteArray& name, const char* expected)
     return qstricmp(name.constData(), expected) == 0;
 }
 
-/// Whether the comma-separated list @p value has @p token, whatever its case.
+/// Whether the comma-separated list @p value has @p token, whatever its case and parameters.
 bool hasToken(const QByteArray& value, const char* token)
 {
     const QList<QByteArray> tokens = value.split(',');
     for (const QByteArray& candidate : tokens) {
-        if (equalsName(candidate.trimmed(), token))
+        if (equalsName(upTo(candidate, ';').trimmed(), token))
             return true;
     }
     return false;
@@ -90,7 +90,6 @@ void ByteQueue::clear()
 HttpReader::HttpReader()
     : currentState(ReadingHead)
     , lineKind(StatusLine)
-    , begun(false)
     , headSize(0)
     , interimSize(0)
     , trailerSize(0)
@@ -98,7 +97,7 @@ HttpReader::HttpReader()
     , persistent(false)
     , isChunked(false)
     , endsWithConnection(false)
-    , hasUsableLength(true)
+    , hasLengthField(false)
     , contentLength(-1)
     , bodySize(0)
     , remaining(0)
@@ -109,7 +108,6 @@ qint64 HttpReader::read(const char* data, qint64 size)
 {
     qint64 used = 0;
     while (used < size && isReading()) {
-        begun = true;
         const bool readsLine = currentState == ReadingHead || (isChunked && remaining == 0);
         used += readsLine ? readLine(data + used, size - used) : readBody(data + used, size - used);
     }
@@ -157,7 +155,7 @@ void HttpReader::handleLine()
     switch (lineKind) {
     case StatusLine:
         // A reply may follow the line end of the one before it.
-        if (!line.isEmpty())
+        if (!line.trimmed().isEmpty())
             handleStatusLine();
         break;
     case FieldLine:
@@ -171,10 +169,7 @@ void HttpReader::handleLine()
             beginBody();
         break;
     case ChunkSizeLine:
-        handleChunkSize();
-        break;
-    case ChunkEndLine:
-        lineKind = ChunkSizeLine;
+        // Empty lines are the ends of chunks, and some servers send more of them.
         if (!line.isEmpty())
             handleChunkSize();
         break;
@@ -188,12 +183,13 @@ void HttpReader::handleLine()
 void HttpReader::handleStatusLine()
 {
     // "HTTP/1.1 200 OK", of which the last part may be missing.
-    const QByteArray version = upTo(line, ' ');
-    const QByteArray rest = line.mid(version.size()).trimmed();
+    const QByteArray text = line.trimmed();
+    const QByteArray version = upTo(text, ' ');
+    const QByteArray rest = text.mid(version.size()).trimmed();
     const QByteArray code = upTo(rest, ' ');
     bool isNumber = false;
     status = code.toInt(&isNumber);
-    if (!isNumber || status < 0 || version.size() < 8 || qstrnicmp(version.constData(), "HTTP/", 5) != 0) {
+    if (!isNumber || version.size() < 8 || qstrnicmp(version.constData(), "HTTP/", 5) != 0) {
         currentState = Malformed;
         return;
     }
@@ -210,12 +206,12 @@ void HttpReader::handleField()
     const QByteArray name = field.left(colon).trimmed();
     const QByteArray value = field.mid(colon + 1).trimmed();
     if (equalsName(name, "Content-Length")) {
+        // The first one counts. If it is no length, the body ends with the connection.
         bool isNumber = false;
         const qint64 length = value.toLongLong(&isNumber);
-        // Without a length that can be believed, the body ends with the connection.
-        if (!isNumber || length < 0 || (contentLength != -1 && contentLength != length))
-            hasUsableLength = false;
-        contentLength = length;
+        if (!hasLengthField && isNumber && !value.startsWith('-'))
+            contentLength = length;
+        hasLengthField = true;
     } else if (equalsName(name, "Transfer-Encoding")) {
         isChunked = isChunked || hasToken(value, "chunked");
     } else if (equalsName(name, "Connection") || equalsName(name, "Proxy-Connection")) {
@@ -233,12 +229,9 @@ void HttpReader::beginBody()
     if (status / 100 == 1) {
         const qint64 size = interimSize + headSize;
         *this = HttpReader();
-        begun = true;
         interimSize = size;
         return;
     }
-    if (!hasUsableLength)
-        contentLength = -1;
     currentState = ReadingBody;
     if (status == 204 || status == 304) {
         currentState = Finished;
@@ -263,8 +256,6 @@ void HttpReader::handleChunkSize()
         currentState = Malformed;
     else if (remaining == 0)
         lineKind = TrailerLine;
-    else
-        lineKind = ChunkEndLine;
 }
 
 qint64 HttpReader::readBody(const char* data, qint64 size)

@@ -62,8 +62,6 @@ public:
 
     State state() const { return currentState; }
     bool isReading() const { return currentState == ReadingHead || currentState == ReadingBody; }
-    /// Whether anything of the reply has come.
-    bool hasBegun() const { return begun; }
     /// Whether the reply is complete, and the connection can carry the next request.
     bool keepsConnection() const { return currentState == Finished && persistent && !endsWithConnection; }
 
@@ -78,7 +76,7 @@ public:
     ByteQueue body;
 
 private:
-    enum LineKind { StatusLine, FieldLine, ChunkSizeLine, ChunkEndLine, TrailerLine };
+    enum LineKind { StatusLine, FieldLine, ChunkSizeLine, TrailerLine };
 
     qint64 readLine(const char* data, qint64 size);
     void handleLine();
@@ -90,7 +88,6 @@ private:
 
     State currentState;
     LineKind lineKind;
-    bool begun;
     QByteArray line;
     QByteArray field; ///< The last field, to which a folded line may add.
     qint64 headSize;
@@ -103,7 +100,7 @@ private:
     bool persistent;
     bool isChunked;
     bool endsWithConnection;
-    bool hasUsableLength;
+    bool hasLengthField;
     qint64 contentLength;
     qint64 bodySize;
     qint64 remaining; ///< Of the body, or of the chunk.

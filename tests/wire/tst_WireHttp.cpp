@@ -101,7 +101,6 @@ private:
         InChunkLine,
         InChunk,
         UntilClose,
-        InReadyRead,
         InFinished,
         Finished,
     };
@@ -464,7 +463,8 @@ void WireHttpTest::chunkedRows()
     closed("an empty line before the size", reply("\r\n" + chunks));
     closed("an extension without a size", reply(";a=b\r\n" + BODY + "\r\n0\r\n\r\n"), "");
     closed("no size after a chunk", reply("8\r\n" + BODY + "\r\nzz\r\n\r\n"));
-    closed("no line end after a chunk", reply("3\r\n<a>5\r\nb</a>\r\n0\r\n\r\n"), "<a>");
+    // Qt's client cuts the body here.
+    closed("no line end after a chunk", reply("3\r\n<a>5\r\nb</a>\r\n0\r\n\r\n"));
     closed("a chunk that is longer than its size", reply("7\r\n" + BODY + "\r\n0\r\n\r\n"), BODY.left(7));
     // Qt's client waits for ever, although the connection is closed.
     nonsense("a chunk that is shorter than its size", reply("9\r\n" + BODY + "\r\n0\r\n\r\n"));
@@ -1139,7 +1139,6 @@ void WireHttpTest::replyMayGoAtAnyStage_data()
         {"in a chunk line", InChunkLine},
         {"in a chunk", InChunk},
         {"in a body until the end of the connection", UntilClose},
-        {"in a slot of readyRead()", InReadyRead},
         {"in a slot of finished()", InFinished},
         {"finished", Finished},
     };
@@ -1216,10 +1215,6 @@ bool WireHttpTest::comeTo(Stage stage, Fetch& fetch, const std::function<void()>
         if (!answer("HTTP/1.1 200 OK\r\n\r\n" + BODY))
             return false;
         break;
-    case InReadyRead:
-        connect(fetch.reply, &QNetworkReply::readyRead, this, actOnce);
-        device->script("GET ", length + BODY);
-        return actWhenFinished() && acted;
     case InFinished:
         connect(fetch.reply, &QNetworkReply::finished, this, actOnce);
         device->script("GET ", length + BODY);
@@ -1277,10 +1272,7 @@ void WireHttpTest::replyMayGoAtAnyStage()
     };
     QVERIFY(comeTo(static_cast<Stage>(stage), *fetch, act));
     const bool wasAborted = action != Delete && action != DeleteLater && action != DeleteManager;
-    // It is still there for the rest of this turn of the loop, in which it may finish.
-    const bool mayFinish = stage == InReadyRead && action == DeleteLater;
-    if (!mayFinish)
-        QCOMPARE(fetch->finishes, wasAborted || isFinished ? 1 : 0);
+    QCOMPARE(fetch->finishes, wasAborted || isFinished ? 1 : 0);
     const int finishes = fetch->finishes;
     if (isGone)
         VERIFY_SOON(!fetch->reply);
