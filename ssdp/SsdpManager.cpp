@@ -31,8 +31,8 @@ namespace {
 // A thousand devices answer one search within seconds; the kernel's default holds some 280 answers.
 const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 
-// What a connection keeps that nobody reads any more.
-const int UNREAD_BUFFER_SIZE = 64 * 1024;
+// What a connection keeps that nobody reads any more: the reply to a subscription has a few hundred bytes.
+const int UNREAD_BUFFER_SIZE = 4 * 1024;
 
 void enlargeReceiveBuffer(const QUdpSocket* socket)
 {
@@ -166,6 +166,7 @@ void SsdpManager::clearDevices()
     networkManager.fetcher->guard.reset();
 
     // Every pending request is for a device, including those for a service description.
+    networkManager.fetcher->dropAll();
     const QList<QNetworkReply*> replies = deviceReplies.keys();
     deviceReplies.clear();
     serviceReplies.clear();
@@ -178,6 +179,9 @@ void SsdpManager::clearDevices()
     for (auto it = requestSocketServices.begin(); it != requestSocketServices.end(); ++it) {
         it.value() = nullptr;
         it.key()->setReadBufferSize(UNREAD_BUFFER_SIZE);
+        // Of a connection that was refused, Qt keeps the descriptor until it is given another.
+        if (it.key()->state() == QAbstractSocket::UnconnectedState)
+            it.key()->setSocketDescriptor(-1);
     }
 
     index->clear();
