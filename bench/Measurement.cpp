@@ -57,8 +57,8 @@ double processorTime()
     return milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
 }
 
-/// A line of /proc/self/status, in KiB.
-long memory(const std::string& name)
+/// A line of /proc/self/status; memory is in KiB.
+long statusOf(const std::string& name)
 {
     std::ifstream status("/proc/self/status");
     std::string word;
@@ -135,6 +135,7 @@ Measurement::Measurement(int devices)
     , processorAtLastReport(UNKNOWN)
     , idleMemory(0)
     , peakMemory(0)
+    , threads(0)
     , listenDrops(0)
     , datagramDrops(0)
 {
@@ -165,7 +166,7 @@ void Measurement::begin()
 {
     // From here on the kernel's peak is the peak above what is resident now.
     std::ofstream("/proc/self/clear_refs") << "5";
-    idleMemory = memory("VmRSS:");
+    idleMemory = statusOf("VmRSS:");
     listenDrops = readListenDrops();
     CALLGRIND_ZERO_STATS;
     processorAtBegin = processorTime();
@@ -187,7 +188,8 @@ bool Measurement::add(const std::string& codes, const std::string& address)
 
 void Measurement::end()
 {
-    peakMemory = memory("VmHWM:");
+    peakMemory = statusOf("VmHWM:");
+    threads = statusOf("Threads:");
     listenDrops = readListenDrops() - listenDrops;
     datagramDrops = readDatagramDrops(group);
     searched = readSearchTime(began);
@@ -237,7 +239,8 @@ void Measurement::print(const char* host, const char* version) const
                 peakMemory - idleMemory);
     std::printf("\"first_start_ms\": %.3f, \"later_start_ms\": %.3f, ", searched - began,
                 searchedAgain - beganAgain);
-    std::printf("\"datagram_drops\": %ld, \"listen_drops\": %ld, \"delays_ms\": [", datagramDrops, listenDrops);
+    std::printf("\"threads\": %ld, \"datagram_drops\": %ld, \"listen_drops\": %ld, \"delays_ms\": [", threads,
+                datagramDrops, listenDrops);
     const char* separator = "";
     for (const double time : reportTimes) {
         std::printf("%s%.3f", separator, time - searched);

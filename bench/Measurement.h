@@ -85,6 +85,7 @@ private:
     double processorAtLastReport;
     long idleMemory;
     long peakMemory;
+    long threads;
     long listenDrops;
     long datagramDrops;
     std::unordered_set<in_addr_t> found;
