@@ -646,10 +646,14 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
     }
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     const int duration = static_cast<int>(chunks.size()) * settings.eventGap;
-    QTimer::singleShot(duration + EVENT_PATIENCE, socket, [socket] {
+    // A child, so that nothing of it outlives the connection.
+    QTimer* const patience = new QTimer(socket);
+    patience->setSingleShot(true);
+    connect(patience, &QTimer::timeout, socket, [socket] {
         socket->abort();
         socket->deleteLater();
     });
+    patience->start(duration + EVENT_PATIENCE);
     connect(socket, &QTcpSocket::connected, this, [this, socket, chunks] {
         const bool whole = chunks.size() == 1;
         writeChunks(socket, chunks, settings.eventGap, [this, whole] {

@@ -11,6 +11,7 @@ enum Action {
     Discover,
     StopAndDiscover,
     DeleteLater,
+    Delete,
     RunLoop, ///< an event loop of its own, in which another event arrives
     RunLoopWhilePeerCloses,
     RunLoopWhilePeerResets,
@@ -81,6 +82,7 @@ private:
 
     bool acted = false;
     QPointer<Connection> eventConnection;
+    QPointer<QTcpSocket> eventSocket; ///< The other end of it.
     const Connection* filler = nullptr;
 };
 
@@ -101,6 +103,9 @@ void WireLifetimeTest::act(Action action)
     case DeleteLater:
         ssdp.release()->deleteLater();
         break;
+    case Delete:
+        ssdp.reset();
+        break;
     case RunLoop: {
         const Callback to = callback();
         Connection* const another = device->connectTo(to.host, to.port);
@@ -112,12 +117,11 @@ void WireLifetimeTest::act(Action action)
     }
     case RunLoopWhilePeerCloses:
     case RunLoopWhilePeerResets: {
-        const QPointer<QTcpSocket> socket(manager().requestSockets().at(0));
         if (action == RunLoopWhilePeerCloses)
             eventConnection->close();
         else
             eventConnection->reset();
-        runLoopUntil([&] { return !socket || socket->state() == QAbstractSocket::UnconnectedState; });
+        runLoopUntil([&] { return eventSocket->state() == QAbstractSocket::UnconnectedState; });
         break;
     }
     case RunLoopAndRestart: {
@@ -151,6 +155,7 @@ void WireLifetimeTest::hostMayActInItsSlotForADevice_data()
     QTest::newRow("discover") << int(Discover) << 3;
     QTest::newRow("stop and discover") << int(StopAndDiscover) << 1;
     QTest::newRow("deleteLater") << int(DeleteLater) << 3;
+    QTest::newRow("delete") << int(Delete) << 1;
     QTest::newRow("event loop") << int(RunLoop) << 4;
     QTest::newRow("event loop while the device closes the connection") << int(RunLoopWhilePeerCloses) << 3;
     QTest::newRow("event loop while the device resets the connection") << int(RunLoopWhilePeerResets) << 3;
@@ -175,6 +180,7 @@ void WireLifetimeTest::hostMayActInItsSlotForADevice()
         "<e:property><KO>3,3</KO></e:property></e:propertyset>");
     eventConnection = sendHead(callback(), QByteArray::number(body.size()));
     QVERIFY(eventConnection);
+    eventSocket = manager().requestSockets().at(0);
     const QPointer<Ssdp> controller(ssdp.get());
     eventConnection->send(body);
     VERIFY_SOON(acted && !eventConnection->isOpen());
@@ -205,6 +211,7 @@ void WireLifetimeTest::hostMayActInItsSlotForTheTimeout_data()
     QTest::newRow("discover") << int(Discover);
     QTest::newRow("stop and discover") << int(StopAndDiscover);
     QTest::newRow("deleteLater") << int(DeleteLater);
+    QTest::newRow("delete") << int(Delete);
     QTest::newRow("event loop") << int(RunLoop);
     QTest::newRow("event loop with stop and discover") << int(RunLoopAndRestart);
     QTest::newRow("event loop with delete") << int(RunLoopAndDelete);

@@ -1,0 +1,63 @@
+#ifndef VELMORA_TESTS_SUPPORT_NAMESALIKE_H
+#define VELMORA_TESTS_SUPPORT_NAMESALIKE_H
+
+#include <QtCore/QHash>
+#include <QtCore/QString>
+
+#include <string>
+#include <vector>
+
+namespace Velmora {
+namespace Tests {
+
+/// Names that Qt 5 hashes alike whatever the seed: its hash is a CRC, in which to change a set of bits
+/// changes the result by the same bits in every name. What cancels out there makes the next name.
+inline std::vector<std::string> namesAlike(size_t count)
+{
+    const std::string base(14, 'H');
+    const auto hash = [](const std::string& name) {
+        return static_cast<uint>(qHash(QString::fromStdString(name), 1));
+    };
+    const auto changed = [&base](quint64 mask) {
+        std::string name = base;
+        // Four bits a letter that leave it one.
+        for (size_t i = 0; i < name.size() * 4; ++i) {
+            if ((mask >> i) & 1)
+                name[i / 4] = static_cast<char>(name[i / 4] ^ "\x01\x02\x04\x20"[i % 4]);
+        }
+        return name;
+    };
+    struct Change
+    {
+        uint result;
+        quint64 mask;
+    };
+    std::vector<Change> independent;
+    std::vector<quint64> cancelling;
+    for (size_t i = 0; i < base.size() * 4; ++i) {
+        const quint64 bit = Q_UINT64_C(1) << i;
+        Change change = {hash(changed(bit)) ^ hash(base), bit};
+        for (const Change& other : independent) {
+            if ((change.result ^ other.result) < change.result)
+                change = {change.result ^ other.result, change.mask ^ other.mask};
+        }
+        if (change.result == 0)
+            cancelling.push_back(change.mask);
+        else
+            independent.push_back(change);
+    }
+    std::vector<std::string> names;
+    names.reserve(count);
+    for (size_t i = 0; i < count; ++i) {
+        quint64 mask = 0;
+        for (size_t j = 0; j < cancelling.size(); ++j)
+            mask ^= ((i >> j) & 1) ? cancelling[j] : 0;
+        names.push_back(changed(mask));
+    }
+    return names;
+}
+
+} // namespace Tests
+} // namespace Velmora
+
+#endif
