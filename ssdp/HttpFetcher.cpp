@@ -14,9 +14,10 @@ namespace {
 
 const int MAX_CONNECTIONS = 6;
 const int MAX_ATTEMPTS = 4;
-const int READ_BUFFER_SIZE = 64 * 1024;
-const qint64 UNCOUNTED_BYTES = 1024 * 1024;
-const qint64 MAX_COUNTED_BYTES = 64 * 1024 * 1024;
+const qint64 KIB = 1024;
+const qint64 READ_BUFFER_SIZE = 64 * KIB;
+const qint64 UNCOUNTED_BYTES = KIB * KIB;
+const qint64 MAX_COUNTED_BYTES = 64 * KIB * KIB;
 
 bool isFetchable(const QUrl& url)
 {
@@ -273,11 +274,11 @@ void HttpConnection::carry(HttpReply* next)
         sendRequest();
     } else {
         ++reply->attempts;
-        open();
+        connectToServer();
     }
 }
 
-void HttpConnection::open()
+void HttpConnection::connectToServer()
 {
     fetcher->guard.connectToHost(this, reply->url().host(), portOf(reply->url()));
     if (state() == UnconnectedState)

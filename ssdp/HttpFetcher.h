@@ -130,7 +130,7 @@ private:
     HttpConnection(HttpFetcher* fetcher, const QByteArray& server);
 
     void carry(HttpReply* next);
-    void open();
+    void connectToServer();
     void sendRequest();
     void readReply();
     void finishReply(bool isAtEnd);

@@ -7,12 +7,13 @@ namespace SSDP {
 
 namespace {
 
-const qint64 MAX_HEAD = 64 * 1024;
-const qint64 MAX_INTERIM = 64 * 1024;
-const qint64 MAX_TRAILER = 64 * 1024;
-const qint64 MAX_LINE = 64 * 1024;
-const qint64 MAX_BODY = Q_INT64_C(16) * 1024 * 1024;
-const qint64 MAX_BLOCK = 64 * 1024;
+const qint64 KIB = 1024;
+const qint64 MAX_HEAD = 64 * KIB;
+const qint64 MAX_INTERIM = 64 * KIB;
+const qint64 MAX_TRAILER = 64 * KIB;
+const qint64 MAX_LINE = 64 * KIB;
+const qint64 MAX_BODY = 16 * KIB * KIB;
+const qint64 MAX_BLOCK = 64 * KIB;
 
 /// What comes before the first @p end, or all of it.
 QByteArray upTo(const QByteArray& text, char end)
@@ -232,19 +233,11 @@ void HttpReader::beginBody()
         interimSize = size;
         return;
     }
-    currentState = ReadingBody;
-    if (status == 204 || status == 304) {
-        currentState = Finished;
-    } else if (isChunked) {
-        lineKind = ChunkSizeLine;
-    } else if (contentLength == -1) {
-        endsWithConnection = true;
-        remaining = MAX_BODY;
-    } else if (contentLength == 0) {
-        currentState = Finished;
-    } else {
-        remaining = contentLength;
-    }
+    const bool hasBody = status != 204 && status != 304 && (isChunked || contentLength != 0);
+    currentState = hasBody ? ReadingBody : Finished;
+    endsWithConnection = hasBody && !isChunked && contentLength == -1;
+    lineKind = ChunkSizeLine;
+    remaining = isChunked ? 0 : contentLength;
 }
 
 void HttpReader::handleChunkSize()

@@ -30,6 +30,7 @@ public:
         const int MAX_ALIKE = 64;
         return table.contains(name) || ++alike[qHash(name, static_cast<uint>(qGlobalQHashSeed()))] <= MAX_ALIKE;
 #else
+        Q_UNUSED(table)
         Q_UNUSED(name)
         return true;
 #endif

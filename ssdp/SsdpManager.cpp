@@ -43,11 +43,12 @@ void enlargeReceiveBuffer(const QUdpSocket* socket)
 
 } // namespace
 
-const QHostAddress SsdpManager::MULTICAST_GROUP_ADDRESS(QString(QLatin1String(Protocol::GROUP_ADDRESS)));
-const QString SsdpManager::DEVICE_FILTER(QLatin1String(Protocol::DEVICE_NAMESPACE));
-const QString SsdpManager::SERVICE_FILTER(QLatin1String(Protocol::SERVICE_NAMESPACE));
-const QString SsdpManager::VELMORA_DEVICE_FILTER(QLatin1String(Protocol::DEVICE_TYPE));
-const QString SsdpManager::VELMORA_SERVICE_FILTER(QLatin1String(Protocol::KEY_OBJECT_SERVICE_TYPE));
+const QHostAddress SsdpManager::MULTICAST_GROUP_ADDRESS =
+    QHostAddress(QString(QLatin1String(Protocol::GROUP_ADDRESS)));
+const QString SsdpManager::DEVICE_FILTER = QLatin1String(Protocol::DEVICE_NAMESPACE);
+const QString SsdpManager::SERVICE_FILTER = QLatin1String(Protocol::SERVICE_NAMESPACE);
+const QString SsdpManager::VELMORA_DEVICE_FILTER = QLatin1String(Protocol::DEVICE_TYPE);
+const QString SsdpManager::VELMORA_SERVICE_FILTER = QLatin1String(Protocol::KEY_OBJECT_SERVICE_TYPE);
 
 // Lifecycle
 
