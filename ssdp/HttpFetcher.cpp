@@ -352,7 +352,8 @@ void HttpConnection::onClosed()
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
     readReply();
-    if (!fetcher)
+    // The reply may have ended, and the next request have opened the connection again.
+    if (!fetcher || state() != UnconnectedState)
         return;
     HttpFetcher* const owner = fetcher;
     HttpReply* const unfinished = takeReply();
