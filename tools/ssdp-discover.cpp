@@ -1,12 +1,10 @@
 #include <ssdp/Ssdp.h>
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
+#include <tools/Output.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QDateTime>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QTimer>
 #include <QtNetwork/QHostAddress>
@@ -65,7 +63,8 @@ void addOptions(QCommandLineParser& parser)
                        "Devices take up to 3 seconds to answer the search and then have to be read: 5000 ms find\n"
                        "those too that are late.\n"
                        "\n"
-                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option."));
+                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
+                       "4 when the output cannot be written, 141 when nobody reads it any more."));
     const auto flag = [&parser](const char* name, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
     };
@@ -123,10 +122,10 @@ Settings readSettings(const QCommandLineParser& parser)
 }
 
 /// Standard output, which may be a terminal of any width.
-class Output
+class Table
 {
 public:
-    explicit Output(const Settings& settings)
+    explicit Table(const Settings& settings)
         : isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json && !settings.quiet)
         , hasColour(isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb")
         , marks(settings.repeat > 0)
@@ -141,9 +140,8 @@ public:
 
     void line(const QString& text)
     {
-        clearProgress();
-        std::puts(qPrintable(text));
-        std::fflush(stdout);
+        print((progressShown ? QByteArray("\r\033[K") : QByteArray()) + text.toUtf8() + '\n');
+        progressShown = false;
     }
 
     void header() { line(coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), "1")); }
@@ -158,8 +156,7 @@ public:
 
     void progress(const QString& text)
     {
-        std::printf("\r\033[K%s", qPrintable(text));
-        std::fflush(stdout);
+        print("\r\033[K" + text.toUtf8());
         progressShown = true;
     }
 
@@ -188,13 +185,6 @@ private:
     QString coloured(const QString& text, const char* colour) const
     {
         return hasColour ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(colour), text) : text;
-    }
-
-    void clearProgress()
-    {
-        if (progressShown)
-            std::fputs("\r\033[K", stdout);
-        progressShown = false;
     }
 
     bool isTerminal;
@@ -256,7 +246,7 @@ private:
         const bool isNew = known.insert(device).second;
         found += isNew ? 1 : 0;
         if (isNew || settings.all)
-            print(isNew ? '+' : ' ', device);
+            show(isNew ? '+' : ' ', device);
         if (static_cast<int>(known.size()) == settings.count)
             finish();
     }
@@ -272,7 +262,7 @@ private:
                 ++it;
                 continue;
             }
-            print('-', *it);
+            show('-', *it);
             it = known.erase(it);
         }
         pause.start(settings.repeat * 1000);
@@ -291,7 +281,7 @@ private:
 
     QString left() const
     {
-        return QString::fromLatin1(Output::seconds(qMax<qint64>(0, settings.timeout - round.elapsed())));
+        return QString::fromLatin1(Table::seconds(qMax<qint64>(0, settings.timeout - round.elapsed())));
     }
 
     bool isWanted(const Device& device) const
@@ -301,19 +291,19 @@ private:
             && (!settings.subnet || device.address.isInSubnet(*settings.subnet));
     }
 
-    void print(char mark, const Device& device)
+    void show(char mark, const Device& device)
     {
         if (settings.quiet)
             return;
         if (settings.json) {
             const QJsonObject object = {
-                {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+                {QStringLiteral("time"), QLatin1String(timeStamp())},
                 {QStringLiteral("event"), mark == '-' ? QStringLiteral("gone") : QStringLiteral("found")},
                 {QStringLiteral("functionCode"), device.functionCode},
                 {QStringLiteral("univocalCode"), device.univocalCode},
                 {QStringLiteral("address"), device.address.toString()},
             };
-            output.line(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+            print(object);
             return;
         }
         if (!headerPrinted)
@@ -327,7 +317,7 @@ private:
         if (!settings.json) {
             QString text = found == 0 ? QStringLiteral("No device found")
                                       : QStringLiteral("%1 device%2 found").arg(found).arg(plural(found));
-            text += QStringLiteral(" in %1").arg(QLatin1String(Output::seconds(clock.elapsed())));
+            text += QStringLiteral(" in %1").arg(QLatin1String(Table::seconds(clock.elapsed())));
             if (!others.empty())
                 text += QStringLiteral(", %1 other%2 left out").arg(others.size()).arg(plural(others.size()));
             output.line(text);
@@ -339,19 +329,15 @@ private:
     void advise() const
     {
         const bool wasShort = settings.timeout < SUFFICIENT_TIMEOUT && round.elapsed() >= settings.timeout;
-        std::fputs(
-            "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
-            "The devices may be in another network: this host needs an interface in theirs.\n",
-            stderr);
-        std::fputs(
-            wasShort
-                ? "The time may be too short: try --timeout 5000, and --verbose to see how far a device came.\n"
-                : "--verbose shows whether a device has answered, and how far it came.\n",
-            stderr);
+        report("A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
+               "The devices may be in another network: this host needs an interface in theirs.\n");
+        report(wasShort
+                   ? "The time may be too short: try --timeout 5000, and --verbose to see how far a device came.\n"
+                   : "--verbose shows whether a device has answered, and how far it came.\n");
     }
 
     Settings settings;
-    Output output;
+    Table output;
     Ssdp ssdp;
     QTimer pause;
     QTimer progressTimer;
@@ -369,8 +355,10 @@ private:
 
 int main(int argc, char* argv[])
 {
+    openStandardDescriptors();
     QCoreApplication application(argc, argv);
     const Interruption interruption;
+    const ReaderWatch readerWatch;
     QCoreApplication::setApplicationName(QStringLiteral("ssdp-discover"));
     QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
     QCommandLineParser parser;

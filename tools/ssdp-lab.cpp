@@ -1,4 +1,5 @@
 #include <simulator/PrivateNetwork.h>
+#include <tools/Output.h>
 
 #include <arpa/inet.h>
 #include <cerrno>
@@ -15,11 +16,11 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace Velmora::Tools;
 using Velmora::Simulator::PrivateNetwork;
 
 namespace {
 
-const int USAGE_ERROR = 2;
 const int FAILED = 125; // as env(1) and timeout(1): not the command's own status
 
 const char HELP[] = R"(Usage: ssdp-lab [options] [options of ssdp-simulator] -- COMMAND...
@@ -99,10 +100,10 @@ Settings readSettings(const std::vector<std::string>& arguments)
             break;
         }
         if (argument == "-h" || argument == "--help") {
-            std::fputs(HELP, stdout);
+            print(HELP, FAILED);
             std::exit(0);
         } else if (argument == "-v" || argument == "--version") {
-            std::puts("ssdp-lab " VELMORA_VERSION);
+            print("ssdp-lab " VELMORA_VERSION "\n", FAILED);
             std::exit(0);
         } else if (argument == "--second-interface") {
             settings.secondInterface = true;
@@ -270,6 +271,7 @@ int waitFor(pid_t command, pid_t simulator, const sigset_t& signals)
 
 int main(int argc, char* argv[])
 {
+    openStandardDescriptors();
     const Settings settings = readSettings(std::vector<std::string>(argv + 1, argv + argc));
     try {
         std::vector<std::string> firstAddresses = {settings.firstAddress};

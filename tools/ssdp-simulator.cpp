@@ -2,15 +2,14 @@
 #include <simulator/SimulatedDevice.h>
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
+#include <tools/Output.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QDateTime>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 
 #include <cstdio>
+#include <fcntl.h>
 #include <memory>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -80,7 +79,7 @@ void listFaults()
             name += QStringLiteral("[=%1]").arg(QLatin1String(fault.value));
             explanation += QStringLiteral(" (%1)").arg(QLatin1String(fault.standard));
         }
-        std::printf("%-28s %s\n", qPrintable(name), qPrintable(explanation));
+        print(name.leftJustified(28).toUtf8() + ' ' + explanation.toUtf8() + '\n');
     }
 }
 
@@ -164,12 +163,6 @@ Settings readSettings(const QCommandLineParser& parser)
     return settings;
 }
 
-void print(const QJsonObject& object)
-{
-    std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
-    std::fflush(stdout);
-}
-
 /// One line as it can be read, whatever bytes are in it.
 QString readable(const QByteArray& line)
 {
@@ -220,7 +213,7 @@ public:
         if (settings.readyDescriptor != -1) {
             if (write(settings.readyDescriptor, "\n", 1) != 1)
                 std::perror("ssdp-simulator: --ready-fd");
-            close(settings.readyDescriptor);
+            closeReadyDescriptor();
         }
         if (settings.quiet)
             return;
@@ -229,9 +222,11 @@ public:
                    {QStringLiteral("first"), first},
                    {QStringLiteral("last"), last}});
         } else {
-            std::printf("ssdp-simulator: %d device%s at %s%s%s\n", count, count == 1 ? "" : "s", qPrintable(first),
-                        count == 1 ? "" : " to ", count == 1 ? "" : qPrintable(last));
-            std::fflush(stdout);
+            QString text = QStringLiteral("ssdp-simulator: %1 device%2 at %3")
+                               .arg(QString::number(count), count == 1 ? QString() : QStringLiteral("s"), first);
+            if (count > 1)
+                text += QStringLiteral(" to ") + last;
+            print(text.toUtf8() + '\n');
         }
     }
 
@@ -257,14 +252,25 @@ public:
         if (settings.json)
             print({{QStringLiteral("saw"), saw}});
         else
-            std::printf("ssdp-simulator: %s\n", qPrintable(said.join(QStringLiteral(", "))));
+            print("ssdp-simulator: " + said.join(QStringLiteral(", ")).toUtf8() + '\n');
     }
 
 private:
+    void closeReadyDescriptor() const
+    {
+        // A standard descriptor stays open, or the next socket would become it.
+        const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (settings.readyDescriptor > STDERR_FILENO)
+            close(settings.readyDescriptor);
+        else
+            dup2(nothing, settings.readyDescriptor);
+        close(nothing);
+    }
+
     void trace(const QString& device, bool sent, const QString& peer, const QByteArray& text) const
     {
         if (settings.json) {
-            print({{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+            print({{QStringLiteral("time"), QLatin1String(timeStamp())},
                    {QStringLiteral("device"), device},
                    {QStringLiteral("direction"), sent ? QStringLiteral("out") : QStringLiteral("in")},
                    {QStringLiteral("peer"), peer},
@@ -272,14 +278,15 @@ private:
                    {QStringLiteral("text"), QString::fromLatin1(text.constData(), text.size())}});
             return;
         }
-        std::printf("%.3f %s %s %s\n", static_cast<double>(clock.elapsed()) / 1000, qPrintable(device),
-                    sent ? "->" : "<-", qPrintable(peer));
+        QString out = QStringLiteral("%1 %2 %3 %4\n")
+                          .arg(QString::number(static_cast<double>(clock.elapsed()) / 1000, 'f', 3), device,
+                               sent ? QStringLiteral("->") : QStringLiteral("<-"), peer);
         QList<QByteArray> lines = text.split('\n');
         while (!lines.isEmpty() && lines.last().trimmed().isEmpty())
             lines.removeLast();
         for (const QByteArray& line : std::as_const(lines))
-            std::printf("    %s\n", qPrintable(readable(line)));
-        std::fflush(stdout);
+            out += QStringLiteral("    ") + readable(line) + QLatin1Char('\n');
+        print(out.toUtf8());
     }
 
     Settings settings;
@@ -302,8 +309,10 @@ void allowDescriptors()
 
 int main(int argc, char* argv[])
 {
+    openStandardDescriptors();
     QCoreApplication application(argc, argv);
     const Interruption interruption;
+    const ReaderWatch readerWatch;
     QCoreApplication::setApplicationName(QStringLiteral("ssdp-simulator"));
     QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
     QCommandLineParser parser;

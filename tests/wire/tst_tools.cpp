@@ -1,93 +1,31 @@
+#include "ToolRun.h"
+
 #include <simulator/SimulatedDevice.h>
 
+#include <QtCore/QDateTime>
+#include <QtCore/QFile>
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
-#include <QtCore/QProcess>
-#include <QtCore/QRegularExpression>
-#include <QtCore/QSet>
 #include <QtTest/QtTest>
 
-#include <csignal>
-#include <cstdio>
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
-namespace {
+using namespace Velmora::Tests;
 
-const int LONGEST_RUN = 60 * 1000;
-
-struct Run
-{
-    int status;
-    QString out;
-    QString err;
-
-    QStringList lines() const { return out.split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
-};
-
-QStringList words(const char* text)
-{
-    return QString::fromLatin1(text).split(QLatin1Char(' '), Qt::SkipEmptyParts);
-}
-
-Run run(const char* program, const QStringList& arguments)
-{
-    QProcess process;
-    process.start(QString::fromLatin1(program), arguments);
-    if (!process.waitForFinished(LONGEST_RUN))
-        return {-1, QString(), process.errorString()};
-    return {process.exitCode(), QString::fromUtf8(process.readAllStandardOutput()),
-            QString::fromUtf8(process.readAllStandardError())};
-}
-
-Run lab(const char* arguments)
-{
-    return run(SSDP_LAB, words(arguments));
-}
-
-/// Interrupts it once it has printed @p text. What it prints on standard error is in Run::out too.
-Run labInterruptedAfter(const char* text, const char* arguments)
-{
-    QProcess process;
-    process.setProcessChannelMode(QProcess::MergedChannels);
-    process.start(QString::fromLatin1(SSDP_LAB), words(arguments));
-    QByteArray out;
-    while (!out.contains(text) && process.waitForReadyRead(LONGEST_RUN))
-        out += process.readAll();
-    kill(static_cast<pid_t>(process.processId()), SIGINT);
-    if (!process.waitForFinished(LONGEST_RUN))
-        return {-1, QString(), process.errorString()};
-    return {process.exitCode(), QString::fromUtf8(out + process.readAll()), QString()};
-}
-
-/// The rows of a table, each as its cells without the time, in order of the address.
-QStringList devicesOf(const Run& result)
-{
-    static const QRegularExpression form(QStringLiteral("^([ +-])\\s*(\\d+)\\s+(\\d+)\\s+([0-9.]+)\\s"));
-    QStringList rows;
-    const QStringList lines = result.lines();
-    for (const QString& line : lines) {
-        const QRegularExpressionMatch match = form.match(line);
-        if (match.hasMatch()) {
-            rows << match.captured(2) + QLatin1Char(' ') + match.captured(3) + QLatin1Char(' ')
-                    + match.captured(4);
-        }
-    }
-    rows.sort();
-    return rows;
-}
-
-} // namespace
-
-/// The three programs as a user runs them.
+/// ssdp-discover and ssdp-simulator as a user runs them.
 class ToolsTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void labEndsWithTheStatusOfTheCommand_data();
-    void labEndsWithTheStatusOfTheCommand();
-    void labCommandSeesThePrivateNetworkOnly();
-    void labEndsTheSimulatorWhenItIsEnded();
-    void labTellsOfWrongOptions();
+    void endsWhenNobodyReads_data();
+    void endsWhenNobodyReads();
+    void saysWhenItCannotWrite_data();
+    void saysWhenItCannotWrite();
+    void canBeEndedWhileNobodyReads();
     void discoverPrintsEveryDeviceOnce();
     void discoverPrintsEveryReportWithAll();
     void discoverPrintsJson();
@@ -110,58 +48,73 @@ private Q_SLOTS:
     void simulatorTracesAndSums();
 };
 
-void ToolsTest::labEndsWithTheStatusOfTheCommand_data()
+void ToolsTest::endsWhenNobodyReads_data()
 {
-    QTest::addColumn<QStringList>("command");
-    QTest::addColumn<int>("status");
-    QTest::newRow("success") << words("true") << 0;
-    QTest::newRow("status") << QStringList{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("exit 7")}
-                            << 7;
-    QTest::newRow("signal") << QStringList{QStringLiteral("sh"), QStringLiteral("-c"),
-                                           QStringLiteral("kill -9 $$")}
-                            << 128 + SIGKILL;
-    QTest::newRow("no such command") << words("no-such-command") << 127;
+    QTest::addColumn<QString>("command");
+    QTest::newRow("discover") << QStringLiteral("ssdp-discover --repeat 1 --timeout 1000 --json");
+    QTest::newRow("discover, to a log") << QStringLiteral("ssdp-discover --repeat 1 --verbose --quiet 2>&1");
+    QTest::newRow("simulator") << QStringLiteral("ssdp-simulator --first-address 127.0.0.1");
 }
 
-void ToolsTest::labEndsWithTheStatusOfTheCommand()
+void ToolsTest::endsWhenNobodyReads()
 {
-    QFETCH(QStringList, command);
-    QFETCH(int, status);
-    QCOMPARE(run(SSDP_LAB, words("--devices 2 --") + command).status, status);
+    QFETCH(QString, command);
+    const Run result = shell(QStringLiteral("$lab --response-delay 0-0 -- %1 | head -n 1\n"
+                                            "exit ${PIPESTATUS[0]}")
+                                 .arg(command));
+    QCOMPARE(result.status, 141);
+    QCOMPARE(result.lines().size(), 1);
+    QCOMPARE(result.err, QString());
 }
 
-void ToolsTest::labCommandSeesThePrivateNetworkOnly()
+void ToolsTest::saysWhenItCannotWrite_data()
 {
-    const Run result = lab("--second-interface --rate 10mbit -- ip -oneline -4 address");
-    QCOMPARE(result.status, 0);
-    QCOMPARE(result.lines().size(), 3);
-    QVERIFY(result.out.contains(QStringLiteral("127.0.0.1/8")));
-    QVERIFY(result.out.contains(QStringLiteral("10.77.0.1/16")));
-    QVERIFY(result.out.contains(QStringLiteral("10.78.0.1/16")));
+    QTest::addColumn<QString>("command");
+    for (const char* const command :
+         {"ssdp-discover", "ssdp-discover --json", "ssdp-discover --help", "ssdp-discover --version",
+          "ssdp-simulator --first-address 127.0.0.1", "ssdp-simulator --help", "ssdp-simulator --list-faults",
+          "ssdp-simulator --trace --quiet --first-address 127.0.0.1"}) {
+        QTest::newRow(command) << QString::fromLatin1(command);
+    }
 }
 
-void ToolsTest::labEndsTheSimulatorWhenItIsEnded()
+void ToolsTest::saysWhenItCannotWrite()
 {
-    QProcess process;
-    process.start(QString::fromLatin1(SSDP_LAB),
-                  words("--devices 2 --verbose -- sh -c") << QStringLiteral("echo started; exec sleep 60"));
-    QVERIFY(process.waitForReadyRead(LONGEST_RUN));
-    process.terminate();
-    QVERIFY(process.waitForFinished(LONGEST_RUN));
-    QCOMPARE(process.exitCode(), 128 + SIGTERM);
-    // Its last line, which it prints when it has said byebye.
-    QVERIFY(process.readAllStandardError().contains("answered 0 searches"));
+    QFETCH(QString, command);
+    const Run full = shell(QStringLiteral("$lab --response-delay 0-0 -- %1 >/dev/full").arg(command));
+    QCOMPARE(full.status, 4);
+    const QString name = command.section(QLatin1Char(' '), 0, 0);
+    QCOMPARE(full.err, name + QStringLiteral(": cannot write: No space left on device\n"));
+    // No socket becomes its standard output.
+    const Run closed = shell(QStringLiteral("$lab --response-delay 0-0 -- %1 >&-").arg(command));
+    QCOMPARE(closed.status, 4);
+    QCOMPARE(closed.err, name + QStringLiteral(": cannot write: Bad file descriptor\n"));
 }
 
-void ToolsTest::labTellsOfWrongOptions()
+void ToolsTest::canBeEndedWhileNobodyReads()
 {
-    QCOMPARE(lab("--devices 2").status, 2);
-    QCOMPARE(lab("--devices two -- true").status, 2);
-    QCOMPARE(lab("--fault no-such-fault -- true").status, 2);
-    QCOMPARE(lab("--first-address 10.77.0.1 -- true").status, 2);
-    QCOMPARE(lab("--first-address 300.1.1.1 -- true").status, 2);
-    QCOMPARE(lab("--help").status, 0);
-    QCOMPARE(lab("--version").status, 0);
+    int ends[2];
+    QCOMPARE(pipe(ends), 0);
+    QCOMPARE(fcntl(ends[1], F_SETFL, O_NONBLOCK), 0);
+    while (write(ends[1], "x", 1) == 1) { }
+    QCOMPARE(errno, EAGAIN);
+    QCOMPARE(fcntl(ends[1], F_SETFL, 0), 0);
+
+    Program program(QStringLiteral("sh"),
+                    {QStringLiteral("-c"), QStringLiteral("exec ssdp-simulator --list-faults >&%1").arg(ends[1])});
+    const QString path = QStringLiteral("/proc/%1/syscall").arg(program.id());
+    const auto waitsForTheReader = [&path] {
+        QFile file(path);
+        if (!file.open(QIODevice::ReadOnly))
+            return false;
+        const int call = file.readAll().split(' ').constFirst().toInt();
+        return call == SYS_write || call == SYS_ppoll;
+    };
+    QTRY_VERIFY(waitsForTheReader());
+    program.signal(SIGTERM);
+    QCOMPARE(program.finish().status, 128 + SIGTERM);
+    close(ends[0]);
+    close(ends[1]);
 }
 
 void ToolsTest::discoverPrintsEveryDeviceOnce()
@@ -169,7 +122,7 @@ void ToolsTest::discoverPrintsEveryDeviceOnce()
     const Run result =
         lab("--devices 3 --variables KO,A,B --response-delay 0-100 -- ssdp-discover --timeout 2000");
     QCOMPARE(result.status, 0);
-    QCOMPARE(devicesOf(result),
+    QCOMPARE(result.devices(),
              (QStringList{QStringLiteral("1 1 10.77.1.1"), QStringLiteral("1 2 10.77.1.2"),
                           QStringLiteral("1 3 10.77.1.3")}));
     QCOMPARE(result.lines().size(), 5);
@@ -184,7 +137,7 @@ void ToolsTest::discoverPrintsEveryReportWithAll()
 {
     const Run result =
         lab("--devices 1 --variables KO,A,B --response-delay 0-100 -- ssdp-discover --timeout 2000 --all");
-    QCOMPARE(devicesOf(result).size(), 3);
+    QCOMPARE(result.devices().size(), 3);
     QVERIFY(result.lines().constLast().startsWith(QStringLiteral("1 device found in ")));
 }
 
@@ -205,30 +158,33 @@ void ToolsTest::discoverStopsEarly()
     // Far below the time-out, so the test would not end without it.
     const Run result = lab("--devices 3 --response-delay 0-0 -- ssdp-discover --count 2 --timeout 3600000");
     QCOMPARE(result.status, 0);
-    QCOMPARE(devicesOf(result).size(), 2);
+    QCOMPARE(result.devices().size(), 2);
     QCOMPARE(lab("--devices 3 --response-delay 0-0 -- ssdp-discover --first --quiet --timeout 3600000").out,
              QString());
 }
 
 void ToolsTest::discoverFilters_data()
 {
-    QTest::addColumn<QString>("filter");
+    QTest::addColumn<std::shared_ptr<Program>>("program");
     QTest::addColumn<QStringList>("devices");
+    const auto with = [](const char* filter) {
+        const QStringList fixed = words("--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500");
+        return std::make_shared<Program>(QStringLiteral(SSDP_LAB), fixed + words(filter));
+    };
     const auto device = [](int number) { return QStringLiteral("1 %1 10.77.1.%1").arg(number); };
-    QTest::newRow("univocal code") << QStringLiteral("--univocal-code 2") << QStringList{device(2)};
-    QTest::newRow("address") << QStringLiteral("--address 10.77.1.3") << QStringList{device(3)};
-    QTest::newRow("network") << QStringLiteral("--address 10.77.1.2/31") << QStringList{device(2), device(3)};
-    QTest::newRow("both codes") << QStringLiteral("--function-code 1 --univocal-code 1") << QStringList{device(1)};
-    QTest::newRow("none") << QStringLiteral("--function-code 2") << QStringList();
+    QTest::newRow("univocal code") << with("--univocal-code 2") << QStringList{device(2)};
+    QTest::newRow("address") << with("--address 10.77.1.3") << QStringList{device(3)};
+    QTest::newRow("network") << with("--address 10.77.1.2/31") << QStringList{device(2), device(3)};
+    QTest::newRow("both codes") << with("--function-code 1 --univocal-code 1") << QStringList{device(1)};
+    QTest::newRow("none") << with("--function-code 2") << QStringList();
 }
 
 void ToolsTest::discoverFilters()
 {
-    QFETCH(QString, filter);
+    QFETCH(std::shared_ptr<Program>, program);
     QFETCH(QStringList, devices);
-    const QStringList fixed = words("--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500");
-    const Run result = run(SSDP_LAB, fixed + filter.split(QLatin1Char(' ')));
-    QCOMPARE(devicesOf(result), devices);
+    const Run result = program->finish();
+    QCOMPARE(result.devices(), devices);
     QCOMPARE(result.status, devices.isEmpty() ? 1 : 0);
     const auto others = 3 - devices.size();
     const QString word = others == 1 ? QStringLiteral("other") : QStringLiteral("others");
@@ -278,36 +234,38 @@ void ToolsTest::discoverLogsOnlyWhenAsked()
 
 void ToolsTest::discoverPrintsWhatCameAndWent()
 {
-    QProcess process;
-    process.start(QString::fromLatin1(SSDP_LAB),
-                  words("--devices 2 --response-delay 0-0 --fault 2:die-after=event -- "
-                        "ssdp-discover --timeout 1000 --repeat 1"));
-    QByteArray out;
-    while (!out.contains("\n-") && process.waitForReadyRead(LONGEST_RUN))
-        out += process.readAllStandardOutput();
-    process.terminate();
-    QVERIFY(process.waitForFinished(LONGEST_RUN));
-    QCOMPARE(process.exitCode(), 0);
-    QCOMPARE(out.count("\n+"), 2);
-    QCOMPARE(out.count("\n-"), 1);
-    QVERIFY2(out.mid(out.indexOf("\n-")).contains(" 10.77.1.2 "), out.constData());
-    QCOMPARE(process.readAllStandardError(), QByteArray());
+    Program program("--devices 2 --response-delay 0-0 --fault 2:die-after=event -- "
+                    "ssdp-discover --timeout 1000 --repeat 1");
+    QVERIFY(program.waitFor("\n-"));
+    program.signal(SIGTERM);
+    const Run result = program.finish();
+    QCOMPARE(result.status, 0);
+    QCOMPARE(result.out.count(QStringLiteral("\n+")), 2);
+    QCOMPARE(result.out.count(QStringLiteral("\n-")), 1);
+    QVERIFY2(result.out.section(QStringLiteral("\n-"), 1).contains(QStringLiteral(" 10.77.1.2 ")),
+             qPrintable(result.out));
+    QCOMPARE(result.err, QString());
 }
 
 void ToolsTest::discoverEndsWithTheSummaryWhenInterrupted()
 {
-    const Run result = labInterruptedAfter("10.77.1.1", "--response-delay 0-0 -- ssdp-discover --timeout 3600000");
+    Program program("--response-delay 0-0 -- ssdp-discover --timeout 3600000");
+    QVERIFY(program.waitFor("10.77.1.1"));
+    program.signal(SIGINT);
+    const Run result = program.finish();
     QCOMPARE(result.status, 0);
     QVERIFY2(result.out.contains(QStringLiteral("1 device found in ")), qPrintable(result.out));
 }
 
 void ToolsTest::discoverBlamesTheTimeOnlyWhenItRanOut()
 {
-    const Run result =
-        labInterruptedAfter("Ssdp Server bound", "--devices 0 -- ssdp-discover --verbose --timeout 4000");
+    Program program("--devices 0 -- ssdp-discover --verbose --timeout 4000");
+    QVERIFY(program.waitFor("Ssdp Server bound", QProcess::StandardError));
+    program.signal(SIGINT);
+    const Run result = program.finish();
     QCOMPARE(result.status, 1);
-    QVERIFY2(result.out.contains(QStringLiteral("A firewall may ")), qPrintable(result.out));
-    QVERIFY2(!result.out.contains(QStringLiteral("The time may ")), qPrintable(result.out));
+    QVERIFY2(result.err.contains(QStringLiteral("A firewall may ")), qPrintable(result.err));
+    QVERIFY2(!result.err.contains(QStringLiteral("The time may ")), qPrintable(result.err));
 }
 
 void ToolsTest::discoverShowsProgressOnATerminalOnly()
@@ -335,7 +293,7 @@ void ToolsTest::discoverFindsDevicesOnBothInterfaces()
 {
     const Run result =
         lab("--devices 2 --second-interface --response-delay 0-0 -- ssdp-discover --count 4 --timeout 20000");
-    QCOMPARE(devicesOf(result),
+    QCOMPARE(result.devices(),
              (QStringList{QStringLiteral("1 1 10.77.1.1"), QStringLiteral("1 2 10.77.1.2"),
                           QStringLiteral("1 3 10.78.1.1"), QStringLiteral("1 4 10.78.1.2")}));
 }
@@ -344,7 +302,7 @@ void ToolsTest::discoverFindsAHundredDevices()
 {
     // Within the three seconds that the search allows them.
     const Run result = lab("--devices 100 --event-gap 300 -- ssdp-discover --timeout 6000");
-    QCOMPARE(devicesOf(result).size(), 100);
+    QCOMPARE(result.devices().size(), 100);
 }
 
 void ToolsTest::simulatorListsItsFaults()
@@ -405,11 +363,9 @@ void ToolsTest::simulatorTracesAndSums()
 
 int main(int argc, char** argv)
 {
-    const Run probe = lab("--devices 0 -- true");
-    if (probe.status != 0) {
-        std::fputs(qPrintable(probe.err), stderr);
-        return qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") == 1 ? 1 : 77;
-    }
+    const int status = prepareTools();
+    if (status != 0)
+        return status;
     const QCoreApplication application(argc, argv);
     ToolsTest test;
     return QTest::qExec(&test, argc, argv);
