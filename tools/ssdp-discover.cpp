@@ -26,7 +26,7 @@ const int NOTHING_FOUND = 1;
 
 const int PROGRESS_INTERVAL = 100;
 
-// Devices may answer for 3 s, and have to be read then.
+// Devices answer within 3 s, and then have to be read.
 const int SUFFICIENT_TIMEOUT = 5000;
 
 struct Settings
@@ -58,10 +58,10 @@ struct Device
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Finds the maker's devices on the local network and prints each once, as it reports.\n"
+        QStringLiteral("Finds the maker's devices on the local network and prints each once, when it\n"
+                       "reports.\n"
                        "\n"
-                       "Devices take up to 3 seconds to answer the search and then have to be read: 5000 ms find\n"
-                       "those too that are late.\n"
+                       "Devices take up to 3 seconds to answer the search and then have to be read.\n"
                        "\n"
                        "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
                        "4 when the output cannot be written, 141 when nobody reads it any more."));
@@ -72,7 +72,7 @@ void addOptions(QCommandLineParser& parser)
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
                                             QString::fromLatin1(value)));
     };
-    value("timeout", "MS", "How long a discovery lasts (3000).");
+    value("timeout", "MS", "How long a discovery lasts (5000).");
     value("count", "N", "Stops as soon as N devices were found.");
     flag("first", "Stops at the first device, as --count 1.");
     value("function-code", "CODE", "Only devices with this function code.");
@@ -96,7 +96,7 @@ Settings readSettings(const QCommandLineParser& parser)
                                                          : std::nullopt;
     };
     Settings settings;
-    settings.timeout = number("timeout", 1, INT_MAX, 3000);
+    settings.timeout = number("timeout", 1, INT_MAX, SUFFICIENT_TIMEOUT);
     settings.count = parser.isSet(QStringLiteral("first")) ? 1 : number("count", 1, INT_MAX, 0);
     settings.repeat = number("repeat", 1, 24 * 60 * 60, 0);
     settings.all = parser.isSet(QStringLiteral("all"));
