@@ -9,6 +9,9 @@ namespace Tools {
 /// The command line makes no sense.
 const int USAGE_ERROR = 2;
 
+/// This host cannot search: no interface, no permission, or the port is taken.
+const int SEARCH_FAILED = 3;
+
 /// Standard output cannot be written, as on a full disk.
 const int WRITE_ERROR = 4;
 

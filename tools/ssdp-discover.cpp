@@ -1,15 +1,18 @@
-#include <ssdp/Ssdp.h>
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
+#include <tools/LibraryLog.h>
 #include <tools/Output.h>
+#include <tools/Search.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QLoggingCategory>
 #include <QtCore/QTimer>
 #include <QtNetwork/QHostAddress>
 
+#include <algorithm>
 #include <cstdio>
+#include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <sys/ioctl.h>
@@ -17,7 +20,6 @@
 #include <unistd.h>
 
 using namespace Velmora::Tools;
-using Velmora::SSDP::Ssdp;
 
 namespace {
 
@@ -37,6 +39,8 @@ struct Settings
     bool all = false;
     bool json = false;
     bool quiet = false;
+    bool verbose = false;
+    QString interface; ///< Its name or its address; empty for all.
     std::optional<int> functionCode;
     std::optional<int> univocalCode;
     std::optional<QPair<QHostAddress, int>> subnet;
@@ -63,8 +67,9 @@ void addOptions(QCommandLineParser& parser)
                        "\n"
                        "Devices take up to 3 seconds to answer the search and then have to be read.\n"
                        "\n"
-                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
-                       "4 when the output cannot be written, 141 when nobody reads it any more."));
+                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option, 3 when\n"
+                       "this host cannot search (the message says why), 4 when the output cannot be written, 141 "
+                       "when nobody reads it any more."));
     const auto flag = [&parser](const char* name, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
     };
@@ -78,11 +83,12 @@ void addOptions(QCommandLineParser& parser)
     value("function-code", "CODE", "Only devices with this function code.");
     value("univocal-code", "CODE", "Only devices with this univocal code.");
     value("address", "ADDRESS", "Only devices with this address, or in this network as in 10.0.0.0/8.");
+    value("interface", "NAME|ADDRESS", "Searches from this interface of the host only.");
     value("repeat", "SECONDS", "Discovers again and again, with that pause, and prints what came and went.");
     flag("all", "Prints every report, also those of a device that is known.");
     flag("json", "Prints a JSON object a line.");
     flag("quiet", "Prints neither devices nor a summary; the exit status tells.");
-    flag("verbose", "Prints the library's log lines on standard error.");
+    flag("verbose", "Prints the library's log lines, with the time, on standard error.");
 }
 
 Settings readSettings(const QCommandLineParser& parser)
@@ -102,6 +108,10 @@ Settings readSettings(const QCommandLineParser& parser)
     settings.all = parser.isSet(QStringLiteral("all"));
     settings.json = parser.isSet(QStringLiteral("json"));
     settings.quiet = parser.isSet(QStringLiteral("quiet"));
+    settings.verbose = parser.isSet(QStringLiteral("verbose"));
+    settings.interface = parser.value(QStringLiteral("interface"));
+    if (parser.isSet(QStringLiteral("interface")) && settings.interface.isEmpty())
+        failUsage(QStringLiteral("--interface takes the name or the address of an interface"));
     settings.functionCode = code("function-code");
     settings.univocalCode = code("univocal-code");
     if (parser.isSet(QStringLiteral("first")) && parser.isSet(QStringLiteral("count")))
@@ -140,8 +150,8 @@ public:
 
     void line(const QString& text)
     {
-        print((progressShown ? QByteArray("\r\033[K") : QByteArray()) + text.toUtf8() + '\n');
-        progressShown = false;
+        endProgress();
+        print(text.toUtf8() + '\n');
     }
 
     void header() { line(coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), "1")); }
@@ -158,6 +168,13 @@ public:
     {
         print("\r\033[K" + text.toUtf8());
         progressShown = true;
+    }
+
+    void endProgress()
+    {
+        if (progressShown)
+            print("\r\033[K");
+        progressShown = false;
     }
 
     static QByteArray seconds(qint64 milliseconds)
@@ -197,18 +214,15 @@ private:
 class Host : public QObject
 {
 public:
-    Host(const Settings& settings, bool verbose)
+    explicit Host(const Settings& settings)
         : settings(settings)
-        , output(settings)
-        , ssdp(settings.timeout)
+        , table(settings)
     {
-        connect(&ssdp, &Ssdp::discovered, this, &Host::onDiscovered);
-        connect(&ssdp, &Ssdp::timeoutExpired, this, &Host::onTimeoutExpired);
         connect(&pause, &QTimer::timeout, this, &Host::discover);
         connect(&progressTimer, &QTimer::timeout, this, &Host::showProgress);
         pause.setSingleShot(true);
         // The log lines would break into it.
-        if (output.showsProgress() && !verbose)
+        if (table.showsProgress() && !settings.verbose)
             progressTimer.start(PROGRESS_INTERVAL);
         clock.start();
     }
@@ -216,26 +230,44 @@ public:
     void discover()
     {
         seen.clear();
+        clearTraces();
+        // A new one each time, for the addresses that the host has by now.
+        search = std::make_unique<Search>(settings.timeout, settings.interface);
+        connect(search.get(), &Search::discovered, this, &Host::onDiscovered);
+        connect(search.get(), &Search::finished, this, &Host::onFinished);
         round.start();
-        ssdp.discover();
+        search->start();
+        tellFailures(search->failures());
+        tellAddresses();
+        if (search->addresses().isEmpty() && settings.repeat == 0)
+            QCoreApplication::exit(SEARCH_FAILED);
     }
 
     void finish()
     {
-        if (finished)
+        if (isFinished)
             return;
-        finished = true;
+        isFinished = true;
         progressTimer.stop();
-        ssdp.stop();
+        search->stop();
         if (!settings.quiet)
             summarise();
-        QCoreApplication::exit(found > 0 ? FOUND : NOTHING_FOUND);
+        if (!found.empty()) {
+            QCoreApplication::exit(FOUND);
+        } else if (!others.empty() || search->isolation().isEmpty()) {
+            if (others.empty() && search->failures().isEmpty() && !settings.quiet)
+                advise();
+            QCoreApplication::exit(NOTHING_FOUND);
+        } else {
+            tellFailures({search->isolation()});
+            QCoreApplication::exit(SEARCH_FAILED);
+        }
     }
 
 private:
     void onDiscovered(int functionCode, int univocalCode, const QHostAddress& address)
     {
-        if (finished)
+        if (isFinished)
             return;
         const Device device = {functionCode, univocalCode, address};
         if (!isWanted(device)) {
@@ -243,41 +275,103 @@ private:
             return;
         }
         seen.insert(device);
-        const bool isNew = known.insert(device).second;
-        found += isNew ? 1 : 0;
+        found.insert(device);
+        const bool isNew = present.count(device) == 0;
+        present[device] = addressesOf(*search);
         if (isNew || settings.all)
             show(isNew ? '+' : ' ', device);
-        if (static_cast<int>(known.size()) == settings.count)
+        if (static_cast<int>(found.size()) == settings.count)
             finish();
     }
 
-    void onTimeoutExpired()
+    void onFinished()
     {
         if (settings.repeat == 0) {
             finish();
             return;
         }
-        for (auto it = known.begin(); it != known.end();) {
-            if (seen.count(*it) > 0) {
+        for (auto it = present.begin(); it != present.end();) {
+            if (seen.count(it->first) > 0 || !couldBeSeen(it->first, it->second)) {
                 ++it;
                 continue;
             }
-            show('-', *it);
-            it = known.erase(it);
+            show('-', it->first);
+            it = present.erase(it);
         }
         pause.start(settings.repeat * 1000);
     }
 
-    void showProgress()
+    /// Whether the discovery that has just ended would have found @p device if it were there. It was last found
+    /// by a search from @p addresses.
+    bool couldBeSeen(const Device& device, const QList<QHostAddress>& addresses) const
     {
-        const QString devices = QStringLiteral("%1 device%2 so far").arg(known.size()).arg(plural(known.size()));
-        if (pause.isActive())
-            output.progress(QStringLiteral("pause, %1").arg(devices));
-        else
-            output.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
+        // What has answered is there, even if it could not be read.
+        if (settings.timeout < SUFFICIENT_TIMEOUT || traces().hosts.contains(device.address.toString()))
+            return false;
+        const QList<QHostAddress> searched = addressesOf(*search);
+        QList<QHostAddress> connected;
+        const QList<LocalAddress> all = localAddresses();
+        for (const LocalAddress& local : all) {
+            if (!searched.contains(local.address) || !local.isUp || !local.isConnected)
+                continue;
+            if (device.address.isInSubnet(local.address, local.prefixLength))
+                return true;
+            connected.append(local.address);
+        }
+        return std::all_of(addresses.cbegin(), addresses.cend(),
+                           [&connected](const QHostAddress& address) { return connected.contains(address); });
     }
 
-    static QString plural(size_t count) { return count == 1 ? QString() : QStringLiteral("s"); }
+    static QList<QHostAddress> addressesOf(const Search& search)
+    {
+        QList<QHostAddress> result;
+        const QList<LocalAddress> all = search.addresses();
+        for (const LocalAddress& local : all)
+            result.append(local.address);
+        return result;
+    }
+
+    /// Whatever stays as it was is told once.
+    void tellFailures(const QStringList& failures)
+    {
+        for (const QString& failure : failures) {
+            if (!toldFailures.contains(failure))
+                tell(QStringLiteral("ssdp-discover: cannot search: ") + failure);
+        }
+        toldFailures = failures;
+    }
+
+    void tellAddresses()
+    {
+        const QString text = QStringLiteral("Searching from ") + describe(search->addresses());
+        if (search->addresses().isEmpty() || text == toldAddresses)
+            return;
+        toldAddresses = text;
+        if (!settings.quiet && !settings.json)
+            table.line(text);
+        else if (settings.verbose)
+            report(timeStamp() + ' ' + text.toUtf8() + '\n');
+    }
+
+    void tell(const QString& text)
+    {
+        table.endProgress();
+        report(text.toUtf8() + '\n');
+    }
+
+    void showProgress()
+    {
+        const QString devices = QStringLiteral("%1 so far").arg(counted(present.size()));
+        if (pause.isActive())
+            table.progress(QStringLiteral("pause, %1").arg(devices));
+        else
+            table.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
+    }
+
+    static QString counted(size_t devices)
+    {
+        return devices == 1 ? QStringLiteral("1 device") : QStringLiteral("%1 devices").arg(devices);
+    }
 
     QString left() const
     {
@@ -306,49 +400,74 @@ private:
             print(object);
             return;
         }
-        if (!headerPrinted)
-            output.header();
-        headerPrinted = true;
-        output.device(mark, device, clock.elapsed());
+        if (!isHeaderPrinted)
+            table.header();
+        isHeaderPrinted = true;
+        table.device(mark, device, clock.elapsed());
     }
 
     void summarise()
     {
         if (!settings.json) {
-            QString text = found == 0 ? QStringLiteral("No device found")
-                                      : QStringLiteral("%1 device%2 found").arg(found).arg(plural(found));
+            QString text = found.empty() ? QStringLiteral("No device found")
+                                         : QStringLiteral("%1 found").arg(counted(found.size()));
             text += QStringLiteral(" in %1").arg(QLatin1String(Table::seconds(clock.elapsed())));
-            if (!others.empty())
-                text += QStringLiteral(", %1 other%2 left out").arg(others.size()).arg(plural(others.size()));
-            output.line(text);
+            if (!others.empty()) {
+                text += QStringLiteral(", %1 other%2 left out")
+                            .arg(others.size())
+                            .arg(others.size() == 1 ? QString() : QStringLiteral("s"));
+            }
+            table.line(text);
         }
-        if (found == 0 && others.empty())
-            advise();
     }
 
-    void advise() const
+    void advise()
     {
+        const Traces seen = traces();
+        if (seen.hosts.isEmpty()) {
+            tell(QStringLiteral("A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to"
+                                " this program.\n"
+                                "The devices may be in another network: this host needs an interface in theirs."));
+        } else {
+            tell(counted(static_cast<size_t>(seen.hosts.size())) + QLatin1Char(' ') + answer(seen));
+        }
         const bool wasShort = settings.timeout < SUFFICIENT_TIMEOUT && round.elapsed() >= settings.timeout;
-        report("A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
-               "The devices may be in another network: this host needs an interface in theirs.\n");
-        report(wasShort
-                   ? "The time may be too short: try --timeout 5000, and --verbose to see how far a device came.\n"
-                   : "--verbose shows whether a device has answered, and how far it came.\n");
+        tell(wasShort
+                 ? QStringLiteral("The time may be too short: try --timeout 5000, and --verbose to see how far"
+                                  " a device came.")
+                 : QStringLiteral("--verbose shows whether a device has answered, and how far it came."));
+    }
+
+    static QString answer(const Traces& seen)
+    {
+        if (seen.eventMalformed)
+            return QStringLiteral("answered, but what was reported is not valid XML.");
+        if (seen.subscribed)
+            return QStringLiteral(
+                "answered, but none reported: a firewall may drop the TCP connections that devices"
+                " open to this program.");
+        if (seen.described)
+            return QStringLiteral("answered, but none has a key-object service that could be read.");
+        return QStringLiteral(
+            "answered, but no description could be read: a device may be faulty, or a firewall in"
+            " the way of HTTP.");
     }
 
     Settings settings;
-    Table output;
-    Ssdp ssdp;
+    Table table;
+    std::unique_ptr<Search> search;
     QTimer pause;
     QTimer progressTimer;
     QElapsedTimer clock;
     QElapsedTimer round;
-    std::set<Device> known;
+    std::map<Device, QList<QHostAddress>> present; ///< And where the search went out from that found it.
     std::set<Device> seen; ///< In the running discovery.
+    std::set<Device> found; ///< In any.
     std::set<Device> others; ///< That the filters left out.
-    size_t found = 0;
-    bool headerPrinted = false;
-    bool finished = false;
+    QStringList toldFailures;
+    QString toldAddresses;
+    bool isHeaderPrinted = false;
+    bool isFinished = false;
 };
 
 } // namespace
@@ -364,12 +483,11 @@ int main(int argc, char* argv[])
     QCommandLineParser parser;
     addOptions(parser);
     parseArguments(parser);
-    const bool verbose = parser.isSet(QStringLiteral("verbose"));
-    if (!verbose) // Qt warns of what the library does too, as when it listens again.
-        QLoggingCategory::setFilterRules(QStringLiteral("*=false"));
+    const Settings settings = readSettings(parser);
+    watchLog(settings.verbose);
 
-    Host host(readSettings(parser), verbose);
+    Host host(settings);
     QObject::connect(&interruption, &Interruption::interrupted, &host, &Host::finish);
-    host.discover();
+    QTimer::singleShot(0, &host, &Host::discover);
     return QCoreApplication::exec();
 }

@@ -58,18 +58,29 @@ public:
     {
     }
 
-    /// Waits until it has printed @p text on standard output (or error).
-    bool waitFor(const char* text, QProcess::ProcessChannel channel = QProcess::StandardOutput)
+    ~Program()
+    {
+        if (process.state() != QProcess::NotRunning) {
+            process.terminate();
+            process.waitForFinished();
+        }
+    }
+
+    /// Waits until it has printed @p text on standard output (or error), and that many times.
+    bool waitFor(const char* text, QProcess::ProcessChannel channel = QProcess::StandardOutput, int times = 1)
     {
         process.setReadChannel(channel);
         QByteArray& printed = channel == QProcess::StandardOutput ? out : err;
         do {
             printed += process.readAll();
-            if (printed.contains(text))
+            if (printed.count(text) >= times)
                 return true;
         } while (process.waitForReadyRead(LONGEST_RUN));
         return false;
     }
+
+    /// Writes @p text to its standard input.
+    void write(const char* text) { process.write(text); }
 
     pid_t id() const { return static_cast<pid_t>(process.processId()); }
 
@@ -77,6 +88,7 @@ public:
 
     Run finish()
     {
+        process.closeWriteChannel();
         if (process.state() != QProcess::NotRunning && !process.waitForFinished(LONGEST_RUN)) {
             process.terminate();
             process.waitForFinished();
@@ -109,8 +121,9 @@ inline Run lab(const char* arguments)
 inline Run shell(const QString& script)
 {
     // timeout(1) passes a signal on to all that the shell has started.
-    return run("timeout", {QStringLiteral("1h"), QStringLiteral("bash"), QStringLiteral("-c"),
-                           QStringLiteral("lab=" SSDP_LAB "\n") + script});
+    return run("timeout",
+               {QStringLiteral("1h"), QStringLiteral("bash"), QStringLiteral("-c"),
+                QStringLiteral("lab=" SSDP_LAB "\n") + script});
 }
 
 /// Puts the tools of this build into the PATH. The status with which the test ends at once when it can have no

@@ -39,6 +39,15 @@ private Q_SLOTS:
     void discoverTellsOfWrongOptions();
     void discoverLogsOnlyWhenAsked();
     void discoverPrintsWhatCameAndWent();
+    void discoverKeepsWhatAShortDiscoveryMisses();
+    void discoverKeepsWhatALostInterfaceHides();
+    void discoverSeesALaterInterface();
+    void discoverSaysWhenItCannotSearch_data();
+    void discoverSaysWhenItCannotSearch();
+    void discoverAdvisesOnWhatItSaw_data();
+    void discoverAdvisesOnWhatItSaw();
+    void discoverSearchesFromOneInterface_data();
+    void discoverSearchesFromOneInterface();
     void discoverEndsWithTheSummaryWhenInterrupted();
     void discoverBlamesTheTimeOnlyWhenItRanOut();
     void discoverShowsProgressOnATerminalOnly();
@@ -53,11 +62,31 @@ private:
     // What takes long runs meanwhile.
     std::unique_ptr<Program> late;
     std::unique_ptr<Program> hundred;
+    std::unique_ptr<Program> comings;
+    std::unique_ptr<Program> lostInterface;
 };
 
 void ToolsTest::initTestCase()
 {
     late = std::make_unique<Program>("--devices 10 --seed 41 -- ssdp-discover");
+    // Each does something with every line that ssdp-discover prints.
+    const auto reacting = [](const char* options, const char* script) {
+        return std::make_unique<Program>(
+            QStringLiteral(SSDP_LAB),
+            words("--response-delay 0-0 -- bash -c")
+                << QStringLiteral("start() { ssdp-simulator --first-address 10.77.0.1 --quiet & device=$!; }\n"
+                                  "coproc ssdp-discover --repeat 1 %1\n"
+                                  "while IFS= read -r line; do echo \"$line\"; %2; done <&${COPROC[0]}\n"
+                                  "wait $COPROC_PID")
+                       .arg(QLatin1String(options), QLatin1String(script)));
+    };
+    comings = reacting("",
+                       "case $line in"
+                       " Searching*) start ;;"
+                       " +*10.77.0.1*) kill $device; ((++times < 2)) || kill $COPROC_PID ;;"
+                       " -*) start ;;"
+                       " esac");
+    lostInterface = reacting("--verbose", "[[ $line != +* ]] || ip link set host0 down");
     hundred = std::make_unique<Program>("--devices 100 --event-gap 300 -- ssdp-discover --timeout 6000");
 }
 
@@ -113,7 +142,7 @@ void ToolsTest::canBeEndedWhileNobodyReads()
     QCOMPARE(errno, EAGAIN);
     QCOMPARE(fcntl(ends[1], F_SETFL, 0), 0);
 
-    Program program(QStringLiteral("sh"),
+    Program program(QStringLiteral("bash"),
                     {QStringLiteral("-c"), QStringLiteral("exec ssdp-simulator --list-faults >&%1").arg(ends[1])});
     const QString path = QStringLiteral("/proc/%1/syscall").arg(program.id());
     const auto waitsForTheReader = [&path] {
@@ -138,12 +167,13 @@ void ToolsTest::discoverPrintsEveryDeviceOnce()
     QCOMPARE(result.devices(),
              (QStringList{QStringLiteral("1 1 10.77.1.1"), QStringLiteral("1 2 10.77.1.2"),
                           QStringLiteral("1 3 10.77.1.3")}));
-    QCOMPARE(result.lines().size(), 5);
-    QVERIFY(result.lines().constFirst().contains(QStringLiteral("FUNCTION")));
+    QCOMPARE(result.lines().size(), 6);
+    QCOMPARE(result.lines().at(0), QStringLiteral("Searching from 10.77.0.1 (host0)"));
+    QVERIFY(result.lines().at(1).contains(QStringLiteral("FUNCTION")));
     QVERIFY(result.lines().constLast().startsWith(QStringLiteral("3 devices found in ")));
     QVERIFY2(result.err.isEmpty(), qPrintable(result.err));
-    for (int i = 1; i < 4; ++i)
-        QCOMPARE(result.lines().at(i).size(), result.lines().at(0).size());
+    for (int i = 2; i < 5; ++i)
+        QCOMPARE(result.lines().at(i).size(), result.lines().at(1).size());
 }
 
 void ToolsTest::discoverWaitsForLateDevices()
@@ -218,7 +248,7 @@ void ToolsTest::discoverAdvisesWhenNothingIsFound()
 {
     const Run result = lab("--devices 0 -- ssdp-discover --timeout 100");
     QCOMPARE(result.status, 1);
-    QVERIFY(result.out.startsWith(QStringLiteral("No device found in ")));
+    QVERIFY(result.lines().constLast().startsWith(QStringLiteral("No device found in ")));
     QCOMPARE(result.err.count(QLatin1Char('\n')), 3);
     QVERIFY2(result.err.contains(QStringLiteral("try --timeout 5000")), qPrintable(result.err));
     const Run quiet = lab("--devices 0 -- ssdp-discover --timeout 100 --quiet");
@@ -249,24 +279,155 @@ void ToolsTest::discoverLogsOnlyWhenAsked()
 {
     const Run silent = lab("--response-delay 0-0 -- ssdp-discover --first");
     QCOMPARE(silent.err, QString());
-    const Run verbose = lab("--response-delay 0-0 -- ssdp-discover --first --verbose");
+    const Run verbose = lab("--response-delay 0-0 -- ssdp-discover --first --verbose --quiet");
     QVERIFY2(verbose.err.contains(QStringLiteral("Device with FC:1 and UC:1 found at 10.77.1.1")),
              qPrintable(verbose.err));
+    QVERIFY2(verbose.err.contains(QStringLiteral("Z Searching from 10.77.0.1 (host0)\n")),
+             qPrintable(verbose.err));
+    const QStringList lines = verbose.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    for (const QString& line : lines) {
+        const QString time = line.section(QLatin1Char(' '), 0, 0);
+        QVERIFY2(QDateTime::fromString(time, Qt::ISODateWithMs).isValid() && time.size() == 24, qPrintable(line));
+    }
 }
 
 void ToolsTest::discoverPrintsWhatCameAndWent()
 {
-    Program program("--devices 2 --response-delay 0-0 --fault 2:die-after=event -- "
-                    "ssdp-discover --timeout 1000 --repeat 1");
-    QVERIFY(program.waitFor("\n-"));
+    // A device beside it goes and comes back; the other stays.
+    const Run result = comings->finish();
+    QCOMPARE(result.status, 0);
+    QCOMPARE(result.out.count(QStringLiteral("\n+")), 3);
+    QCOMPARE(result.out.count(QStringLiteral("\n-")), 1);
+    QVERIFY2(result.out.section(QStringLiteral("\n-"), 1).contains(QStringLiteral(" 10.77.0.1 ")),
+             qPrintable(result.out));
+    QVERIFY2(result.lines().constLast().startsWith(QStringLiteral("2 devices found in ")), qPrintable(result.out));
+    QCOMPARE(result.err, QString());
+}
+
+void ToolsTest::discoverKeepsWhatAShortDiscoveryMisses()
+{
+    Program program("--response-delay 0-0 --fault die-after=event -- "
+                    "ssdp-discover --timeout 500 --repeat 1 --verbose");
+    QVERIFY(program.waitFor("Ssdp Server bound", QProcess::StandardError, 3));
     program.signal(SIGTERM);
     const Run result = program.finish();
+    QCOMPARE(result.out.count(QStringLiteral("\n+")), 1);
+    QCOMPARE(result.out.count(QStringLiteral("\n-")), 0);
+    QVERIFY2(!result.err.contains(QStringLiteral("Could not")), qPrintable(result.err));
+}
+
+void ToolsTest::discoverKeepsWhatALostInterfaceHides()
+{
+    // The device was found by then; the next discovery searches from the loopback only.
+    QVERIFY(lostInterface->waitFor("Ssdp Server bound", QProcess::StandardError, 3));
+    lostInterface->signal(SIGTERM);
+    const Run result = lostInterface->finish();
+    QVERIFY2(result.out.contains(QStringLiteral("\nSearching from 127.0.0.1 (lo)\n")), qPrintable(result.out));
+    QCOMPARE(result.out.count(QStringLiteral("\n+")), 1);
+    QCOMPARE(result.out.count(QStringLiteral("\n-")), 0);
+}
+
+void ToolsTest::discoverSeesALaterInterface()
+{
+    Program program(QStringLiteral(SSDP_LAB),
+                    words("--response-delay 0-0 -- sh -c")
+                        << QStringLiteral("ip link set host0 down; ssdp-discover --timeout 500 --repeat 1 &"
+                                          "read -r line; ip link set host0 up; read -r line; kill $!; wait $!"));
+    QVERIFY(program.waitFor("Searching from 127.0.0.1 (lo)\n"));
+    program.write("up\n");
+    QVERIFY(program.waitFor(" 10.77.1.1 "));
+    const Run result = program.finish();
     QCOMPARE(result.status, 0);
-    QCOMPARE(result.out.count(QStringLiteral("\n+")), 2);
-    QCOMPARE(result.out.count(QStringLiteral("\n-")), 1);
-    QVERIFY2(result.out.section(QStringLiteral("\n-"), 1).contains(QStringLiteral(" 10.77.1.2 ")),
-             qPrintable(result.out));
-    QCOMPARE(result.err, QString());
+    QVERIFY2(result.out.contains(QStringLiteral("\nSearching from 10.77.0.1 (host0)\n")), qPrintable(result.out));
+}
+
+void ToolsTest::discoverSaysWhenItCannotSearch_data()
+{
+    QTest::addColumn<QString>("setup");
+    QTest::addColumn<QString>("options");
+    QTest::addColumn<QString>("message");
+    const auto row = [](const char* name, const char* setup, const char* options, const char* message) {
+        QTest::newRow(name) << QString::fromLatin1(setup) << QString::fromLatin1(options)
+                            << QString::fromLatin1(message);
+    };
+    row("port taken",
+        "exec python3 -c 'import socket, subprocess, sys\n"
+        "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+        "s.bind((\"\", 1900))\n"
+        "sys.exit(subprocess.call(sys.argv[1:]))'",
+        "", "UDP port 1900 is taken by a program that does not share it; 'ss -lunp sport = :1900' names it");
+    row("not permitted",
+        "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start; exec setpriv --bounding-set=-net_bind_service",
+        "", "this user is not permitted to listen on UDP port 1900");
+    row("firewall", "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; exec", "",
+        "this host does not let the search out from 10.77.0.1; a firewall of its own may forbid it");
+    row("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; exec", "",
+        "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
+    row("no interface", "ip link set host0 down; ip link set lo down; exec", "",
+        "no network interface is up and has an IPv4 address");
+    row("loopback only", "ip link set host0 down; exec", "", "no network interface is up and has an IPv4 address");
+    row("not connected",
+        "ip link set host0 down; ip link add end0 type veth peer name end1; ip addr add 10.79.0.1/16 dev end0;"
+        "ip link set end0 up; exec",
+        "", "no network is connected to 10.79.0.1 (end0)");
+    row("no such interface", "exec", "--interface eth7",
+        "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
+    row("interface down", "ip link set host0 down; exec", "--interface host0", "host0 is not up");
+    row("no address", "ip addr flush dev host0; exec", "--interface host0", "host0 has no IPv4 address");
+}
+
+void ToolsTest::discoverSaysWhenItCannotSearch()
+{
+    QFETCH(QString, setup);
+    QFETCH(QString, options);
+    QFETCH(QString, message);
+    const Run result = run(SSDP_LAB,
+                           words("--devices 0 -- sh -c")
+                               << QStringLiteral("%1 ssdp-discover --timeout 100 --quiet %2").arg(setup, options));
+    QCOMPARE(result.err, QStringLiteral("ssdp-discover: cannot search: %1\n").arg(message));
+    QCOMPARE(result.status, 3);
+    QCOMPARE(result.out, QString());
+}
+
+void ToolsTest::discoverAdvisesOnWhatItSaw_data()
+{
+    QTest::addColumn<QString>("fault");
+    QTest::addColumn<QString>("advice");
+    QTest::newRow("description") << QStringLiteral("error-500") << QStringLiteral("no description could be read");
+    QTest::newRow("event") << QStringLiteral("never-answer-subscribe")
+                           << QStringLiteral("drop the TCP connections");
+    QTest::newRow("event's text") << QStringLiteral("event-bad-xml") << QStringLiteral("not valid XML");
+}
+
+void ToolsTest::discoverAdvisesOnWhatItSaw()
+{
+    QFETCH(QString, fault);
+    QFETCH(QString, advice);
+    const Run result =
+        run(SSDP_LAB,
+            words("--devices 2 --response-delay 0-0 --fault") << fault << words("-- ssdp-discover --timeout 500"));
+    QCOMPARE(result.status, 1);
+    QVERIFY2(result.err.startsWith(QStringLiteral("2 devices answered, ")), qPrintable(result.err));
+    QVERIFY2(result.err.contains(advice), qPrintable(result.err));
+    QVERIFY2(!result.err.contains(QStringLiteral("UDP")), qPrintable(result.err));
+}
+
+void ToolsTest::discoverSearchesFromOneInterface_data()
+{
+    QTest::addColumn<QString>("interface");
+    QTest::newRow("name") << QStringLiteral("host1");
+    QTest::newRow("address") << QStringLiteral("10.78.0.1");
+}
+
+void ToolsTest::discoverSearchesFromOneInterface()
+{
+    QFETCH(QString, interface);
+    const Run result = run(
+        SSDP_LAB,
+        words("--second-interface --response-delay 0-0 -- ssdp-discover --timeout 500 --interface") << interface);
+    QCOMPARE(result.lines().constFirst(), QStringLiteral("Searching from 10.78.0.1 (host1)"));
+    QCOMPARE(result.devices(), QStringList{QStringLiteral("1 2 10.78.1.1")});
+    QCOMPARE(result.status, 0);
 }
 
 void ToolsTest::discoverEndsWithTheSummaryWhenInterrupted()
