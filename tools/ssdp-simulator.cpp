@@ -318,13 +318,12 @@ int main(int argc, char* argv[])
     QCommandLineParser parser;
     addOptions(parser);
     parseArguments(parser);
-    if (parser.isSet(QStringLiteral("list-faults"))) {
-        listFaults();
-        return 0;
-    }
-
     try {
         const Settings settings = readSettings(parser);
+        if (parser.isSet(QStringLiteral("list-faults"))) {
+            listFaults();
+            return 0;
+        }
         allowDescriptors();
         Simulation simulation(settings);
         if (!simulation.start())
