@@ -3,6 +3,7 @@
 #include <tools/LibraryLog.h>
 #include <tools/Output.h>
 #include <tools/Search.h>
+#include <tools/Terminal.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -10,14 +11,11 @@
 #include <QtNetwork/QHostAddress>
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <optional>
 #include <set>
-#include <sys/ioctl.h>
 #include <tuple>
-#include <unistd.h>
 
 using namespace Velmora::Tools;
 
@@ -67,9 +65,9 @@ void addOptions(QCommandLineParser& parser)
                        "\n"
                        "Devices take up to 3 seconds to answer the search and then have to be read.\n"
                        "\n"
-                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option, 3 when\n"
-                       "this host cannot search (the message says why), 4 when the output cannot be written, 141 "
-                       "when nobody reads it any more."));
+                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
+                       "3 when this host cannot search, 4 when the output cannot be written, 141 when\n"
+                       "nobody reads it any more."));
     const auto flag = [&parser](const char* name, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
     };
@@ -131,84 +129,54 @@ Settings readSettings(const QCommandLineParser& parser)
     return settings;
 }
 
-/// Standard output, which may be a terminal of any width.
+QString seconds(qint64 milliseconds)
+{
+    return QString::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + QStringLiteral(" s");
+}
+
+/// The columns of the devices: as wide as any number and address where the terminal has room for that.
 class Table
 {
 public:
-    explicit Table(const Settings& settings)
-        : isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json && !settings.quiet)
-        , hasColour(isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb")
-        , marks(settings.repeat > 0)
-        , isNarrow(false)
+    Table(Terminal& terminal, bool hasMarks)
+        : terminal(terminal)
+        , hasMarks(hasMarks)
     {
-        winsize size = {};
-        if (isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
-            isNarrow = size.ws_col > 0 && size.ws_col < WIDTH + (marks ? 1 : 0);
     }
 
-    bool showsProgress() const { return isTerminal; }
-
-    void line(const QString& text)
+    void add(char mark, const Device& device, qint64 elapsed)
     {
-        endProgress();
-        print(text.toUtf8() + '\n');
-    }
-
-    void header() { line(coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), "1")); }
-
-    void device(char mark, const Device& device, qint64 elapsed)
-    {
+        if (!hasHeader)
+            terminal.line(
+                terminal.coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), Terminal::Bold));
+        hasHeader = true;
         const QString text = row(mark,
                                  {QByteArray::number(device.functionCode), QByteArray::number(device.univocalCode),
-                                  device.address.toString().toLatin1(), seconds(elapsed)});
-        line(!marks || mark == ' ' ? text : coloured(text, mark == '-' ? "31" : "32"));
-    }
-
-    void progress(const QString& text)
-    {
-        print("\r\033[K" + text.toUtf8());
-        progressShown = true;
-    }
-
-    void endProgress()
-    {
-        if (progressShown)
-            print("\r\033[K");
-        progressShown = false;
-    }
-
-    static QByteArray seconds(qint64 milliseconds)
-    {
-        return QByteArray::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + " s";
+                                  device.address.toString().toLatin1(), seconds(elapsed).toLatin1()});
+        if (hasMarks && mark != ' ')
+            terminal.line(terminal.coloured(text, mark == '-' ? Terminal::Red : Terminal::Green));
+        else
+            terminal.line(text);
     }
 
 private:
     static const int WIDTH = 51;
+    static const int WIDTH_WITHOUT_TIME = 39;
 
-    /// Wide enough for any number and address; what a narrow terminal has no room for is left out.
     QString row(char mark, const QList<QByteArray>& cells) const
     {
-        char text[128];
-        if (isNarrow) {
-            std::snprintf(text, sizeof text, "%11s %11s %s", cells.at(0).constData(), cells.at(1).constData(),
-                          cells.at(2).constData());
-        } else {
-            std::snprintf(text, sizeof text, "%11s  %11s  %-15s  %8s", cells.at(0).constData(),
-                          cells.at(1).constData(), cells.at(2).constData(), cells.at(3).constData());
-        }
-        return (marks ? QString(QLatin1Char(mark)) : QString()) + QString::fromLatin1(text);
+        const int room = terminal.columns() - (hasMarks ? 1 : 0);
+        const char* const form = room >= WIDTH ? "%11s  %11s  %-15s  %8s"
+            : room >= WIDTH_WITHOUT_TIME       ? "%11s %11s %s"
+                                               : "%s %s %s";
+        const QString text = QString::asprintf(form, cells.at(0).constData(), cells.at(1).constData(),
+                                               cells.at(2).constData(), cells.at(3).constData());
+        return hasMarks ? QLatin1Char(mark) + text : text;
     }
 
-    QString coloured(const QString& text, const char* colour) const
-    {
-        return hasColour ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(colour), text) : text;
-    }
-
-    bool isTerminal;
-    bool hasColour;
-    bool marks;
-    bool isNarrow;
-    bool progressShown = false;
+    Terminal& terminal;
+    bool hasMarks;
+    bool hasHeader = false;
 };
 
 class Host : public QObject
@@ -216,13 +184,14 @@ class Host : public QObject
 public:
     explicit Host(const Settings& settings)
         : settings(settings)
-        , table(settings)
+        , terminal(settings.json || settings.quiet)
+        , table(terminal, settings.repeat > 0)
     {
         connect(&pause, &QTimer::timeout, this, &Host::discover);
         connect(&progressTimer, &QTimer::timeout, this, &Host::showProgress);
         pause.setSingleShot(true);
         // The log lines would break into it.
-        if (table.showsProgress() && !settings.verbose)
+        if (terminal.showsProgress() && !settings.verbose)
             progressTimer.start(PROGRESS_INTERVAL);
         clock.start();
     }
@@ -348,14 +317,14 @@ private:
             return;
         toldAddresses = text;
         if (!settings.quiet && !settings.json)
-            table.line(text);
+            terminal.line(text);
         else if (settings.verbose)
             report(timeStamp() + ' ' + text.toUtf8() + '\n');
     }
 
     void tell(const QString& text)
     {
-        table.endProgress();
+        terminal.endProgress();
         report(text.toUtf8() + '\n');
     }
 
@@ -363,9 +332,9 @@ private:
     {
         const QString devices = QStringLiteral("%1 so far").arg(counted(present.size()));
         if (pause.isActive())
-            table.progress(QStringLiteral("pause, %1").arg(devices));
+            terminal.progress(QStringLiteral("pause, %1").arg(devices));
         else
-            table.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
+            terminal.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
     }
 
     static QString counted(size_t devices)
@@ -373,10 +342,7 @@ private:
         return devices == 1 ? QStringLiteral("1 device") : QStringLiteral("%1 devices").arg(devices);
     }
 
-    QString left() const
-    {
-        return QString::fromLatin1(Table::seconds(qMax<qint64>(0, settings.timeout - round.elapsed())));
-    }
+    QString left() const { return seconds(qMax<qint64>(0, settings.timeout - round.elapsed())); }
 
     bool isWanted(const Device& device) const
     {
@@ -400,10 +366,7 @@ private:
             print(object);
             return;
         }
-        if (!isHeaderPrinted)
-            table.header();
-        isHeaderPrinted = true;
-        table.device(mark, device, clock.elapsed());
+        table.add(mark, device, clock.elapsed());
     }
 
     void summarise()
@@ -411,13 +374,13 @@ private:
         if (!settings.json) {
             QString text = found.empty() ? QStringLiteral("No device found")
                                          : QStringLiteral("%1 found").arg(counted(found.size()));
-            text += QStringLiteral(" in %1").arg(QLatin1String(Table::seconds(clock.elapsed())));
+            text += QStringLiteral(" in %1").arg(seconds(clock.elapsed()));
             if (!others.empty()) {
                 text += QStringLiteral(", %1 other%2 left out")
                             .arg(others.size())
                             .arg(others.size() == 1 ? QString() : QStringLiteral("s"));
             }
-            table.line(text);
+            terminal.line(text);
         }
     }
 
@@ -454,6 +417,7 @@ private:
     }
 
     Settings settings;
+    Terminal terminal;
     Table table;
     std::unique_ptr<Search> search;
     QTimer pause;
@@ -466,7 +430,6 @@ private:
     std::set<Device> others; ///< That the filters left out.
     QStringList toldFailures;
     QString toldAddresses;
-    bool isHeaderPrinted = false;
     bool isFinished = false;
 };
 

@@ -36,9 +36,14 @@ struct Settings
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Simulates the maker's devices: answers searches, serves descriptions, sends events.\n"
-                       "Runs on addresses that this host has; 'ssdp-lab' gives it a private network of its own.\n"
-                       "Ends on SIGINT: the devices say byebye and a line tells what they saw."));
+        QStringLiteral("Simulates the maker's devices: answers searches, serves descriptions, sends\n"
+                       "events. Runs on addresses that this host has; 'ssdp-lab' gives it a private\n"
+                       "network of its own. Ends on SIGINT: the devices say byebye and a line tells\n"
+                       "what they saw.\n"
+                       "\n"
+                       "Exit status: 0 after SIGINT or --exit-after, 1 when an address or a port cannot\n"
+                       "be used, 2 for a wrong option, 4 when the output cannot be written, 141 when\n"
+                       "nobody reads it any more."));
     const auto add = [&parser](const char* name, const char* value, const char* standard,
                                const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),

@@ -50,7 +50,6 @@ private Q_SLOTS:
     void discoverSearchesFromOneInterface();
     void discoverEndsWithTheSummaryWhenInterrupted();
     void discoverBlamesTheTimeOnlyWhenItRanOut();
-    void discoverShowsProgressOnATerminalOnly();
     void discoverFindsDevicesOnBothInterfaces();
     void discoverFindsAHundredDevices();
     void simulatorListsItsFaults();
@@ -449,27 +448,6 @@ void ToolsTest::discoverBlamesTheTimeOnlyWhenItRanOut()
     QCOMPARE(result.status, 1);
     QVERIFY2(result.err.contains(QStringLiteral("A firewall may ")), qPrintable(result.err));
     QVERIFY2(!result.err.contains(QStringLiteral("The time may ")), qPrintable(result.err));
-}
-
-void ToolsTest::discoverShowsProgressOnATerminalOnly()
-{
-    // script(1) gives it a terminal.
-    const QString command = QStringLiteral(" " SSDP_LAB " --response-delay 500-500 -- ssdp-discover --first");
-    const auto onTerminal = [&command](const char* environment) {
-        return run(
-            "script",
-            {QStringLiteral("-qec"), QString::fromLatin1(environment) + command, QStringLiteral("/dev/null")});
-    };
-    const Run coloured = onTerminal("env -u NO_COLOR TERM=xterm");
-    QCOMPARE(coloured.status, 0);
-    QVERIFY2(coloured.out.contains(QStringLiteral("\033[K")), qPrintable(coloured.out));
-    QVERIFY(coloured.out.contains(QStringLiteral(" left, 0 devices so far")));
-    QVERIFY(coloured.out.contains(QStringLiteral("\033[1m")));
-    QVERIFY(!onTerminal("env NO_COLOR=1 TERM=xterm").out.contains(QStringLiteral("\033[1m")));
-
-    const Run piped = lab("--response-delay 500-500 -- ssdp-discover --first");
-    QVERIFY(!piped.out.contains(QLatin1Char('\033')));
-    QVERIFY(!piped.out.contains(QLatin1Char('\r')));
 }
 
 void ToolsTest::discoverFindsDevicesOnBothInterfaces()
