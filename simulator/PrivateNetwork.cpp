@@ -2,8 +2,10 @@
 
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/capability.h>
 #include <linux/ethtool.h>
 #include <linux/rtnetlink.h>
 #include <linux/sockios.h>
@@ -12,7 +14,9 @@
 #include <sched.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,21 +44,36 @@ void writeFile(const std::string& path, const std::string& text)
         fail("cannot write " + path);
 }
 
+/// Whether the calling process may make networks where it is.
+bool mayMakeNetworks()
+{
+    __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+    const __u32 needed = CAP_TO_MASK(CAP_SYS_ADMIN) | CAP_TO_MASK(CAP_NET_ADMIN);
+    return syscall(SYS_capget, &header, sets) == 0 && (sets[0].effective & needed) == needed;
+}
+
 void becomeRootOfOwnUserNamespace()
 {
     const std::string user = std::to_string(geteuid());
     const std::string group = std::to_string(getegid());
-    if (unshare(CLONE_NEWUSER) == -1) {
-        const std::string reason = std::strerror(errno);
-        throw std::runtime_error("the kernel forbids a private network without root (" + reason
-                                 + "): run as root, or allow user namespaces with"
-                                   " 'sysctl -w user.max_user_namespaces=10000' and, where they exist,"
-                                   " 'sysctl -w kernel.unprivileged_userns_clone=1' and"
-                                   " 'sysctl -w kernel.apparmor_restrict_unprivileged_userns=0'");
+    try {
+        if (unshare(CLONE_NEWUSER) == -1)
+            fail("cannot make a user namespace");
+        writeFile("/proc/self/setgroups", "deny");
+        writeFile("/proc/self/uid_map", "0 " + user + " 1");
+        writeFile("/proc/self/gid_map", "0 " + group + " 1");
+    } catch (const std::runtime_error& error) {
+        throw std::runtime_error(
+            std::string(
+                "a private network needs the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN, which are missing"
+                " here, or a user namespace, which the kernel does not give (")
+            + error.what()
+            + ").\nRun as root, in a container with '--cap-add SYS_ADMIN --cap-add NET_ADMIN', or allow user"
+              " namespaces:\n  sysctl -w user.max_user_namespaces=10000\nand, where they exist,\n"
+              "  sysctl -w kernel.unprivileged_userns_clone=1\n"
+              "  sysctl -w kernel.apparmor_restrict_unprivileged_userns=0");
     }
-    writeFile("/proc/self/setgroups", "deny");
-    writeFile("/proc/self/uid_map", "0 " + user + " 1");
-    writeFile("/proc/self/gid_map", "0 " + group + " 1");
 }
 
 int newNetwork()
@@ -140,7 +159,7 @@ private:
 PrivateNetwork::PrivateNetwork()
     : links(0)
 {
-    if (geteuid() != 0)
+    if (!mayMakeNetworks())
         becomeRootOfOwnUserNamespace();
     sides[DeviceSide] = newNetwork();
     sides[HostSide] = newNetwork();
@@ -208,26 +227,33 @@ void PrivateNetwork::run(Side side, const std::vector<std::string>& command, con
     arguments.push_back(nullptr);
 
     // A file, since a pipe would block once the command reads slower than this writes.
-    FILE* const file = tmpfile();
-    if (!file || fwrite(input.data(), 1, input.size(), file) != input.size() || fflush(file) != 0)
+    const int file = memfd_create("input", MFD_CLOEXEC);
+    if (file == -1 || write(file, input.data(), input.size()) != static_cast<ssize_t>(input.size())
+        || lseek(file, 0, SEEK_SET) != 0)
         fail("cannot write a temporary file");
-    rewind(file);
 
     const pid_t child = fork();
     if (child == -1)
         fail("cannot start " + command.front());
     if (child == 0) {
-        if (setns(sides[side], CLONE_NEWNET) == 0 && dup2(fileno(file), STDIN_FILENO) != -1)
+        // Where a plain user's PATH does not look.
+        const char* const path = getenv("PATH");
+        setenv("PATH", (std::string(path ? path : "/usr/bin:/bin") + ":/usr/local/sbin:/usr/sbin:/sbin").c_str(),
+               1);
+        if (setns(sides[side], CLONE_NEWNET) == 0 && dup2(file, STDIN_FILENO) != -1)
             execvp(arguments.front(), arguments.data());
         _exit(127);
     }
-    fclose(file);
+    close(file);
     int status = 0;
-    while (waitpid(child, &status, 0) == -1 && errno == EINTR) { }
+    while (waitpid(child, &status, 0) == -1) {
+        if (errno != EINTR)
+            fail("cannot tell how " + command.front() + " has ended");
+    }
     if (status != 0) {
         std::string text;
         for (const std::string& argument : command)
-            text += argument + " ";
+            text += (text.empty() ? "" : " ") + argument;
         throw std::runtime_error(
             "'" + text + "' failed"
             + (WIFEXITED(status) && WEXITSTATUS(status) == 127 ? " (is iproute2 installed?)" : ""));

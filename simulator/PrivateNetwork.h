@@ -12,8 +12,8 @@ namespace Simulator {
  * veth pairs. Nothing in it can reach the machine's own interfaces, and all of it goes when the
  * process and its children end, however they end.
  *
- * Works as root; without root in a user namespace of its own, where the process is root of nothing
- * but this network.
+ * Works with the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN, as root has them; without them in a user
+ * namespace of its own, where the process is root of nothing but this network.
  *
  * @code
  * PrivateNetwork network;                                  // before the first thread is started

@@ -339,7 +339,7 @@ QByteArray SimulatedDevice::uniqueServiceName(const QByteArray& type) const
 
 void SimulatedDevice::onSearched(const Search& search)
 {
-    if (!alive || has("ignore-search"))
+    if (!alive || has("ignore-search") || search.interface != group->interfaceOf(settings.address))
         return;
     const QList<QByteArray> types = notificationTypes();
     const bool all = search.target == "ssdp:all";

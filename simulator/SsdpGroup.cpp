@@ -8,6 +8,8 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <ifaddrs.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -61,6 +63,33 @@ bool SsdpGroup::join(const QHostAddress& address)
         error = QStringLiteral("cannot join %1 on %2: %3").arg(ADDRESS.toString(), address.toString(), reason);
         return false;
     }
+    if (!interfaces.contains(address.toIPv4Address()) && !readInterfaces()) {
+        error = QStringLiteral("cannot list the interfaces: %1").arg(QString::fromLocal8Bit(std::strerror(errno)));
+        return false;
+    }
+    return true;
+}
+
+uint SsdpGroup::interfaceOf(const QHostAddress& address) const
+{
+    return interfaces.value(address.toIPv4Address());
+}
+
+bool SsdpGroup::readInterfaces()
+{
+    const NetworkNamespace::Scope scope(home);
+    ifaddrs* list = nullptr;
+    if (getifaddrs(&list) == -1)
+        return false;
+    for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
+        if (entry->ifa_addr && entry->ifa_addr->sa_family == AF_INET) {
+            const auto* const address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
+            // An alias has a name of its own, but not an index.
+            const QByteArray name = QByteArray(entry->ifa_name).split(':').constFirst();
+            interfaces.insert(ntohl(address->sin_addr.s_addr), if_nametoindex(name.constData()));
+        }
+    }
+    freeifaddrs(list);
     return true;
 }
 
@@ -112,6 +141,7 @@ void SsdpGroup::readDatagrams()
         search.mx = qMax(1, headerOf(search.text, "MX").toInt());
         search.address = datagram.senderAddress();
         search.port = static_cast<quint16>(datagram.senderPort());
+        search.interface = datagram.interfaceIndex();
         Q_EMIT searched(search);
     }
 }

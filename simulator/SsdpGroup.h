@@ -4,6 +4,7 @@
 #include <simulator/NetworkNamespace.h>
 
 #include <QtCore/QByteArray>
+#include <QtCore/QHash>
 #include <QtCore/QObject>
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QUdpSocket>
@@ -19,6 +20,7 @@ struct Search
     int mx; ///< Within how many seconds an answer is expected; at least 1.
     QHostAddress address; ///< Who searches,
     quint16 port; ///< and where the answer goes.
+    uint interface; ///< The index of the one that it came by.
 };
 
 /**
@@ -42,6 +44,9 @@ public:
     /// Listens to the group on the interface that has @p address. Returns whether it could.
     bool join(const QHostAddress& address);
 
+    /// The index of the interface that has @p address, which has joined.
+    uint interfaceOf(const QHostAddress& address) const;
+
     /// Why join() failed.
     QString errorString() const;
 
@@ -57,9 +62,11 @@ Q_SIGNALS:
 
 private:
     void readDatagrams();
+    bool readInterfaces();
 
     NetworkNamespace home;
     QUdpSocket socket;
+    QHash<quint32, uint> interfaces; ///< By their addresses.
     QString error;
 };
 

@@ -1,8 +1,9 @@
 #include <tools/CommandLine.h>
 
+#include <tools/Output.h>
+
 #include <QtCore/QCoreApplication>
 
-#include <cstdio>
 #include <cstdlib>
 
 namespace Velmora {
@@ -10,8 +11,8 @@ namespace Tools {
 
 void failUsage(const QString& text)
 {
-    const QString name = QCoreApplication::applicationName();
-    std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", qPrintable(name), qPrintable(text), qPrintable(name));
+    const QString message = QStringLiteral("%1: %2\nTry '%1 --help'.\n");
+    report(message.arg(QCoreApplication::applicationName(), text).toLocal8Bit());
     std::exit(USAGE_ERROR);
 }
 
@@ -23,10 +24,15 @@ void parseArguments(QCommandLineParser& parser)
     parser.addOption(help);
     const QCommandLineOption version = parser.addVersionOption();
     const bool parsed = parser.parse(QCoreApplication::arguments());
-    if (parsed && parser.isSet(help))
-        parser.showHelp();
-    if (parsed && parser.isSet(version))
-        parser.showVersion();
+    if (parsed && parser.isSet(help)) {
+        print(parser.helpText().toLocal8Bit());
+        std::exit(0);
+    }
+    if (parsed && parser.isSet(version)) {
+        const QString text = QStringLiteral("%1 %2\n");
+        print(text.arg(QCoreApplication::applicationName(), QCoreApplication::applicationVersion()).toLocal8Bit());
+        std::exit(0);
+    }
     if (!parsed)
         failUsage(parser.errorText());
     if (!parser.positionalArguments().isEmpty())

@@ -7,9 +7,6 @@
 namespace Velmora {
 namespace Tools {
 
-/// The exit status of a command line that makes no sense.
-const int USAGE_ERROR = 2;
-
 /// Ends the program with @p text and the way to --help.
 [[noreturn]] void failUsage(const QString& text);
 

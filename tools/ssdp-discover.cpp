@@ -1,25 +1,23 @@
-#include <ssdp/Ssdp.h>
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
+#include <tools/LibraryLog.h>
+#include <tools/Output.h>
+#include <tools/Search.h>
+#include <tools/Terminal.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QDateTime>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
-#include <QtCore/QLoggingCategory>
 #include <QtCore/QTimer>
 #include <QtNetwork/QHostAddress>
 
-#include <cstdio>
+#include <algorithm>
+#include <map>
+#include <memory>
 #include <optional>
 #include <set>
-#include <sys/ioctl.h>
 #include <tuple>
-#include <unistd.h>
 
 using namespace Velmora::Tools;
-using Velmora::SSDP::Ssdp;
 
 namespace {
 
@@ -28,7 +26,7 @@ const int NOTHING_FOUND = 1;
 
 const int PROGRESS_INTERVAL = 100;
 
-// Devices may answer for 3 s, and have to be read then.
+// Devices answer within 3 s, and then have to be read.
 const int SUFFICIENT_TIMEOUT = 5000;
 
 struct Settings
@@ -39,6 +37,8 @@ struct Settings
     bool all = false;
     bool json = false;
     bool quiet = false;
+    bool verbose = false;
+    QString interface; ///< Its name or its address; empty for all.
     std::optional<int> functionCode;
     std::optional<int> univocalCode;
     std::optional<QPair<QHostAddress, int>> subnet;
@@ -60,12 +60,14 @@ struct Device
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Finds the maker's devices on the local network and prints each once, as it reports.\n"
+        QStringLiteral("Finds the maker's devices on the local network and prints each once, when it\n"
+                       "reports.\n"
                        "\n"
-                       "Devices take up to 3 seconds to answer the search and then have to be read: 5000 ms find\n"
-                       "those too that are late.\n"
+                       "Devices take up to 3 seconds to answer the search and then have to be read.\n"
                        "\n"
-                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option."));
+                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
+                       "3 when this host cannot search, 4 when the output cannot be written, 141 when\n"
+                       "nobody reads it any more."));
     const auto flag = [&parser](const char* name, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
     };
@@ -73,17 +75,18 @@ void addOptions(QCommandLineParser& parser)
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
                                             QString::fromLatin1(value)));
     };
-    value("timeout", "MS", "How long a discovery lasts (3000).");
+    value("timeout", "MS", "How long a discovery lasts (5000).");
     value("count", "N", "Stops as soon as N devices were found.");
     flag("first", "Stops at the first device, as --count 1.");
     value("function-code", "CODE", "Only devices with this function code.");
     value("univocal-code", "CODE", "Only devices with this univocal code.");
     value("address", "ADDRESS", "Only devices with this address, or in this network as in 10.0.0.0/8.");
+    value("interface", "NAME|ADDRESS", "Searches from this interface of the host only.");
     value("repeat", "SECONDS", "Discovers again and again, with that pause, and prints what came and went.");
     flag("all", "Prints every report, also those of a device that is known.");
     flag("json", "Prints a JSON object a line.");
     flag("quiet", "Prints neither devices nor a summary; the exit status tells.");
-    flag("verbose", "Prints the library's log lines on standard error.");
+    flag("verbose", "Prints the library's log lines, with the time, on standard error.");
 }
 
 Settings readSettings(const QCommandLineParser& parser)
@@ -97,12 +100,16 @@ Settings readSettings(const QCommandLineParser& parser)
                                                          : std::nullopt;
     };
     Settings settings;
-    settings.timeout = number("timeout", 1, INT_MAX, 3000);
+    settings.timeout = number("timeout", 1, INT_MAX, SUFFICIENT_TIMEOUT);
     settings.count = parser.isSet(QStringLiteral("first")) ? 1 : number("count", 1, INT_MAX, 0);
     settings.repeat = number("repeat", 1, 24 * 60 * 60, 0);
     settings.all = parser.isSet(QStringLiteral("all"));
     settings.json = parser.isSet(QStringLiteral("json"));
     settings.quiet = parser.isSet(QStringLiteral("quiet"));
+    settings.verbose = parser.isSet(QStringLiteral("verbose"));
+    settings.interface = parser.value(QStringLiteral("interface"));
+    if (parser.isSet(QStringLiteral("interface")) && settings.interface.isEmpty())
+        failUsage(QStringLiteral("--interface takes the name or the address of an interface"));
     settings.functionCode = code("function-code");
     settings.univocalCode = code("univocal-code");
     if (parser.isSet(QStringLiteral("first")) && parser.isSet(QStringLiteral("count")))
@@ -122,103 +129,69 @@ Settings readSettings(const QCommandLineParser& parser)
     return settings;
 }
 
-/// Standard output, which may be a terminal of any width.
-class Output
+QString seconds(qint64 milliseconds)
+{
+    return QString::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + QStringLiteral(" s");
+}
+
+/// The columns of the devices: as wide as any number and address where the terminal has room for that.
+class Table
 {
 public:
-    explicit Output(const Settings& settings)
-        : isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json && !settings.quiet)
-        , hasColour(isTerminal && qEnvironmentVariableIsEmpty("NO_COLOR") && qgetenv("TERM") != "dumb")
-        , marks(settings.repeat > 0)
-        , isNarrow(false)
+    Table(Terminal& terminal, bool hasMarks)
+        : terminal(terminal)
+        , hasMarks(hasMarks)
     {
-        winsize size = {};
-        if (isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
-            isNarrow = size.ws_col > 0 && size.ws_col < WIDTH + (marks ? 1 : 0);
     }
 
-    bool showsProgress() const { return isTerminal; }
-
-    void line(const QString& text)
+    void add(char mark, const Device& device, qint64 elapsed)
     {
-        clearProgress();
-        std::puts(qPrintable(text));
-        std::fflush(stdout);
-    }
-
-    void header() { line(coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), "1")); }
-
-    void device(char mark, const Device& device, qint64 elapsed)
-    {
+        if (!hasHeader)
+            terminal.line(
+                terminal.coloured(row(' ', {"FUNCTION", "UNIVOCAL", "ADDRESS", "AFTER"}), Terminal::Bold));
+        hasHeader = true;
         const QString text = row(mark,
                                  {QByteArray::number(device.functionCode), QByteArray::number(device.univocalCode),
-                                  device.address.toString().toLatin1(), seconds(elapsed)});
-        line(!marks || mark == ' ' ? text : coloured(text, mark == '-' ? "31" : "32"));
-    }
-
-    void progress(const QString& text)
-    {
-        std::printf("\r\033[K%s", qPrintable(text));
-        std::fflush(stdout);
-        progressShown = true;
-    }
-
-    static QByteArray seconds(qint64 milliseconds)
-    {
-        return QByteArray::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + " s";
+                                  device.address.toString().toLatin1(), seconds(elapsed).toLatin1()});
+        if (hasMarks && mark != ' ')
+            terminal.line(terminal.coloured(text, mark == '-' ? Terminal::Red : Terminal::Green));
+        else
+            terminal.line(text);
     }
 
 private:
     static const int WIDTH = 51;
+    static const int WIDTH_WITHOUT_TIME = 39;
 
-    /// Wide enough for any number and address; what a narrow terminal has no room for is left out.
     QString row(char mark, const QList<QByteArray>& cells) const
     {
-        char text[128];
-        if (isNarrow) {
-            std::snprintf(text, sizeof text, "%11s %11s %s", cells.at(0).constData(), cells.at(1).constData(),
-                          cells.at(2).constData());
-        } else {
-            std::snprintf(text, sizeof text, "%11s  %11s  %-15s  %8s", cells.at(0).constData(),
-                          cells.at(1).constData(), cells.at(2).constData(), cells.at(3).constData());
-        }
-        return (marks ? QString(QLatin1Char(mark)) : QString()) + QString::fromLatin1(text);
+        const int room = terminal.columns() - (hasMarks ? 1 : 0);
+        const char* const form = room >= WIDTH ? "%11s  %11s  %-15s  %8s"
+            : room >= WIDTH_WITHOUT_TIME       ? "%11s %11s %s"
+                                               : "%s %s %s";
+        const QString text = QString::asprintf(form, cells.at(0).constData(), cells.at(1).constData(),
+                                               cells.at(2).constData(), cells.at(3).constData());
+        return hasMarks ? QLatin1Char(mark) + text : text;
     }
 
-    QString coloured(const QString& text, const char* colour) const
-    {
-        return hasColour ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(colour), text) : text;
-    }
-
-    void clearProgress()
-    {
-        if (progressShown)
-            std::fputs("\r\033[K", stdout);
-        progressShown = false;
-    }
-
-    bool isTerminal;
-    bool hasColour;
-    bool marks;
-    bool isNarrow;
-    bool progressShown = false;
+    Terminal& terminal;
+    bool hasMarks;
+    bool hasHeader = false;
 };
 
 class Host : public QObject
 {
 public:
-    Host(const Settings& settings, bool verbose)
+    explicit Host(const Settings& settings)
         : settings(settings)
-        , output(settings)
-        , ssdp(settings.timeout)
+        , terminal(settings.json || settings.quiet)
+        , table(terminal, settings.repeat > 0)
     {
-        connect(&ssdp, &Ssdp::discovered, this, &Host::onDiscovered);
-        connect(&ssdp, &Ssdp::timeoutExpired, this, &Host::onTimeoutExpired);
         connect(&pause, &QTimer::timeout, this, &Host::discover);
         connect(&progressTimer, &QTimer::timeout, this, &Host::showProgress);
         pause.setSingleShot(true);
         // The log lines would break into it.
-        if (output.showsProgress() && !verbose)
+        if (terminal.showsProgress() && !settings.verbose)
             progressTimer.start(PROGRESS_INTERVAL);
         clock.start();
     }
@@ -226,26 +199,44 @@ public:
     void discover()
     {
         seen.clear();
+        clearTraces();
+        // A new one each time, for the addresses that the host has by now.
+        search = std::make_unique<Search>(settings.timeout, settings.interface);
+        connect(search.get(), &Search::discovered, this, &Host::onDiscovered);
+        connect(search.get(), &Search::finished, this, &Host::onFinished);
         round.start();
-        ssdp.discover();
+        search->start();
+        tellFailures(search->failures());
+        tellAddresses();
+        if (search->addresses().isEmpty() && settings.repeat == 0)
+            QCoreApplication::exit(SEARCH_FAILED);
     }
 
     void finish()
     {
-        if (finished)
+        if (isFinished)
             return;
-        finished = true;
+        isFinished = true;
         progressTimer.stop();
-        ssdp.stop();
+        search->stop();
         if (!settings.quiet)
             summarise();
-        QCoreApplication::exit(found > 0 ? FOUND : NOTHING_FOUND);
+        if (!found.empty()) {
+            QCoreApplication::exit(FOUND);
+        } else if (!others.empty() || search->isolation().isEmpty()) {
+            if (others.empty() && search->failures().isEmpty() && !settings.quiet)
+                advise();
+            QCoreApplication::exit(NOTHING_FOUND);
+        } else {
+            tellFailures({search->isolation()});
+            QCoreApplication::exit(SEARCH_FAILED);
+        }
     }
 
 private:
     void onDiscovered(int functionCode, int univocalCode, const QHostAddress& address)
     {
-        if (finished)
+        if (isFinished)
             return;
         const Device device = {functionCode, univocalCode, address};
         if (!isWanted(device)) {
@@ -253,46 +244,105 @@ private:
             return;
         }
         seen.insert(device);
-        const bool isNew = known.insert(device).second;
-        found += isNew ? 1 : 0;
+        found.insert(device);
+        const bool isNew = present.count(device) == 0;
+        present[device] = addressesOf(*search);
         if (isNew || settings.all)
-            print(isNew ? '+' : ' ', device);
-        if (static_cast<int>(known.size()) == settings.count)
+            show(isNew ? '+' : ' ', device);
+        if (static_cast<int>(found.size()) == settings.count)
             finish();
     }
 
-    void onTimeoutExpired()
+    void onFinished()
     {
         if (settings.repeat == 0) {
             finish();
             return;
         }
-        for (auto it = known.begin(); it != known.end();) {
-            if (seen.count(*it) > 0) {
+        for (auto it = present.begin(); it != present.end();) {
+            if (seen.count(it->first) > 0 || !couldBeSeen(it->first, it->second)) {
                 ++it;
                 continue;
             }
-            print('-', *it);
-            it = known.erase(it);
+            show('-', it->first);
+            it = present.erase(it);
         }
         pause.start(settings.repeat * 1000);
     }
 
+    /// Whether the discovery that has just ended would have found @p device if it were there. It was last found
+    /// by a search from @p addresses.
+    bool couldBeSeen(const Device& device, const QList<QHostAddress>& addresses) const
+    {
+        // What has answered is there, even if it could not be read.
+        if (settings.timeout < SUFFICIENT_TIMEOUT || traces().hosts.contains(device.address.toString()))
+            return false;
+        const QList<QHostAddress> searched = addressesOf(*search);
+        QList<QHostAddress> connected;
+        const QList<LocalAddress> all = localAddresses();
+        for (const LocalAddress& local : all) {
+            if (!searched.contains(local.address) || !local.isUp || !local.isConnected)
+                continue;
+            if (device.address.isInSubnet(local.address, local.prefixLength))
+                return true;
+            connected.append(local.address);
+        }
+        return std::all_of(addresses.cbegin(), addresses.cend(),
+                           [&connected](const QHostAddress& address) { return connected.contains(address); });
+    }
+
+    static QList<QHostAddress> addressesOf(const Search& search)
+    {
+        QList<QHostAddress> result;
+        const QList<LocalAddress> all = search.addresses();
+        for (const LocalAddress& local : all)
+            result.append(local.address);
+        return result;
+    }
+
+    /// Whatever stays as it was is told once.
+    void tellFailures(const QStringList& failures)
+    {
+        for (const QString& failure : failures) {
+            if (!toldFailures.contains(failure))
+                tell(QStringLiteral("ssdp-discover: cannot search: ") + failure);
+        }
+        toldFailures = failures;
+    }
+
+    void tellAddresses()
+    {
+        const QString text = QStringLiteral("Searching from ") + describe(search->addresses());
+        if (search->addresses().isEmpty() || text == toldAddresses)
+            return;
+        toldAddresses = text;
+        if (!settings.quiet && !settings.json)
+            terminal.line(text);
+        else if (settings.verbose)
+            report(timeStamp() + ' ' + text.toUtf8() + '\n');
+    }
+
+    void tell(const QString& text)
+    {
+        terminal.endProgress();
+        report(text.toUtf8() + '\n');
+    }
+
     void showProgress()
     {
-        const QString devices = QStringLiteral("%1 device%2 so far").arg(known.size()).arg(plural(known.size()));
+        const QString devices = QStringLiteral("%1 so far").arg(counted(present.size()));
         if (pause.isActive())
-            output.progress(QStringLiteral("pause, %1").arg(devices));
+            terminal.progress(QStringLiteral("pause, %1").arg(devices));
         else
-            output.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
+            terminal.progress(QStringLiteral("%1 left, %2").arg(left(), devices));
     }
 
-    static QString plural(size_t count) { return count == 1 ? QString() : QStringLiteral("s"); }
-
-    QString left() const
+    static QString counted(size_t devices)
     {
-        return QString::fromLatin1(Output::seconds(qMax<qint64>(0, settings.timeout - round.elapsed())));
+        return devices == 1 ? QStringLiteral("1 device") : QStringLiteral("%1 devices").arg(devices);
     }
+
+    QString left() const { return seconds(qMax<qint64>(0, settings.timeout - round.elapsed())); }
 
     bool isWanted(const Device& device) const
     {
@@ -301,87 +351,106 @@ private:
             && (!settings.subnet || device.address.isInSubnet(*settings.subnet));
     }
 
-    void print(char mark, const Device& device)
+    void show(char mark, const Device& device)
     {
         if (settings.quiet)
             return;
         if (settings.json) {
             const QJsonObject object = {
-                {QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+                {QStringLiteral("time"), QLatin1String(timeStamp())},
                 {QStringLiteral("event"), mark == '-' ? QStringLiteral("gone") : QStringLiteral("found")},
                 {QStringLiteral("functionCode"), device.functionCode},
                 {QStringLiteral("univocalCode"), device.univocalCode},
                 {QStringLiteral("address"), device.address.toString()},
             };
-            output.line(QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact)));
+            print(object);
             return;
         }
-        if (!headerPrinted)
-            output.header();
-        headerPrinted = true;
-        output.device(mark, device, clock.elapsed());
+        table.add(mark, device, clock.elapsed());
     }
 
     void summarise()
     {
         if (!settings.json) {
-            QString text = found == 0 ? QStringLiteral("No device found")
-                                      : QStringLiteral("%1 device%2 found").arg(found).arg(plural(found));
-            text += QStringLiteral(" in %1").arg(QLatin1String(Output::seconds(clock.elapsed())));
-            if (!others.empty())
-                text += QStringLiteral(", %1 other%2 left out").arg(others.size()).arg(plural(others.size()));
-            output.line(text);
+            QString text = found.empty() ? QStringLiteral("No device found")
+                                         : QStringLiteral("%1 found").arg(counted(found.size()));
+            text += QStringLiteral(" in %1").arg(seconds(clock.elapsed()));
+            if (!others.empty()) {
+                text += QStringLiteral(", %1 other%2 left out")
+                            .arg(others.size())
+                            .arg(others.size() == 1 ? QString() : QStringLiteral("s"));
+            }
+            terminal.line(text);
         }
-        if (found == 0 && others.empty())
-            advise();
     }
 
-    void advise() const
+    void advise()
     {
+        const Traces seen = traces();
+        if (seen.hosts.isEmpty()) {
+            tell(QStringLiteral("A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to"
+                                " this program.\n"
+                                "The devices may be in another network: this host needs an interface in theirs."));
+        } else {
+            tell(counted(static_cast<size_t>(seen.hosts.size())) + QLatin1Char(' ') + answer(seen));
+        }
         const bool wasShort = settings.timeout < SUFFICIENT_TIMEOUT && round.elapsed() >= settings.timeout;
-        std::fputs(
-            "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to this program.\n"
-            "The devices may be in another network: this host needs an interface in theirs.\n",
-            stderr);
-        std::fputs(
-            wasShort
-                ? "The time may be too short: try --timeout 5000, and --verbose to see how far a device came.\n"
-                : "--verbose shows whether a device has answered, and how far it came.\n",
-            stderr);
+        tell(wasShort
+                 ? QStringLiteral("The time may be too short: try --timeout 5000, and --verbose to see how far"
+                                  " a device came.")
+                 : QStringLiteral("--verbose shows whether a device has answered, and how far it came."));
+    }
+
+    static QString answer(const Traces& seen)
+    {
+        if (seen.eventMalformed)
+            return QStringLiteral("answered, but what was reported is not valid XML.");
+        if (seen.subscribed)
+            return QStringLiteral(
+                "answered, but none reported: a firewall may drop the TCP connections that devices"
+                " open to this program.");
+        if (seen.described)
+            return QStringLiteral("answered, but none has a key-object service that could be read.");
+        return QStringLiteral(
+            "answered, but no description could be read: a device may be faulty, or a firewall in"
+            " the way of HTTP.");
     }
 
     Settings settings;
-    Output output;
-    Ssdp ssdp;
+    Terminal terminal;
+    Table table;
+    std::unique_ptr<Search> search;
     QTimer pause;
     QTimer progressTimer;
     QElapsedTimer clock;
     QElapsedTimer round;
-    std::set<Device> known;
+    std::map<Device, QList<QHostAddress>> present; ///< And where the search went out from that found it.
     std::set<Device> seen; ///< In the running discovery.
+    std::set<Device> found; ///< In any.
     std::set<Device> others; ///< That the filters left out.
-    size_t found = 0;
-    bool headerPrinted = false;
-    bool finished = false;
+    QStringList toldFailures;
+    QString toldAddresses;
+    bool isFinished = false;
 };
 
 } // namespace
 
 int main(int argc, char* argv[])
 {
+    openStandardDescriptors();
     QCoreApplication application(argc, argv);
     const Interruption interruption;
+    const ReaderWatch readerWatch;
     QCoreApplication::setApplicationName(QStringLiteral("ssdp-discover"));
     QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
     QCommandLineParser parser;
     addOptions(parser);
     parseArguments(parser);
-    const bool verbose = parser.isSet(QStringLiteral("verbose"));
-    if (!verbose) // Qt warns of what the library does too, as when it listens again.
-        QLoggingCategory::setFilterRules(QStringLiteral("*=false"));
+    const Settings settings = readSettings(parser);
+    watchLog(settings.verbose);
 
-    Host host(readSettings(parser), verbose);
+    Host host(settings);
     QObject::connect(&interruption, &Interruption::interrupted, &host, &Host::finish);
-    host.discover();
+    QTimer::singleShot(0, &host, &Host::discover);
     return QCoreApplication::exec();
 }

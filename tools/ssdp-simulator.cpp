@@ -2,15 +2,14 @@
 #include <simulator/SimulatedDevice.h>
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
+#include <tools/Output.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QDateTime>
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtCore/QRegularExpression>
 
 #include <cstdio>
+#include <fcntl.h>
 #include <memory>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -37,9 +36,14 @@ struct Settings
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Simulates the maker's devices: answers searches, serves descriptions, sends events.\n"
-                       "Runs on addresses that this host has; 'ssdp-lab' gives it a private network of its own.\n"
-                       "Ends on SIGINT: the devices say byebye and a line tells what they saw."));
+        QStringLiteral("Simulates the maker's devices: answers searches, serves descriptions, sends\n"
+                       "events. Runs on addresses that this host has; 'ssdp-lab' gives it a private\n"
+                       "network of its own. Ends on SIGINT: the devices say byebye and a line tells\n"
+                       "what they saw.\n"
+                       "\n"
+                       "Exit status: 0 after SIGINT or --exit-after, 1 when an address or a port cannot\n"
+                       "be used, 2 for a wrong option, 4 when the output cannot be written, 141 when\n"
+                       "nobody reads it any more."));
     const auto add = [&parser](const char* name, const char* value, const char* standard,
                                const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
@@ -80,7 +84,7 @@ void listFaults()
             name += QStringLiteral("[=%1]").arg(QLatin1String(fault.value));
             explanation += QStringLiteral(" (%1)").arg(QLatin1String(fault.standard));
         }
-        std::printf("%-28s %s\n", qPrintable(name), qPrintable(explanation));
+        print(name.leftJustified(28).toUtf8() + ' ' + explanation.toUtf8() + '\n');
     }
 }
 
@@ -164,12 +168,6 @@ Settings readSettings(const QCommandLineParser& parser)
     return settings;
 }
 
-void print(const QJsonObject& object)
-{
-    std::puts(QJsonDocument(object).toJson(QJsonDocument::Compact).constData());
-    std::fflush(stdout);
-}
-
 /// One line as it can be read, whatever bytes are in it.
 QString readable(const QByteArray& line)
 {
@@ -220,7 +218,7 @@ public:
         if (settings.readyDescriptor != -1) {
             if (write(settings.readyDescriptor, "\n", 1) != 1)
                 std::perror("ssdp-simulator: --ready-fd");
-            close(settings.readyDescriptor);
+            closeReadyDescriptor();
         }
         if (settings.quiet)
             return;
@@ -229,9 +227,11 @@ public:
                    {QStringLiteral("first"), first},
                    {QStringLiteral("last"), last}});
         } else {
-            std::printf("ssdp-simulator: %d device%s at %s%s%s\n", count, count == 1 ? "" : "s", qPrintable(first),
-                        count == 1 ? "" : " to ", count == 1 ? "" : qPrintable(last));
-            std::fflush(stdout);
+            QString text = QStringLiteral("ssdp-simulator: %1 device%2 at %3")
+                               .arg(QString::number(count), count == 1 ? QString() : QStringLiteral("s"), first);
+            if (count > 1)
+                text += QStringLiteral(" to ") + last;
+            print(text.toUtf8() + '\n');
         }
     }
 
@@ -257,14 +257,25 @@ public:
         if (settings.json)
             print({{QStringLiteral("saw"), saw}});
         else
-            std::printf("ssdp-simulator: %s\n", qPrintable(said.join(QStringLiteral(", "))));
+            print("ssdp-simulator: " + said.join(QStringLiteral(", ")).toUtf8() + '\n');
     }
 
 private:
+    void closeReadyDescriptor() const
+    {
+        // A standard descriptor stays open, or the next socket would become it.
+        const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+        if (settings.readyDescriptor > STDERR_FILENO)
+            close(settings.readyDescriptor);
+        else
+            dup2(nothing, settings.readyDescriptor);
+        close(nothing);
+    }
+
     void trace(const QString& device, bool sent, const QString& peer, const QByteArray& text) const
     {
         if (settings.json) {
-            print({{QStringLiteral("time"), QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+            print({{QStringLiteral("time"), QLatin1String(timeStamp())},
                    {QStringLiteral("device"), device},
                    {QStringLiteral("direction"), sent ? QStringLiteral("out") : QStringLiteral("in")},
                    {QStringLiteral("peer"), peer},
@@ -272,14 +283,15 @@ private:
                    {QStringLiteral("text"), QString::fromLatin1(text.constData(), text.size())}});
             return;
         }
-        std::printf("%.3f %s %s %s\n", static_cast<double>(clock.elapsed()) / 1000, qPrintable(device),
-                    sent ? "->" : "<-", qPrintable(peer));
+        QString out = QStringLiteral("%1 %2 %3 %4\n")
+                          .arg(QString::number(static_cast<double>(clock.elapsed()) / 1000, 'f', 3), device,
+                               sent ? QStringLiteral("->") : QStringLiteral("<-"), peer);
         QList<QByteArray> lines = text.split('\n');
         while (!lines.isEmpty() && lines.last().trimmed().isEmpty())
             lines.removeLast();
         for (const QByteArray& line : std::as_const(lines))
-            std::printf("    %s\n", qPrintable(readable(line)));
-        std::fflush(stdout);
+            out += QStringLiteral("    ") + readable(line) + QLatin1Char('\n');
+        print(out.toUtf8());
     }
 
     Settings settings;
@@ -302,20 +314,21 @@ void allowDescriptors()
 
 int main(int argc, char* argv[])
 {
+    openStandardDescriptors();
     QCoreApplication application(argc, argv);
     const Interruption interruption;
+    const ReaderWatch readerWatch;
     QCoreApplication::setApplicationName(QStringLiteral("ssdp-simulator"));
     QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
     QCommandLineParser parser;
     addOptions(parser);
     parseArguments(parser);
-    if (parser.isSet(QStringLiteral("list-faults"))) {
-        listFaults();
-        return 0;
-    }
-
     try {
         const Settings settings = readSettings(parser);
+        if (parser.isSet(QStringLiteral("list-faults"))) {
+            listFaults();
+            return 0;
+        }
         allowDescriptors();
         Simulation simulation(settings);
         if (!simulation.start())
