@@ -24,3 +24,11 @@ function(velmora_target_defaults target)
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
+
+# velmora_limit_exports(target): exports what exports.map.in names, and nothing else.
+function(velmora_limit_exports target)
+  set(map ${CMAKE_CURRENT_BINARY_DIR}/exports.map)
+  configure_file(exports.map.in ${map} @ONLY)
+  target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
+endfunction()
