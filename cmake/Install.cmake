@@ -43,6 +43,10 @@ install(
   FILES ${PROJECT_BINARY_DIR}/VelmoraSsdpConfig.cmake ${PROJECT_BINARY_DIR}/VelmoraSsdpConfigVersion.cmake
   DESTINATION ${config_folder}
   COMPONENT dev)
+configure_file(cmake/QtVersion.h.in installed/QtVersion.h @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/installed/QtVersion.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ssdp
+  COMPONENT dev)
 install(EXPORT VelmoraSsdpTargets
   NAMESPACE Velmora::
   DESTINATION ${config_folder}
