@@ -82,7 +82,7 @@ configure_file(cmake/velmora-ssdp.pc.in velmora-ssdp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-ssdp.pc DESTINATION ${pkgconfig_folder} COMPONENT dev)
 
 install(DIRECTORY examples/minimal examples/device-browser
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev/examples
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev-qt${QT_VERSION_MAJOR}/examples
   COMPONENT dev)
 
 if(VELMORA_SSDP_BUILD_TOOLS)
