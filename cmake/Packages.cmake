@@ -15,6 +15,7 @@ endif()
 set(flavour qt${QT_VERSION_MAJOR})
 set(other_flavours qt5 qt6)
 list(REMOVE_ITEM other_flavours ${flavour})
+set(debian ${PROJECT_SOURCE_DIR}/cmake/debian)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "the libSsdp developers")
@@ -27,7 +28,10 @@ if(VELMORA_SSDP_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 set(CPACK_COMPONENTS_GROUPING IGNORE)
-set(CPACK_STRIP_FILES ON)
+
+file(STRINGS ${debian}/changelog revision LIMIT_COUNT 1)
+string(REGEX REPLACE ".*-([0-9]+)\\).*" "\\1" CPACK_DEBIAN_PACKAGE_RELEASE "${revision}")
+set(package_version ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE})
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -36,6 +40,8 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The packages are made together: what one needs of the other is written below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/log ${PROJECT_BINARY_DIR}/ssdp)
+# Makes a -dbgsym package of each, and strips the others.
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 
 set(CPACK_DEBIAN_LOG_PACKAGE_NAME liblog2-${flavour})
 set(CPACK_DEBIAN_LOG_PACKAGE_SECTION libs)
@@ -55,12 +61,13 @@ address of every device that tells them.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libssdp-dev-${flavour})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DEV_DEBUGINFO_PACKAGE OFF)
 if(QT_VERSION_MAJOR EQUAL 5)
   set(qt_dev qtbase5-dev)
 else()
   set(qt_dev qt${QT_VERSION_MAJOR}-base-dev)
 endif()
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssdp2-${flavour} (= ${PROJECT_VERSION}), liblog2-${flavour}, ${qt_dev}")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssdp2-${flavour} (= ${package_version}), liblog2-${flavour}, ${qt_dev}")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "development files of libssdp2-${flavour}
 The headers of libssdp2-${flavour} and liblog2-${flavour}, what CMake and
 pkg-config need to find them, and two examples.")
@@ -77,17 +84,28 @@ file(CONFIGURE OUTPUT package/triggers CONTENT "activate-noawait ldconfig\n")
 file(CONFIGURE OUTPUT package/log/shlibs CONTENT "libLog ${PROJECT_VERSION_MAJOR} liblog2-${flavour}\n")
 file(CONFIGURE OUTPUT package/ssdp/shlibs
   CONTENT "libSsdp ${PROJECT_VERSION_MAJOR} libssdp2-${flavour} (>= ${PROJECT_VERSION})\n")
+configure_file(${debian}/liblog2.symbols.in package/log/symbols.template @ONLY)
+configure_file(${debian}/libssdp2.symbols.in package/ssdp/symbols.template @ONLY)
 foreach(component IN ITEMS log ssdp)
   string(TOUPPER ${component} upper)
+  set(files ${PROJECT_BINARY_DIR}/package)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONTROL_EXTRA
-    ${PROJECT_BINARY_DIR}/package/triggers ${PROJECT_BINARY_DIR}/package/${component}/shlibs)
+    ${files}/triggers ${files}/${component}/shlibs ${files}/${component}/symbols)
 endforeach()
+configure_file(cmake/CPackProject.cmake.in CPackProject.cmake @ONLY)
+set(CPACK_PROJECT_CONFIG_FILE ${PROJECT_BINARY_DIR}/CPackProject.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/CPackFinish.cmake)
 
 find_program(GZIP gzip REQUIRED)
-execute_process(
-  COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/CHANGELOG.md
-  OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/changelog.gz
-  COMMAND_ERROR_IS_FATAL ANY)
+foreach(pair IN ITEMS CHANGELOG.md:changelog.gz cmake/debian/changelog:changelog.Debian.gz)
+  string(REPLACE ":" ";" pair ${pair})
+  list(GET pair 0 from)
+  list(GET pair 1 to)
+  execute_process(COMMAND ${GZIP} -9nc ${PROJECT_SOURCE_DIR}/${from}
+    OUTPUT_FILE ${PROJECT_BINARY_DIR}/package/${to}
+    COMMAND_ERROR_IS_FATAL ANY)
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${from})
+endforeach()
 foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   string(TOUPPER ${component} upper)
   set(package ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
@@ -98,8 +116,25 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONFLICTS "${others}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_REPLACES "${others}")
 
-  install(FILES ${PROJECT_BINARY_DIR}/package/changelog.gz ${PROJECT_SOURCE_DIR}/cmake/copyright
+  install(
+    FILES ${PROJECT_BINARY_DIR}/package/changelog.gz ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz
+      ${debian}/copyright
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}
+    COMPONENT ${component})
+  set(further_overrides "")
+  if(component MATCHES "^(log|ssdp)$")
+    string(CONCAT further_overrides
+      "# The name carries the Qt: libraries for different Qts have one soname.\n"
+      "${package}: package-name-doesnt-match-sonames *\n")
+  elseif(package STREQUAL "libssdp-dev-qt5")
+    string(CONCAT further_overrides
+      "# The headers of Qt 5 refuse code without -fPIC, and its own pkg-config files do not ask for it.\n"
+      "${package}: pkg-config-bad-directive -fPIC *\n")
+  endif()
+  configure_file(${debian}/lintian-overrides.in package/${component}/lintian-overrides @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/package/${component}/lintian-overrides
+    DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
+    RENAME ${package}
     COMPONENT ${component})
 endforeach()
 
