@@ -16,11 +16,19 @@ function(velmora_target_defaults target)
     QT_NO_FOREACH
     QT_STRICT_ITERATORS
     QT_DEPRECATED_WARNINGS)
+  if(VELMORA_SSDP_HIDE_FOLDERS)
+    target_compile_options(${target} PRIVATE
+      -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+      -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+  endif()
+  # AUTOMOC_PATH_PREFIX and BUILD_RPATH_USE_ORIGIN: nothing that is built depends on where the build folder is.
   # gnu++17, since the headers of Qt 4.8 are no strict C++.
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 17
     CXX_STANDARD_REQUIRED ON
     AUTOMOC ON
+    AUTOMOC_PATH_PREFIX ON
+    BUILD_RPATH_USE_ORIGIN ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
