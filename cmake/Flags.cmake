@@ -16,11 +16,27 @@ function(velmora_target_defaults target)
     QT_NO_FOREACH
     QT_STRICT_ITERATORS
     QT_DEPRECATED_WARNINGS)
+  if(VELMORA_SSDP_HIDE_FOLDERS)
+    target_compile_options(${target} PRIVATE
+      -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
+      -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
+  endif()
+  # AUTOMOC_PATH_PREFIX and BUILD_RPATH_USE_ORIGIN: nothing that is built depends on where the build folder is.
   # gnu++17, since the headers of Qt 4.8 are no strict C++.
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 17
     CXX_STANDARD_REQUIRED ON
     AUTOMOC ON
+    AUTOMOC_PATH_PREFIX ON
+    BUILD_RPATH_USE_ORIGIN ON
     CXX_VISIBILITY_PRESET hidden
     VISIBILITY_INLINES_HIDDEN ON)
+endfunction()
+
+# velmora_limit_exports(target): exports what exports.map.in names, and nothing else.
+function(velmora_limit_exports target)
+  set(map ${CMAKE_CURRENT_BINARY_DIR}/exports.map)
+  configure_file(exports.map.in ${map} @ONLY)
+  target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
+  set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS ${map})
 endfunction()

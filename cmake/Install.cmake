@@ -43,6 +43,10 @@ install(
   FILES ${PROJECT_BINARY_DIR}/VelmoraSsdpConfig.cmake ${PROJECT_BINARY_DIR}/VelmoraSsdpConfigVersion.cmake
   DESTINATION ${config_folder}
   COMPONENT dev)
+configure_file(cmake/QtVersion.h.in installed/QtVersion.h @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/installed/QtVersion.h
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/ssdp
+  COMPONENT dev)
 install(EXPORT VelmoraSsdpTargets
   NAMESPACE Velmora::
   DESTINATION ${config_folder}
@@ -59,14 +63,26 @@ if(QT_VERSION_MAJOR EQUAL 5)
   set(pkgconfig_cflags "-fPIC ")
 endif()
 set(pkgconfig_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-file(RELATIVE_PATH prefix_from_pkgconfig
-  ${CMAKE_INSTALL_PREFIX}/${pkgconfig_folder} ${CMAKE_INSTALL_PREFIX})
-string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
+# Folders below the prefix move with it; absolute ones do not, and then neither does the prefix.
+if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
+  string(REPLACE " " "\\ " pkgconfig_prefix "${CMAKE_INSTALL_PREFIX}")
+else()
+  file(RELATIVE_PATH prefix_from_pkgconfig
+    ${CMAKE_INSTALL_PREFIX}/${pkgconfig_folder} ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/$" "" prefix_from_pkgconfig "${prefix_from_pkgconfig}")
+  set(pkgconfig_prefix "\${pcfiledir}/${prefix_from_pkgconfig}")
+endif()
+foreach(name IN ITEMS LIBDIR INCLUDEDIR)
+  set(pkgconfig_${name} "\${prefix}/${CMAKE_INSTALL_${name}}")
+  if(IS_ABSOLUTE ${CMAKE_INSTALL_${name}})
+    string(REPLACE " " "\\ " pkgconfig_${name} "${CMAKE_INSTALL_${name}}")
+  endif()
+endforeach()
 configure_file(cmake/velmora-ssdp.pc.in velmora-ssdp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/velmora-ssdp.pc DESTINATION ${pkgconfig_folder} COMPONENT dev)
 
 install(DIRECTORY examples/minimal examples/device-browser
-  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev/examples
+  DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/libssdp-dev-qt${QT_VERSION_MAJOR}/examples
   COMPONENT dev)
 
 if(VELMORA_SSDP_BUILD_TOOLS)

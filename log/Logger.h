@@ -1,6 +1,8 @@
 #ifndef VELMORA_LOG_LOGGER_H
 #define VELMORA_LOG_LOGGER_H
 
+#include <ssdp/QtVersion.h>
+
 #include <QtCore/QtGlobal>
 
 class QString;

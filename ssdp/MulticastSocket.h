@@ -1,6 +1,8 @@
 #ifndef VELMORA_SSDP_MULTICASTSOCKET_H
 #define VELMORA_SSDP_MULTICASTSOCKET_H
 
+#include <ssdp/QtVersion.h>
+
 #include <QtNetwork/QUdpSocket>
 
 namespace Velmora {

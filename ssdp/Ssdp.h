@@ -4,6 +4,7 @@
 // Hosts connect by the text of a signature, and these name the records without their namespaces.
 // clazy:excludeall=fully-qualified-moc-types
 
+#include <ssdp/QtVersion.h>
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
 

@@ -1,6 +1,8 @@
 #ifndef VELMORA_SSDP_SSDPDEVICE_H
 #define VELMORA_SSDP_SSDPDEVICE_H
 
+#include <ssdp/QtVersion.h>
+
 #include <QtCore/QList>
 #include <QtCore/QString>
 #include <QtCore/QUuid>

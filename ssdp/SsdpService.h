@@ -1,6 +1,8 @@
 #ifndef VELMORA_SSDP_SSDPSERVICE_H
 #define VELMORA_SSDP_SSDPSERVICE_H
 
+#include <ssdp/QtVersion.h>
+
 #include <QtCore/QHash>
 #include <QtCore/QString>
 #include <QtCore/QUuid>

@@ -1,6 +1,6 @@
 # The README shows the minimal example as it stands in the tree, where it is built and run.
 file(READ ${SOURCE}/README.md readme)
-foreach(name IN ITEMS main.cpp CMakeLists.txt)
+foreach(name IN ITEMS main.cpp CMakeLists.txt minimal.pro)
   file(READ ${SOURCE}/examples/minimal/${name} text)
   string(FIND "${readme}" "\n${text}```\n" position)
   if(position EQUAL -1)

@@ -1,7 +1,8 @@
 # cmake -DLIBRARY=file -DSONAME=libSsdp.so.2 -DCLASSES=... [-DNEEDED=libLog.so.2]
-#       -DNM=nm -DREADELF=readelf -P exports.cmake
+#       [-DVERSION=libSsdp_Qt_6] -DNM=nm -DREADELF=readelf -P exports.cmake
 #
 # A library has its name, needs the one that hosts can replace, and offers no class but the public ones.
+# With VERSION all that it offers has this symbol version, without none.
 # That none of their members is lost is for tests/package/symbols.
 
 cmake_minimum_required(VERSION 3.20)
@@ -25,13 +26,21 @@ endif()
 
 output_of(symbols "${NM}" --dynamic --demangle --defined-only "${LIBRARY}")
 list(TRANSFORM symbols REPLACE "^[0-9a-f]+ . " "")
-# What the sanitizers add.
-list(FILTER symbols EXCLUDE REGEX "^(__odr_asan|typeinfo (name )?for Q[A-Z])")
+set(version "")
+if(VERSION)
+  set(version "@@${VERSION}")
+  # The definition of the version.
+  list(FILTER symbols EXCLUDE REGEX "^${VERSION}(${version})?$")
+endif()
 
 string(REPLACE ";" "|" classes "${CLASSES}")
 foreach(symbol IN LISTS symbols)
-  if(NOT symbol MATCHES "^((vtable|typeinfo|typeinfo name) for |(non-)?virtual thunk to )?(${classes})(::|$)")
+  if(NOT symbol MATCHES "^((vtable|typeinfo|typeinfo name) for |(non-)?virtual thunk to )?(${classes})(::|@|$)")
     message(SEND_ERROR "${LIBRARY} offers '${symbol}', which belongs to no public class. Take Q_DECL_EXPORT off"
       " its class, or give the class its documentation and add it to CLASSES in tests/unit/CMakeLists.txt.")
+  endif()
+  if(NOT symbol MATCHES "^[^@]*${version}$")
+    message(SEND_ERROR "${LIBRARY} offers '${symbol}', and its version should be '${version}': see exports.map.in"
+      " in the folder of the library.")
   endif()
 endforeach()
