@@ -445,15 +445,18 @@ void SsdpManager::onResponseSocketReadyRead()
     if (buffer.size() < contentLength - 1)
         return;
 
-    // A receiver of valueChanged() may delete this object, or run an event loop while the peer still
-    // sends. Nobody else deletes the socket while it is inside its readyRead().
+    // A receiver of valueChanged() may delete this object, or run an event loop while the peer sends on
+    // or closes. Nobody else deletes the socket while it is inside its readyRead().
+    const QPointer<SsdpManager> self(this);
     const QString body = buffer;
-    forgetResponseSocket(socket);
+    socket->disconnect(this);
     socket->setParent(nullptr);
     socket->setReadBufferSize(UNREAD_BUFFER_SIZE);
     updateStateVariables(service, body);
     socket->disconnectFromHost();
     socket->deleteLater();
+    if (self)
+        forgetResponseSocket(socket);
 }
 
 void SsdpManager::readEventHead(QTcpSocket* socket)
@@ -522,7 +525,6 @@ void SsdpManager::onResponseSocketDisconnected()
 
 void SsdpManager::forgetResponseSocket(QTcpSocket* socket)
 {
-    socket->disconnect(this);
     requestSockets.removeOne(socket);
     requestSocketServices.remove(socket);
     responseContentLengths.remove(socket);
