@@ -95,10 +95,10 @@ QString whatWasSeen(const Finding& finding)
 QString whatToChange(const Finding& finding)
 {
     const FindingText& text = findingText(finding.id);
-    QString result = QStringLiteral("Change: ") + QLatin1String(text.change);
-    if (text.section > 0)
-        result += QStringLiteral(" (docs/protocol.md, section %1)").arg(text.section);
-    return result;
+    const QString result = QStringLiteral("Change: ") + QLatin1String(text.change);
+    if (text.section == 0)
+        return result;
+    return result.chopped(1) + QStringLiteral(" (docs/protocol.md, section %1).").arg(text.section);
 }
 
 QString id(const Finding& finding)

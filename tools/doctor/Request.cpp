@@ -22,7 +22,7 @@ Request::Request(const QHostAddress& address, quint16 port, const QByteArray& me
     , connection(Connection::open(address, port, this))
     , excess(0)
     , firstAfter(-1)
-    , lastAfter(0)
+    , lastAfter(-1)
     , total(0)
     , isConnected(false)
     , isFinished(false)
@@ -92,10 +92,10 @@ void Request::onEnded(int error)
         finish(error == ECONNREFUSED ? Ending::Refused : Ending::NoConnection);
     else if (reader.close())
         finish(Ending::Complete);
-    else if (error != 0)
-        finish(Ending::Reset);
+    else if (!reader.hasBegun())
+        finish(Ending::Closed);
     else
-        finish(reader.hasBegun() ? Ending::Short : Ending::Closed);
+        finish(error != 0 ? Ending::Reset : Ending::Short);
 }
 
 void Request::finish(Ending how)
@@ -103,7 +103,7 @@ void Request::finish(Ending how)
     if (isFinished)
         return;
     isFinished = true;
-    total = lastAfter > 0 && how == Ending::Complete ? lastAfter : static_cast<int>(clock.elapsed());
+    total = lastAfter >= 0 && how == Ending::Complete ? lastAfter : static_cast<int>(clock.elapsed());
     end = how;
     patience.stop();
     linger.stop();
