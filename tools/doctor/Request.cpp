@@ -89,7 +89,9 @@ void Request::onReceived(const QByteArray& bytes)
 void Request::onEnded(int error)
 {
     if (!isConnected)
-        finish(error == ECONNREFUSED ? Ending::Refused : Ending::NoConnection);
+        finish(error == ECONNREFUSED     ? Ending::Refused
+                   : error == ECONNRESET ? Ending::Closed
+                                         : Ending::NoConnection);
     else if (reader.close())
         finish(Ending::Complete);
     else if (!reader.hasBegun())
