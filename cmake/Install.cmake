@@ -87,7 +87,7 @@ install(DIRECTORY examples/minimal examples/device-browser
 
 if(VELMORA_SSDP_BUILD_TOOLS)
   find_program(GZIP gzip REQUIRED)
-  foreach(tool IN ITEMS ssdp-discover ssdp-lab ssdp-simulator)
+  foreach(tool IN ITEMS ssdp-discover ssdp-doctor ssdp-lab ssdp-simulator)
     set(page ${PROJECT_SOURCE_DIR}/docs/man/${tool}.1)
     execute_process(COMMAND ${GZIP} -9nc ${page}
       OUTPUT_FILE ${PROJECT_BINARY_DIR}/${tool}.1.gz

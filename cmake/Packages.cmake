@@ -76,8 +76,9 @@ set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ssdp-tools-${flavour})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libssdp2-${flavour} (>= ${PROJECT_VERSION}), iproute2")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "command-line tools of libssdp2-${flavour}
-ssdp-discover lists the maker's devices on the local network, ssdp-simulator
-plays such devices, and ssdp-lab runs both in a private network.")
+ssdp-discover lists the maker's devices on the local network, ssdp-doctor says
+why one is not found, ssdp-simulator plays such devices, and ssdp-lab runs them
+in a private network.")
 
 # dpkg asks that the loader's cache be renewed through this trigger, not by scripts.
 file(CONFIGURE OUTPUT package/triggers CONTENT "activate-noawait ldconfig\n")

@@ -140,11 +140,14 @@ QString DeviceOptions::addFault(const QString& text)
             value = QString::fromLatin1(fault.standard);
 
         bool isNumber = false;
-        const int standard = QByteArray(fault.standard).toInt(&isNumber);
+        QByteArray(fault.standard).toInt(&isNumber);
+        // The text of KO may be anything.
+        isNumber = isNumber && QLatin1String(fault.value) != QLatin1String("TEXT");
         bool isRight = true;
         if (isNumber) {
             const int number = value.toInt(&isRight);
-            isRight = isRight && (number > 0 || standard < 0);
+            const bool isDifference = QLatin1String(fault.value) == QLatin1String("DIFFERENCE");
+            isRight = isRight && (number > 0 || isDifference);
         } else if (name == QLatin1String("die-after")) {
             isRight = std::find(std::begin(STAGE_NAMES), std::end(STAGE_NAMES), value.toLatin1())
                 != std::end(STAGE_NAMES);
@@ -162,7 +165,13 @@ const QList<Fault>& SimulatedDevice::faults()
     static const QList<Fault> list = {
         {"ignore-search", nullptr, nullptr, "answers no search; only its announcements tell of it"},
         {"duplicate-responses", "TIMES", "3", "answers each search that many times"},
+        {"announce-only", "MS", "1000", "answers no search, and announces itself again after that time"},
+        {"crlf-search-only", nullptr, nullptr, "answers no search whose lines end with line feeds alone"},
+        {"unicast-search-only", nullptr, nullptr, "answers no search but one that is sent to its own address"},
+        {"slow-answer", "MS", "4000", "answers a search after that time, whatever its MX"},
+        {"no-location", nullptr, nullptr, "answers searches without a location"},
         {"location-garbage", "TEXT", "no location", "names that text as its location"},
+        {"location-other-host", "HOST", "192.0.2.1", "names that host in its location"},
         {"silent-http", nullptr, nullptr, "takes HTTP connections and never answers"},
         {"slow-http", "BYTES", "500", "sends that many bytes of a document per second"},
         {"reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
@@ -172,15 +181,32 @@ const QList<Fault>& SimulatedDevice::faults()
         {"html-instead", nullptr, nullptr, "sends a web page for a document"},
         {"redirect", "PATH", "/moved.xml", "redirects from a document to that path"},
         {"error-500", nullptr, nullptr, "answers with an internal error for a document"},
+        {"namespace", "TEXT", "urn:example-org:other", "declares that namespace in its documents"},
+        {"root-element", "NAME", "document", "gives that name to the root of its documents"},
+        {"description-prefix", "PREFIX", "d", "writes the elements of its documents with that prefix"},
+        {"no-service", nullptr, nullptr, "lists no service"},
+        {"service-type", "TYPE", "urn:schemas-velmora-it:service:keyobjects:2",
+         "gives that type to its key-object service"},
+        {"embedded-service", nullptr, nullptr, "lists its services in an embedded device only"},
+        {"scpd-url", "URL", "http://10.77.1.1:49152/service1.xml", "gives that SCPDURL to its services"},
+        {"event-url", "URL", "http://10.77.1.1:49152/event", "gives that eventSubURL to its services"},
+        {"no-variable", nullptr, nullptr, "lists no state variable"},
         {"refuse-subscribe", nullptr, nullptr, "refuses subscriptions with 412"},
+        {"standard-subscribe-only", nullptr, nullptr,
+         "refuses subscriptions with line feeds alone, or without a decimal port, with 400"},
         {"never-answer-subscribe", nullptr, nullptr, "takes subscriptions without an answer or an event"},
         {"no-sid", nullptr, nullptr, "accepts subscriptions without giving a SID"},
         {"late-sid", "MS", "50", "gives the SID that long after the status line"},
+        {"no-event", nullptr, nullptr, "accepts subscriptions and sends no event"},
         {"event-one-chunk", nullptr, nullptr, "sends head and body of an event in one write"},
         {"event-many-chunks", "PIECES", "10", "sends the body of an event in about that many writes"},
         {"event-unknown-path", nullptr, nullptr, "sends events to a path that nobody gave it"},
         {"event-bad-xml", nullptr, nullptr, "sends events whose body is no XML"},
         {"event-no-length", nullptr, nullptr, "sends events without a length"},
+        {"event-length", "DIFFERENCE", "20", "adds that to the length of an event"},
+        {"event-prefix", "PREFIX", "ev", "writes events with that prefix instead of e"},
+        {"event-no-ko", nullptr, nullptr, "sends events without KO"},
+        {"ko-malformed", "TEXT", "12", "sends that text as KO"},
         {"die-after", "STAGE", "description",
          "closes down after search, description, scpd, subscribe, event-head or event"},
     };
@@ -239,6 +265,8 @@ bool SimulatedDevice::start()
         return false;
     alive = true;
     announce();
+    if (has("announce-only"))
+        settings.announceEvery = valueOf("announce-only").toInt();
     if (settings.announceEvery > 0)
         announceTimer.start(settings.announceEvery);
     if (settings.eventEvery > 0)
@@ -339,7 +367,13 @@ QByteArray SimulatedDevice::uniqueServiceName(const QByteArray& type) const
 
 void SimulatedDevice::onSearched(const Search& search)
 {
-    if (!alive || has("ignore-search") || search.interface != group->interfaceOf(settings.address))
+    const bool isDeaf = has("ignore-search") || has("announce-only");
+    if (!alive || isDeaf || search.interface != group->interfaceOf(settings.address))
+        return;
+    const bool isForGroup = search.destination == SsdpGroup::ADDRESS;
+    if (isForGroup ? has("unicast-search-only") : search.destination != settings.address)
+        return;
+    if (has("crlf-search-only") && !search.text.contains("\r\n"))
         return;
     const QList<QByteArray> types = notificationTypes();
     const bool all = search.target == "ssdp:all";
@@ -347,8 +381,10 @@ void SimulatedDevice::onSearched(const Search& search)
         return;
 
     Q_EMIT message(false, addressText(search.address, search.port), search.text);
-    const int last = settings.responseDelayMax < 0 ? search.mx * 1000 : settings.responseDelayMax;
-    const int first = qMin(settings.responseDelayMin, last);
+    int last = settings.responseDelayMax < 0 ? search.mx * 1000 : settings.responseDelayMax;
+    int first = qMin(settings.responseDelayMin, last);
+    if (has("slow-answer"))
+        first = last = valueOf("slow-answer").toInt();
     for (const QByteArray& type : types) {
         if (all || type == search.target) {
             QTimer::singleShot(random.bounded(first, last + 1), Qt::PreciseTimer, this,
@@ -361,10 +397,18 @@ void SimulatedDevice::answerSearch(const Search& search, const QByteArray& type)
 {
     if (!alive)
         return;
-    const QString place = has("location-garbage") ? valueOf("location-garbage") : location();
-    const QByteArray text = headOf({"HTTP/1.1 200 OK", "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE),
-                                    "EXT:", "LOCATION: " + place.toLatin1(), QByteArray("SERVER: ") + SERVER,
-                                    "ST: " + type, "USN: " + uniqueServiceName(type)});
+    QString place = has("location-garbage") ? valueOf("location-garbage") : location();
+    if (has("location-other-host"))
+        place.replace(settings.address.toString(), valueOf("location-other-host"));
+    QList<QByteArray> lines = {"HTTP/1.1 200 OK",
+                               "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE),
+                               "EXT:",
+                               QByteArray("SERVER: ") + SERVER,
+                               "ST: " + type,
+                               "USN: " + uniqueServiceName(type)};
+    if (!has("no-location"))
+        lines.insert(3, "LOCATION: " + place.toLatin1());
+    const QByteArray text = headOf(lines);
     const int times = has("duplicate-responses") ? valueOf("duplicate-responses").toInt() : 1;
     for (int i = 0; i < times; ++i) {
         group->send(settings.address, search.address, search.port, text);
@@ -538,20 +582,53 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
     });
 }
 
+/// Does to @p document, whose root is @p root in @p xmlns, what the faults of a document say.
+QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const
+{
+    if (has("namespace"))
+        document.replace(xmlns, valueOf("namespace").toUtf8());
+    if (has("root-element")) {
+        const QByteArray name = valueOf("root-element").toUtf8();
+        document.replace('<' + root + ' ', '<' + name + ' ');
+        document.replace("</" + root + '>', "</" + name + '>');
+    }
+    if (has("description-prefix")) {
+        const QByteArray prefix = valueOf("description-prefix").toUtf8();
+        document.replace("</", "</" + prefix + ':');
+        document.replace("xmlns=", "xmlns:" + prefix + '=');
+        for (qsizetype i = document.indexOf('<'); i != -1; i = document.indexOf('<', i + 1)) {
+            if (document.at(i + 1) != '/' && document.at(i + 1) != '?')
+                document.insert(i + 1, prefix + ':');
+        }
+    }
+    return document;
+}
+
 QByteArray SimulatedDevice::description() const
 {
+    const QByteArray keyObjectService =
+        has("service-type") ? valueOf("service-type").toUtf8() : QByteArray(KEY_OBJECT_SERVICE);
     QByteArray list;
-    for (int i = 1; i <= settings.services; ++i) {
-        list += filled(SERVICE,
-                       {{"%type", i == settings.services ? KEY_OBJECT_SERVICE : OTHER_SERVICE},
-                        {"%number", QByteArray::number(i)},
-                        {"%scpd", servicePath(i).toLatin1()}});
+    for (int i = 1; i <= settings.services && !has("no-service"); ++i) {
+        QByteArray service =
+            filled(SERVICE,
+                   {{"%type", i == settings.services ? keyObjectService : OTHER_SERVICE},
+                    {"%scpd", has("scpd-url") ? valueOf("scpd-url").toUtf8() : servicePath(i).toLatin1()},
+                    {"%number", QByteArray::number(i)}});
+        if (has("event-url"))
+            service.replace("/service" + QByteArray::number(i) + "/event", valueOf("event-url").toUtf8());
+        list += service;
     }
-    return filled(DESCRIPTION,
-                  {{"%type", DEVICE_TYPE},
-                   {"%code", QByteArray::number(settings.univocalCode)},
-                   {"%uuid", uuid},
-                   {"%services", list}});
+    QByteArray text = filled(DESCRIPTION,
+                             {{"%type", DEVICE_TYPE},
+                              {"%code", QByteArray::number(settings.univocalCode)},
+                              {"%uuid", uuid},
+                              {"%services", list}});
+    if (has("embedded-service")) {
+        text.replace("    <serviceList>", "    <deviceList><device>\n    <serviceList>");
+        text.replace("</serviceList>\n", "</serviceList>\n    </device></deviceList>\n");
+    }
+    return spoilt(text, "root", "urn:schemas-upnp-org:device-1-0");
 }
 
 QByteArray SimulatedDevice::serviceDescription(int number) const
@@ -559,9 +636,12 @@ QByteArray SimulatedDevice::serviceDescription(int number) const
     const bool isKeyObject = number == settings.services;
     const QStringList names = isKeyObject ? settings.variables : QStringList(QStringLiteral("Status"));
     QByteArray table;
-    for (const QString& name : names)
-        table += filled(STATE_VARIABLE, {{"%name", name.toUtf8()}});
-    return filled(SERVICE_DESCRIPTION, {{"%variables", table}});
+    for (const QString& name : names) {
+        if (!has("no-variable"))
+            table += filled(STATE_VARIABLE, {{"%name", name.toUtf8()}});
+    }
+    return spoilt(filled(SERVICE_DESCRIPTION, {{"%variables", table}}), "scpd",
+                  "urn:schemas-upnp-org:service-1-0");
 }
 
 // Subscription
@@ -580,6 +660,11 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
         respond(socket, head, {"412 Precondition Failed", {}, QByteArray(), 0});
         return;
     }
+    const QByteArray standardHost = addressText(settings.address, settings.port).toLatin1();
+    if (has("standard-subscribe-only") && (!head.contains("\r\n") || headerOf(head, "HOST") != standardHost)) {
+        respond(socket, head, {"400 Bad Request", {}, QByteArray(), 0});
+        return;
+    }
 
     if (isNew) {
         const QString name = QString::fromLatin1(uuid) + QString::number(++lastSid);
@@ -590,7 +675,7 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
 
     const auto accepted = [this, sid, isNew] {
         reach(Subscribed);
-        if (isNew && alive)
+        if (isNew && alive && !has("no-event"))
             sendEvent(sid);
     };
     QList<QByteArray> headers = {"TIMEOUT: Second-" + QByteArray::number(seconds)};
@@ -687,13 +772,19 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
 QList<QByteArray> SimulatedDevice::eventChunks(const QByteArray& sid, const QByteArray& host,
                                                QByteArray path) const
 {
-    QByteArray body = "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">\n";
+    const QByteArray prefix = has("event-prefix") ? valueOf("event-prefix").toUtf8() : "e";
+    const QByteArray property = prefix + ":property";
+    QByteArray body = '<' + property + "set xmlns:" + prefix + "=\"urn:schemas-upnp-org:event-1-0\">\n";
     for (const QString& name : settings.variables) {
+        const bool isKeyObject = name == QLatin1String("KO");
+        if (isKeyObject && has("event-no-ko"))
+            continue;
+        const QString value = isKeyObject && has("ko-malformed") ? valueOf("ko-malformed") : values.value(name);
         const QByteArray tag = name.toUtf8();
-        body += "<e:property><" + tag + '>' + values.value(name).toHtmlEscaped().toUtf8() + "</" + tag
-            + "></e:property>\n";
+        body += '<' + property + "><" + tag + '>' + value.toHtmlEscaped().toUtf8() + "</" + tag + "></" + property
+            + ">\n";
     }
-    body += has("event-bad-xml") ? "<e:property>" : "</e:propertyset>\n";
+    body += has("event-bad-xml") ? '<' + property + '>' : "</" + property + "set>\n";
     const QByteArray tail = settings.eventTail ? "\r\n" : "";
     if (has("event-unknown-path"))
         path = "/" + uuid;
@@ -706,7 +797,8 @@ QList<QByteArray> SimulatedDevice::eventChunks(const QByteArray& sid, const QByt
                                "SID: " + sid,
                                "SEQ: " + QByteArray::number(subscribers.value(sid).events)};
     if (!has("event-no-length"))
-        lines << "CONTENT-LENGTH: " + QByteArray::number(body.size() + tail.size());
+        lines << "CONTENT-LENGTH: "
+                + QByteArray::number(body.size() + tail.size() + valueOf("event-length").toInt());
     const QByteArray head = headOf(lines);
 
     if (has("event-one-chunk") || settings.eventGap == 0)

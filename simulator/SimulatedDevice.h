@@ -50,7 +50,7 @@ struct Fault
 {
     const char* name;
     const char* value; ///< What its value means; null for a fault that takes none.
-    const char* standard; ///< The value when none is given: a number if it has to be one.
+    const char* standard; ///< The value when none is given: a number if it has to be one, unless "value" is TEXT.
     const char* explanation;
 };
 
@@ -185,6 +185,7 @@ private:
     void answerUnsubscribe(QTcpSocket* socket, const QByteArray& head);
     void respond(QTcpSocket* socket, const QByteArray& head, const Response& response,
                  const std::function<void()>& sent = nullptr);
+    QByteArray spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const;
     QByteArray description() const;
     QByteArray serviceDescription(int number) const;
 

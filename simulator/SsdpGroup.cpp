@@ -142,6 +142,7 @@ void SsdpGroup::readDatagrams()
         search.address = datagram.senderAddress();
         search.port = static_cast<quint16>(datagram.senderPort());
         search.interface = datagram.interfaceIndex();
+        search.destination = datagram.destinationAddress();
         Q_EMIT searched(search);
     }
 }

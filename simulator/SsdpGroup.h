@@ -21,6 +21,7 @@ struct Search
     QHostAddress address; ///< Who searches,
     quint16 port; ///< and where the answer goes.
     uint interface; ///< The index of the one that it came by.
+    QHostAddress destination; ///< The group, or the address that was searched alone.
 };
 
 /**

@@ -167,9 +167,9 @@ qint64 HttpReply::readData(char* data, qint64 maxSize)
     return size == 0 && isFinished() ? -1 : size;
 }
 
-QByteArray HttpReply::message() const
+QByteArray HttpFetcher::requestMessage(const QUrl& url)
 {
-    QUrl target = url();
+    QUrl target = url;
     if (target.path().isEmpty())
         target.setPath(QString(QLatin1Char('/')));
     QByteArray host = QUrl::toAce(target.host());
@@ -299,7 +299,7 @@ void HttpConnection::onStateChanged(QAbstractSocket::SocketState state)
 void HttpConnection::sendRequest()
 {
     hasSent = true;
-    write(reply->message());
+    write(HttpFetcher::requestMessage(reply->url()));
     // Saves the event loop a turn for it.
     flush();
 }

@@ -46,6 +46,9 @@ public:
     /// Closes every connection. Replies that have not finished never do, unless they are aborted.
     void dropAll();
 
+    /// The text that requests the document at @p url.
+    static QByteArray requestMessage(const QUrl& url);
+
     /// What every connection has to pass. Whoever else opens sockets for the network shares it.
     DescriptorGuard guard;
 
@@ -94,7 +97,6 @@ private:
 
     HttpReply(const QNetworkRequest& request, HttpFetcher* fetcher);
 
-    QByteArray message() const;
     qint64 receive(const char* data, qint64 size);
     void end();
     void fail(NetworkError code, const QString& text);

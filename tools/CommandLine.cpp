@@ -16,7 +16,7 @@ void failUsage(const QString& text)
     std::exit(USAGE_ERROR);
 }
 
-void parseArguments(QCommandLineParser& parser)
+void parseArguments(QCommandLineParser& parser, bool takesArguments)
 {
     // Not addHelpOption(): newer versions of Qt add --help-all, which only their process() answers.
     const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
@@ -35,7 +35,7 @@ void parseArguments(QCommandLineParser& parser)
     }
     if (!parsed)
         failUsage(parser.errorText());
-    if (!parser.positionalArguments().isEmpty())
+    if (!takesArguments && !parser.positionalArguments().isEmpty())
         failUsage(QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
 }
 

@@ -12,7 +12,8 @@ namespace Tools {
 
 /// Parses the program's arguments, answers --help and --version, and fails on what it does not know.
 /// QCommandLineParser::process() would end with status 1.
-void parseArguments(QCommandLineParser& parser);
+/// @param takesArguments whether anything but options is expected
+void parseArguments(QCommandLineParser& parser, bool takesArguments = false);
 
 /// The value of @p option, which has to be a whole number from @p least to @p most.
 int numberOf(const QCommandLineParser& parser, const QString& option, int least, int most);

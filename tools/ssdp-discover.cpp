@@ -395,10 +395,9 @@ private:
             tell(counted(static_cast<size_t>(seen.hosts.size())) + QLatin1Char(' ') + answer(seen));
         }
         const bool wasShort = settings.timeout < SUFFICIENT_TIMEOUT && round.elapsed() >= settings.timeout;
-        tell(wasShort
-                 ? QStringLiteral("The time may be too short: try --timeout 5000, and --verbose to see how far"
-                                  " a device came.")
-                 : QStringLiteral("--verbose shows whether a device has answered, and how far it came."));
+        tell(wasShort ? QStringLiteral(
+                 "The time may be too short: try --timeout 5000. 'ssdp-doctor' says what is wrong.")
+                      : QStringLiteral("'ssdp-doctor' says what is wrong, and what to change."));
     }
 
     static QString answer(const Traces& seen)

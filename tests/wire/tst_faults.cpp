@@ -1,7 +1,10 @@
 #include <simulator/SimulatedDevice.h>
 #include <tests/support/WireTest.h>
 
+#include <ssdp/Protocol.h>
+
 #include <QtCore/QSet>
+#include <QtNetwork/QUdpSocket>
 
 using namespace Velmora::Simulator;
 using namespace Velmora::Tests;
@@ -37,6 +40,8 @@ private Q_SLOTS:
     void deviceIsNotFound_data();
     void deviceIsNotFound();
     void silentDeviceIsFoundByItsAnnouncement();
+    void deviceAnswersAnotherSearchOnly_data();
+    void deviceAnswersAnotherSearchOnly();
     void eventWithATailIsComplete();
     void everyFaultIsTried();
 
@@ -108,7 +113,8 @@ void FaultsTest::deviceIsFoundDespiteTheFault_data()
     QTest::addColumn<QString>("fault");
     for (const char* const fault :
          {"duplicate-responses", "duplicate-responses=20", "slow-http=5000", "wrong-length=100", "no-sid",
-          "late-sid", "event-many-chunks", "event-no-length", "die-after=event"}) {
+          "late-sid", "event-many-chunks", "event-no-length", "event-length=-20", "event-url", "announce-only=50",
+          "slow-answer=50", "die-after=event"}) {
         QTest::newRow(fault) << QString::fromLatin1(fault);
     }
 }
@@ -135,6 +141,8 @@ void FaultsTest::deviceIsNotFound_data()
         QTest::newRow(fault) << QString::fromLatin1(fault) << QByteArray(lastMessage) << QString::fromLatin1(line);
     };
     add("location-garbage", "LOCATION: no location", UNPARSED_REPLY);
+    add("location-other-host", "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
+    add("no-location", "HTTP/1.1 200 OK", NO_LINE);
     add("silent-http", "GET /description.xml", NO_LINE);
     add("reset-mid-body", "<root", UNPARSED_REPLY);
     add("wrong-length", "<root", UNPARSED_REPLY);
@@ -143,11 +151,25 @@ void FaultsTest::deviceIsNotFound_data()
     add("html-instead", "Welcome", UNPARSED_REPLY);
     add("redirect", "302 Found", UNPARSED_REPLY);
     add("error-500", "500 Internal", UNPARSED_REPLY);
+    add("namespace", "<root xmlns=\"urn:example-org:other\"", NO_LINE);
+    add("root-element", "</document>", NO_LINE);
+    add("description-prefix", "</d:root>", NO_LINE);
+    add("no-service", "</serviceList>", NO_LINE);
+    add("service-type", "keyobjects:2", NO_LINE);
+    add("embedded-service", "</deviceList>", NO_LINE);
+    add("scpd-url", "404 Not Found", UNPARSED_REPLY);
+    add("no-variable", "</scpd>", NO_LINE);
     add("refuse-subscribe", "412 Precondition", NO_LINE);
+    add("standard-subscribe-only", "400 Bad Request", NO_LINE);
     add("never-answer-subscribe", "SUBSCRIBE ", NO_LINE);
+    add("no-event", "SID: ", NO_LINE);
     add("event-one-chunk", "</e:propertyset>", NO_LINE);
     add("event-unknown-path", "NOTIFY /", NO_LINE);
     add("event-bad-xml", "</KO>", UNPARSED_EVENT);
+    add("event-length", "</e:propertyset>", NO_LINE);
+    add("event-prefix", "</ev:propertyset>", NO_LINE);
+    add("event-no-ko", "</e:propertyset>", NO_LINE);
+    add("ko-malformed", "<KO>12</KO>", NO_LINE);
     add("die-after=search", "HTTP/1.1 200 OK", UNPARSED_REPLY);
     add("die-after=description", "<root", UNPARSED_REPLY);
     add("die-after=scpd", "<scpd", NO_LINE);
@@ -186,6 +208,35 @@ void FaultsTest::silentDeviceIsFoundByItsAnnouncement()
     faulty->announce();
     VERIFY_SOON(reports.contains(QLatin1String(FAULTY_REPORT)));
     QCOMPARE(locations().size(), 1);
+}
+
+void FaultsTest::deviceAnswersAnotherSearchOnly_data()
+{
+    QTest::addColumn<QString>("target");
+    QTest::addColumn<QByteArray>("lineEnd");
+    QTest::newRow("crlf-search-only") << QStringLiteral("239.255.255.250") << QByteArray("\r\n");
+    QTest::newRow("unicast-search-only") << QStringLiteral("10.77.1.2") << QByteArray("\n");
+}
+
+void FaultsTest::deviceAnswersAnotherSearchOnly()
+{
+    QFETCH(QString, target);
+    QFETCH(QByteArray, lineEnd);
+    startBoth(QString::fromLatin1(QTest::currentDataTag()));
+    ssdp->discover();
+    VERIFY_SOON(reports.contains(QLatin1String(SOUND_REPORT)));
+    QCOMPARE(faulty->count(SimulatedDevice::Searched), 0);
+
+    QUdpSocket socket;
+    QVERIFY(socket.bind(QHostAddress(QStringLiteral("10.77.0.1"))));
+    const QByteArray text = Velmora::SSDP::Protocol::searchMessage().toLatin1().replace("\n", lineEnd);
+    socket.writeDatagram(text, QHostAddress(target), 1900);
+    VERIFY_SOON(faulty->count(SimulatedDevice::Searched) == 1);
+    // One that is sent to an address is for the device there alone.
+    const bool isForAll = QHostAddress(target).isMulticast();
+    if (isForAll)
+        VERIFY_SOON(sound->count(SimulatedDevice::Searched) == 2);
+    QCOMPARE(sound->count(SimulatedDevice::Searched), isForAll ? 2 : 1);
 }
 
 void FaultsTest::eventWithATailIsComplete()

@@ -1,0 +1,211 @@
+#include <tools/CommandLine.h>
+#include <tools/Interruption.h>
+#include <tools/Output.h>
+#include <tools/doctor/Diagnosis.h>
+#include <tools/doctor/Doctor.h>
+#include <tools/doctor/Report.h>
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QLoggingCategory>
+#include <QtCore/QTimer>
+
+#include <algorithm>
+#include <cstdio>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+using namespace Velmora::Tools;
+using Velmora::Doctor::DeviceSeen;
+using Velmora::Doctor::Diagnosed;
+using Velmora::Doctor::Doctor;
+using Velmora::Doctor::Results;
+using Velmora::Doctor::Style;
+using Velmora::Doctor::Trace;
+
+namespace {
+
+const int ALL_FOUND = 0;
+const int NOT_ALL_FOUND = 1;
+const int NOTHING_ANSWERED = 3;
+
+const int PROGRESS_INTERVAL = 100;
+const int MAX_TIMEOUT = 60 * 60 * 1000;
+
+struct Settings
+{
+    Doctor::Settings doctor;
+    bool json = false;
+    bool trace = false;
+};
+
+void addOptions(QCommandLineParser& parser)
+{
+    parser.setApplicationDescription(
+        QStringLiteral("Says which of the maker's devices are found, why each other one is not, and\n"
+                       "what to change. The manual page lists everything that it can find.\n"
+                       "\n"
+                       "Exit status: 0 when every device that answered was found, 1 when one was not,\n"
+                       "2 for a wrong option, 3 when nothing answered, 4 when the output cannot be\n"
+                       "written, 141 when nobody reads it any more."));
+    const auto add = [&parser](const char* name, const char* value, const char* description) {
+        parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
+                                            QString::fromLatin1(value)));
+    };
+    add("timeout", "MS", "How long the host waits for its devices (5000).");
+    add("json", "", "Prints a JSON object a line: one for each device, one for this host.");
+    add("trace", "", "Prints each message in and out on standard error.");
+    parser.addPositionalArgument(
+        QStringLiteral("ADDRESS"),
+        QStringLiteral("Looks at the device with this address only, and searches it alone\n"
+                       "too. May be given again."),
+        QStringLiteral("[ADDRESS...]"));
+}
+
+Settings readSettings(const QCommandLineParser& parser)
+{
+    Settings settings;
+    if (parser.isSet(QStringLiteral("timeout")))
+        settings.doctor.timeout = numberOf(parser, QStringLiteral("timeout"), 1, MAX_TIMEOUT);
+    settings.json = parser.isSet(QStringLiteral("json"));
+    settings.trace = parser.isSet(QStringLiteral("trace"));
+    const QStringList addresses = parser.positionalArguments();
+    for (const QString& text : addresses) {
+        const QHostAddress address(text);
+        // QHostAddress also takes short forms, in which 10.77 is 10.0.0.77.
+        if (address.protocol() != QAbstractSocket::IPv4Protocol || address.toString() != text
+            || address.isMulticast() || address.isBroadcast() || address.isNull()
+            || address == QHostAddress(QHostAddress::AnyIPv4))
+            failUsage(QStringLiteral("'%1' is not the IPv4 address of a device").arg(text));
+        settings.doctor.named << address;
+    }
+    return settings;
+}
+
+Results resultsOf(const Doctor& doctor, int timeout)
+{
+    Results results;
+    results.host = doctor.host();
+    results.omitted = doctor.omitted();
+    results.duration = doctor.elapsed();
+    for (const auto& seen : doctor.devices()) {
+        Diagnosed device;
+        device.seen = *seen;
+        device.findings = diagnose(*seen, timeout);
+        if (isFound(*seen, timeout))
+            device.result = Diagnosed::Found;
+        else if (isOfOtherMaker(device.findings))
+            device.result = Diagnosed::OfOtherMaker;
+        results.devices.append(device);
+    }
+    std::stable_sort(results.devices.begin(), results.devices.end(), [](const Diagnosed& a, const Diagnosed& b) {
+        return a.seen.sender.toIPv4Address() < b.seen.sender.toIPv4Address();
+    });
+    return results;
+}
+
+class Screen : public QObject
+{
+public:
+    Screen(const Settings& settings, Doctor& doctor)
+        : settings(settings)
+        , doctor(doctor)
+        , isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json)
+        , isDumb(qgetenv("TERM") == "dumb" || qEnvironmentVariableIsEmpty("TERM"))
+    {
+        connect(&doctor, &Doctor::finished, this, &Screen::finish);
+        connect(&progressTimer, &QTimer::timeout, this, &Screen::showProgress);
+        if (settings.trace) {
+            connect(&doctor.trace(), &Trace::message, this, &Screen::trace);
+        } else if (isTerminal && !isDumb) {
+            progressTimer.start(PROGRESS_INTERVAL);
+        }
+    }
+
+private:
+    int width() const
+    {
+        winsize size = {};
+        return isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    }
+
+    void showProgress()
+    {
+        const int left = doctor.timeLeft();
+        const int count = static_cast<int>(doctor.devices().size());
+        QString text = left > 0 ? QStringLiteral("%1 left, ").arg(Velmora::Doctor::seconds(left))
+                                : QStringLiteral("examining %1, ").arg(doctor.examinations());
+        text += QStringLiteral("%1 found of %2 so far").arg(doctor.foundSoFar()).arg(count);
+        const int room = width();
+        print("\r\033[K" + text.left(room > 1 ? room - 1 : 79).toLatin1());
+        isProgressShown = true;
+    }
+
+    void trace(bool sent, const QHostAddress& peer, quint16 port, const QByteArray& bytes)
+    {
+        QByteArray text = Velmora::Doctor::seconds(doctor.elapsed()).toLatin1() + (sent ? " -> " : " <- ")
+            + peer.toString().toLatin1() + ':' + QByteArray::number(port) + '\n';
+        const QList<QByteArray> lines = bytes.split('\n');
+        for (int i = 0; i < lines.size(); ++i) {
+            const bool isLast = i + 1 == lines.size();
+            if (isLast && lines.at(i).isEmpty())
+                break;
+            QString line = Velmora::Doctor::readable(lines.at(i), static_cast<int>(4 * lines.at(i).size()));
+            if (line.endsWith(QLatin1String("\\x0d")))
+                line = line.left(line.size() - 4) + QStringLiteral("\\r");
+            text += "    " + line.toLatin1() + (isLast ? "\n" : "\\n\n");
+        }
+        report(text);
+    }
+
+    void finish()
+    {
+        progressTimer.stop();
+        if (isProgressShown)
+            print("\r\033[K");
+        const Results results = resultsOf(doctor, settings.doctor.timeout);
+        if (settings.json) {
+            for (const Diagnosed& device : results.devices)
+                print(jsonOf(device));
+            print(jsonOf(results.host));
+        } else {
+            Style style;
+            style.width = isTerminal ? width() : 0;
+            style.hasColour = isTerminal && !isDumb && qEnvironmentVariableIsEmpty("NO_COLOR");
+            print(textOf(results, style).toUtf8());
+        }
+        const bool isOneMissing = results.count(Diagnosed::NotFound) > 0;
+        QCoreApplication::exit(!results.hasAnswers() ? NOTHING_ANSWERED
+                                   : isOneMissing    ? NOT_ALL_FOUND
+                                                     : ALL_FOUND);
+    }
+
+    Settings settings;
+    Doctor& doctor;
+    QTimer progressTimer;
+    bool isTerminal;
+    bool isDumb;
+    bool isProgressShown = false;
+};
+
+} // namespace
+
+int main(int argc, char* argv[])
+{
+    openStandardDescriptors();
+    QCoreApplication application(argc, argv);
+    const Interruption interruption;
+    const ReaderWatch readerWatch;
+    QCoreApplication::setApplicationName(QStringLiteral("ssdp-doctor"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(VELMORA_VERSION));
+    QCommandLineParser parser;
+    addOptions(parser);
+    parseArguments(parser, true);
+    const Settings settings = readSettings(parser);
+    QLoggingCategory::setFilterRules(QStringLiteral("*=false"));
+
+    Doctor doctor(settings.doctor);
+    const Screen screen(settings, doctor);
+    QObject::connect(&interruption, &Interruption::interrupted, &doctor, &Doctor::stop);
+    QTimer::singleShot(0, &doctor, &Doctor::start);
+    return QCoreApplication::exec();
+}
