@@ -32,6 +32,7 @@ public:
 #else
         Q_UNUSED(table)
         Q_UNUSED(name)
+        Q_UNUSED(table)
         return true;
 #endif
     }
