@@ -36,7 +36,7 @@ Request::Request(const QHostAddress& address, quint16 port, const QByteArray& me
     connect(connection, &Connection::received, this, &Request::onReceived);
     connect(connection, &Connection::ended, this, &Request::onEnded);
     connect(&patience, &QTimer::timeout, this, [this] {
-        finish(!isConnected ? Ending::NoConnection : reader.hasBegun() ? Ending::Unfinished : Ending::Silent);
+        finish(!isConnected ? Ending::NoConnection : firstAfter != -1 ? Ending::Unfinished : Ending::Silent);
     });
     connect(&linger, &QTimer::timeout, this, [this] { finish(Ending::Complete); });
     patience.setSingleShot(true);
@@ -94,7 +94,7 @@ void Request::onEnded(int error)
                                          : Ending::NoConnection);
     else if (reader.close())
         finish(Ending::Complete);
-    else if (!reader.hasBegun())
+    else if (firstAfter == -1)
         finish(Ending::Closed);
     else
         finish(error != 0 ? Ending::Reset : Ending::Short);
