@@ -177,9 +177,9 @@ void TerminalTest::completes()
     QVERIFY(settings.open(QIODevice::WriteOnly));
     settings.write(
         QStringLiteral(". %1\n"
-                       "for tool in discover simulator lab; do . %2/../../tools/completions/ssdp-$tool; done\n"
+                       "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
                        "typed() { printf '<%s>' \"$@\"; exit; }\n")
-            .arg(completion, QStringLiteral(QT_TESTCASE_SOURCEDIR))
+            .arg(completion, QStringLiteral(COMPLETIONS))
             .toUtf8());
     settings.close();
 
