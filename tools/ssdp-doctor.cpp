@@ -1,6 +1,7 @@
 #include <tools/CommandLine.h>
 #include <tools/Interruption.h>
 #include <tools/Output.h>
+#include <tools/Terminal.h>
 #include <tools/doctor/Diagnosis.h>
 #include <tools/doctor/Doctor.h>
 #include <tools/doctor/Report.h>
@@ -10,16 +11,12 @@
 #include <QtCore/QTimer>
 
 #include <algorithm>
-#include <cstdio>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 using namespace Velmora::Tools;
 using Velmora::Doctor::DeviceSeen;
 using Velmora::Doctor::Diagnosed;
 using Velmora::Doctor::Doctor;
 using Velmora::Doctor::Results;
-using Velmora::Doctor::Style;
 using Velmora::Doctor::Trace;
 
 namespace {
@@ -109,35 +106,27 @@ public:
     Screen(const Settings& settings, Doctor& doctor)
         : settings(settings)
         , doctor(doctor)
-        , isTerminal(isatty(STDOUT_FILENO) == 1 && !settings.json)
-        , isDumb(qgetenv("TERM") == "dumb" || qEnvironmentVariableIsEmpty("TERM"))
+        , terminal(settings.json)
     {
         connect(&doctor, &Doctor::finished, this, &Screen::finish);
         connect(&progressTimer, &QTimer::timeout, this, &Screen::showProgress);
-        if (settings.trace) {
+        // The messages would break into it.
+        if (settings.trace)
             connect(&doctor.trace(), &Trace::message, this, &Screen::trace);
-        } else if (isTerminal && !isDumb) {
+        else if (terminal.showsProgress())
             progressTimer.start(PROGRESS_INTERVAL);
-        }
     }
 
 private:
-    int width() const
-    {
-        winsize size = {};
-        return isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
-    }
-
     void showProgress()
     {
         const int left = doctor.timeLeft();
-        const int count = static_cast<int>(doctor.devices().size());
-        QString text = left > 0 ? QStringLiteral("%1 left, ").arg(Velmora::Doctor::seconds(left))
-                                : QStringLiteral("examining %1, ").arg(doctor.examinations());
-        text += QStringLiteral("%1 found of %2 so far").arg(doctor.foundSoFar()).arg(count);
-        const int room = width();
-        print("\r\033[K" + text.left(room > 1 ? room - 1 : 79).toLatin1());
-        isProgressShown = true;
+        const QString phase = left > 0 ? QStringLiteral("%1 left").arg(Velmora::Doctor::seconds(left))
+                                       : QStringLiteral("examining %1").arg(doctor.examinations());
+        terminal.progress(QStringLiteral("%1, %2 found of %3 so far")
+                              .arg(phase)
+                              .arg(doctor.foundSoFar())
+                              .arg(doctor.devices().size()));
     }
 
     void trace(bool sent, const QHostAddress& peer, quint16 port, const QByteArray& bytes)
@@ -160,18 +149,17 @@ private:
     void finish()
     {
         progressTimer.stop();
-        if (isProgressShown)
-            print("\r\033[K");
+        terminal.endProgress();
         const Results results = resultsOf(doctor, settings.doctor.timeout);
         if (settings.json) {
             for (const Diagnosed& device : results.devices)
                 print(jsonOf(device));
             print(jsonOf(results.host));
         } else {
-            Style style;
-            style.width = isTerminal ? width() : 0;
-            style.hasColour = isTerminal && !isDumb && qEnvironmentVariableIsEmpty("NO_COLOR");
-            print(textOf(results, style).toUtf8());
+            const auto coloured = [this](const QString& text, Terminal::Colour colour) {
+                return terminal.coloured(text, colour);
+            };
+            print(textOf(results, {terminal.columns(), coloured}).toUtf8());
         }
         const bool isOneMissing = results.count(Diagnosed::NotFound) > 0;
         QCoreApplication::exit(!results.hasAnswers() ? NOTHING_ANSWERED
@@ -181,10 +169,8 @@ private:
 
     Settings settings;
     Doctor& doctor;
+    Terminal terminal;
     QTimer progressTimer;
-    bool isTerminal;
-    bool isDumb;
-    bool isProgressShown = false;
 };
 
 } // namespace

@@ -8,6 +8,8 @@
 namespace Velmora {
 namespace Doctor {
 
+using Tools::Terminal;
+
 namespace {
 
 const int NARROW = 60;
@@ -19,18 +21,16 @@ class Lines
 public:
     explicit Lines(const Style& style)
         : style(style)
-        , indent(style.width > 0 && style.width < NARROW ? 2 : LABEL_WIDTH)
+        , indent(style.width < NARROW ? 2 : LABEL_WIDTH)
     {
     }
 
     /// A line that begins with @p label in @p colour.
-    void head(const char* label, const char* colour, const QString& text)
+    void head(const char* label, Terminal::Colour colour, const QString& text)
     {
         const QString shown = QString::fromLatin1(label).leftJustified(LABEL_WIDTH);
         const QStringList lines = broken(text, LABEL_WIDTH);
-        const QString painted =
-            style.hasColour ? QStringLiteral("\033[%1m%2\033[0m").arg(QLatin1String(colour), shown) : shown;
-        result += painted + lines.constFirst() + QLatin1Char('\n');
+        result += style.coloured(shown, colour) + lines.constFirst() + QLatin1Char('\n');
         for (const QString& line : lines.mid(1))
             result += QString(indent, QLatin1Char(' ')) + line + QLatin1Char('\n');
     }
@@ -53,9 +53,9 @@ private:
     /// The first line has @p margin characters less; the others have the indent.
     QStringList broken(const QString& text, int margin) const
     {
-        if (style.width == 0)
-            return {text};
         const auto room = [this](int used) { return qMax(10, style.width - used); };
+        if (text.size() <= room(margin))
+            return {text};
         QStringList lines(QString{});
         int width = room(margin);
         const QStringList words = text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
@@ -112,7 +112,7 @@ void addDevice(Lines& lines, const Diagnosed& device)
     const QString address = seen.sender.toString();
     switch (device.result) {
     case Diagnosed::Found:
-        lines.head("found", "32",
+        lines.head("found", Terminal::Green,
                    QStringLiteral("%1  function %2, univocal %3, after %4")
                        .arg(address)
                        .arg(seen.functionCode)
@@ -122,13 +122,13 @@ void addDevice(Lines& lines, const Diagnosed& device)
             lines.body(QStringLiteral("Note: ") + whatWasSeen(finding) + QLatin1Char(' ') + id(finding));
         return;
     case Diagnosed::OfOtherMaker:
-        lines.head("other", "2",
+        lines.head("other", Terminal::Bold,
                    QStringLiteral("%1  not the maker's: %2").arg(address, device.findings.constFirst().evidence));
         return;
     case Diagnosed::NotFound:
         break;
     }
-    lines.head("NOT FOUND", "31",
+    lines.head("NOT FOUND", Terminal::Red,
                seen.location.isEmpty() ? address : address + QStringLiteral("  ") + readable(seen.location));
     for (const Finding& finding : device.findings) {
         lines.body(whatWasSeen(finding));
@@ -156,7 +156,7 @@ void addHost(Lines& lines, const Results& results)
     for (const Finding& finding : results.host.findings) {
         if (isAllFound(results) && finding.id != "host.no-group")
             continue;
-        lines.head("this host", "33", whatWasSeen(finding));
+        lines.head("this host", Terminal::Bold, whatWasSeen(finding));
         lines.body(whatToChange(finding));
         lines.body(id(finding));
     }

@@ -1,12 +1,15 @@
 #ifndef VELMORA_DOCTOR_REPORT_H
 #define VELMORA_DOCTOR_REPORT_H
 
+#include <tools/Terminal.h>
 #include <tools/doctor/Host.h>
 #include <tools/doctor/Observation.h>
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QList>
 #include <QtCore/QString>
+
+#include <functional>
 
 namespace Velmora {
 namespace Doctor {
@@ -37,8 +40,8 @@ struct Results
 /// How the text is set.
 struct Style
 {
-    int width = 0; ///< Of the terminal, in characters; 0 for lines of any length.
-    bool hasColour = false;
+    int width; ///< How many characters a line may have.
+    std::function<QString(const QString&, Tools::Terminal::Colour)> coloured;
 };
 
 /// For a person: a line or a short block for each device, and a summary.
