@@ -175,14 +175,16 @@ Finding judgeUnread(const char* stage, const DocumentSeen& document, const char*
     return exchange.isEmpty() ? judgeText(stage, textUpToZero(document.body), root, xmlns) : exchange.constFirst();
 }
 
-/// The first element below @p parent, at any depth, whose name without its prefix is @p name.
-QDomElement firstPrefixed(const QDomDocument& document, const QStringList& names)
+/// The first element below @p parent, at any depth, that has a prefix and one of @p names; null if there is none.
+QDomElement firstPrefixed(const QDomElement& parent, const QStringList& names)
 {
-    const QDomNodeList all = document.elementsByTagName(QStringLiteral("*"));
-    for (int i = 0; i < all.size(); ++i) {
-        const QDomElement element = all.at(i).toElement();
-        if (hasPrefix(element.tagName()) && names.contains(localName(element.tagName())))
-            return element;
+    // As deep as the bounds of the document allow.
+    for (QDomElement child = parent.firstChildElement(); !child.isNull(); child = child.nextSiblingElement()) {
+        if (hasPrefix(child.tagName()) && names.contains(localName(child.tagName())))
+            return child;
+        const QDomElement below = firstPrefixed(child, names);
+        if (!below.isNull())
+            return below;
     }
     return QDomElement();
 }
@@ -205,7 +207,7 @@ Finding judgeServices(const QDomDocument& dom, const QList<Documents::Service>& 
     }
     const QStringList names = {QStringLiteral("device"), QStringLiteral("serviceList"), QStringLiteral("service"),
                                QStringLiteral("serviceType")};
-    const QDomElement prefixed = firstPrefixed(dom, names);
+    const QDomElement prefixed = firstPrefixed(dom.documentElement(), names);
     if (!prefixed.isNull())
         return finding("description.prefix", readable(prefixed.tagName()));
 
@@ -445,8 +447,8 @@ Reading readServiceDescription(const DocumentSeen& document)
     result.findings = judgeExchange("scpd", document);
     result.variables = Documents::stateVariables(dom);
     if (result.variables.isEmpty()) {
-        const QDomElement prefixed =
-            firstPrefixed(dom, {QStringLiteral("serviceStateTable"), QStringLiteral("stateVariable")});
+        const QDomElement prefixed = firstPrefixed(
+            dom.documentElement(), {QStringLiteral("serviceStateTable"), QStringLiteral("stateVariable")});
         result.findings << (prefixed.isNull() ? finding("scpd.no-variable")
                                               : finding("scpd.prefix", readable(prefixed.tagName())));
     } else if (!result.variables.contains(SSDP::Ssdp::KO)) {
