@@ -315,7 +315,7 @@ void FlatTest::discoverAndAnswerLate(Late late)
         waiting->close();
         break;
     case LateSubscriptionReplyWithoutAnEnd:
-        waiting->send(SUBSCRIPTION_REPLY + QByteArray(500 * 1000, 'x'));
+        waiting->send(SUBSCRIPTION_REPLY + QByteArray(100 * 1000, 'x'));
         VERIFY_SOON(waiting->wasRead());
         waiting->close();
         break;
