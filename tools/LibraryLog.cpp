@@ -12,19 +12,24 @@ namespace Tools {
 namespace {
 
 bool isVerbose = false;
-Traces seen;
+
+Traces& seen()
+{
+    static Traces traces;
+    return traces;
+}
 
 void note(const QString& line)
 {
     static const QString answered = QStringLiteral("Ssdp device ");
     if (line.startsWith(answered))
-        seen.hosts.insert(QUrl(line.mid(answered.size())).host());
+        seen().hosts.insert(QUrl(line.mid(answered.size())).host());
     else if (line.startsWith(QStringLiteral("SSDP Device service ")))
-        seen.described = true;
+        seen().described = true;
     else if (line.startsWith(QStringLiteral("SSDP response state variable ")))
-        seen.subscribed = true;
+        seen().subscribed = true;
     else if (line.endsWith(QStringLiteral(" Could not parse event xml")))
-        seen.eventMalformed = true;
+        seen().eventMalformed = true;
 }
 
 void handle(QtMsgType type, const QMessageLogContext& context, const QString& line)
@@ -46,12 +51,12 @@ void watchLog(bool verbose)
 
 Traces traces()
 {
-    return seen;
+    return seen();
 }
 
 void clearTraces()
 {
-    seen = Traces();
+    seen() = Traces();
 }
 
 } // namespace Tools

@@ -105,7 +105,7 @@ QString Search::isolation() const
     const bool isLoopbackOnly =
         std::all_of(from.cbegin(), from.cend(), [](const LocalAddress& local) { return local.isLoopback; });
     if (isLoopbackOnly)
-        return QStringLiteral("no network interface is up and has an IPv4 address");
+        return QStringLiteral("no network interface with an IPv4 address is up and connected");
     const bool isConnected =
         std::any_of(from.cbegin(), from.cend(), [](const LocalAddress& local) { return local.isConnected; });
     return isConnected ? QString() : QStringLiteral("no network is connected to %1").arg(describe(from));
@@ -145,7 +145,7 @@ void Search::examine()
     if (interface.isEmpty()) {
         problems << isolation();
     } else if (!chosen.isEmpty()) {
-        problems << QStringLiteral("%1 is not up").arg(interface);
+        problems << QStringLiteral("%1 is not up or not connected").arg(interface);
     } else if (QNetworkInterface::interfaceFromName(interface).isValid()) {
         problems << QStringLiteral("%1 has no IPv4 address").arg(interface);
     } else {

@@ -374,7 +374,7 @@ void endChildren()
             else if (told.insert(child).second)
                 kill(child, SIGTERM);
         }
-        const timespec moment = {0, 100 * 1000 * 1000};
+        const timespec moment = {0, 100L * 1000 * 1000};
         sigtimedwait(&childEnded, nullptr, &moment);
     }
 }

@@ -154,12 +154,12 @@ void TerminalTest::completes_data()
     const auto row = [](const char* typed, const char* completed) {
         QTest::newRow(typed) << QString::fromLatin1(typed) << QString::fromLatin1(completed);
     };
-    row("ssdp-simulator --fault sl", "<ssdp-simulator><--fault><slow-http>");
-    row("ssdp-simulator --fault 2:sl", "<ssdp-simulator><--fault><2:slow-http>");
-    row("ssdp-simulator --fault=sl", "<ssdp-simulator><--fault=slow-http>");
-    row("ssdp-simulator --fault=2:sl", "<ssdp-simulator><--fault=2:slow-http>");
-    row("ssdp-lab --fault 2:sl", "<ssdp-lab><--fault><2:slow-http>");
-    row("ssdp-lab --fault=sl", "<ssdp-lab><--fault=slow-http>");
+    row("ssdp-simulator --fault slow-h", "<ssdp-simulator><--fault><slow-http>");
+    row("ssdp-simulator --fault 2:slow-h", "<ssdp-simulator><--fault><2:slow-http>");
+    row("ssdp-simulator --fault=slow-h", "<ssdp-simulator><--fault=slow-http>");
+    row("ssdp-simulator --fault=2:slow-h", "<ssdp-simulator><--fault=2:slow-http>");
+    row("ssdp-lab --fault 2:slow-h", "<ssdp-lab><--fault><2:slow-http>");
+    row("ssdp-lab --fault=slow-h", "<ssdp-lab><--fault=slow-http>");
     row("ssdp-lab --second", "<ssdp-lab><--second-interface>");
     row("ssdp-discover --interf", "<ssdp-discover><--interface>");
     row("ssdp-discover --interface l", "<ssdp-discover><--interface><lo>");
