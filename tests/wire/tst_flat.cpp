@@ -203,7 +203,7 @@ void FlatTest::faultLeavesNothingBehind_data()
     add("announce-only", FOUND);
     add("crlf-search-only", FOUND);
     add("unicast-search-only", FOUND);
-    add("slow-answer", FOUND);
+    add("slow-answer=5", FOUND);
     add("no-location", FOUND);
     add("location-garbage", NOT_PARSED);
     add("location-other-host", "Ssdp device");
