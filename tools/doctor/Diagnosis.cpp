@@ -175,16 +175,26 @@ Finding judgeUnread(const char* stage, const DocumentSeen& document, const char*
     return exchange.isEmpty() ? judgeText(stage, textUpToZero(document.body), root, xmlns) : exchange.constFirst();
 }
 
-/// The first element below @p parent, at any depth, that has a prefix and one of @p names; null if there is none.
-QDomElement firstPrefixed(const QDomElement& parent, const QStringList& names)
+/// The next element in the order of the document, below @p root; null after the last one.
+QDomElement following(const QDomElement& element, const QDomElement& root)
 {
-    // As deep as the bounds of the document allow.
-    for (QDomElement child = parent.firstChildElement(); !child.isNull(); child = child.nextSiblingElement()) {
-        if (hasPrefix(child.tagName()) && names.contains(localName(child.tagName())))
-            return child;
-        const QDomElement below = firstPrefixed(child, names);
-        if (!below.isNull())
-            return below;
+    const QDomElement child = element.firstChildElement();
+    if (!child.isNull())
+        return child;
+    for (QDomElement it = element; !it.isNull() && it != root; it = it.parentNode().toElement()) {
+        const QDomElement sibling = it.nextSiblingElement();
+        if (!sibling.isNull())
+            return sibling;
+    }
+    return QDomElement();
+}
+
+/// The first element below @p root that has a prefix and one of @p names; null if there is none.
+QDomElement firstPrefixed(const QDomElement& root, const QStringList& names)
+{
+    for (QDomElement it = following(root, root); !it.isNull(); it = following(it, root)) {
+        if (hasPrefix(it.tagName()) && names.contains(localName(it.tagName())))
+            return it;
     }
     return QDomElement();
 }

@@ -20,7 +20,6 @@ using SSDP::MulticastSocket;
 using SSDP::Ssdp;
 using SSDP::SsdpDevice;
 using SSDP::SsdpManager;
-using SSDP::SsdpService;
 
 namespace {
 
