@@ -74,9 +74,6 @@ protected:
     /// A URL of the device, or of another one that listens on the same port.
     static QUrl url(const char* path = "/desc.xml", const char* host = "10.77.1.1");
 
-    /// How many descriptors this process has.
-    static int descriptors();
-
     /**
      * Answers every request with @p segments until @p fetch has finished. Each segment waits until the
      * library has read the one before it. Returns whether the fetch has finished.
@@ -90,6 +87,7 @@ protected:
     bool allCloses() const;
 
 protected Q_SLOTS:
+    void initTestCase();
     void init();
     void cleanup();
     void cleanupTestCase();

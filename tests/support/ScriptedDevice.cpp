@@ -1,10 +1,11 @@
 #include <tests/support/ScriptedDevice.h>
 
-#include <QtCore/QFile>
 #include <QtNetwork/QNetworkProxy>
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <linux/sockios.h>
+#include <memory>
 #include <netinet/in.h>
 #include <stdexcept>
 #include <sys/ioctl.h>
@@ -25,10 +26,46 @@ void require(bool done, const char* what)
         throw std::runtime_error(std::string("the scripted device cannot ") + what);
 }
 
-/// An address and a port as the kernel's table of connections has them.
-QByteArray tableEntry(const QHostAddress& address, quint16 port)
+/// The two addresses of a connection, as the descriptor of one of its ends has them.
+struct Addresses
 {
-    return QString::asprintf("%08X:%04X", htonl(address.toIPv4Address()), port).toLatin1();
+    explicit Addresses(int descriptor)
+    {
+        socklen_t length = sizeof own;
+        isConnected =
+            getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length) == 0 && own.sin_family == AF_INET;
+        length = sizeof peer;
+        isConnected = isConnected && getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
+    }
+
+    bool areOfOtherEnd(const Addresses& other) const
+    {
+        return isConnected && other.isConnected && equal(own, other.peer) && equal(peer, other.own);
+    }
+
+    static bool equal(const sockaddr_in& left, const sockaddr_in& right)
+    {
+        return left.sin_addr.s_addr == right.sin_addr.s_addr && left.sin_port == right.sin_port;
+    }
+
+    sockaddr_in own = {};
+    sockaddr_in peer = {};
+    bool isConnected;
+};
+
+/// The library's end of the connection whose end here is @p descriptor; -1 if it is closed. The library is
+/// in this process. The kernel's table of connections takes some milliseconds to read.
+int libraryEnd(int descriptor)
+{
+    const Addresses here(descriptor);
+    const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), closedir);
+    require(folder != nullptr, "list the descriptors");
+    while (const dirent* const entry = readdir(folder.get())) {
+        const int candidate = QByteArray(entry->d_name).toInt();
+        if (here.areOfOtherEnd(Addresses(candidate)))
+            return candidate;
+    }
+    return -1;
 }
 
 } // namespace
@@ -70,22 +107,14 @@ bool Connection::isOpen() const
 
 bool Connection::wasRead() const
 {
+    const int descriptor = static_cast<int>(socket->socketDescriptor());
     int unacknowledged = -1;
-    if (!isOpen() || socket->bytesToWrite() > 0
-        || ioctl(static_cast<int>(socket->socketDescriptor()), SIOCOUTQ, &unacknowledged) != 0
+    if (!isOpen() || socket->bytesToWrite() > 0 || ioctl(descriptor, SIOCOUTQ, &unacknowledged) != 0
         || unacknowledged != 0)
         return false;
-
-    // The thread is on the host side, so this is the library's end of the connection.
-    QFile table(QStringLiteral("/proc/thread-self/net/tcp"));
-    require(table.open(QIODevice::ReadOnly), "read the table of connections");
-    const QByteArray ends = tableEntry(socket->peerAddress(), socket->peerPort()) + ' '
-        + tableEntry(socket->localAddress(), socket->localPort()) + ' ';
-    for (const QByteArray& line : table.readAll().split('\n')) {
-        if (line.contains(ends))
-            return line.simplified().split(' ').at(4).endsWith(":00000000");
-    }
-    return false;
+    int waiting = -1;
+    const int end = libraryEnd(descriptor);
+    return end != -1 && ioctl(end, FIONREAD, &waiting) == 0 && waiting == 0;
 }
 
 ScriptedDevice::ScriptedDevice(PrivateNetwork& network, const QString& address, quint16 port)
