@@ -33,14 +33,14 @@ void Terminal::line(const QString& text)
 void Terminal::progress(const QString& text)
 {
     // The cursor rests at the beginning: there it stays when a terminal that becomes narrower breaks the line.
-    print("\033[J" + text.left(columns() - 1).toUtf8() + '\r');
+    print("\r\033[J" + text.left(columns() - 1).toUtf8() + '\r');
     isProgressShown = true;
 }
 
 void Terminal::endProgress()
 {
     if (isProgressShown)
-        print("\033[J");
+        print("\r\033[J"); // with what was typed meanwhile, as ^C
     isProgressShown = false;
 }
 
