@@ -13,7 +13,6 @@
 #include <algorithm>
 
 using namespace Velmora::Tools;
-using Velmora::Doctor::DeviceSeen;
 using Velmora::Doctor::Diagnosed;
 using Velmora::Doctor::Doctor;
 using Velmora::Doctor::Results;

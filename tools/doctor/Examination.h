@@ -19,7 +19,7 @@ struct Examiners
 {
     Trace trace;
     QSet<QString> fetched; ///< The URLs that were requested: each is once a run.
-    qint64 memory = 64 * 1024 * 1024; ///< What bodies may take, all together.
+    qint64 memory = Q_INT64_C(64) * 1024 * 1024; ///< What bodies may take, all together.
 };
 
 /**

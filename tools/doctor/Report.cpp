@@ -95,7 +95,7 @@ QString whatWasSeen(const Finding& finding)
 QString whatToChange(const Finding& finding)
 {
     const FindingText& text = findingText(finding.id);
-    const QString result = QStringLiteral("Change: ") + QLatin1String(text.change);
+    QString result = QStringLiteral("Change: ") + QLatin1String(text.change);
     if (text.section == 0)
         return result;
     return result.chopped(1) + QStringLiteral(" (docs/protocol.md, section %1).").arg(text.section);
