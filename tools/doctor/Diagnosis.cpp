@@ -367,6 +367,17 @@ bool isHarmless(const Finding& finding)
     return ids.contains(finding.id);
 }
 
+/// Whether this process may have read together what the device had sent apart.
+bool mayBeOurDelay(const Finding& finding, const DeviceSeen& device)
+{
+    if (finding.id != "event.one-segment" && finding.id != "event.no-body" && finding.id != "event.short-gap")
+        return false;
+    return std::any_of(device.services.cbegin(), device.services.cend(), [](const ServiceSeen& service) {
+        return std::any_of(service.events.cbegin(), service.events.cend(),
+                           [](const EventSeen& event) { return event.isUncertain; });
+    });
+}
+
 /// Which stage took the longest, when all of them together took longer than the host waits.
 Finding judgeTime(const DeviceSeen& device, int timeout)
 {
@@ -620,27 +631,18 @@ QList<Finding> diagnose(const DeviceSeen& device, int timeout)
             all += judgeService(service);
     }
     if (isFound(device, timeout)) {
-        // What the library has read is no obstacle; that the segments were read together may be our own doing.
-        all.erase(
-            std::remove_if(all.begin(), all.end(),
-                           [&device](const Finding& finding) {
-                               const bool isSegment = finding.id == "event.one-segment"
-                                   || finding.id == "event.no-body" || finding.id == "event.short-gap";
-                               const auto isUncertain = [](const ServiceSeen& service) {
-                                   return std::any_of(service.events.cbegin(), service.events.cend(),
-                                                      [](const EventSeen& event) { return event.isUncertain; });
-                               };
-                               return isSegment
-                                   && std::any_of(device.services.cbegin(), device.services.cend(), isUncertain);
-                           }),
-            all.end());
-        return all;
+        QList<Finding> notes;
+        for (const Finding& finding : std::as_const(all)) {
+            if (!mayBeOurDelay(finding, device))
+                notes << finding;
+        }
+        return notes;
     }
 
-    const auto cause =
-        std::find_if(all.cbegin(), all.cend(), [](const Finding& finding) { return !isHarmless(finding); });
-    if (cause != all.cend())
-        return {*cause};
+    for (const Finding& finding : std::as_const(all)) {
+        if (!isHarmless(finding))
+            return {finding};
+    }
     const Finding time = judgeTime(device, timeout);
     if (time.id == "device.unexplained" && !all.isEmpty())
         return {all.constLast()};
