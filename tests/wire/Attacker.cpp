@@ -131,7 +131,6 @@ const char Attacker::ADDRESS[] = "10.77.1.2";
 Attacker::Attacker()
     : searchSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
     , answerSocket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
-    , listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     , searcher()
     , probes(0)
 {
@@ -139,15 +138,13 @@ Attacker::Attacker()
     const ip_mreq membership = {{inet_addr("239.255.255.250")}, {inet_addr(ADDRESS)}};
     check(setsockopt(searchSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0, "join");
     bindTo(answerSocket, ADDRESS, 0);
-    bindTo(listener, ADDRESS, PORT);
-    check(listen(listener, SOMAXCONN) == 0, "listen");
 
     serveDocument("/d.xml", deviceDescription(keyObjectService()));
     serveDocument("/scpd.xml", serviceDescription("<stateVariable><name>KO</name></stateVariable>"));
     serve("SUBSCRIBE ", [](PlainConnection& connection, const std::string&) {
         connection.send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
     });
-    std::thread([this] { accept(); }).detach();
+    listenAt(PORT);
 }
 
 void Attacker::waitForSearch()
@@ -184,9 +181,31 @@ void Attacker::sendLocation(const std::string& location)
     sendDatagram("HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\nLOCATION: " + location + "\r\n\r\n");
 }
 
-std::string Attacker::url(const std::string& path)
+std::string Attacker::url(const std::string& path, int port)
 {
-    return std::string("http://") + ADDRESS + ":" + std::to_string(PORT) + path;
+    return std::string("http://") + ADDRESS + ":" + std::to_string(PORT + port) + path;
+}
+
+void Attacker::listenAt(uint16_t port)
+{
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    bindTo(listener, ADDRESS, port);
+    check(listen(listener, SOMAXCONN) == 0, "listen");
+    listeners.push_back(listener);
+    std::thread([this, listener] { accept(listener); }).detach();
+}
+
+void Attacker::listenAtPorts(int count)
+{
+    for (int i = static_cast<int>(listeners.size()); i < count; ++i)
+        listenAt(static_cast<uint16_t>(PORT + i));
+}
+
+void Attacker::stopListening()
+{
+    // Wakes the threads that accept.
+    for (const int listener : listeners)
+        shutdown(listener, SHUT_RDWR);
 }
 
 void Attacker::serve(const std::string& start, Handler handler)
@@ -207,10 +226,12 @@ void Attacker::greet(const std::string& bytes)
     greeting = bytes;
 }
 
-void Attacker::accept()
+void Attacker::accept(int listener)
 {
     for (;;) {
         const int descriptor = ::accept(listener, nullptr, nullptr);
+        if (descriptor == -1 && errno == EINVAL)
+            return; // It was shut down.
         if (descriptor != -1)
             std::thread([this, descriptor] { answer(descriptor); }).detach();
     }
@@ -261,9 +282,9 @@ void Attacker::waitForRequests(const std::string& start, int count)
         throw std::runtime_error("the host never asked: " + start);
 }
 
-void Attacker::waitForAnswer(const std::string& start)
+void Attacker::waitForAnswer(const std::string& start, int count)
 {
-    if (!waitForCount(answered, start, 1, PATIENCE))
+    if (!waitForCount(answered, start, count, PATIENCE))
         throw std::runtime_error("there was no end to: " + start);
 }
 

@@ -70,8 +70,13 @@ public:
     void sendDatagram(const std::string& bytes);
     void sendLocation(const std::string& location);
 
-    /// The URL of @p path on this device.
-    static std::string url(const std::string& path);
+    /// The URL of @p path on this device, at the port so many after the first.
+    static std::string url(const std::string& path, int port = 0);
+
+    /// Listens at @p count ports, counted from the first, as so many devices would.
+    void listenAtPorts(int count);
+    /// Refuses connections from now on.
+    void stopListening();
 
     /// Lets @p handler answer the requests that begin with @p start, such as "GET /d.xml ".
     void serve(const std::string& start, Handler handler);
@@ -82,8 +87,8 @@ public:
 
     /// Waits until @p count requests that begin with @p start have come.
     void waitForRequests(const std::string& start, int count = 1);
-    /// Waits until a request that begins with @p start was answered to the end.
-    void waitForAnswer(const std::string& start);
+    /// Waits until @p count requests that begin with @p start were answered to the end.
+    void waitForAnswer(const std::string& start, int count = 1);
 
     /// Waits until the host has dealt with every datagram sent so far.
     void waitForDatagrams();
@@ -114,14 +119,15 @@ public:
     static std::string event(const std::string& value);
 
 private:
-    void accept();
+    void listenAt(uint16_t port);
+    void accept(int listener);
     void answer(int descriptor);
     bool waitForCount(const std::vector<std::string>& list, const std::string& start, int count,
                       std::chrono::seconds patience);
 
     int searchSocket;
     int answerSocket;
-    int listener;
+    std::vector<int> listeners;
     sockaddr_in searcher;
     std::mutex mutex;
     std::condition_variable changed;

@@ -19,7 +19,8 @@ struct Attack
         ManyRecords = 0x4, ///< Says so much that what is kept of it is not bounded.
         FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
         Stalled = 0x10, ///< The host is busy for 400 ms once it has searched.
-        Oversized = 0x20 ///< Longer than what the time of the host is bounded for.
+        Oversized = 0x20, ///< Longer than what the time of the host is bounded for.
+        Prompt = 0x40 ///< Delays neither the good device nor the end of the controller by 100 ms.
     };
 
     const char* name;
@@ -33,6 +34,7 @@ struct Attack
     std::function<std::string(Attacker&)> run;
 };
 
+/// The first one does nothing.
 const std::vector<Attack>& attacks();
 
 } // namespace Tests
