@@ -31,7 +31,7 @@ void DescriptorGuard::reset()
     limit = std::numeric_limits<int>::max();
     if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 && descriptors.rlim_cur < static_cast<rlim_t>(limit))
         limit = static_cast<qint64>(descriptors.rlim_cur);
-    limit -= qMin(SPARE_DESCRIPTORS, limit / 16);
+    spare = qMin(SPARE_DESCRIPTORS, limit / 16);
     isLogged = false;
 }
 
@@ -46,7 +46,15 @@ void DescriptorGuard::connectToHost(QAbstractSocket* socket, const QString& host
 
 bool DescriptorGuard::admits(QAbstractSocket* socket)
 {
-    if (admits(static_cast<int>(socket->socketDescriptor())))
+    if (admits(socket->socketDescriptor()))
+        return true;
+    socket->abort();
+    return false;
+}
+
+bool DescriptorGuard::admitsAccepted(QAbstractSocket* socket)
+{
+    if (admits(socket->socketDescriptor() + spare))
         return true;
     socket->abort();
     return false;
@@ -57,14 +65,14 @@ bool DescriptorGuard::admitsLookup()
     // A look-up has no descriptor of its own to tell by, so one is opened to see its number.
     const int probe = open("/", O_PATH | O_CLOEXEC);
     if (probe == -1)
-        return errno != EMFILE && errno != ENFILE;
+        return (errno != EMFILE && errno != ENFILE) || admits(limit);
     close(probe);
     return admits(probe);
 }
 
-bool DescriptorGuard::admits(int descriptor)
+bool DescriptorGuard::admits(qint64 descriptor)
 {
-    if (descriptor < limit)
+    if (descriptor < limit - spare)
         return true;
     if (!isLogged) {
         Log::Logger(Log::Logger::Error) << "Too few file descriptors are left; a connection was not opened";

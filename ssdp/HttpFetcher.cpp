@@ -355,19 +355,19 @@ void HttpConnection::onClosed()
     // The reply may have ended, and the next request have opened the connection again.
     if (!fetcher || state() != UnconnectedState)
         return;
-    HttpFetcher* const owner = fetcher;
     HttpReply* const unfinished = takeReply();
-    owner->close(this);
-    if (!unfinished)
-        return;
-    if (!hasSent) {
-        unfinished->fail(QNetworkReply::ConnectionRefusedError, errorString());
-    } else if (unfinished->reader.state() == HttpReader::ReadingHead && unfinished->attempts < MAX_ATTEMPTS) {
+    if (unfinished && hasSent && unfinished->reader.state() == HttpReader::ReadingHead
+        && unfinished->attempts < MAX_ATTEMPTS) {
         unfinished->reader = HttpReader();
-        owner->enqueue(unfinished);
-    } else {
+        carry(unfinished);
+        return;
+    }
+    fetcher->close(this);
+    if (unfinished && hasSent) {
         unfinished->reader.close();
         unfinished->end();
+    } else if (unfinished) {
+        unfinished->fail(QNetworkReply::ConnectionRefusedError, errorString());
     }
 }
 
