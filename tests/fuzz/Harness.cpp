@@ -138,6 +138,12 @@ void Peer::send(const QByteArray& bytes)
         reset();
 }
 
+void Peer::finish()
+{
+    if (descriptor != -1)
+        shutdown(descriptor, SHUT_WR);
+}
+
 void Peer::reset()
 {
     if (descriptor != -1)

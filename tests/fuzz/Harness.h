@@ -71,6 +71,8 @@ public:
     Peer& operator=(const Peer&) = delete;
 
     void send(const QByteArray& bytes);
+    /// Sends nothing more, and says so.
+    void finish();
     void reset();
 
 private:

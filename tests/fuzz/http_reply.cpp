@@ -1,0 +1,103 @@
+// What a server answers to a GET, over a real connection, cut in pieces. The first byte says how the
+// connection ends, the next two where the reply is cut.
+
+#include "Harness.h"
+
+#include <ssdp/HttpReader.h>
+#include <tests/support/ManagerAccess.h>
+
+#include <QtNetwork/QNetworkRequest>
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+using namespace Velmora;
+
+namespace {
+
+const int MAX_BODY = 16 * 1024 * 1024;
+
+enum End { Closes, Resets, StaysOpen };
+
+sockaddr_in listen(int* listener)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    *listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    Fuzz::require(bind(*listener, reinterpret_cast<sockaddr*>(&address), length) == 0
+                      && ::listen(*listener, 8) == 0
+                      && getsockname(*listener, reinterpret_cast<sockaddr*>(&address), &length) == 0,
+                  "there is a server");
+    return address;
+}
+
+/// What the bytes mean when they come at once, and the connection is closed after them.
+QByteArray wholeBody(const QByteArray& bytes, bool* hasHead)
+{
+    SSDP::HttpReader reader;
+    reader.read(bytes.constData(), bytes.size());
+    *hasHead = reader.state() != SSDP::HttpReader::ReadingHead;
+    reader.close();
+    QByteArray body(static_cast<int>(reader.body.size()), '\0');
+    reader.body.take(body.data(), body.size());
+    return reader.state() == SSDP::HttpReader::OutOfBounds ? QByteArray() : body;
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    if (size < 3)
+        return 0;
+    static int listener = -1;
+    static const sockaddr_in address = listen(&listener);
+    const End end = static_cast<End>(data[0] % 3);
+    const QByteArray answer(reinterpret_cast<const char*>(data) + 3, static_cast<int>(size - 3));
+    const int first = data[1];
+    const int second = first + data[2];
+
+    SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
+    QNetworkAccessManager& network = Tests::ManagerAccess(manager).networkManager();
+    // The control point would read the reply and let it go.
+    QObject::disconnect(&network, nullptr, &manager, nullptr);
+    const QUrl url(QString(QLatin1String("http://127.0.0.1:%1/d.xml")).arg(ntohs(address.sin_port)));
+    QNetworkReply* const reply = network.get(QNetworkRequest(url));
+    int finishes = 0;
+    QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });
+    Fuzz::settle();
+
+    {
+        Fuzz::Peer server = Fuzz::Peer::accepted(TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr)));
+        server.send(answer.left(first));
+        Fuzz::settle();
+        server.send(answer.mid(first, second - first));
+        Fuzz::settle();
+        server.send(answer.mid(second));
+        if (end == Closes)
+            server.finish();
+        Fuzz::settle();
+        if (end == StaysOpen && finishes == 0) {
+            reply->abort();
+            Fuzz::require(finishes == 1, "an aborted reply finishes");
+        }
+        if (end == Resets)
+            server.reset();
+        Fuzz::settle();
+    }
+    // A request without a reply is sent again, and nobody answers it either.
+    for (int connection = -1; (connection = TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr))) != -1;) {
+        close(connection);
+        Fuzz::settle();
+    }
+
+    Fuzz::require(finishes == 1, "the reply finishes once");
+    Fuzz::require(reply->bytesAvailable() <= MAX_BODY, "the body has a bound");
+    bool hasHead = false;
+    const QByteArray expected = wholeBody(answer, &hasHead);
+    if (end == Closes && hasHead)
+        Fuzz::require(reply->readAll() == expected, "the cuts do not change the body");
+    return 0;
+}
