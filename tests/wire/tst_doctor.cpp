@@ -31,6 +31,8 @@ const int AT_ONCE = 8;
 
 // Of faults, for a device each.
 const int PAIRS = 50;
+// More of them, of faults that each leave a device found: of the others, few pairs do.
+const int HARMLESS_PAIRS = 20;
 
 /// What a device with a fault has to come out as.
 struct Expectation
@@ -264,12 +266,21 @@ void DoctorTest::initTestCase()
     QRandomGenerator random(qEnvironmentVariableIsSet("VELMORA_DOCTOR_SEED")
                                 ? qEnvironmentVariable("VELMORA_DOCTOR_SEED").toUInt()
                                 : 1);
-    for (int i = 0; i < 2 * PAIRS; ++i) {
-        const auto index = static_cast<size_t>(random.bounded(count));
-        pairs << QStringLiteral("--fault")
-              << QStringLiteral("%1:%2").arg(i / 2 + 1).arg(QLatin1String(expectations()[index].fault));
+    QStringList all;
+    QStringList harmless;
+    for (const Expectation& expectation : expectations()) {
+        all << QString::fromLatin1(expectation.fault);
+        if (expectation.isFound)
+            harmless << all.constLast();
     }
-    const QStringList twice = words("--response-delay 0-300 --devices") << QString::number(PAIRS) << pairs;
+    for (int i = 0; i < 2 * (PAIRS + HARMLESS_PAIRS); ++i) {
+        const QStringList& faults = i < 2 * PAIRS ? all : harmless;
+        pairs << QStringLiteral("--fault")
+              << QStringLiteral("%1:%2").arg(i / 2 + 1).arg(
+                     faults.at(random.bounded(static_cast<int>(faults.size()))));
+    }
+    const QStringList twice = words("--response-delay 0-300 --devices")
+        << QString::number(PAIRS + HARMLESS_PAIRS) << pairs;
     start("pairs, examined", twice, doctor());
     start("pairs, searched", twice, discover());
 
@@ -338,7 +349,7 @@ void DoctorTest::everyFaultHasAnExpectation()
 void DoctorTest::agreesWithDiscover()
 {
     const Answer answer = answerOf(finish("pairs, examined"));
-    QVERIFY(answer.found().size() > 1);
+    QVERIFY2(!answer.found().isEmpty(), qPrintable(pairs.join(QLatin1Char(' '))));
     const QSet<QString> found = discovered(finish("pairs, searched"));
     QVERIFY2(answer.found() == found,
              qPrintable(QStringList((answer.found() - found).values() + (found - answer.found()).values())
