@@ -132,8 +132,7 @@ std::string archiveBomb()
     // Between the length and the head that qCompress() puts first and its sum is what gzip (RFC 1952) has
     // between its own head, and the CRC-32 and the length of the text.
     const QByteArray zlib = qCompress(QByteArray(static_cast<int>(300 * MB), ' '));
-    return std::string("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10)
-        + std::string(zlib.constData() + 6, static_cast<size_t>(zlib.size()) - 10)
+    return std::string("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10) + zlib.mid(6, zlib.size() - 10).toStdString()
         + std::string("\x49\x1c\x09\x20\x00\x00\xc0\x12", 8);
 }
 
