@@ -1,7 +1,5 @@
 # What every target of the project is compiled with; nothing of it reaches the targets of a host.
 
-option(VELMORA_SSDP_WERROR "Treat warnings as errors" ${VELMORA_SSDP_TOP_LEVEL})
-
 function(velmora_target_defaults target)
   target_compile_options(${target} PRIVATE -Wall -Wextra)
   if(VELMORA_SSDP_WERROR)

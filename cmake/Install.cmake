@@ -5,8 +5,6 @@
 
 include(CMakePackageConfigHelpers)
 
-option(VELMORA_SSDP_INSTALL "Make install rules" ${VELMORA_SSDP_TOP_LEVEL})
-
 # Outside the system's own prefix the loader finds the libraries only relative to what needs them.
 if(VELMORA_SSDP_INSTALL AND NOT DEFINED CMAKE_INSTALL_RPATH AND NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   file(RELATIVE_PATH libraries_from_programs ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
