@@ -147,6 +147,10 @@ private Q_SLOTS:
             "<root><device><serviceList><service/></serviceList><deviceList><device><serviceList><service/>"
             "<service/></serviceList></device></deviceList></device></root>",
             1);
+        add("a list of the embedded device only",
+            "<root><device><deviceList><device><serviceList><service/></serviceList></device></deviceList>"
+            "</device></root>",
+            0);
         add("no device", "<root><serviceList><service/></serviceList></root>", 0);
         add("no list", "<root><device><service/></device></root>", 0);
         add("scpd in place of root", "<scpd><device><serviceList><service/></serviceList></device></scpd>", 0);

@@ -261,8 +261,9 @@ void LinearTest::timeGrowsWithTheLength_data()
         addHttp("a list of codings", 15 * KB, "HTTP/1.1 200 OK\r\nTransfer-Encoding: ", "a,", "\r\n\r\n");
         addHttp("many lists of codings", 15 * KB, "HTTP/1.1 200 OK\r\n", "Transfer-Encoding:,\n", "\r\n");
         addHttp("interim replies", 15 * KB, "", "HTTP/1.1 100 C\r\n\r\n", "HTTP/1.1 200 OK\r\n\r\n");
-        addHttp("body of a length", 256 * KB, "HTTP/1.1 200 OK\r\nContent-Length: 16000000\r\n\r\n", "x", "");
-        addHttp("body up to the end", 256 * KB, "HTTP/1.1 200 OK\r\n\r\n", "x", "");
+        // A processor may have no cache for much more than this four times.
+        addHttp("body of a length", 32 * KB, "HTTP/1.1 200 OK\r\nContent-Length: 16000000\r\n\r\n", "x", "");
+        addHttp("body up to the end", 32 * KB, "HTTP/1.1 200 OK\r\n\r\n", "x", "");
         const char chunked[] = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n";
         addHttp("chunks of one byte", 128 * KB, chunked, "1\r\nx\r\n", "0\r\n\r\n");
         addHttp("chunks with long extensions", 128 * KB, chunked, "1;xxxxxxxxxxxxxxxxxxxxxxxx\r\nx\r\n",
