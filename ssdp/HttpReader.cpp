@@ -10,7 +10,7 @@ namespace {
 const qint64 KIB = 1024;
 const qint64 MAX_HEAD = 64 * KIB;
 const qint64 MAX_INTERIM = 64 * KIB;
-const qint64 MAX_TRAILER = 64 * KIB;
+const qint64 MAX_LINES = 64 * KIB;
 const qint64 MAX_LINE = 64 * KIB;
 const qint64 MAX_BODY = 16 * KIB * KIB;
 const qint64 MAX_BLOCK = 64 * KIB;
@@ -93,7 +93,7 @@ HttpReader::HttpReader()
     , lineKind(StatusLine)
     , headSize(0)
     , interimSize(0)
-    , trailerSize(0)
+    , linesSize(0)
     , status(0)
     , persistent(false)
     , isChunked(false)
@@ -133,9 +133,9 @@ qint64 HttpReader::readLine(const char* data, qint64 size)
         available = qMin(available, MAX_HEAD - headSize + part);
         if (status / 100 == 1)
             available = qMin(available, MAX_INTERIM - interimSize - headSize + part);
-    } else if (lineKind == TrailerLine) {
-        trailerSize += part;
-        available = qMin(available, MAX_TRAILER - trailerSize + part);
+    } else {
+        linesSize += part;
+        available = qMin(available, MAX_LINES - linesSize + part);
     }
     if (part > available) {
         currentState = OutOfBounds;
@@ -244,6 +244,7 @@ void HttpReader::handleChunkSize()
 {
     const QByteArray size = upTo(line, ';').trimmed();
     bool isNumber = false;
+    linesSize = 0;
     remaining = size.toLongLong(&isNumber, 16);
     if (!isNumber || remaining < 0)
         currentState = Malformed;

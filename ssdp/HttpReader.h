@@ -32,8 +32,8 @@ private:
  * to case, fields may be folded and have spaces before their colon. Interim replies (1xx) are skipped.
  * Each byte is looked at a constant number of times.
  *
- * Bounds: 64 KiB for the head, for all interim replies together, for a chunk's line and for the
- * trailers, and 16 MiB for the body.
+ * Bounds: 64 KiB for the head, for all interim replies together, for the lines between two chunks and
+ * for the trailers, and 16 MiB for the body.
  */
 class HttpReader
 {
@@ -92,7 +92,7 @@ private:
     QByteArray field; ///< The last field, to which a folded line may add.
     qint64 headSize;
     qint64 interimSize;
-    qint64 trailerSize;
+    qint64 linesSize; ///< Of the lines between two chunks, and of the trailers.
 
     int status;
     QByteArray reasonPhrase;

@@ -248,7 +248,9 @@ void HttpReaderTest::boundsHold_data()
     add("a head after an interim reply", "HTTP/1.1 100 C\r\n\r\n", "", ok + "A: ", 'x', end);
     add("a chunk length", chunked, "", "", '0', "\r\n");
     add("a chunk extension", chunked, "", "0;", 'x', "\r\n");
-    add("a chunk extension of the second chunk", chunked + "1\r\na\r\n", "", "0;", 'x', "\r\n");
+    // The end of the line after a chunk counts as well.
+    add("a chunk extension of the second chunk", chunked + "1\r\na", "", "\r\n0;", 'x', "\r\n");
+    add("empty lines between chunks", chunked + "1\r\na", "\r\n", "0;", 'x', "\r\n");
     add("a trailer", chunked + "0\r\n", "", "A: ", 'x', "\r\n\r\n");
     add("trailers", chunked + "0\r\n", "A:\n", "A:", 'x', "\r\n\r\n");
     add("a body up to the end", ok + "\r\n", "", "", 'x', "", MAX_BODY);
