@@ -11,6 +11,11 @@ if(VELMORA_SSDP_INSTALL AND NOT DEFINED CMAKE_INSTALL_RPATH AND NOT CMAKE_INSTAL
   set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/${libraries_from_programs}")
 endif()
 
+# Nor does the loader know the folder of a Qt that the system did not install.
+if(NOT DEFINED CMAKE_INSTALL_RPATH_USE_LINK_PATH)
+  set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
+endif()
+
 # velmora_install_library(target COMPONENT component HEADERS file... INCLUDE folder)
 function(velmora_install_library target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "COMPONENT;INCLUDE" "HEADERS")

@@ -117,11 +117,13 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONFLICTS "${others}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_REPLACES "${others}")
 
+  # Without a component, `cmake --install` leaves these two out.
   install(
     FILES ${PROJECT_BINARY_DIR}/package/changelog.gz ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz
       ${debian}/copyright
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}
-    COMPONENT ${component})
+    COMPONENT ${component}
+    EXCLUDE_FROM_ALL)
   set(further_overrides "")
   if(component MATCHES "^(log|ssdp)$")
     string(CONCAT further_overrides
@@ -136,7 +138,8 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   install(FILES ${PROJECT_BINARY_DIR}/package/${component}/lintian-overrides
     DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides
     RENAME ${package}
-    COMPONENT ${component})
+    COMPONENT ${component}
+    EXCLUDE_FROM_ALL)
 endforeach()
 
 include(CPack)
