@@ -4,6 +4,7 @@
 #include <simulator/SimulatedDevice.h>
 #include <ssdp/Ssdp.h>
 #include <tests/support/ManagerAccess.h>
+#include <tests/support/Sanitized.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -36,20 +37,9 @@ using Tests::Attacker;
 using Tests::attacks;
 using Tests::DeviceProcess;
 using Tests::ManagerAccess;
+using Tests::SANITIZED;
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__)
-const bool SANITIZED = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-const bool SANITIZED = true;
-#else
-const bool SANITIZED = false;
-#endif
-#else
-const bool SANITIZED = false;
-#endif
 
 // What a release build keeps to is 2 s; what is asserted leaves room for slow machines.
 const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
