@@ -31,6 +31,9 @@ const int MOST_SUBSCRIBERS = 10000;
 // libSsdp never answers an event and leaves open what it could not use.
 const int EVENT_PATIENCE = 10 * 1000;
 
+/// The name of the timers between the parts of what is sent.
+const char GAP[] = "gap";
+
 // How often slow-http sends another piece.
 const int SLOW_INTERVAL = 100;
 
@@ -297,6 +300,16 @@ QString SimulatedDevice::location() const
 QString SimulatedDevice::servicePath(int number)
 {
     return QStringLiteral("/service%1.xml").arg(number);
+}
+
+void SimulatedDevice::endGaps()
+{
+    const QList<QTcpSocket*> sockets = connections();
+    for (const QTcpSocket* const socket : sockets) {
+        QTimer* const gap = socket->findChild<QTimer*>(QLatin1String(GAP));
+        if (gap && gap->interval() > 0 && socket->bytesToWrite() == 0)
+            gap->start(0);
+    }
 }
 
 void SimulatedDevice::setVariable(const QString& name, const QString& value)
@@ -832,6 +845,7 @@ void SimulatedDevice::writeChunks(QTcpSocket* socket, const QList<QByteArray>& c
     }
     const QList<QByteArray> rest = chunks.mid(1);
     QTimer* const timer = new QTimer(socket);
+    timer->setObjectName(QLatin1String(GAP));
     timer->setSingleShot(true);
     timer->setTimerType(Qt::PreciseTimer);
     connect(timer, &QTimer::timeout, this, [this, timer, socket, rest, gap, finished] {

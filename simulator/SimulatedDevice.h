@@ -130,6 +130,9 @@ public:
     /// Sends the current values to every subscriber.
     void sendEvents();
 
+    /// Sends the next part of every message that is sent in parts, if the kernel has the one before.
+    void endGaps();
+
     /// Changes the value of one of the variables; the next event carries it.
     void setVariable(const QString& name, const QString& value);
 

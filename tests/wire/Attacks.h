@@ -25,8 +25,9 @@ struct Attack
 
     const char* name;
     int traits;
-    /// How long the good device pauses between head and body of its event, in milliseconds; longer than
-    /// the host may be busy, since head and body that are read together are dropped.
+    /// How long the good device pauses at most between head and body of its event, in milliseconds; longer
+    /// than the host may be busy, since head and body that are read together are dropped. The pause ends
+    /// with the attack, once the host has read the head.
     int eventGap;
     /// Records of devices that the host has to have in the end.
     int devices;

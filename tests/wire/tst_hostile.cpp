@@ -4,6 +4,7 @@
 #include <simulator/SimulatedDevice.h>
 #include <ssdp/Ssdp.h>
 #include <tests/support/ManagerAccess.h>
+#include <tests/support/Sanitized.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -11,9 +12,12 @@
 #include <QtCore/QSocketNotifier>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
+#include <QtCore/QtEndian>
 #include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <malloc.h>
@@ -21,6 +25,7 @@
 #include <sys/resource.h>
 #include <thread>
 #include <time.h>
+#include <unistd.h>
 
 using namespace Velmora;
 using Simulator::DeviceOptions;
@@ -32,20 +37,9 @@ using Tests::Attacker;
 using Tests::attacks;
 using Tests::DeviceProcess;
 using Tests::ManagerAccess;
+using Tests::SANITIZED;
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__)
-const bool SANITIZED = true;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-const bool SANITIZED = true;
-#else
-const bool SANITIZED = false;
-#endif
-#else
-const bool SANITIZED = false;
-#endif
 
 // What a release build keeps to is 2 s; what is asserted leaves room for slow machines.
 const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
@@ -72,8 +66,25 @@ qint64 peakMemory(const Attack& attack)
     return (attack.eventGap > 1000 ? Q_INT64_C(2100) : Q_INT64_C(200)) * 1024;
 }
 
+/// Whether bytes of the good device's connections wait in the kernel, on the side of this process.
+bool hasBytesWaiting(const QString& process)
+{
+    const QByteArray address =
+        QByteArray::number(qToBigEndian(QHostAddress(QLatin1String(GOOD_ADDRESS)).toIPv4Address()), 16)
+            .rightJustified(8, '0')
+            .toUpper();
+    QFile table(QString(QLatin1String("/proc/%1/net/tcp")).arg(process));
+    if (!table.open(QIODevice::ReadOnly))
+        return true;
+    const QList<QByteArray> lines = table.readAll().split('\n');
+    return std::any_of(lines.cbegin(), lines.cend(), [&address](const QByteArray& line) {
+        // Number, local address, remote address, state, bytes to send and to read.
+        return line.contains(' ' + address + ':') && line.simplified().split(' ').at(4) != "00000000:00000000";
+    });
+}
+
 /// The good device and the attacker of one attack.
-int runDevices(int number, const DeviceProcess& process)
+int runDevices(int number, const DeviceProcess& process, const QString& host)
 {
     int argc = 1;
     char name[] = "devices";
@@ -95,14 +106,24 @@ int runDevices(int number, const DeviceProcess& process)
         return 1;
 
     Attacker attacker;
+    std::atomic<bool> isDone = false;
     std::thread([&] {
         try {
             attacker.waitForSearch();
-            process.report("done " + attack.run(attacker));
+            const std::string result = attack.run(attacker);
+            isDone = true;
+            process.report("done " + result);
         } catch (const std::exception& error) {
             process.report(std::string("failed: ") + error.what());
         }
     }).detach();
+    // The body of an event comes after the attack, once the host has read the head.
+    QTimer gap;
+    QObject::connect(&gap, &QTimer::timeout, &device, [&] {
+        if (isDone && !hasBytesWaiting(QStringLiteral("self")) && !hasBytesWaiting(host))
+            device.endGaps();
+    });
+    gap.start(TICK);
     process.report("ready");
     return QCoreApplication::exec();
 }
@@ -390,7 +411,10 @@ int main(int argc, char** argv)
     try {
         PrivateNetwork network;
         network.addLink("10.77.0.1/16", "10.77.1.1/16", 2);
-        DeviceProcess devices(network, runDevices);
+        const QString host = QString::number(getpid());
+        DeviceProcess devices(network, [host](int number, const DeviceProcess& process) {
+            return runDevices(number, process, host);
+        });
         const QCoreApplication application(argc, argv);
         tst_Hostile test(devices);
         return QTest::qExec(&test, argc, argv);
