@@ -16,7 +16,7 @@ const qint64 MAX_BODY = 16 * KIB * KIB;
 const qint64 MAX_BLOCK = 64 * KIB;
 
 /// What comes before the first @p end, or all of it.
-QByteArray upTo(const QByteArray& text, char end)
+QByteArray partBefore(const QByteArray& text, char end)
 {
     const int position = static_cast<int>(text.indexOf(end));
     return position == -1 ? text : text.left(position);
@@ -32,7 +32,7 @@ bool hasToken(const QByteArray& value, const char* token)
 {
     const QList<QByteArray> tokens = value.split(',');
     for (const QByteArray& candidate : tokens) {
-        if (equalsName(upTo(candidate, ';').trimmed(), token))
+        if (equalsName(partBefore(candidate, ';').trimmed(), token))
             return true;
     }
     return false;
@@ -185,9 +185,9 @@ void HttpReader::handleStatusLine()
 {
     // "HTTP/1.1 200 OK", of which the last part may be missing.
     const QByteArray text = line.trimmed();
-    const QByteArray version = upTo(text, ' ');
+    const QByteArray version = partBefore(text, ' ');
     const QByteArray rest = text.mid(version.size()).trimmed();
-    const QByteArray code = upTo(rest, ' ');
+    const QByteArray code = partBefore(rest, ' ');
     bool isNumber = false;
     status = code.toInt(&isNumber);
     if (!isNumber || version.size() < 8 || qstrnicmp(version.constData(), "HTTP/", 5) != 0) {
@@ -242,7 +242,7 @@ void HttpReader::beginBody()
 
 void HttpReader::handleChunkSize()
 {
-    const QByteArray size = upTo(line, ';').trimmed();
+    const QByteArray size = partBefore(line, ';').trimmed();
     bool isNumber = false;
     linesSize = 0;
     remaining = size.toLongLong(&isNumber, 16);

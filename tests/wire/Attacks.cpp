@@ -139,10 +139,10 @@ void addEndlessReplies(std::vector<Attack>& all)
         all.push_back(endlessReply(nameOfMany, head, bytes, 20, traits));
     };
     const int prompt = Attack::Quick | Attack::Prompt;
-    add("HTTP head without an end", "HTTP head without an end, 20 times", status, repeated("X-Header: value\r\n", 1000),
-        prompt);
-    add("HTTP header line without an end", "HTTP header line without an end, 20 times", status + "X-Header: ", much,
-        prompt);
+    add("HTTP head without an end", "HTTP head without an end, 20 times", status,
+        repeated("X-Header: value\r\n", 1000), prompt);
+    add("HTTP header line without an end", "HTTP header line without an end, 20 times",
+        status + "X-Header: ", much, prompt);
     add("HTTP status line without an end", "HTTP status line without an end, 20 times", "HTTP/1.1 200 ", much,
         prompt);
     add("HTTP chunk length without an end", "HTTP chunk length without an end, 20 times",

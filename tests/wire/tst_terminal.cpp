@@ -175,12 +175,11 @@ void TerminalTest::completes()
     const QTemporaryDir folder;
     QFile settings(folder.filePath(QStringLiteral("bashrc")));
     QVERIFY(settings.open(QIODevice::WriteOnly));
-    settings.write(
-        QStringLiteral(". %1\n"
-                       "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
-                       "typed() { printf '<%s>' \"$@\"; exit; }\n")
-            .arg(completion, QStringLiteral(COMPLETIONS))
-            .toUtf8());
+    settings.write(QStringLiteral(". %1\n"
+                                  "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
+                                  "typed() { printf '<%s>' \"$@\"; exit; }\n")
+                       .arg(completion, QStringLiteral(COMPLETIONS))
+                       .toUtf8());
     settings.close();
 
     const auto program =
