@@ -41,9 +41,9 @@ void write(Logger::Severity severity, const QByteArray& utf8)
 }
 #endif
 
-const int LONGEST_PIECE = 1024;
+const int MAX_PIECE_LENGTH = 1024;
 
-/// Whether it would end the line, steer a terminal, or show what follows in another order.
+/// Whether the character could end the line, control a terminal or change the order of the text after it.
 bool disturbsTheLine(QChar character)
 {
     const QChar::Category category = character.category();
@@ -82,7 +82,7 @@ struct Logger::Line
 Logger::Logger(Severity severity)
     : line(nullptr)
 {
-    // What the host has filtered out costs no text.
+    // A line that the host filters out is not built.
     if (isWanted(severity)) {
         line = new Line;
         line->severity = severity;
@@ -105,11 +105,12 @@ Logger& Logger::operator<<(const char* text)
 
 Logger& Logger::operator<<(const QString& text)
 {
-    if (line && text.size() <= LONGEST_PIECE) {
+    if (line && text.size() <= MAX_PIECE_LENGTH) {
         line->pieces << escaped(text);
     } else if (line) {
         const QString cut(QLatin1String("%1 [%2 characters left out]"));
-        line->pieces << cut.arg(escaped(text.left(LONGEST_PIECE)), QString::number(text.size() - LONGEST_PIECE));
+        line->pieces << cut.arg(escaped(text.left(MAX_PIECE_LENGTH)),
+                                QString::number(text.size() - MAX_PIECE_LENGTH));
     }
     return *this;
 }

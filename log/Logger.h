@@ -17,37 +17,41 @@ namespace Log {
  * Logger(Logger::Information) << "Ssdp device" << location;
  * @endcode
  *
- * This is the interface of libLog.so.2. libSsdp links it dynamically and uses nothing else of it, so
- * any library of that name that is compiled against this header takes the place of the one built
- * here, without libSsdp being built again.
+ * Each operator<< adds a piece to the line. The pieces are joined with single spaces.
  *
- * The implementation built here hands every line to Qt's own logging. From Qt 5 on it belongs to the
- * category "velmora.ssdp" (QtInfoMsg or QtCriticalMsg), which is switched off with the filter rule
- * "velmora.ssdp.info=false"; Qt 4.8 has no categories and gets QtDebugMsg or QtCriticalMsg. The
- * pieces of a line are joined by one blank. Control characters (C0, DEL, C1 and the Unicode line and
- * paragraph separators) and format characters (such as those that change the direction) are written
- * as escapes, so a line stays one line, and reads as it stands, whatever a device sent. Of a piece
- * longer than 1,024 characters (UTF-16 code units) the rest is left out and counted:
+ * This class is the whole interface of libLog.so.2. libSsdp links that library dynamically. Any library
+ * with this soname, compiled against this header, can replace it. libSsdp need not be rebuilt.
+ *
+ * The implementation built here passes every line to Qt's logging:
+ * - With Qt 5 and 6, the category is "velmora.ssdp" and the type is QtInfoMsg or QtCriticalMsg. The
+ *   filter rule "velmora.ssdp.info=false" turns off all lines except failures.
+ * - Qt 4.8 has no categories. The type is QtDebugMsg or QtCriticalMsg.
+ *
+ * @note Control characters and format characters are written as escapes, so the text of a device cannot
+ * end the line or change how it is displayed. Control characters are C0, DEL, C1 and the Unicode line
+ * and paragraph separators. Format characters are, for example, those that change the text direction.
+ *
+ * @note A piece is cut after 1,024 UTF-16 code units. The number of omitted code units is added, as in
  * "[3072 characters left out]".
  *
- * A line may be written from any thread; one object is used by one thread.
+ * @note Any thread may write lines. Use each object in one thread only.
  */
 class Q_DECL_EXPORT Logger
 {
 public:
-    /// What a line is about.
+    /// The kind of a line.
     enum Severity {
-        Information = 0, ///< Progress: what was found, what was set up.
-        Error = 1 ///< A failure; the first piece is the signature of the failing function.
+        Information = 0, ///< Progress, such as a device that was found.
+        Error = 1 ///< A failure. Most of these lines begin with the signature of the failing function.
     };
 
     /// Begins a line. Nothing is written yet.
     Logger(Severity severity);
 
-    /// Writes the line, also when no piece was added to it.
+    /// Writes the line, even if it has no pieces.
     ~Logger();
 
-    /// Adds @p text, read as Latin-1 up to its terminating zero. A null pointer adds an empty piece.
+    /// Adds @p text, a zero-terminated Latin-1 string. A null pointer adds an empty piece.
     Logger& operator<<(const char* text);
 
     /// Adds @p text.

@@ -8,8 +8,8 @@ namespace SSDP {
 
 namespace {
 
-const int DEEPEST_LEVEL = 128;
-const int MOST_ATTRIBUTES = 256;
+const int MAX_DEPTH = 128;
+const int MAX_ATTRIBUTES = 256;
 
 bool standsAt(const QString& text, int position, const char* expected)
 {
@@ -20,15 +20,15 @@ bool standsAt(const QString& text, int position, const char* expected)
     return true;
 }
 
-/// The position behind the next @p end, or the end of the text.
+/// The position after the next @p end, or the end of the text.
 int behind(const QString& text, const char* end, int position)
 {
     const int found = static_cast<int>(text.indexOf(QLatin1String(end), position));
     return found == -1 ? static_cast<int>(text.size()) : found + static_cast<int>(qstrlen(end));
 }
 
-/// The position of the next ">" or "[" outside quotes, or the end of the text. Counts the quoted
-/// texts on the way.
+/// The position of the next ">" or "[" outside quotes, or the end of the text. Counts the quoted texts
+/// before it.
 int tagEnd(const QString& text, int position, int* quotedTexts)
 {
     for (; position < text.size(); ++position) {
@@ -52,8 +52,8 @@ bool isXmlDeclaration(const QString& text, int position)
 
 } // namespace
 
-// Reads markup in the steps of a parser, which stops at its first error: as far as that, both see the
-// same tags, and what stands behind it is never parsed.
+// Scans like a parser, which stops at its first error. Up to there both see the same tags. The parser
+// never reads what comes after the error.
 bool isWithinXmlBounds(const QString& text)
 {
     int level = 0;
@@ -71,7 +71,7 @@ bool isWithinXmlBounds(const QString& text)
                 return false;
         } else if (standsAt(text, position, "?")) {
             const int end = behind(text, "?>", position);
-            // The XML declaration has quoted values, in which a parser does not look for the end.
+            // A parser does not look for the end of an XML declaration inside its quoted values.
             if (isXmlDeclaration(text, position) && tagEnd(text, position, &quotedTexts) != end - 1)
                 return false;
             position = end;
@@ -80,7 +80,7 @@ bool isWithinXmlBounds(const QString& text)
             level = qMax(level - 1, 0);
         } else {
             position = tagEnd(text, position, &quotedTexts);
-            if (level == DEEPEST_LEVEL || quotedTexts > MOST_ATTRIBUTES)
+            if (level == MAX_DEPTH || quotedTexts > MAX_ATTRIBUTES)
                 return false;
             if (text.at(position - 1) != QLatin1Char('/'))
                 ++level;

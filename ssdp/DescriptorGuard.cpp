@@ -37,7 +37,7 @@ void DescriptorGuard::reset()
 
 void DescriptorGuard::connectToHost(QAbstractSocket* socket, const QString& host, quint16 port)
 {
-    // Qt looks up a name in a thread.
+    // Qt (4.8 to 6.4) looks up a host name in a thread, which needs descriptors.
     if (QHostAddress(host).isNull() && !admitsLookup())
         return;
     socket->connectToHost(host, port, QIODevice::ReadWrite);
@@ -62,7 +62,7 @@ bool DescriptorGuard::admitsAccepted(QAbstractSocket* socket)
 
 bool DescriptorGuard::admitsLookup()
 {
-    // A look-up has no descriptor of its own to tell by, so one is opened to see its number.
+    // A look-up does not show how many descriptors are in use, so one is opened to see its number.
     const int probe = open("/", O_PATH | O_CLOEXEC);
     if (probe == -1)
         return (errno != EMFILE && errno != ENFILE) || admits(limit);

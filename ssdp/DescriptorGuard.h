@@ -9,13 +9,14 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * Leaves the last descriptors to the rest of the process: 64, or a sixteenth of the limit if that is
- * less. Of connections that others open, it leaves as many again for requests and subscriptions.
+ * Keeps some file descriptors free for the rest of the process: 64, or a sixteenth of the limit if that
+ * is less. Connections that peers open must leave twice as many, so that requests and subscriptions
+ * remain possible.
  *
- * A device may make the library open any number of connections, and the next thread that Qt or
- * GLib starts aborts the process if it finds no descriptor for its event loop.
+ * A device may make the library open any number of connections. When a thread then starts without a free
+ * descriptor for its event loop, Qt (4.8 to 6.4) and GLib abort the process.
  *
- * The kernel gives the lowest number that is free. So the number of a new socket says how many
+ * The kernel gives a new descriptor the lowest free number (open(2)). So this number shows how many
  * descriptors are in use, at least.
  */
 class DescriptorGuard
@@ -23,15 +24,15 @@ class DescriptorGuard
 public:
     DescriptorGuard();
 
-    /// Reads the limit again. The next refusal is logged again.
+    /// Reads the limit again. The next refusal is logged, even if one was logged before.
     void reset();
 
-    /// Connects @p socket, which stays unconnected if it would take one of the last descriptors.
+    /// Connects @p socket. It stays unconnected if too few descriptors would be left.
     void connectToHost(QAbstractSocket* socket, const QString& host, quint16 port);
 
-    /// Whether @p socket may stay open. Aborts it if it has taken one of the last descriptors.
+    /// Whether @p socket may stay open. Aborts it if too few descriptors are left.
     bool admits(QAbstractSocket* socket);
-    /// The same for a connection that somebody else has opened.
+    /// The same for a connection that a peer has opened.
     bool admitsAccepted(QAbstractSocket* socket);
 
 private:

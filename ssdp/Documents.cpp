@@ -62,7 +62,7 @@ QStringList stateVariables(const QDomDocument& description)
 QList<Property> properties(const QDomDocument& event)
 {
     QList<Property> result;
-    // The prefix is part of the name, as docs/protocol.md, "Event", says: it is required.
+    // Devices use the prefix "e:"; see docs/protocol.md, "Event".
     const QString name(QLatin1String("e:property"));
     const QDomElement set = child(event, "e:propertyset");
     for (QDomElement element = set.firstChildElement(name); !element.isNull();

@@ -11,8 +11,8 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * What the documents of a device say. Names are compared as they are written, prefix included, since
- * the documents are parsed without namespace processing. A missing element reads as an empty text.
+ * Reads the documents of a device. They are parsed without namespace processing, so a name is compared
+ * with its prefix. A missing element is read as an empty text.
  */
 namespace Documents {
 
@@ -22,10 +22,10 @@ enum Kind {
     ServiceDescription ///< clause 2.5
 };
 
-/// What the default namespace of the document element says that the document is.
+/// The kind of document, according to the default namespace of the document element.
 Kind kindOf(const QDomDocument& document);
 
-/// A service in a device description: the texts of its elements, unaltered.
+/// A service in a device description. The texts of its elements are unchanged.
 struct Service
 {
     QString type;
@@ -35,7 +35,7 @@ struct Service
     QString scpdUrl;
 };
 
-/// The services of the root device, in document order. Those of embedded devices are not read.
+/// The services of the root device, in document order. Services of embedded devices are not read.
 QList<Service> services(const QDomDocument& description);
 
 /// The names of the state variables of a service description, in document order.

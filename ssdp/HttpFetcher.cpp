@@ -21,7 +21,7 @@ const qint64 MAX_COUNTED_BYTES = 64 * KIB * KIB;
 
 bool isFetchable(const QUrl& url)
 {
-    // Qt 4.8 keeps the case of the scheme.
+    // Qt 4.8 does not convert the scheme to lower case; Qt 5.15 and 6.4 do.
     return url.isValid() && url.scheme().compare(QLatin1String("http"), Qt::CaseInsensitive) == 0
         && !url.host().isEmpty();
 }
@@ -191,7 +191,7 @@ qint64 HttpReply::receive(const char* data, qint64 size)
     return used;
 }
 
-/// The reply has come, or what there is of it.
+/// Finishes with what was received.
 void HttpReply::end()
 {
     fetcher = nullptr;
@@ -215,7 +215,7 @@ void HttpReply::end()
     }
 }
 
-/// Ends in the next turn of the event loop: get() and the caller's slots are not interrupted.
+/// Finishes from the event loop, so not inside get() or a slot of the caller.
 void HttpReply::fail(NetworkError code, const QString& text)
 {
     fetcher = nullptr;
@@ -269,7 +269,7 @@ void HttpConnection::carry(HttpReply* next)
     reply->connection = this;
     hasSent = false;
     if (state() == ConnectedState) {
-        // If the peer has closed it meanwhile, the request is sent once more.
+        // The peer may have closed the idle connection. The request is then sent once more.
         reply->attempts = MAX_ATTEMPTS - 1;
         sendRequest();
     } else {
@@ -289,7 +289,7 @@ void HttpConnection::onStateChanged(QAbstractSocket::SocketState state)
 {
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
-    // The descriptor of a connection to a name is known only now.
+    // A connection to a host name has no descriptor until the name is looked up.
     if (state == ConnectedState && reply && fetcher->guard.admits(this))
         sendRequest();
     else if (state == UnconnectedState)
@@ -300,7 +300,7 @@ void HttpConnection::sendRequest()
 {
     hasSent = true;
     write(HttpFetcher::requestMessage(reply->url()));
-    // Saves the event loop a turn for it.
+    // Sends now, not in the next turn of the event loop.
     flush();
 }
 
@@ -330,7 +330,7 @@ void HttpConnection::finishReply(bool isAtEnd)
         finished->end();
         return;
     }
-    // Whoever gets this reply may request the next document of the same host at once.
+    // The receiver of this reply may request the next document of the same host at once.
     finished->end();
     if (!fetcher)
         return;
@@ -339,7 +339,7 @@ void HttpConnection::finishReply(bool isAtEnd)
         fetcher->close(this);
 }
 
-/// Thousands of requests that fail at once must not hold up the event loop, nor end inside get().
+/// Closes from the event loop: thousands of failing requests must not block it, nor finish inside get().
 void HttpConnection::closeLater()
 {
     QMetaObject::invokeMethod(this, "onClosed", Qt::QueuedConnection);
@@ -352,7 +352,7 @@ void HttpConnection::onClosed()
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
     readReply();
-    // The reply may have ended, and the next request have opened the connection again.
+    // readReply() may finish the reply, and the next request may then have opened the connection again.
     if (!fetcher || state() != UnconnectedState)
         return;
     HttpReply* const unfinished = takeReply();

@@ -17,39 +17,40 @@ class HttpConnection;
 class HttpReply;
 
 /**
- * Fetches documents by HTTP/1.1, in the event loop of the thread that it lives in.
+ * Fetches documents by HTTP/1.1, in the event loop of the thread that owns it.
  *
- * At most six connections are open to one host and port; further requests wait in order. A connection
- * carries one request after the other while the replies allow it, and is closed as soon as no request
- * is left for it. A request whose connection ends before the head of the reply has come is sent again on
- * a new connection: once if the connection had carried a request before, else three times at most.
+ * At most six connections are open to one host and port. Further requests wait in order. A connection is
+ * used for one request after the other, if the replies allow it. It is closed when no request waits.
  *
- * Only http is spoken. There are no redirects, cookies, codings, caches or proxies.
+ * If the connection closes before the head of the reply is complete, the request is sent again on a new
+ * connection. This happens at most three times, or once if the connection was reused.
+ *
+ * Only the scheme http is supported. Redirects, cookies, content codings, caches and proxies are not.
  */
 class HttpFetcher
 {
 public:
     HttpFetcher();
-    /// As dropAll().
+    /// Calls dropAll().
     ~HttpFetcher();
 
     /**
-     * Requests the document at the URL of @p request; nothing else of @p request is used. The caller
-     * owns the reply. It emits finished() once, and never inside this call.
+     * Requests the document at the URL of @p request. Nothing else of @p request is used. The caller
+     * owns the reply, which emits finished() once, and never inside this call.
      *
-     * The reply has the body that came, whatever the status, even if the connection cut it off. A reply
-     * beyond the bounds of HttpReader fails without a body. So does one that would make the bodies of
-     * all replies hold more than 64 MiB, where the first MiB of each does not count.
+     * The reply has the body that was received, with any status, even if the connection was closed too
+     * early. A reply that exceeds the bounds of HttpReader fails without a body. All replies together
+     * may hold 64 MiB, not counting the first MiB of each. A reply that exceeds this fails too.
      */
     QNetworkReply* get(const QNetworkRequest& request);
 
-    /// Closes every connection. Replies that have not finished never do, unless they are aborted.
+    /// Closes every connection. An unfinished reply emits finished() only if it is aborted.
     void dropAll();
 
-    /// The text that requests the document at @p url.
+    /// The GET request for @p url.
     static QByteArray requestMessage(const QUrl& url);
 
-    /// What every connection has to pass. Whoever else opens sockets for the network shares it.
+    /// Checks every new connection. Other code that opens connections uses it too.
     DescriptorGuard guard;
 
 private:
@@ -57,11 +58,11 @@ private:
     friend class HttpConnection;
     friend class HttpReply;
 
-    /// A host and port: its connections, and the requests that have none yet.
+    /// A host and port: its connections, and the requests that wait for one.
     struct Server
     {
         QList<HttpConnection*> connections;
-        QMap<quint64, HttpReply*> waiting; ///< By the number of the request, so in order.
+        QMap<quint64, HttpReply*> waiting; ///< In the order of the requests, by their numbers.
     };
 
     void enqueue(HttpReply* reply);
@@ -71,7 +72,7 @@ private:
 
     QMap<QByteArray, Server> servers;
     quint64 lastNumber;
-    QSharedPointer<qint64> countedBytes; ///< What bodies hold beyond their first MiB.
+    QSharedPointer<qint64> countedBytes; ///< The size of all bodies, without the first MiB of each.
 };
 
 /// A reply of HttpFetcher. Deleting it at any time drops the request.
@@ -82,7 +83,7 @@ class HttpReply : public QNetworkReply
 public:
     ~HttpReply() override;
 
-    /// Drops the request and the body. Emits finished() inside the call, unless it has come already.
+    /// Drops the request and the body. Emits finished() inside the call, unless it was emitted before.
     void abort() override;
     qint64 bytesAvailable() const override;
     bool isSequential() const override;
@@ -106,7 +107,7 @@ private:
 
     HttpFetcher* fetcher; ///< Null once the request has ended.
     HttpConnection* connection; ///< Null while the request waits.
-    QByteArray server; ///< The key of the host and port.
+    QByteArray server; ///< The key of the host and port, as in HttpFetcher::servers.
     quint64 number;
     int attempts;
     HttpReader reader;
@@ -114,7 +115,7 @@ private:
     qint64 ownCountedBytes;
 };
 
-/// A connection to one host and port, with the request that it carries.
+/// A connection to one host and port, with its current request.
 class HttpConnection : public QTcpSocket
 {
     Q_OBJECT
@@ -140,11 +141,11 @@ private:
     HttpReply* takeReply();
     void release();
 
-    HttpFetcher* fetcher; ///< Null once it is released.
-    HttpReply* reply; ///< Null while it carries none.
-    const QByteArray server; ///< The key of its host and port.
+    HttpFetcher* fetcher; ///< Null after release().
+    HttpReply* reply; ///< Null if there is no current request.
+    const QByteArray server; ///< The key of the host and port, as in HttpFetcher::servers.
     bool hasSent;
-    bool isSignalling; ///< So it cannot be deleted at once.
+    bool isSignalling; ///< Inside a signal of the socket, which then must not be deleted.
 };
 
 } // namespace SSDP

@@ -15,7 +15,7 @@ const qint64 MAX_LINE = 64 * KIB;
 const qint64 MAX_BODY = 16 * KIB * KIB;
 const qint64 MAX_BLOCK = 64 * KIB;
 
-/// What comes before the first @p end, or all of it.
+/// The part of @p text before the first @p end, or all of it.
 QByteArray partBefore(const QByteArray& text, char end)
 {
     const int position = static_cast<int>(text.indexOf(end));
@@ -27,7 +27,7 @@ bool equalsName(const QByteArray& name, const char* expected)
     return qstricmp(name.constData(), expected) == 0;
 }
 
-/// Whether the comma-separated list @p value has @p token, whatever its case and parameters.
+/// Whether the comma-separated list @p value has @p token, in upper or lower case, with any parameters.
 bool hasToken(const QByteArray& value, const char* token)
 {
     const QList<QByteArray> tokens = value.split(',');
@@ -50,7 +50,7 @@ void ByteQueue::append(const char* data, qint64 size)
 {
     while (size > 0) {
         if (blocks.isEmpty() || blocks.last().size() == blocks.last().capacity()) {
-            // As long as what has come so far, so that small bodies cost little and large ones few blocks.
+            // As large as the queue so far, so a small body takes little memory and a large one few blocks.
             blocks.append(QByteArray());
             blocks.last().reserve(static_cast<int>(qMin(qMax(size, total), MAX_BLOCK)));
         }
@@ -155,7 +155,7 @@ void HttpReader::handleLine()
 {
     switch (lineKind) {
     case StatusLine:
-        // A reply may follow the line end of the one before it.
+        // There may be an empty line before the reply.
         if (!line.trimmed().isEmpty())
             handleStatusLine();
         break;
@@ -170,7 +170,7 @@ void HttpReader::handleLine()
             beginBody();
         break;
     case ChunkSizeLine:
-        // Empty lines are the ends of chunks, and some servers send more of them.
+        // A chunk ends with an empty line. Some servers send more of them.
         if (!line.isEmpty())
             handleChunkSize();
         break;
@@ -183,7 +183,7 @@ void HttpReader::handleLine()
 
 void HttpReader::handleStatusLine()
 {
-    // "HTTP/1.1 200 OK", of which the last part may be missing.
+    // For example "HTTP/1.1 200 OK". The last part may be missing.
     const QByteArray text = line.trimmed();
     const QByteArray version = partBefore(text, ' ');
     const QByteArray rest = text.mid(version.size()).trimmed();
@@ -207,7 +207,7 @@ void HttpReader::handleField()
     const QByteArray name = field.left(colon).trimmed();
     const QByteArray value = field.mid(colon + 1).trimmed();
     if (equalsName(name, "Content-Length")) {
-        // The first one counts. If it is no length, the body ends with the connection.
+        // Only the first field counts. If it is not a length, the body ends when the connection is closed.
         bool isNumber = false;
         const qint64 length = value.toLongLong(&isNumber);
         if (!hasLengthField && isNumber && !value.startsWith('-'))

@@ -15,8 +15,8 @@ struct KeyObject
 
 /**
  * Reads the value of "KO": entries separated by ";", each of two decimal integers separated by ",".
- * The first entry of exactly two parts counts; a part that is no int counts as 0.
- * @return false, and *keyObject unchanged, if there is no such entry
+ * Only the first entry with exactly two parts is used. A part that is not an int is read as 0.
+ * @return false if there is no such entry; *keyObject is then unchanged
  */
 bool readKeyObject(const QString& value, KeyObject* keyObject);
 

@@ -7,7 +7,7 @@
 namespace Velmora {
 namespace SSDP {
 
-/// @p bytes up to the first zero byte, each a character of Latin-1.
+/// The bytes before the first zero byte, read as Latin-1.
 inline QString textUpToZero(const QByteArray& bytes)
 {
     return QString::fromLatin1(bytes.constData());

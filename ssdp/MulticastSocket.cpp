@@ -22,7 +22,7 @@ bool MulticastSocket::bind(quint16 port)
 {
     const BindMode mode = ShareAddress | ReuseAddressHint;
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // From Qt 5 on "any address" means IPv6 too, and senders would arrive as ::ffff:a.b.c.d.
+    // From Qt 5 on, bind() without an address also binds IPv6. Senders would then be ::ffff:a.b.c.d.
     return QUdpSocket::bind(QHostAddress(QHostAddress::AnyIPv4), port, mode);
 #else
     return QUdpSocket::bind(port, mode);

@@ -9,8 +9,8 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * A UDP socket for IPv4 multicast: it shares its port, joins and leaves a group on a chosen interface
- * and sets the time-to-live of what it sends to a group.
+ * A UDP socket for IPv4 multicast. It shares its port with other sockets, joins and leaves groups on a
+ * chosen interface, and sets the time-to-live of the datagrams that it sends to a group.
  *
  * @code
  * MulticastSocket socket;
@@ -18,50 +18,52 @@ namespace SSDP {
  * socket.joinMulticastGroup(QHostAddress("239.255.255.250"), QHostAddress("192.168.1.10"));
  * @endcode
  *
- * The group operations are system calls on the socket's descriptor: they take effect at once, and
- * they need a socket that is bound. Each returns whether it succeeded; a failure sets error() to
- * QAbstractSocket::UnknownSocketError, leaves errorString() alone and the socket as it was.
+ * Bind the socket before you use the group operations. They are system calls on its descriptor and take
+ * effect at once. Each returns whether it succeeded.
  *
- * An application-wide or system proxy does not reach this socket. A socket that was given a proxy
- * later can no longer join or leave.
+ * @note A failed group operation sets error() to QAbstractSocket::UnknownSocketError. It changes neither
+ * errorString() nor the socket.
  *
- * As with any QUdpSocket, use it from the thread that owns it.
+ * @note The socket does not use an application-wide or system proxy. If setProxy() gives it a proxy, it
+ * cannot join or leave a group.
+ *
+ * @warning Use the socket only in the thread that owns it, like any QUdpSocket.
  */
 class Q_DECL_EXPORT MulticastSocket : public QUdpSocket
 {
     Q_OBJECT
 
 public:
-    /// Makes a socket without a proxy that is not bound yet.
+    /// Constructs a socket without a proxy. It is not bound yet.
     explicit MulticastSocket(QObject* parent = nullptr);
     ~MulticastSocket() override;
 
     /**
-     * Binds to @p port (host byte order) on every IPv4 address, sharing it: other sockets that share
-     * can be bound to the same port, and each gets every datagram of the groups that it receives.
-     * @return false when a socket that does not share holds the port, or this one is bound already
+     * Binds to @p port (host byte order) on every IPv4 address. The port is shared: other sockets that
+     * share it can bind to it too, and each of them receives every datagram that is sent to a group.
+     * @return false if a socket that does not share has the port, or if this socket is already bound
      */
     bool bind(quint16 port);
 
     /**
-     * Receives what is sent to @p groupAddress on the interface that has @p interfaceAddress.
-     * A null @p interfaceAddress leaves the choice of the interface to the system.
-     * @return false when the socket is not bound or has a proxy, when @p groupAddress is not an IPv4
-     *         address, and when the system refuses: no multicast group, no such interface, a member
-     *         already, too many memberships (net.ipv4.igmp_max_memberships)
+     * Joins the group @p groupAddress on the interface that has @p interfaceAddress.
+     * If @p interfaceAddress is null, the system chooses the interface.
+     * @return false if the socket is not bound or has a proxy; if @p groupAddress is not an IPv4 address
+     *         or not a multicast group; if no interface has @p interfaceAddress; if the socket is
+     *         already a member; or if it has too many memberships (net.ipv4.igmp_max_memberships)
      */
     bool joinMulticastGroup(const QHostAddress& groupAddress, const QHostAddress& interfaceAddress);
 
     /**
-     * Ends the membership that joinMulticastGroup() began with the same arguments.
-     * @return false in the same cases, and when the socket is no member
+     * Leaves a group that was joined with the same arguments.
+     * @return false if the socket is not bound, has a proxy or is not a member
      */
     bool leaveMulticastGroup(const QHostAddress& groupAddress, const QHostAddress& interfaceAddress);
 
     /**
-     * Sets how many hops a datagram sent to a group may take: 0 keeps it on this host, 1 (the
-     * system's default) on the local network, 255 is the highest.
-     * @return false when the socket is not bound
+     * Sets the time-to-live of datagrams that are sent to a group. With 0 they stay on this host. With
+     * 1, the system's default, they stay on the local network.
+     * @return false if the socket is not bound
      */
     bool setMulticastTtl(unsigned char ttl);
 

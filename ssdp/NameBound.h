@@ -8,11 +8,11 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * Bounds how many of the names that a document adds to a table may hash alike, on Qt 5 only.
+ * Limits how many names with the same hash a document may add to a table, on Qt 5 only.
  *
- * In Qt 5.15 there are strings that have the same hash under every seed. Tens of thousands of them
- * degrade a QHash to a list: a document then takes minutes. No such strings are known for Qt 6. Qt 4.8
- * has no seed and reduces the hash by a known prime, which no bound on the hash can cover.
+ * Qt 5.15 has strings with the same hash under every seed. Tens of thousands of them degrade the hash
+ * table to a list: a document then takes minutes. No such strings are known for Qt 6. Qt 4.8 has no seed
+ * and takes the hash modulo a known prime, so a limit for equal hashes would not help there.
  */
 class NameBound
 {
@@ -26,7 +26,7 @@ public:
     bool admits(const QString& name)
     {
 #if QT_VERSION >= QT_VERSION_CHECK(5, 6, 0) && QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-        // Two names that hash alike are rare already. The seed is that of the table.
+        // In other documents, even two names with the same hash are rare. The table uses the same seed.
         const int MAX_ALIKE = 64;
         return table.contains(name) || ++alike[qHash(name, static_cast<uint>(qGlobalQHashSeed()))] <= MAX_ALIKE;
 #else

@@ -35,7 +35,7 @@ bool beginsWith(const QChar* begin, const QChar* end, const QString& header)
 
 } // namespace
 
-// Every line that is sent ends with a line feed alone, as docs/protocol.md, "Search", says: it is required.
+// Devices expect lines that end with a line feed alone; see docs/protocol.md, "Search".
 
 QString searchMessage()
 {
@@ -61,7 +61,7 @@ QString systemInfo()
 
 QString headerValue(const QString& message, const QString& header)
 {
-    // No list of lines: a message of nothing but line feeds would make a million of them.
+    // The message is not split into lines: one that has only line feeds would give a million strings.
     const QChar* const messageEnd = message.constData() + message.size();
     const QChar* begin = message.constData();
     for (;;) {
@@ -79,7 +79,7 @@ QString headerValue(const QString& message, const QString& header)
 
 QString hostValue(const QString& url)
 {
-    // One character and not the decimal port, as docs/protocol.md, "Subscription", says: it is required.
+    // Devices expect one character, not the decimal port; see docs/protocol.md, "Subscription".
     const QUrl parsed(url);
     const char port = static_cast<char>(parsed.port(HTTP_PORT));
     return parsed.host() + QLatin1Char(':') + QString::fromLatin1(&port, 1);
@@ -107,7 +107,7 @@ QString subscribeMessage(const QString& eventSubUrl, const QString& location, co
     message += QString(QLatin1String("SUBSCRIBE %1 HTTP/1.1\n")).arg(subLocation(eventSubUrl));
     message += QString(QLatin1String("HOST: %1\n")).arg(hostValue(location));
     message += userAgentLine();
-    // "%4" is sent as these two characters, as docs/protocol.md, "Subscription", says: it is required.
+    // Devices expect the two characters "%4" in the path; see docs/protocol.md, "Subscription".
     message += QString(QLatin1String("CALLBACK: <http://%1:%2/%3_%4>\n"))
                    .arg(callback.address.toString())
                    .arg(callback.port)

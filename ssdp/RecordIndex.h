@@ -15,10 +15,11 @@ class SsdpDevice;
 class SsdpService;
 
 /**
- * Answers what a walk over all devices and services would answer, without the walk: a thousand devices
- * send several thousand messages, and a hostile one may list a hundred thousand services.
+ * Finds the same records as a search through all devices and services, but faster. A thousand devices
+ * send several thousand messages, and a hostile device may list a hundred thousand services.
  *
- * It refers to the list of devices. Records that were put there without add() are found by a walk.
+ * It keeps a reference to the list of devices. Records that are in the list but were not passed to add()
+ * are found by a search.
  */
 class RecordIndex
 {

@@ -29,7 +29,7 @@ Ssdp::Ssdp(int timeout, QObject* parent)
     , timeout(timeout)
 {
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // Qt 4's timers are exact; later ones may come a twentieth early, before the last devices.
+    // From Qt 5 on, the default timer may end 5 % early (Qt::CoarseTimer), before the last devices report.
     timer->setTimerType(Qt::PreciseTimer);
 #endif
     connect(timer, SIGNAL(timeout()), this, SLOT(onTimerTick()));

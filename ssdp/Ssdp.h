@@ -1,7 +1,7 @@
 #ifndef VELMORA_SSDP_SSDP_H
 #define VELMORA_SSDP_SSDP_H
 
-// Hosts connect by the text of a signature, and these name the records without their namespaces.
+// Hosts connect by the text of a signature. These texts name the records without namespaces.
 // clazy:excludeall=fully-qualified-moc-types
 
 #include <ssdp/QtVersion.h>
@@ -21,7 +21,7 @@ namespace SSDP {
 class SsdpManager;
 
 /**
- * Finds the maker's devices on the local IPv4 network and reports who they are.
+ * Finds the maker's devices on the local IPv4 network and reports their codes and addresses.
  *
  * @code
  * Ssdp ssdp(5000);
@@ -30,16 +30,20 @@ class SsdpManager;
  * ssdp.discover();
  * @endcode
  *
- * A discovery searches once on every local IPv4 address, listens to announcements, and lasts for the
- * whole time-out or until stop(). Devices take up to three seconds to answer the search and then have
- * to be read and to send their first event: give them five seconds or more.
+ * A discovery sends one search from every local IPv4 address and listens to announcements. It lasts
+ * for the whole time-out, or until stop().
  *
- * Everything happens in the event loop of the thread that owns the object. No operation blocks,
- * throws or reports an error; what fails is written to the log (log/Logger.h).
+ * All work happens in the event loop of the thread that owns the object. No operation blocks, throws
+ * or reports an error. Failures are written to the log (log/Logger.h).
  *
- * A host may call stop() and discover(), run an event loop of its own, or let the object go with
- * deleteLater() from its slots for the two signals. Outside them it may delete the object at any
- * time, also in the middle of a discovery.
+ * @note Use a time-out of five seconds or more. Devices take up to three seconds to answer the search.
+ * The library then reads their descriptions and waits for their first event.
+ *
+ * @note Slots of discovered() and timeoutExpired() may call stop() and discover(). They may also run a
+ * nested event loop.
+ *
+ * @warning A slot of these two signals must not delete the object; it may call deleteLater(). All other
+ * code may delete the object at any time, even during a discovery.
  */
 class Q_DECL_EXPORT Ssdp : public QObject
 {
@@ -50,29 +54,32 @@ public:
     static const QString KO;
 
     /**
-     * Makes an idle controller; nothing is bound or sent yet.
-     * @param timeout how long a discovery lasts, in milliseconds, as QTimer::start() takes it: with 0
-     *        it ends as soon as the event loop runs, with less it only ends with stop()
-     * @param parent the owner, if any
+     * Constructs an idle controller. No socket is opened and nothing is sent.
+     * @param timeout how long a discovery lasts, in milliseconds. 0 ends it as soon as the
+     *        event loop runs. A negative value means: until stop()
+     * @param parent the owner, or null
      */
     explicit Ssdp(int timeout, QObject* parent = nullptr);
 
-    /// Ends a running discovery, without timeoutExpired().
+    /// Ends a running discovery without timeoutExpired().
     ~Ssdp() override;
 
     /**
-     * Starts a discovery: forgets the devices of the last one and searches for them anew. Does
-     * nothing while one is running.
+     * Starts a discovery: forgets the devices of the previous one and searches again. Does nothing
+     * while a discovery is running.
      *
-     * The first call chooses the local addresses for good: every IPv4 address of the interfaces that
-     * are up and not a loopback, or 127.0.0.1 when there is none.
+     * @note The first call chooses the local addresses for the lifetime of the object: every IPv4 address
+     * of the interfaces that are up, without loopback interfaces. If there is none, it chooses 127.0.0.1.
+     * Only a new object uses an interface that comes up later.
+     *
      * @return 3, the state "a discovery is running"
      */
     int discover();
 
     /**
-     * Ends a running discovery, without timeoutExpired(); harmless when there is none. A device that
-     * was found before may still report.
+     * Ends a running discovery without timeoutExpired(). Does nothing if none is running.
+     *
+     * @note A device that has answered the search may still report after this call.
      */
     void stop();
 
@@ -80,21 +87,27 @@ Q_SIGNALS:
     /**
      * A device has published its key object (the state variable "KO").
      *
-     * Comes at every event that carries the variable: once per subscription as a rule, and a device
-     * is subscribed to once per state variable of its service, so expect the same report several
-     * times; again whenever the device sends a later event, also when no discovery is running, and
-     * once per local address through which the device was found. A device is told by all three
-     * values together.
+     * Emitted for every event that carries this variable.
      *
-     * @param functionCode, univocalCode the device's codes; 0 where the device's text is no number
-     *        in the range of int
-     * @param deviceAddress where the device answered from
+     * @note Expect the same report several times. The library subscribes once for each state variable
+     * of the service, and a device sends a first event for each subscription. This happens for
+     * every local address through which the device was found.
+     *
+     * @note The signal also comes when no discovery is running, because a device may send further events
+     * at any time.
+     *
+     * @note Only the three values together identify a device.
+     *
+     * @param functionCode, univocalCode the device's codes. A code that is not a number in the range
+     *        of int is reported as 0
+     * @param deviceAddress the sender of the device's first answer or announcement
      */
     void discovered(int functionCode, int univocalCode, const QHostAddress& deviceAddress);
 
     /**
-     * The time-out has run out, whether devices were found or not. Comes once per discovery unless
-     * stop() was called; the discovery has ended, and a new one may be started from the slot.
+     * The discovery has reached its time-out and has ended, whether devices were found or not.
+     *
+     * Emitted once per discovery, unless stop() ended it. A slot may start the next discovery.
      */
     void timeoutExpired();
 
@@ -111,11 +124,11 @@ private:
     void parseKoValue(const SsdpDevice* device, const SsdpService* service);
     void fireDiscovered(int functionCode, int univocalCode, const QHostAddress& deviceAddress);
 
-    QList<SsdpManager*> managers; ///< One per local address, chosen at the first discovery. Children.
+    QList<SsdpManager*> managers; ///< One per local address, created at the first discovery. Children.
     int state; ///< 0: idle; 3: a discovery is running.
     QTimer* timer; ///< The time-out. Not single-shot: stop() stops it. A child.
     int timeout; ///< In milliseconds.
-    /// Not used. It stays because it belongs to the layout that hosts were compiled against.
+    /// Not used. Hosts were compiled against a layout that has this member.
     QList<QHostAddress> addresses;
 };
 

@@ -16,30 +16,31 @@ class SsdpService;
 /**
  * What a control point knows of one device: a plain record.
  *
- * The SsdpManager that found the device owns it. A host only reads it, in a slot connected to
- * SsdpManager::valueChanged(), and keeps no pointer to it: the record dies when the next discovery
- * starts.
+ * The SsdpManager that found the device owns the record. A host reads it in a slot connected to
+ * SsdpManager::valueChanged().
+ *
+ * @warning Keep no pointer to a record. It is deleted when the next discovery starts.
  */
 class Q_DECL_EXPORT SsdpDevice
 {
 public:
-    /// The identifier, the address and the location are null; there are no services.
+    /// Constructs a record without services. The identifier, the address and the location are null.
     SsdpDevice();
 
     /// Deletes the services, first to last.
     ~SsdpDevice();
 
-    /// The control point's own identifier of this record, fresh for every record.
+    /// The identifier that the control point gives this record. Every record gets a new one.
     QUuid id;
 
-    /// Where the datagram came from that announced the device, not what its location says.
+    /// The sender of the announcing datagram. It may differ from the host in the location.
     QHostAddress address;
 
-    /// The URL of the device description as the LOCATION header gave it (UPnP Device Architecture
-    /// 1.1, clauses 1.2.2 and 1.3.3). No two devices of a control point have the same one.
+    /// The URL of the device description, as in the LOCATION header (UPnP Device Architecture 1.1,
+    /// clauses 1.2.2 and 1.3.3). It is unique within a control point.
     QString location;
 
-    /// The services of the root device in the order of its description. The device owns them.
+    /// The services of the root device, in document order. The device owns them.
     QList<SsdpService*> services;
 
 private:

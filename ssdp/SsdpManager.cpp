@@ -28,15 +28,15 @@ using Log::Logger;
 
 namespace {
 
-// A thousand devices answer one search within seconds; the kernel's default holds some 280 answers.
+// A thousand devices answer one search within seconds. The default of Linux 6.1 holds some 280 answers.
 const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 
-// What a connection keeps that nobody reads any more: the reply to a subscription has a few hundred bytes.
+// For a connection that is no longer read. The reply to a subscription has a few hundred bytes.
 const int UNREAD_BUFFER_SIZE = 4 * 1024;
 
 void enlargeReceiveBuffer(const QUdpSocket* socket)
 {
-    // The kernel grants no more than net.core.rmem_max, and refuses a socket without a descriptor.
+    // The kernel limits the size to net.core.rmem_max (socket(7)). Without a descriptor, it refuses.
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
@@ -84,8 +84,8 @@ SsdpManager::SsdpManager(const QHostAddress& address, QObject* parent)
     connect(&networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(onReplyFinished(QNetworkReply*)));
     connect(&eventServer, SIGNAL(newConnection()), this, SLOT(onNewConnection()));
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // From Qt 5 on, a server that finds no descriptor for a connection pauses. It keeps the first error
-    // that it met, so it may pause again after every connection from then on.
+    // Without a free descriptor for a connection, a server of Qt 5.15 or 6.4 pauses. It keeps its first
+    // error, so it may pause again after every later connection.
     connect(&eventServer, &QTcpServer::acceptError, &eventServer, &QTcpServer::resumeAccepting);
 #endif
 }
@@ -94,7 +94,7 @@ SsdpManager::~SsdpManager()
 {
     stop();
 
-    // The members and children still signal while they are destroyed, when no slot may run any more.
+    // Members and children emit signals while they are destroyed. No slot may run then.
     disconnect(&networkManager, nullptr, this, nullptr);
     disconnect(&eventServer, nullptr, this, nullptr);
     eventServer.close();
@@ -122,21 +122,21 @@ void SsdpManager::initialize()
     }
     enlargeReceiveBuffer(multicastSocket);
     if (!multicastSocket->joinMulticastGroup(MULTICAST_GROUP_ADDRESS, localAddress)) {
-        // The grave accents are part of the text, as docs/protocol.md, "Log lines", says: it is required.
+        // Operators search for this spelling; see docs/protocol.md, "Log lines".
         const QString text(QLatin1String("Could n``ot join %1"));
         Logger(Logger::Error) << signature << text.arg(MULTICAST_GROUP_ADDRESS.toString());
         return;
     }
 
-    // The socket above takes port 1900 of every address, so the search leaves from 49152 as a rule.
+    // The socket above has port 1900 of every address, so the search usually leaves from 49152.
     bool bound = unicastSocket->bind(localAddress, Protocol::SSDP_PORT);
     for (int port = Protocol::FIRST_SEARCH_PORT; !bound && port <= Protocol::LAST_SEARCH_PORT; ++port)
         bound = unicastSocket->bind(localAddress, static_cast<quint16>(port));
     enlargeReceiveBuffer(unicastSocket);
 
-    // A server that listens already keeps its port, and Qt would warn of the call.
+    // A server that is listening keeps its port. Qt (4.8 to 6.4) would print a warning.
     if (!eventServer.isListening() && eventServer.listen(localAddress, 0)) {
-        // Qt's own backlog of 50 loses connections when many devices send their event at once.
+        // Qt (4.8 to 6.4) sets a backlog of 50. It loses connections if many devices send events at once.
         ::listen(static_cast<int>(eventServer.socketDescriptor()), SOMAXCONN);
     } else {
         Logger(Logger::Error) << signature << "Could not bind local Ssdp server";
@@ -166,7 +166,7 @@ void SsdpManager::clearDevices()
     ++generation;
     networkManager.fetcher->guard.reset();
 
-    // Every pending request is for a device, including those for a service description.
+    // deviceReplies has every pending request, including those for service descriptions.
     networkManager.fetcher->dropAll();
     const QList<QNetworkReply*> replies = deviceReplies.keys();
     deviceReplies.clear();
@@ -180,7 +180,7 @@ void SsdpManager::clearDevices()
     for (auto it = requestSocketServices.begin(); it != requestSocketServices.end(); ++it) {
         it.value() = nullptr;
         it.key()->setReadBufferSize(UNREAD_BUFFER_SIZE);
-        // Of a connection that was refused, Qt keeps the descriptor until it is given another.
+        // Qt (5.15.8, 6.4.2) keeps the descriptor of a refused connection until it gets another.
         if (it.key()->state() == QAbstractSocket::UnconnectedState)
             it.key()->setSocketDescriptor(-1);
     }
@@ -234,8 +234,8 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
     if (!socket)
         return;
 
-    // QUdpSocket emits readyRead() again only after a read, so exactly one datagram is read, even if its
-    // size is said to be -1.
+    // QUdpSocket (Qt 4.8 to 6.4) emits readyRead() again only after a read, so exactly one datagram is
+    // read, even if its size is -1.
     const qint64 size = socket->pendingDatagramSize();
     QByteArray datagram(static_cast<int>(size) + 1, '\0');
     QHostAddress address;
@@ -292,7 +292,7 @@ void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
         return;
     }
 
-    // The document decides, not the request: a service description may be answered by a device's.
+    // The document decides, not the request: a device may send either document for either request.
     SsdpDevice* const device = deviceReplies.value(networkReply);
     SsdpService* const service = serviceReplies.value(networkReply);
     switch (Documents::kindOf(document)) {
@@ -339,7 +339,7 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
     const quint16 port = static_cast<quint16>(location.port(Protocol::HTTP_PORT));
     NameBound bound(service->stateVariables);
     const QStringList names = Documents::stateVariables(document);
-    // One subscription per variable, as docs/protocol.md, "Service description", says: it is required.
+    // Devices expect one subscription per variable; see docs/protocol.md, "Service description".
     for (const QString& name : names) {
         if (!bound.admits(name))
             continue;
@@ -352,7 +352,7 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
         connect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
         connect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
         networkManager.fetcher->guard.connectToHost(socket, host, port);
-        // It will not signal any more, and sender() would walk it with all the others.
+        // A socket that could not be opened emits no signals, but sender() would still search its connections.
         if (socket->state() == QAbstractSocket::UnconnectedState)
             socket->disconnect(this);
         Logger(Logger::Information) << "SSDP response state variable" << name;
@@ -365,11 +365,11 @@ void SsdpManager::onRequestSocketConnected()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
-    // The descriptor of a connection to a name is known only now.
+    // A connection to a host name has no descriptor until the name is looked up.
     if (!service || !networkManager.fetcher->guard.admits(socket))
         return;
     socket->write(createSubscribeMessage(service).toLatin1());
-    // Saves the event loop a turn for it.
+    // Sends now, not in the next turn of the event loop.
     socket->flush();
 }
 
@@ -397,7 +397,7 @@ void SsdpManager::onRequestSocketReadyRead()
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
     if (!service) {
-        // Its reply stays unread. With a full buffer, though, Qt would not see that the peer closes.
+        // The reply is not used. But with a full buffer, Qt (4.8 to 6.4) does not see the peer close.
         if (socket && socket->bytesAvailable() >= UNREAD_BUFFER_SIZE)
             socket->readAll();
         return;
@@ -441,12 +441,12 @@ void SsdpManager::onResponseSocketReadyRead()
     }
     QString& buffer = responseBuffers[socket];
     buffer += textUpToZero(socket->readAll());
-    // One character short is enough, as docs/protocol.md, "Event", says: it is required.
+    // The body is complete one character before its end; see docs/protocol.md, "Event".
     if (buffer.size() < contentLength - 1)
         return;
 
-    // A receiver of valueChanged() may delete this object, or run an event loop while the peer sends on
-    // or closes. Nobody else deletes the socket while it is inside its readyRead().
+    // A receiver of valueChanged() may delete this object, or run an event loop while the peer sends more
+    // or closes. The socket must not be deleted inside its readyRead(), so it gets no parent and no slots.
     const QPointer<SsdpManager> self(this);
     const QString body = buffer;
     socket->disconnect(this);
@@ -461,19 +461,19 @@ void SsdpManager::onResponseSocketReadyRead()
 
 void SsdpManager::readEventHead(QTcpSocket* socket)
 {
-    // What has come with the head is dropped, as docs/protocol.md, "Event", says: it is required.
+    // All bytes that are read with the head are dropped; see docs/protocol.md, "Event".
     const QString header = textUpToZero(socket->readAll());
     SsdpService* const service = getServiceFromHeader(header);
     const QString contentLength = getHeaderValue(header, QString(QLatin1String("CONTENT-LENGTH")));
 
-    // A negative length brings the connection here again with every chunk.
+    // After a negative length, this function runs again for every later segment.
     if (!responseContentLengths.contains(socket))
         requestSockets.append(socket);
     requestSocketServices.insert(socket, service);
     responseContentLengths.insert(socket, contentLength.toInt());
     responseBuffers.insert(socket, QString());
 
-    // Recorded first, since Qt emits disconnected() from inside the call.
+    // Comes last, because Qt 5.15 and 6.4 emit disconnected() inside this call.
     if (!service)
         socket->disconnectFromHost();
 }
@@ -498,7 +498,7 @@ void SsdpManager::updateStateVariables(SsdpService* service, const QString& xml)
         return;
     }
 
-    // A receiver may delete this object, or begin another discovery, which deletes the records.
+    // A receiver may delete this object, or start a discovery, which deletes the records.
     const QPointer<SsdpManager> self(this);
     const unsigned int current = generation;
     const SsdpDevice* const device = getDeviceForService(service);

@@ -1,7 +1,7 @@
 #ifndef VELMORA_SSDP_SSDPMANAGER_H
 #define VELMORA_SSDP_SSDPMANAGER_H
 
-// Hosts connect by the text of a signature, and these name the records without their namespaces.
+// Hosts connect by the text of a signature. These texts name the records without namespaces.
 // clazy:excludeall=fully-qualified-moc-types
 
 #include <ssdp/QtVersion.h>
@@ -31,10 +31,11 @@ class RecordIndex;
 /**
  * A UPnP control point on one local IPv4 address.
  *
- * It searches for root devices, fetches the description of each, fetches the service description of
- * every key-object service, subscribes to that service's events and reports each state variable that
- * an event brings. Most hosts use Ssdp, which runs one control point per local address; used by
- * itself:
+ * It searches for root devices and fetches their descriptions. For every key-object service, it fetches
+ * the service description and subscribes to the events. It reports each state variable in an event.
+ *
+ * Most hosts use Ssdp, which runs one control point per local address. A host may also use a control
+ * point directly:
  *
  * @code
  * SsdpManager manager(QHostAddress("192.168.1.10"));
@@ -43,16 +44,18 @@ class RecordIndex;
  * manager.discover();
  * @endcode
  *
- * All work happens in the event loop of the thread that owns the object. Nothing is retried, renewed
- * or expired by time. Failures are written to the log; what is malformed on the network is dropped.
+ * All work happens in the event loop of the thread that owns the object. Searches are not repeated,
+ * subscriptions are not renewed, and records do not expire. Failures are written to the log. Malformed
+ * input from the network is dropped.
  *
- * The control point's sockets and requests use no proxy, whatever the host or the environment sets.
+ * @note No proxy is used, even if the host or the environment sets one.
  *
- * @note The control point starts no thread, except that Qt looks up a host name in one if the location
- * of a device has a name instead of an address.
+ * @note The control point starts no thread. Qt starts one to look up a host name, if the location of a
+ * device has a name instead of an address.
  *
- * @note The last descriptors, 64 of 1,024, are left to the rest of the process. While no others are
- * free, requests and subscriptions fail, events are not accepted, and one line of the log says so.
+ * @note No connection is opened that would leave fewer than 64 of 1,024 file descriptors free for the
+ * rest of the process. Requests and subscriptions then fail, connections for events are closed, and
+ * one log line per search reports it.
  */
 class Q_DECL_EXPORT SsdpManager : public QObject
 {
@@ -71,107 +74,126 @@ public:
     static const QString VELMORA_SERVICE_FILTER;
 
     /**
-     * Makes a control point for @p address, one of this host's IPv4 addresses: it searches from
-     * there, listens to the group there, and devices send their events there. Nothing is bound yet.
+     * Constructs a control point for @p address, one of this host's IPv4 addresses. It searches from
+     * this address, joins the group on the interface of this address, and receives events at this
+     * address. No socket is opened yet.
      */
     explicit SsdpManager(const QHostAddress& address, QObject* parent = nullptr);
 
     /**
      * Closes every socket and aborts every request. Safe at any time, even in a receiver of
-     * valueChanged() and inside a nested event loop of one.
+     * valueChanged() and inside a nested event loop of such a receiver.
      */
     ~SsdpManager() override;
 
     /**
-     * Sets up the sockets: one for the group on port 1900, one for the search on the address given
-     * (port 1900, else the first free one from 49152 to 65534), and the event server on any free
-     * port of that address.
+     * Sets up three sockets:
+     * - one for the group, on port 1900;
+     * - one for the search, on the local address. Its port is 1900 if that is free, else the first free
+     *   port from 49152 to 65534;
+     * - one for the event server, on the local address. The system chooses a free port.
      *
-     * A failure is logged. Without port 1900 or the group, the search leaves from a port that the
-     * system chooses, and the event server is not started; one that listens already goes on.
+     * @note Failures are only logged. If port 1900 or the group is not available, the search leaves
+     * from a port that the system chooses, and the event server is not started. If it is already
+     * listening, it continues.
      *
-     * @warning Call stop() before calling this again. The event server then keeps its port, which the
-     * log reports as a failure.
+     * @note From the second call on, the event server keeps its port. The log reports this as a failure.
+     *
+     * @warning Call stop() before you call this again.
      */
     void initialize();
 
     /**
-     * Sends one search for root devices (M-SEARCH, clause 1.3.2), as one datagram. Does nothing
-     * before initialize() and after stop().
+     * Sends one search for root devices (M-SEARCH, clause 1.3.2) as one datagram. Does nothing
+     * before initialize() or after stop().
      */
     void discover();
 
     /**
-     * Closes the two UDP sockets: no more devices are found. Descriptions, subscriptions and events
-     * under way go on, and the event server keeps listening. Does nothing on a stopped manager.
+     * Closes the two UDP sockets, so no more devices are found. Does nothing if they are closed.
+     *
+     * @note Requests, subscriptions and events in progress continue. The event server keeps listening.
      */
     void stop();
 
     /**
-     * Forgets every device: deletes the records, aborts the requests for their descriptions, and
-     * keeps the subscriptions and events under way from reaching any record, old or new.
+     * Forgets every device: deletes the records and aborts the requests for descriptions.
+     *
+     * @note Subscriptions and events in progress do not change any record after this call, not even a
+     * record that is created later.
+     *
+     * @warning Pointers to records are invalid after this call.
      */
     void clearDevices();
 
     /**
-     * The device that lists @p service, or null. Only the pointer is compared; it may be null or
-     * point to a record that is gone.
+     * The device that lists @p service, or null. Only the pointer is compared, so @p service may be
+     * null or point to a deleted record.
      */
     SsdpDevice* getDeviceForService(const SsdpService* service) const;
 
     /**
-     * The search request, every line ended by a single line feed. It asks for upnp:rootdevice with
-     * MX: 3, so devices answer within three seconds.
+     * The search request. Every line ends with a single line feed. Its target (ST) is
+     * upnp:rootdevice. Its MX is 3, so devices answer within three seconds.
      */
     QString createSearchMessage();
 
-    /// The kernel's name and release as in "Linux/6.1.0", or "Undefined/-1".
+    /// The kernel's name and release, such as "Linux/6.1.0", or "Undefined/-1" if they are not known.
     static QString getSystemInfo();
 
     /**
-     * The value of the first line of @p message that begins with @p header, without regard to case,
-     * and has a colon after its first character: the text after the first colon, trimmed.
+     * The value of a header field: the text after the first colon of its line, trimmed.
      *
-     * The comparison is of the line's beginning, not of the whole name: "SID" also finds "SIDE: x".
-     * @return a null string when there is no such line, an empty one when it has no value
+     * The line is the first one of @p message that begins with @p header, in upper or lower case, and
+     * has a colon, but not as its first character.
+     *
+     * @note Only the beginning of the line is compared, not the whole name: "SID" also finds "SIDE: x".
+     *
+     * @return a null string if there is no such line, an empty string if the line has no value
      */
     QString getHeaderValue(const QString& message, const QString& header);
 
     /**
-     * The HOST value of a subscription to @p url: the host, a colon, and one character whose code is
-     * the low 8 bits of the port (80 when the URL names none). Port 80 gives "10.0.0.5:P".
+     * The HOST value of a subscription to @p url: the host, a colon, and one character. The code of the
+     * character is the low 8 bits of the port, which is 80 if the URL names none. Port 80 gives
+     * "10.0.0.5:P".
      *
-     * @note This form is required. It is not the decimal port.
+     * @note Devices in the field expect this form, not the decimal port.
      */
     QString getHost(const QString& url) const;
 
-    /// @p path with a "/" before it, unless it begins with one.
+    /// @p path with a leading "/". It is added only if @p path does not begin with one.
     QString getSubLocation(const QString& path) const;
 
     /**
      * @p path on the server of @p location: "http://h:1/a/b.xml" and "c.xml" give "http://h:1/c.xml".
-     * @p path is never taken for a URL of its own; only the scheme "http://" is known.
+     *
+     * @note @p path is not resolved like a URL: a whole URL is appended like any other path. In
+     * @p location, only the scheme "http://" is known.
      */
     QString getFullLocation(const QString& location, const QString& path) const;
 
     /**
-     * The subscription request for @p service (SUBSCRIBE, clause 4.1.2), every line ended by a single
-     * line feed. Its CALLBACK names the event server and the service's identifier.
-     * @return an empty string when no device lists @p service
+     * The subscription request for @p service (SUBSCRIBE, clause 4.1.2). Every line ends with a single
+     * line feed. The CALLBACK contains the address of the event server and the service's identifier.
+     * @return an empty string if no device lists @p service
      */
     QString createSubscribeMessage(SsdpService* service);
 
 Q_SIGNALS:
     /**
-     * An event has set the state variable @p valueName of @p service. The new value stands in
+     * An event has set the state variable @p valueName of @p service. The new value is in
      * SsdpService::stateVariables.
      *
-     * Comes once per property of every event, in the order of the event's document, also when the
-     * value is the same as before and when the service description does not list the variable; also
-     * after stop(). The name is empty for a property without an element.
+     * Emitted once for each property of every event, in document order. The name is empty for a property
+     * without an element.
      *
-     * The pointers live until the next clearDevices(), so at least until the first receiver that
-     * calls it. Receivers may do so, and the properties left in the event are then dropped.
+     * @note The signal also comes if the value has not changed, and if the service description does not
+     * list the variable. It may come after stop().
+     *
+     * @warning The pointers are valid until clearDevices() is called. A receiver may call it. Receivers
+     * that run after that receiver then get invalid pointers, and the remaining properties of the event
+     * are dropped.
      */
     void valueChanged(const SsdpDevice* device, const SsdpService* service, const QString& valueName);
 
@@ -195,7 +217,7 @@ private:
     SsdpService* getServiceFromHeader(const QString& header);
     void updateStateVariables(SsdpService* service, const QString& xml);
 
-    /// Fetches by HttpFetcher what QNetworkAccessManager::get() requests.
+    /// Hands every GET to HttpFetcher.
     class Q_DECL_HIDDEN NetworkManager : public QNetworkAccessManager
     {
     public:
@@ -209,34 +231,34 @@ private:
                                      QIODevice* outgoingData) override;
     };
 
-    QHostAddress localAddress; ///< Of the interface, the search and the event server.
-    MulticastSocket* multicastSocket; ///< Listens to the group; null unless initialised.
-    QUdpSocket* unicastSocket; ///< Searches, and gets the answers; null unless initialised.
+    QHostAddress localAddress; ///< Of the group's interface, the search and the event server.
+    MulticastSocket* multicastSocket; ///< Receives announcements. Null while stopped.
+    QUdpSocket* unicastSocket; ///< Sends the search and receives the answers. Null while stopped.
     NetworkManager networkManager; ///< Fetches descriptions and service descriptions.
     QTcpServer eventServer; ///< Accepts the connections of events.
     QList<SsdpDevice*> devices; ///< In the order in which they were found. Owned.
 
-    /// The device that each pending request is for, be it for its description or a service description.
+    /// The device of each pending request for a description or a service description.
     QHash<QNetworkReply*, SsdpDevice*> deviceReplies;
-    /// The service that each pending request for a service description is for.
+    /// The service of each pending request for a service description.
     QHash<QNetworkReply*, SsdpService*> serviceReplies;
 
-    /// The connections of subscriptions *and*, from their first data on, those of events.
+    /// The connections of subscriptions, and the connections of events after their first data.
     QList<QTcpSocket*> requestSockets;
-    /// The service of each connection in requestSockets: the one subscribed to, or the one that the
-    /// path of the event names. Null if there is none, or none any more.
+    /// The service of each connection in requestSockets: the one of the subscription, or the one in the
+    /// path of the event. Null if there is none, or if its record has been deleted.
     QHash<QTcpSocket*, SsdpService*> requestSocketServices;
 
-    /// The CONTENT-LENGTH of each event whose head has come.
+    /// The CONTENT-LENGTH of each event whose head was received.
     QHash<QTcpSocket*, int> responseContentLengths;
-    /// The body of each event whose head has come, as far as it has come.
+    /// What was received of the body of each event whose head was received.
     QHash<QTcpSocket*, QString> responseBuffers;
 
-    /// Counts the calls of clearDevices(). A record of an earlier discovery is recognised by it even if
-    /// a new record has the same address.
+    /// Counts the calls of clearDevices(). After a signal, it shows whether the records were deleted. A
+    /// pointer does not show it: a new record may have the address of an old one.
     unsigned int generation;
 
-    /// Finds records as a walk over devices would.
+    /// Finds the same records as a search through devices.
     RecordIndex* const index;
 
     Q_DECL_HIDDEN void readDatagram(QUdpSocket* socket);

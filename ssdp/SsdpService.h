@@ -13,35 +13,36 @@ namespace SSDP {
 /**
  * What a control point knows of one service of a device: a plain record.
  *
- * The texts stand as they came from the device description (UPnP Device Architecture 1.1, clause
- * 2.3): neither trimmed nor checked. An element that the description lacks leaves an empty text.
+ * The SsdpDevice that lists the service owns the record. A host reads it in a slot connected to
+ * SsdpManager::valueChanged().
  *
- * The SsdpDevice that lists the service owns it. A host only reads it, in a slot connected to
- * SsdpManager::valueChanged(), and keeps no pointer to it: the record dies when the next discovery
- * starts.
+ * @note The texts are those of the device description (UPnP Device Architecture 1.1, clause 2.3). They
+ * are not trimmed and not checked. A missing element gives an empty text.
+ *
+ * @warning Keep no pointer to a record. It is deleted when the next discovery starts.
  */
 class Q_DECL_EXPORT SsdpService
 {
 public:
-    /// Both identifiers are null, every text is null and the table is empty.
+    /// Constructs a record without state variables. Both identifiers and all texts are null.
     SsdpService();
     virtual ~SsdpService();
 
-    /// The SID that the device gave to the last subscription; null until then, or when it gave none.
+    /// The SID in the last reply to a subscription. Null before the first reply, and if that reply has none.
     QUuid subscriptionId;
 
-    /// The control point's own identifier of this record, fresh for every record. It stands in the
-    /// callback path of the subscription, and events find their service by it.
+    /// The identifier that the control point gives this record. Every record gets a new one. The device
+    /// sends it back in the path of an event, which shows the service that the event belongs to.
     QUuid id;
 
-    QString serviceType; ///< The type, SsdpManager::VELMORA_SERVICE_FILTER for a key-object service.
-    QString serviceId; ///< The identifier that the device gives it.
-    QString controlUrl; ///< Where its actions would be called, which the library never does.
-    QString eventSubUrl; ///< The path that takes subscriptions, on the server of the location.
-    QString scpdUrl; ///< The path of its description, on the server of the location.
+    QString serviceType; ///< SsdpManager::VELMORA_SERVICE_FILTER for a key-object service.
+    QString serviceId; ///< The identifier that the device gives the service.
+    QString controlUrl; ///< The URL for actions. The library does not use it.
+    QString eventSubUrl; ///< The path for subscriptions, on the server of the location.
+    QString scpdUrl; ///< The path of the service description, on the server of the location.
 
-    /// The last value received of each state variable, by name: null for a variable that the service
-    /// description lists and no event has set, no entry for one that neither has named.
+    /// The last value of each state variable, by name. The value is null if the service description
+    /// lists the variable and no event has set it yet.
     QHash<QString, QString> stateVariables;
 
 private:
