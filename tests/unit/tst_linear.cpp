@@ -153,7 +153,7 @@ QString eventOf(const QStringList& names)
 Work eventWork(const QString& event)
 {
     return [event] {
-        SsdpManager manager(QHostAddress(QHostAddress::LocalHost));
+        SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
         ManagerAccess access(manager);
         SsdpDevice* const device = new SsdpDevice;
         device->services.append(new SsdpService);
@@ -385,7 +385,7 @@ void LinearTest::timeGrowsWithTheLength_data()
     });
     add("announcements of different locations", 100, [](int size) -> Work {
         return [size] {
-            SsdpManager manager(QHostAddress(QHostAddress::LocalHost));
+            SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
             ManagerAccess access(manager);
             for (int i = 0; i < size; ++i)
                 access.addSsdpDevice(QHostAddress(QHostAddress::LocalHost), QStringLiteral("none:/%1").arg(i));
@@ -395,7 +395,7 @@ void LinearTest::timeGrowsWithTheLength_data()
     });
     add("announcements of one location", 1000, [](int size) -> Work {
         return [size] {
-            SsdpManager manager(QHostAddress(QHostAddress::LocalHost));
+            SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
             ManagerAccess access(manager);
             for (int i = 0; i < size; ++i)
                 access.addSsdpDevice(QHostAddress(QHostAddress::LocalHost), QStringLiteral("none:/"));
