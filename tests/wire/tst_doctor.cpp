@@ -372,7 +372,8 @@ void DoctorTest::goodDevicesAreFoundAndNothingElse()
         "--devices 5 --variables A,KO --event-every 300 --announce-every 700 --response-delay 0-500",
         "--devices 2 --second-interface --response-delay 0-500",
         "--devices 5 --event-gap 300 --event-tail --response-delay 0-200",
-        "--devices 20 --event-gap 100 --function-code -5 --univocal-code 2146000000 --port 80",
+        ("--devices 20 --event-gap 100 --function-code -5 --univocal-code 2146000000 --port 80 --response-delay "
+         "0-900"),
     };
     const int kinds = static_cast<int>(std::size(options));
     const int runs = qMax(kinds, qEnvironmentVariableIntValue("VELMORA_DOCTOR_RUNS"));
