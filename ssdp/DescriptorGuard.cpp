@@ -52,14 +52,6 @@ bool DescriptorGuard::admits(QAbstractSocket* socket)
     return false;
 }
 
-bool DescriptorGuard::admitsAccepted(QAbstractSocket* socket)
-{
-    if (admits(socket->socketDescriptor() + spare))
-        return true;
-    socket->abort();
-    return false;
-}
-
 bool DescriptorGuard::admitsLookup()
 {
     // A look-up does not show how many descriptors are in use, so one is opened to see its number.

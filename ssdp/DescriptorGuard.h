@@ -10,8 +10,7 @@ namespace SSDP {
 
 /**
  * Keeps some file descriptors free for the rest of the process: 64, or a sixteenth of the limit if that
- * is less. Connections that peers open must leave twice as many, so that requests and subscriptions
- * remain possible.
+ * is less.
  *
  * A device may make the library open any number of connections. When a thread then starts without a free
  * descriptor for its event loop, Qt (4.8 to 6.4) and GLib abort the process.
@@ -32,8 +31,6 @@ public:
 
     /// Whether @p socket may stay open. Aborts it if too few descriptors are left.
     bool admits(QAbstractSocket* socket);
-    /// The same for a connection that a peer has opened.
-    bool admitsAccepted(QAbstractSocket* socket);
 
 private:
     bool admitsLookup();

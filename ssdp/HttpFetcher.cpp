@@ -14,10 +14,9 @@ namespace {
 
 const int MAX_CONNECTIONS = 6;
 const int MAX_ATTEMPTS = 4;
-const qint64 KIB = 1024;
-const qint64 READ_BUFFER_SIZE = 64 * KIB;
-const qint64 UNCOUNTED_BYTES = KIB * KIB;
-const qint64 MAX_COUNTED_BYTES = 64 * KIB * KIB;
+const qint64 READ_BUFFER_SIZE = Q_INT64_C(64) * 1024;
+const qint64 UNCOUNTED_BYTES = Q_INT64_C(1024) * 1024;
+const qint64 MAX_COUNTED_BYTES = Q_INT64_C(64) * 1024 * 1024;
 
 bool isFetchable(const QUrl& url)
 {

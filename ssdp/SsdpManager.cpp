@@ -418,7 +418,7 @@ void SsdpManager::onNewConnection()
         QTcpSocket* const socket = eventServer.nextPendingConnection();
         connect(socket, SIGNAL(readyRead()), this, SLOT(onResponseSocketReadyRead()));
         connect(socket, SIGNAL(disconnected()), this, SLOT(onResponseSocketDisconnected()));
-        networkManager.fetcher->guard.admitsAccepted(socket);
+        networkManager.fetcher->guard.admits(socket);
     }
 }
 

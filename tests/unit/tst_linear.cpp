@@ -8,6 +8,7 @@
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/NamesAlike.h>
 #include <tests/support/ProcessState.h>
+#include <tests/support/Sanitized.h>
 
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
@@ -182,6 +183,8 @@ private Q_SLOTS:
 
 void LinearTest::initTestCase()
 {
+    if (SANITIZED)
+        QSKIP("AddressSanitizer's own work would be measured");
     // Memory that is given back to the kernel costs as much as the work, and only large inputs give back any.
     mallopt(M_MMAP_THRESHOLD, 32 * KB * KB);
     mallopt(M_TRIM_THRESHOLD, 1024 * KB * KB);

@@ -7,7 +7,7 @@ namespace Doctor {
 
 namespace {
 
-const int LINGER = 100;
+const int REPLY_LINGER = 100;
 const int LONGEST_BEGINNING = 64 * 1024;
 
 } // namespace
@@ -75,7 +75,7 @@ void Request::onReceived(const QByteArray& bytes)
         if (kind == HeadOnly)
             finish(Ending::Complete);
         else if (!linger.isActive())
-            linger.start(LINGER);
+            linger.start(REPLY_LINGER);
         break;
     case SSDP::HttpReader::Malformed:
         finish(Ending::Malformed);
