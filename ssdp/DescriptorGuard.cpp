@@ -3,7 +3,6 @@
 #include <log/Logger.h>
 
 #include <QtNetwork/QAbstractSocket>
-#include <QtNetwork/QHostAddress>
 
 #include <cerrno>
 #include <fcntl.h>
@@ -37,11 +36,9 @@ void DescriptorGuard::reset()
 
 void DescriptorGuard::connectToHost(QAbstractSocket* socket, const QString& host, quint16 port)
 {
-    // Qt (4.8 to 6.4) looks up a host name in a thread, which needs descriptors.
-    if (QHostAddress(host).isNull() && !admitsLookup())
-        return;
-    socket->connectToHost(host, port, QIODevice::ReadWrite);
-    admits(socket);
+    // Qt tells the descriptor of a connection only once it is open, and looks up a name in a thread.
+    if (admitsAnother())
+        socket->connectToHost(host, port, QIODevice::ReadWrite);
 }
 
 bool DescriptorGuard::admits(QAbstractSocket* socket)
@@ -52,9 +49,8 @@ bool DescriptorGuard::admits(QAbstractSocket* socket)
     return false;
 }
 
-bool DescriptorGuard::admitsLookup()
+bool DescriptorGuard::admitsAnother()
 {
-    // A look-up does not show how many descriptors are in use, so one is opened to see its number.
     const int probe = open("/", O_PATH | O_CLOEXEC);
     if (probe == -1)
         return (errno != EMFILE && errno != ENFILE) || admits(limit);

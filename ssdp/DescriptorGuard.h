@@ -33,7 +33,7 @@ public:
     bool admits(QAbstractSocket* socket);
 
 private:
-    bool admitsLookup();
+    bool admitsAnother();
     bool admits(qint64 descriptor);
 
     qint64 limit;
