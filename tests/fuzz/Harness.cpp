@@ -1,8 +1,9 @@
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <simulator/PrivateNetwork.h>
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtCore/QCoreApplication>
@@ -15,6 +16,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace Velmora::Tests;
 using Velmora::Simulator::PrivateNetwork;
 
 namespace {
@@ -65,7 +67,7 @@ void settle()
 
 QUuid serviceId()
 {
-    return QUuid(QLatin1String("6f9619ff-8b86-d011-b42d-00c04fc964ff"));
+    return QUuid("6f9619ff-8b86-d011-b42d-00c04fc964ff");
 }
 
 SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& location)
@@ -77,7 +79,7 @@ SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& locatio
     device->location = location;
     device->services.append(service);
     service->id = serviceId();
-    service->eventSubUrl = QLatin1String("/event");
+    service->eventSubUrl = "/event"_s;
     Tests::ManagerAccess(manager).devices().append(device);
     return service;
 }

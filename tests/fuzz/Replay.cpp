@@ -1,4 +1,4 @@
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpManager.h>
 

@@ -1,6 +1,6 @@
 // A datagram, through a real socket, as far as the request for the description.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpDevice.h>
 #include <tests/support/ManagerAccess.h>

@@ -1,19 +1,21 @@
 // The body of the reply to the request for a device description, as far as the requests for the
 // descriptions of its services.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static auto* const manager = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
     Tests::ManagerAccess access(*manager);
-    Fuzz::addService(*manager, QLatin1String("http://127.0.0.1:9/description.xml"));
+    Fuzz::addService(*manager, "http://127.0.0.1:9/description.xml"_s);
     SSDP::SsdpDevice* const device = access.devices().constFirst();
     auto* const reply =
         new Fuzz::FinishedReply(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));

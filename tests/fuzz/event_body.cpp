@@ -1,9 +1,10 @@
 // The body of an event, in segments: the first byte says how many cuts follow it, a byte each, in
 // 255ths of the body; the second how far the announced length is off.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QTcpSocket>
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <vector>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -22,7 +24,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static SSDP::SsdpManager* const manager = [] {
         auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
         result->initialize();
-        service = Fuzz::addService(*result, QLatin1String("http://127.0.0.1:9/description.xml"));
+        service = Fuzz::addService(*result, "http://127.0.0.1:9/description.xml"_s);
         return result;
     }();
     Tests::ManagerAccess access(*manager);

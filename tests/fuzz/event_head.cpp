@@ -1,13 +1,15 @@
 // The first bytes on a connection to the event server, and whatever comes after them in one more
 // segment: the first byte says how much, in sixteenths.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QTcpSocket>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -17,7 +19,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     static SSDP::SsdpManager* const manager = [] {
         auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
         result->initialize();
-        Fuzz::addService(*result, QLatin1String("http://127.0.0.1:9/description.xml"));
+        Fuzz::addService(*result, "http://127.0.0.1:9/description.xml"_s);
         return result;
     }();
     Tests::ManagerAccess access(*manager);

@@ -1,9 +1,10 @@
 // What a server answers to a GET, over a real connection, cut in pieces. The first byte says how the
 // connection ends, the next two where the reply is cut.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/HttpReader.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QNetworkRequest>
@@ -12,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 namespace {
@@ -63,7 +65,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     QNetworkAccessManager& network = Tests::ManagerAccess(manager).networkManager();
     // The control point would read the reply and let it go.
     QObject::disconnect(&network, nullptr, &manager, nullptr);
-    const QUrl url(QString(QLatin1String("http://127.0.0.1:%1/d.xml")).arg(ntohs(address.sin_port)));
+    const QUrl url(QString("http://127.0.0.1:%1/d.xml"_s).arg(ntohs(address.sin_port)));
     QNetworkReply* const reply = network.get(QNetworkRequest(url));
     int finishes = 0;
     QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });

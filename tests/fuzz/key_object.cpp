@@ -1,6 +1,6 @@
 // The value of a key object, against a reader of its own.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/Ssdp.h>
 

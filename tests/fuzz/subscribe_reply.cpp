@@ -1,16 +1,18 @@
 // What a device answers to a SUBSCRIBE, over a real connection. The first byte says whether it answers
 // before the request was sent, the second how much of it comes in a first segment.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <arpa/inet.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 namespace {
@@ -43,8 +45,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 
     SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
     Tests::ManagerAccess access(manager);
-    SSDP::SsdpService* const service = Fuzz::addService(
-        manager, QString(QLatin1String("http://127.0.0.1:%1/description.xml")).arg(ntohs(address.sin_port)));
+    SSDP::SsdpService* const service =
+        Fuzz::addService(manager, QString("http://127.0.0.1:%1/description.xml"_s).arg(ntohs(address.sin_port)));
     auto* const description = new Fuzz::FinishedReply(QByteArray(DESCRIPTION));
     access.deviceReplies().insert(description, access.devices().constFirst());
     access.serviceReplies().insert(description, service);

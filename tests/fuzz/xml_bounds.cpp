@@ -2,7 +2,8 @@
 // has, let a short input stand for a long one: in \1<n>text\2 the text is repeated n times 16, with
 // every \3 in it replaced by the number of the repetition.
 
-#include "Harness.h"
+#include <tests/fuzz/Harness.h>
+#include <tests/support/Literals.h>
 
 #include <ssdp/BoundedXml.h>
 
@@ -10,6 +11,7 @@
 #include <QtCore/QXmlStreamReader>
 #include <QtXml/QDomDocument>
 
+using namespace Velmora::Tests;
 using namespace Velmora;
 
 namespace {
@@ -42,7 +44,7 @@ struct Reading
 
 Reading readSlowly(const QString& text)
 {
-    static const QRegularExpression quoted(QLatin1String("\"[^\"]*\"|'[^']*'"));
+    static const QRegularExpression quoted("\"[^\"]*\"|'[^']*'"_s);
     Reading reading = {true, true};
     QXmlStreamReader reader(text);
     reader.setNamespaceProcessing(false);

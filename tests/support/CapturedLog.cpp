@@ -1,4 +1,5 @@
 #include <tests/support/CapturedLog.h>
+#include <tests/support/Literals.h>
 
 #include <log/Logger.h>
 
@@ -70,7 +71,7 @@ QStringList CapturedLog::joined(int severity)
     QStringList result;
     for (const LogLine& line : captured()) {
         if (line.severity == severity)
-            result << line.pieces.join(QLatin1String("|"));
+            result << line.pieces.join("|"_s);
     }
     return result;
 }

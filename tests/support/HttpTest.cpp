@@ -1,4 +1,5 @@
 #include <tests/support/HttpTest.h>
+#include <tests/support/Literals.h>
 
 #include <QtCore/QMutex>
 #include <QtNetwork/QNetworkRequest>
@@ -37,7 +38,7 @@ void noteWarning(QtMsgType type, const QMessageLogContext& context, const QStrin
 const QByteArray HttpTest::BODY("<a>b</a>");
 
 Fetcher::Fetcher()
-    : manager(QHostAddress(QStringLiteral("10.77.0.1")))
+    : manager(QHostAddress("10.77.0.1"))
     , network(ManagerAccess(manager).networkManager())
 {
     // The control point would read the body itself.
@@ -74,7 +75,7 @@ void Fetch::onFinished(QNetworkReply* finished)
 
 QUrl HttpTest::url(const char* path, const char* host)
 {
-    return QUrl(QStringLiteral("http://%1:8080%2").arg(QLatin1String(host), QLatin1String(path)));
+    return QUrl("http://%1:8080%2"_s.arg(QLatin1String(host), QLatin1String(path)));
 }
 
 bool HttpTest::serve(const QList<QByteArray>& segments, End end, const Fetch& fetch)
@@ -130,7 +131,7 @@ void HttpTest::init()
 {
     // To make a device takes longer than most of these tests.
     if (!device)
-        device = std::make_unique<ScriptedDevice>(network, QStringLiteral("10.77.1.1"), quint16(8080));
+        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
     device->forget();
     served = 0;
     warnings().texts.clear();

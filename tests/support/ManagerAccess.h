@@ -2,6 +2,7 @@
 #define VELMORA_TESTS_SUPPORT_MANAGERACCESS_H
 
 #include <ssdp/SsdpManager.h>
+#include <tests/support/Literals.h>
 
 #include <QtCore/QMetaObject>
 
@@ -16,7 +17,7 @@ namespace Tests {
  *
  * @code
  * ManagerAccess access(manager);
- * access.addSsdpDevice(QHostAddress(QLatin1String("10.77.1.1")), QLatin1String("http://10.77.1.1/d.xml"));
+ * access.addSsdpDevice(QHostAddress("10.77.1.1"), "http://10.77.1.1/d.xml"_s);
  * QCOMPARE(access.devices().size(), 1);
  * @endcode
  *

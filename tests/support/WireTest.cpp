@@ -1,3 +1,4 @@
+#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <cstdio>
@@ -9,14 +10,6 @@ namespace Tests {
 
 using Simulator::PrivateNetwork;
 
-const char WireTest::KEY_OBJECTS[] = "<service>"
-                                     "<serviceType>urn:schemas-velmora-it:service:keyobjects:1</serviceType>"
-                                     "<serviceId>urn:velmora-it:serviceId:keyobjects</serviceId>"
-                                     "<SCPDURL>/scpd.xml</SCPDURL>"
-                                     "<controlURL>/control</controlURL>"
-                                     "<eventSubURL>/event</eventSubURL>"
-                                     "</service>";
-
 WireTest::WireTest(PrivateNetwork& network)
     : network(network)
     , timeouts(0)
@@ -27,7 +20,7 @@ WireTest::WireTest(PrivateNetwork& network)
 QString WireTest::addLink(const char* hostAddress, const char* firstDeviceAddress, int deviceAddresses)
 {
     network.addLink(hostAddress, firstDeviceAddress, deviceAddresses);
-    return QStringLiteral("host%1").arg(links++);
+    return "host%1"_s.arg(links++);
 }
 
 bool WireTest::waitUntil(const std::function<bool()>& condition)
@@ -49,11 +42,10 @@ bool WireTest::waitUntil(const std::function<bool()>& condition)
 std::unique_ptr<SSDP::Ssdp> WireTest::newController(int timeout)
 {
     auto controller = std::make_unique<SSDP::Ssdp>(timeout);
-    connect(
-        controller.get(), &SSDP::Ssdp::discovered, this,
-        [this](int functionCode, int univocalCode, const QHostAddress& address) {
-            reports << QStringLiteral("%1,%2 at %3").arg(functionCode).arg(univocalCode).arg(address.toString());
-        });
+    connect(controller.get(), &SSDP::Ssdp::discovered, this,
+            [this](int functionCode, int univocalCode, const QHostAddress& address) {
+                reports << "%1,%2 at %3"_s.arg(functionCode).arg(univocalCode).arg(address.toString());
+            });
     connect(controller.get(), &SSDP::Ssdp::timeoutExpired, this, [this] { ++timeouts; });
     return controller;
 }
@@ -68,14 +60,14 @@ bool WireTest::search()
 bool WireTest::answerSearch(const QByteArray& location)
 {
     const auto before = device->requestsFor("GET ").size();
-    device->answer("HTTP/1.1 200 OK\r\nLOCATION: " + location + "\r\nST: upnp:rootdevice\r\n\r\n");
+    device->answer(searchReply(location));
     return waitUntil([&] { return device->requestsFor("GET ").size() > before; });
 }
 
 void WireTest::scriptDevice()
 {
-    device->script("GET /desc.xml ", reply(deviceDescription(KEY_OBJECTS)));
-    device->script("GET /scpd.xml ", reply(serviceDescription({"KO"})));
+    device->script("GET /desc.xml ", reply(deviceDescription()));
+    device->script("GET /scpd.xml ", reply(serviceDescription()));
     device->script("SUBSCRIBE ",
                    "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
                    "TIMEOUT: Second-120\r\nCONTENT-LENGTH: 0\r\n\r\n");
@@ -106,33 +98,6 @@ QStringList WireTest::log()
     return CapturedLog::all();
 }
 
-QByteArray WireTest::reply(const QByteArray& body)
-{
-    return "HTTP/1.1 200 OK\r\nCONTENT-LENGTH: " + QByteArray::number(body.size())
-        + "\r\nCONTENT-TYPE: text/xml\r\n\r\n" + body;
-}
-
-QByteArray WireTest::serviceDescription(const QList<QByteArray>& names)
-{
-    QByteArray variables;
-    for (const QByteArray& name : names)
-        variables += "<stateVariable sendEvents=\"yes\"><name>" + name + "</name></stateVariable>";
-    return "<?xml version=\"1.0\"?>\n<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
-        + variables + "</serviceStateTable></scpd>";
-}
-
-QByteArray WireTest::deviceDescription(const QByteArray& service)
-{
-    return "<?xml version=\"1.0\"?>\n<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><serviceList>"
-        + service + "</serviceList></device></root>";
-}
-
-QByteArray WireTest::event(const QByteArray& name, const QByteArray& value)
-{
-    return "<?xml version=\"1.0\"?>\n<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"><e:property><"
-        + name + ">" + value + "</" + name + "></e:property></e:propertyset>";
-}
-
 WireTest::Callback WireTest::callbackOf(const QByteArray& request)
 {
     const QByteArray start("CALLBACK: <http://");
@@ -152,10 +117,7 @@ WireTest::Callback WireTest::callback() const
 Connection* WireTest::sendHead(const Callback& to, const QByteArray& contentLength)
 {
     Connection* const connection = device->connectTo(to.host, to.port);
-    connection->send("NOTIFY " + to.path + " HTTP/1.1\r\nHOST: 10.77.0.1\r\nCONTENT-TYPE: text/xml\r\n"
-                     + "NT: upnp:event\r\nNTS: upnp:propchange\r\n"
-                     + (contentLength.isNull() ? QByteArray() : "CONTENT-LENGTH: " + contentLength + "\r\n")
-                     + "\r\n");
+    connection->send(eventHead(to.path, contentLength));
     return waitUntil([&] { return connection->wasRead(); }) ? connection : nullptr;
 }
 
@@ -170,8 +132,8 @@ bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
 
 bool WireTest::sendLastEvent()
 {
-    return sendEvent(callback(), event("KO", "77,1"))
-        && waitUntil([&] { return reports.contains(QStringLiteral("77,1 at 10.77.1.1")); });
+    return sendEvent(callback(), eventBody("KO", "77,1"))
+        && waitUntil([&] { return reports.contains("77,1 at 10.77.1.1"); });
 }
 
 void WireTest::initTestCase()
@@ -182,7 +144,7 @@ void WireTest::initTestCase()
 
 void WireTest::init()
 {
-    device = std::make_unique<ScriptedDevice>(network, QStringLiteral("10.77.1.1"), quint16(8080));
+    device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
     ssdp = newController(60000);
     reports.clear();
     timeouts = 0;

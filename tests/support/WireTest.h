@@ -5,6 +5,7 @@
 #include <ssdp/Ssdp.h>
 #include <tests/support/CapturedLog.h>
 #include <tests/support/ManagerAccess.h>
+#include <tests/support/Messages.h>
 #include <tests/support/ScriptedDevice.h>
 
 #include <QtCore/QCoreApplication>
@@ -69,21 +70,6 @@ protected:
 
     /// The log so far: "0|piece|piece" and so on, one text for each line.
     static QStringList log();
-
-    /// A reply of HTTP 200 with @p body.
-    static QByteArray reply(const QByteArray& body);
-
-    /// An SCPD with these state variables.
-    static QByteArray serviceDescription(const QList<QByteArray>& names);
-
-    /// A device description with one service element with this text.
-    static QByteArray deviceDescription(const QByteArray& service);
-
-    /// What a key-object service looks like in a device description.
-    static const char KEY_OBJECTS[];
-
-    /// An event body of one property.
-    static QByteArray event(const QByteArray& name, const QByteArray& value);
 
     /// Where the subscription @p request asks for events: host, port and path.
     struct Callback

@@ -1,6 +1,8 @@
 #ifndef VELMORA_TESTS_UNIT_KERNELTABLES_H
 #define VELMORA_TESTS_UNIT_KERNELTABLES_H
 
+#include <tests/support/Literals.h>
+
 #include <QtCore/QFile>
 #include <QtCore/QStringList>
 #include <QtCore/QtEndian>
@@ -18,7 +20,7 @@ namespace KernelTables {
 /// A file of the namespace, as its lines.
 inline QList<QByteArray> linesOf(const char* name)
 {
-    QFile file(QLatin1String("/proc/thread-self/net/") + QLatin1String(name));
+    QFile file("/proc/thread-self/net/"_s + QLatin1String(name));
     return file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>();
 }
 
@@ -69,7 +71,7 @@ inline QStringList membersOf(const QHostAddress& group)
         if (!line.startsWith('\t'))
             interface = QString::fromLatin1(fields.at(1));
         else if (addressOf(fields.at(0)) == group.toString())
-            result << interface + QLatin1String(" x ") + QString::fromLatin1(fields.at(1));
+            result << interface + " x "_s + QString::fromLatin1(fields.at(1));
     }
     return result;
 }

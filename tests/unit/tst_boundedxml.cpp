@@ -1,13 +1,13 @@
 #include <ssdp/BoundedXml.h>
+#include <tests/support/Literals.h>
 
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using Velmora::SSDP::isWithinXmlBounds;
 using Velmora::SSDP::parseXml;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -18,15 +18,15 @@ const qint64 LONGEST_DECISION_MS = 5000;
 
 QString nested(int levels, const QString& innermost = QString())
 {
-    return QStringLiteral("<a>").repeated(levels) + innermost + QStringLiteral("</a>").repeated(levels);
+    return "<a>"_s.repeated(levels) + innermost + "</a>"_s.repeated(levels);
 }
 
 QString withAttributes(int number, char quote = '"')
 {
-    QString result = QStringLiteral("<a");
+    QString result = "<a"_s;
     for (int i = 0; i < number; ++i)
-        result += QStringLiteral(" b%1=%2x%2").arg(i).arg(QLatin1Char(quote));
-    return result + QStringLiteral("/>");
+        result += " b%1=%2x%2"_s.arg(i).arg(QLatin1Char(quote));
+    return result + "/>"_s;
 }
 
 /// @p pattern as often as it fits into four megabytes.
@@ -122,50 +122,39 @@ private Q_SLOTS:
     void whatIsWithinTheBoundsIsParsedAsQtParsesIt_data()
     {
         decide_data({
-            {"one element", QStringLiteral("<a/>")},
-            {"text", QStringLiteral("<a>x</a>")},
+            {"one element", "<a/>"_s},
+            {"text", "<a>x</a>"_s},
             {"128 levels", nested(128)},
-            {"an empty element at level 128", nested(127, QStringLiteral("<b/>"))},
-            {"128 levels twice", QStringLiteral("<r>") + nested(127).repeated(2) + QStringLiteral("</r>")},
-            {"128 levels with text", nested(128, QStringLiteral("x"))},
-            {"many empty elements at level 128", nested(127, QStringLiteral("<b/>").repeated(1000))},
+            {"an empty element at level 128", nested(127, "<b/>"_s)},
+            {"128 levels twice", "<r>"_s + nested(127).repeated(2) + "</r>"_s},
+            {"128 levels with text", nested(128, "x"_s)},
+            {"many empty elements at level 128", nested(127, "<b/>"_s.repeated(1000))},
             {"256 attributes", withAttributes(256)},
             {"256 attributes in apostrophes", withAttributes(256, '\'')},
-            {"256 attributes twice",
-             QStringLiteral("<r>") + withAttributes(256).repeated(2) + QStringLiteral("</r>")},
-            {"100,000 elements in a row",
-             QStringLiteral("<r>") + QStringLiteral("<a/>").repeated(100000) + QStringLiteral("</r>")},
-            {"100,000 elements with text",
-             QStringLiteral("<r>") + QStringLiteral("<a>x</a>").repeated(100000) + QStringLiteral("</r>")},
-            {"an XML declaration", QStringLiteral("<?xml version=\"1.0\"?><a/>")},
-            {"an XML declaration with apostrophes",
-             QStringLiteral("<?xml version='1.0' encoding='utf-8'?>\n<a/>")},
-            {"a DOCTYPE", QStringLiteral("<!DOCTYPE a><a/>")},
-            {"a DOCTYPE with a system identifier", QStringLiteral("<!DOCTYPE a SYSTEM \"a.dtd\"><a/>")},
-            {"a DOCTYPE with a public identifier", QStringLiteral("<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>")},
-            {"a DOCTYPE with a bracket in its identifier",
-             QStringLiteral("<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>")},
-            {"a comment with tags", QStringLiteral("<a><!-- ") + nested(500) + QStringLiteral(" --></a>")},
-            {"a comment with start tags only",
-             QStringLiteral("<a><!-- ") + QStringLiteral("<b>").repeated(500) + QStringLiteral(" --></a>")},
-            {"CDATA with start tags",
-             QStringLiteral("<a><![CDATA[") + QStringLiteral("<b>").repeated(500) + QStringLiteral("]]></a>")},
-            {"an instruction with start tags",
-             QStringLiteral("<a><?b ") + QStringLiteral("<b>").repeated(500) + QStringLiteral("?></a>")},
-            {"a comment with a DOCTYPE", QStringLiteral("<!-- <!DOCTYPE a [ --><a/>")},
-            {"CDATA with a DOCTYPE", QStringLiteral("<a><![CDATA[<!DOCTYPE a []>]]></a>")},
-            {"an instruction with a DOCTYPE", QStringLiteral("<?b <!DOCTYPE a [ ?><a/>")},
-            {"a comment with 1,000 quotes",
-             QStringLiteral("<a><!-- <b ") + QStringLiteral("\"x\" ").repeated(1000) + QStringLiteral("--></a>")},
-            {"text with 1,000 quotes",
-             QStringLiteral("<a>") + QStringLiteral("\"x\"").repeated(1000) + QStringLiteral("</a>")},
-            {"a quoted '>' and many quotes", QStringLiteral("<a b='>\">\">\"' c=\"'>'>'\">x</a>")},
-            {"'[' in text", QStringLiteral("<a>[x]</a>")},
-            {"a prefix that is not declared", QStringLiteral("<e:propertyset><e:property/></e:propertyset>")},
-            {"a default namespace", QStringLiteral("<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>")},
-            {"white space in tags", QStringLiteral("<a\n b = 'x'\t>\n</a\n>")},
-            {"a text of 4 MB",
-             QStringLiteral("<a>") + QString(FOUR_MEGABYTES, QLatin1Char('x')) + QStringLiteral("</a>")},
+            {"256 attributes twice", "<r>"_s + withAttributes(256).repeated(2) + "</r>"_s},
+            {"100,000 elements in a row", "<r>"_s + "<a/>"_s.repeated(100000) + "</r>"_s},
+            {"100,000 elements with text", "<r>"_s + "<a>x</a>"_s.repeated(100000) + "</r>"_s},
+            {"an XML declaration", "<?xml version=\"1.0\"?><a/>"_s},
+            {"an XML declaration with apostrophes", "<?xml version='1.0' encoding='utf-8'?>\n<a/>"_s},
+            {"a DOCTYPE", "<!DOCTYPE a><a/>"_s},
+            {"a DOCTYPE with a system identifier", "<!DOCTYPE a SYSTEM \"a.dtd\"><a/>"_s},
+            {"a DOCTYPE with a public identifier", "<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>"_s},
+            {"a DOCTYPE with a bracket in its identifier", "<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>"_s},
+            {"a comment with tags", "<a><!-- "_s + nested(500) + " --></a>"_s},
+            {"a comment with start tags only", "<a><!-- "_s + "<b>"_s.repeated(500) + " --></a>"_s},
+            {"CDATA with start tags", "<a><![CDATA["_s + "<b>"_s.repeated(500) + "]]></a>"_s},
+            {"an instruction with start tags", "<a><?b "_s + "<b>"_s.repeated(500) + "?></a>"_s},
+            {"a comment with a DOCTYPE", "<!-- <!DOCTYPE a [ --><a/>"_s},
+            {"CDATA with a DOCTYPE", "<a><![CDATA[<!DOCTYPE a []>]]></a>"_s},
+            {"an instruction with a DOCTYPE", "<?b <!DOCTYPE a [ ?><a/>"_s},
+            {"a comment with 1,000 quotes", "<a><!-- <b "_s + "\"x\" "_s.repeated(1000) + "--></a>"_s},
+            {"text with 1,000 quotes", "<a>"_s + "\"x\""_s.repeated(1000) + "</a>"_s},
+            {"a quoted '>' and many quotes", "<a b='>\">\">\"' c=\"'>'>'\">x</a>"_s},
+            {"'[' in text", "<a>[x]</a>"_s},
+            {"a prefix that is not declared", "<e:propertyset><e:property/></e:propertyset>"_s},
+            {"a default namespace", "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>"_s},
+            {"white space in tags", "<a\n b = 'x'\t>\n</a\n>"_s},
+            {"a text of 4 MB", "<a>"_s + QString(FOUR_MEGABYTES, QLatin1Char('x')) + "</a>"_s},
         });
     }
 
@@ -184,26 +173,23 @@ private Q_SLOTS:
     {
         decide_data({
             {"129 levels", nested(129)},
-            {"an empty element at level 129", nested(128, QStringLiteral("<b/>"))},
-            {"an empty element with a blank at level 129", nested(128, QStringLiteral("<b />"))},
-            {"an element with attributes at level 129", nested(128, QStringLiteral("<b c='d'/>"))},
-            {"129 levels behind a flat part",
-             QStringLiteral("<r>") + QStringLiteral("<a/>").repeated(1000) + nested(128) + QStringLiteral("</r>")},
-            {"129 levels behind 128", QStringLiteral("<r>") + nested(127) + nested(128) + QStringLiteral("</r>")},
+            {"an empty element at level 129", nested(128, "<b/>"_s)},
+            {"an empty element with a blank at level 129", nested(128, "<b />"_s)},
+            {"an element with attributes at level 129", nested(128, "<b c='d'/>"_s)},
+            {"129 levels behind a flat part", "<r>"_s + "<a/>"_s.repeated(1000) + nested(128) + "</r>"_s},
+            {"129 levels behind 128", "<r>"_s + nested(127) + nested(128) + "</r>"_s},
             {"257 attributes", withAttributes(257)},
             {"257 attributes in apostrophes", withAttributes(257, '\'')},
             {"257 attributes deep inside", nested(100, withAttributes(257))},
-            {"a DOCTYPE with an empty internal subset", QStringLiteral("<!DOCTYPE a []><a/>")},
-            {"a DOCTYPE with an entity", QStringLiteral("<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>")},
-            {"a DOCTYPE with an element", QStringLiteral("<!DOCTYPE a [<!ELEMENT a ANY>]><a/>")},
-            {"a DOCTYPE with attributes", QStringLiteral("<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>")},
+            {"a DOCTYPE with an empty internal subset", "<!DOCTYPE a []><a/>"_s},
+            {"a DOCTYPE with an entity", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>"_s},
+            {"a DOCTYPE with an element", "<!DOCTYPE a [<!ELEMENT a ANY>]><a/>"_s},
+            {"a DOCTYPE with attributes", "<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>"_s},
             {"a DOCTYPE with a system identifier and a subset",
-             QStringLiteral("<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>")},
-            {"a DOCTYPE with a subset on the next line", QStringLiteral("<!DOCTYPE a\n[\n]\n>\n<a/>")},
-            {"a DOCTYPE with a subset behind a comment",
-             QStringLiteral("<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>")},
-            {"a DOCTYPE with a subset behind a declaration",
-             QStringLiteral("<?xml version=\"1.0\"?><!DOCTYPE a []><a/>")},
+             "<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>"_s},
+            {"a DOCTYPE with a subset on the next line", "<!DOCTYPE a\n[\n]\n>\n<a/>"_s},
+            {"a DOCTYPE with a subset behind a comment", "<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>"_s},
+            {"a DOCTYPE with a subset behind a declaration", "<?xml version=\"1.0\"?><!DOCTYPE a []><a/>"_s},
         });
     }
 
@@ -221,21 +207,21 @@ private Q_SLOTS:
     {
         decide_data({
             {"nothing", QString()},
-            {"empty", QStringLiteral("")},
-            {"blanks", QStringLiteral(" \n ")},
-            {"plain text", QStringLiteral("404 Not Found")},
-            {"an open element", QStringLiteral("<a>")},
-            {"the wrong end tag", QStringLiteral("<a></b>")},
-            {"two elements", QStringLiteral("<a/><b/>")},
-            {"an open comment", QStringLiteral("<a/><!--")},
-            {"an open instruction", QStringLiteral("<a/><?b")},
-            {"an open tag", QStringLiteral("<a b=\"c")},
-            {"a lone '<'", QStringLiteral("<")},
-            {"'<!' alone", QStringLiteral("<!")},
-            {"'<?' alone", QStringLiteral("<?")},
-            {"'</' alone", QStringLiteral("</")},
-            {"'<?xml' alone", QStringLiteral("<?xml")},
-            {"'<![CDATA[' alone", QStringLiteral("<![CDATA[")},
+            {"empty", ""_s},
+            {"blanks", " \n "_s},
+            {"plain text", "404 Not Found"_s},
+            {"an open element", "<a>"_s},
+            {"the wrong end tag", "<a></b>"_s},
+            {"two elements", "<a/><b/>"_s},
+            {"an open comment", "<a/><!--"_s},
+            {"an open instruction", "<a/><?b"_s},
+            {"an open tag", "<a b=\"c"_s},
+            {"a lone '<'", "<"_s},
+            {"'<!' alone", "<!"_s},
+            {"'<?' alone", "<?"_s},
+            {"'</' alone", "</"_s},
+            {"'<?xml' alone", "<?xml"_s},
+            {"'<![CDATA[' alone", "<![CDATA["_s},
         });
     }
 
@@ -246,12 +232,12 @@ private Q_SLOTS:
         QVERIFY(!parseXml(document, text));
     }
 
-    void aDecoyDoesNotHideDepth_data() { addDecoys(); }
+    void decoyDoesNotHideDepth_data() { addDecoys(); }
 
-    void aDecoyDoesNotHideDepth()
+    void decoyDoesNotHideDepth()
     {
         QFETCH(const QString, decoy);
-        const QString text = QStringLiteral("<r>") + decoy + nested(128) + QStringLiteral("</r>");
+        const QString text = "<r>"_s + decoy + nested(128) + "</r>"_s;
         QDomDocument document;
         // Some decoys are no XML at all. What Qt's parser takes for XML is to be refused before it.
         if (static_cast<bool>(document.setContent(text)))
@@ -259,44 +245,38 @@ private Q_SLOTS:
         QVERIFY(!parseXml(document, text));
     }
 
-    void aDecoyBetweenTheLevelsDoesNotHideDepth_data() { addDecoys(); }
+    void decoyBetweenTheLevelsDoesNotHideDepth_data() { addDecoys(); }
 
-    void aDecoyBetweenTheLevelsDoesNotHideDepth()
+    void decoyBetweenTheLevelsDoesNotHideDepth()
     {
         QFETCH(const QString, decoy);
-        const QString text =
-            QStringLiteral("<a>").repeated(60) + decoy + nested(69) + QStringLiteral("</a>").repeated(60);
+        const QString text = "<a>"_s.repeated(60) + decoy + nested(69) + "</a>"_s.repeated(60);
         QDomDocument document;
         QVERIFY(!parseXml(document, text));
     }
 
-    void aDecoyDoesNotFakeDepth_data() { addDecoys(); }
+    void decoyDoesNotFakeDepth_data() { addDecoys(); }
 
-    void aDecoyDoesNotFakeDepth()
+    void decoyDoesNotFakeDepth()
     {
         QFETCH(const QString, decoy);
-        const QString text = QStringLiteral("<r>") + decoy.repeated(1000) + nested(127) + QStringLiteral("</r>");
+        const QString text = "<r>"_s + decoy.repeated(1000) + nested(127) + "</r>"_s;
         QDomDocument document;
         QCOMPARE(parseXml(document, text), static_cast<bool>(QDomDocument().setContent(text)));
     }
 
-    void aDeclarationWithQuotedEndDoesNotHideDepth_data()
+    void declarationWithQuotedEndDoesNotHideDepth_data()
     {
         decide_data({
-            {"a comment inside", QStringLiteral("<?xml version=\"?><!-- \"?>") + nested(129)},
-            {"a comment inside, closed behind",
-             QStringLiteral("<?xml version=\"?><!-- \"?>") + nested(129) + QStringLiteral("<!-- -->")},
-            {"the encoding",
-             QStringLiteral("<?xml version='1.0' encoding='?><!-- '?>") + nested(129)
-                 + QStringLiteral("<!-- -->")},
-            {"CDATA inside",
-             QStringLiteral("<?xml version=\"?><a><![CDATA[ \"?>") + nested(129)
-                 + QStringLiteral("<!-- ]]></a> -->")},
-            {"a single quote", QStringLiteral("<?xml version=\"1.0\" ' ?>") + nested(129)},
+            {"a comment inside", "<?xml version=\"?><!-- \"?>"_s + nested(129)},
+            {"a comment inside, closed behind", "<?xml version=\"?><!-- \"?>"_s + nested(129) + "<!-- -->"_s},
+            {"the encoding", "<?xml version='1.0' encoding='?><!-- '?>"_s + nested(129) + "<!-- -->"_s},
+            {"CDATA inside", "<?xml version=\"?><a><![CDATA[ \"?>"_s + nested(129) + "<!-- ]]></a> -->"_s},
+            {"a single quote", "<?xml version=\"1.0\" ' ?>"_s + nested(129)},
         });
     }
 
-    void aDeclarationWithQuotedEndDoesNotHideDepth()
+    void declarationWithQuotedEndDoesNotHideDepth()
     {
         QFETCH(const QString, text);
         // A parser that takes the quoted value would go into the depth before it finds an error.
@@ -317,19 +297,19 @@ private Q_SLOTS:
             {"open comments", fourMegabytesOf("<!--")},
             {"comments closed too soon", fourMegabytesOf("<!-->")},
             {"open CDATA", fourMegabytesOf("<![CDATA[")},
-            {"open CDATA in an element", QStringLiteral("<a>") + fourMegabytesOf("<![CDATA[]>")},
+            {"open CDATA in an element", "<a>"_s + fourMegabytesOf("<![CDATA[]>")},
             {"open instructions", fourMegabytesOf("<?")},
             {"open declarations", fourMegabytesOf("<?xml ")},
             {"declarations with quotes", fourMegabytesOf("<?xml \"?>")},
             {"closed declarations with a quote behind", fourMegabytesOf("<?xml ?>\"")},
             {"open DOCTYPEs", fourMegabytesOf("<!DOCTYPE ")},
             {"DOCTYPEs", fourMegabytesOf("<!DOCTYPE a>")},
-            {"a DOCTYPE of brackets", QStringLiteral("<!DOCTYPE a [<!ELEMENT a ") + fourMegabytesOf("(")},
-            {"attributes", QStringLiteral("<a") + fourMegabytesOf(" b=''")},
-            {"attributes without values", QStringLiteral("<a") + fourMegabytesOf(" b")},
-            {"a single quote", QStringLiteral("<a b=\"") + QString(FOUR_MEGABYTES, QLatin1Char('<'))},
-            {"hyphens", QStringLiteral("<!-") + fourMegabytesOf("-")},
-            {"empty elements", QStringLiteral("<a>") + fourMegabytesOf("<b/>")},
+            {"a DOCTYPE of brackets", "<!DOCTYPE a [<!ELEMENT a "_s + fourMegabytesOf("(")},
+            {"attributes", "<a"_s + fourMegabytesOf(" b=''")},
+            {"attributes without values", "<a"_s + fourMegabytesOf(" b")},
+            {"a single quote", "<a b=\""_s + QString(FOUR_MEGABYTES, QLatin1Char('<'))},
+            {"hyphens", "<!-"_s + fourMegabytesOf("-")},
+            {"empty elements", "<a>"_s + fourMegabytesOf("<b/>")},
         });
     }
 
@@ -347,13 +327,12 @@ private Q_SLOTS:
     {
         decide_data({
             {"a million levels", nested(1000000)},
-            {"a million start tags", QStringLiteral("<a>").repeated(1000000)},
+            {"a million start tags", "<a>"_s.repeated(1000000)},
             {"400,000 attributes", withAttributes(400000)},
-            {"an element declaration of 100,000 brackets",
-             QStringLiteral("<!DOCTYPE a [<!ELEMENT a ") + QStringLiteral("(").repeated(100000)},
+            {"an element declaration of 100,000 brackets", "<!DOCTYPE a [<!ELEMENT a "_s + "("_s.repeated(100000)},
             {"an entity referenced 20,000 times",
-             QStringLiteral("<!DOCTYPE a [<!ENTITY b '") + QString(4000, QLatin1Char('x'))
-                 + QStringLiteral("'>]><a>") + QStringLiteral("&b;").repeated(20000) + QStringLiteral("</a>")},
+             "<!DOCTYPE a [<!ENTITY b '"_s + QString(4000, QLatin1Char('x')) + "'>]><a>"_s
+                 + "&b;"_s.repeated(20000) + "</a>"_s},
         });
     }
 
@@ -368,8 +347,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_APPLESS_MAIN(Velmora::Tests::BoundedXmlTest)
+QTEST_APPLESS_MAIN(BoundedXmlTest)
 #include "tst_boundedxml.moc"

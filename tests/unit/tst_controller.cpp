@@ -1,5 +1,6 @@
 #include <ssdp/Ssdp.h>
 #include <ssdp/SsdpManager.h>
+#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 #include <tests/unit/KernelTables.h>
 
@@ -10,11 +11,10 @@
 #include <functional>
 #include <memory>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Simulator::PrivateNetwork;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -52,15 +52,15 @@ private:
         device = std::make_unique<QUdpSocket>();
         return device->bind(QHostAddress(QHostAddress::AnyIPv4), 1900)
             && device->joinMulticastGroup(SsdpManager::MULTICAST_GROUP_ADDRESS,
-                                          QNetworkInterface::interfaceFromName(QStringLiteral("device0")));
+                                          QNetworkInterface::interfaceFromName("device0"_s));
     }
 
     /// The first words of the datagrams that reached the device, up to a last one sent here.
     QStringList datagramsSoFar()
     {
         QUdpSocket last;
-        last.bind(QHostAddress(QStringLiteral("10.77.0.1")), 0);
-        last.writeDatagram(QByteArray("last"), SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
+        last.bind(QHostAddress("10.77.0.1"), 0);
+        last.writeDatagram("last"_ba, SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
         QStringList result;
         QSignalSpy arrived(device.get(), SIGNAL(readyRead()));
         while (device->hasPendingDatagrams() || arrived.wait()) {
@@ -70,7 +70,7 @@ private:
                 return result;
             result << QString::fromLatin1(datagram.split(' ').first());
         }
-        return QStringList{QStringLiteral("the last datagram did not come")};
+        return QStringList{"the last datagram did not come"};
     }
 
     static QTimer* timerOf(const Ssdp& controller) { return controller.findChild<QTimer*>(); }
@@ -83,7 +83,7 @@ private:
     /// The addresses whose servers were set up, in the order of the log.
     static QStringList addressesInOrder()
     {
-        const QString start = QStringLiteral("0|Ssdp Server bound to ");
+        const QString start = "0|Ssdp Server bound to "_s;
         const QStringList listeners = KernelTables::tcpListeners();
         QStringList result;
         const QStringList lines = CapturedLog::all().filter(start);
@@ -99,7 +99,7 @@ private:
 
     static int managersInitialized()
     {
-        return static_cast<int>(CapturedLog::all().filter(QStringLiteral("Ssdp Server bound to")).size());
+        return static_cast<int>(CapturedLog::all().filter("Ssdp Server bound to").size());
     }
 
     /// Whether a manager of the controller has UDP sockets.
@@ -108,20 +108,20 @@ private:
     /// Answers the search of 10.77.0.1. The location is none that needs a network to be asked for.
     static void answerSearch(const QByteArray& location)
     {
-        QUdpSocket().writeDatagram("HTTP/1.1 200 OK\nLOCATION: " + location + "\n\n",
-                                   QHostAddress(QStringLiteral("10.77.0.1")), 49152);
+        QUdpSocket().writeDatagram("HTTP/1.1 200 OK\nLOCATION: " + location + "\n\n", QHostAddress("10.77.0.1"),
+                                   49152);
     }
 
-    static QStringList devices() { return CapturedLog::all().filter(QStringLiteral("0|Ssdp device|")); }
+    static QStringList devices() { return CapturedLog::all().filter("0|Ssdp device|"); }
 
     /// Reports KO = 12,34 through the first manager.
     static void report(const Ssdp& controller)
     {
         SsdpDevice record;
-        record.address = QHostAddress(QStringLiteral("10.77.1.1"));
+        record.address = QHostAddress("10.77.1.1");
         SsdpService service;
-        service.stateVariables.insert(QStringLiteral("KO"), QStringLiteral("12,34"));
-        Q_EMIT managersOf(controller).constFirst()->valueChanged(&record, &service, QStringLiteral("KO"));
+        service.stateVariables.insert("KO", "12,34"_s);
+        Q_EMIT managersOf(controller).constFirst()->valueChanged(&record, &service, "KO"_s);
     }
 
 private Q_SLOTS:
@@ -144,7 +144,7 @@ private Q_SLOTS:
         QCOMPARE(KernelTables::tcpListeners(), QStringList());
     }
 
-    void aFreshControllerBindsAndSendsNothing()
+    void freshControllerBindsAndSendsNothing()
     {
         addUsualLink();
         const Ssdp controller(LONG);
@@ -154,7 +154,7 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::all(), QStringList());
     }
 
-    void theTimerIsAChildAndNotSingleShot()
+    void timerIsAChildAndNotSingleShot()
     {
         const Ssdp controller(LONG);
         QCOMPARE(controller.findChildren<QTimer*>().size(), qsizetype(1));
@@ -179,7 +179,7 @@ private Q_SLOTS:
         QVERIFY(!timerOf(controller)->isSingleShot());
     }
 
-    void aSecondDiscoverLeavesTheTimerRunning()
+    void secondDiscoverLeavesTheTimerRunning()
     {
         addUsualLink();
         Ssdp controller(LONG);
@@ -190,7 +190,7 @@ private Q_SLOTS:
         QCOMPARE(timerOf(controller)->interval(), LONG / 2);
     }
 
-    void aSecondDiscoverSendsNothing()
+    void secondDiscoverSendsNothing()
     {
         addUsualLink();
         QVERIFY(listenOnDevice());
@@ -198,7 +198,7 @@ private Q_SLOTS:
         controller.discover();
         const QStringList before = KernelTables::udpSockets();
         controller.discover();
-        QCOMPARE(datagramsSoFar(), QStringList{QStringLiteral("M-SEARCH")});
+        QCOMPARE(datagramsSoFar(), QStringList{"M-SEARCH"});
         QCOMPARE(managersInitialized(), 1);
         QCOMPARE(KernelTables::udpSockets(), before);
     }
@@ -265,7 +265,7 @@ private Q_SLOTS:
         QCOMPARE(timerOf(controller)->interval(), LONG);
         QCOMPARE(managersOf(controller), managers);
         QVERIFY(isListening());
-        QCOMPARE(datagramsSoFar(), (QStringList{QStringLiteral("M-SEARCH"), QStringLiteral("M-SEARCH")}));
+        QCOMPARE(datagramsSoFar(), (QStringList{"M-SEARCH", "M-SEARCH"}));
     }
 
     void discoverAfterTheTimeoutSearchesAgain()
@@ -290,16 +290,16 @@ private Q_SLOTS:
         answerSearch("none:/a");
         answerSearch("none:/a");
         answerSearch("none:/b");
-        QTRY_VERIFY(devices().contains(QStringLiteral("0|Ssdp device|none:/b")));
+        QTRY_VERIFY(devices().contains("0|Ssdp device|none:/b"));
         QCOMPARE(devices().size(), qsizetype(2));
         controller.stop();
         controller.discover();
         answerSearch("none:/a");
         QTRY_COMPARE(devices().size(), qsizetype(3));
-        QCOMPARE(devices().constLast(), QStringLiteral("0|Ssdp device|none:/a"));
+        QCOMPARE(devices().constLast(), "0|Ssdp device|none:/a"_s);
     }
 
-    void theTimeoutIsLoggedAndSignalled()
+    void timeoutIsLoggedAndSignalled()
     {
         addUsualLink();
         Ssdp controller(SHORT);
@@ -308,18 +308,18 @@ private Q_SLOTS:
         CapturedLog::clear();
         QCOMPARE(expired.count(), 0);
         QTRY_COMPARE(expired.count(), 1);
-        QCOMPARE(CapturedLog::all(), QStringList{QStringLiteral("0|SSDP timeout expired not found")});
+        QCOMPARE(CapturedLog::all(), QStringList{"0|SSDP timeout expired not found"});
         QVERIFY(!timerOf(controller)->isActive());
     }
 
-    void theTimeoutIsLoggedBeforeItIsSignalled()
+    void timeoutIsLoggedBeforeItIsSignalled()
     {
         addUsualLink();
         Ssdp controller(SHORT);
         QStringList logged;
         connect(&controller, &Ssdp::timeoutExpired, this, [&logged] { logged = CapturedLog::all(); });
         controller.discover();
-        QTRY_VERIFY(logged.contains(QStringLiteral("0|SSDP timeout expired not found")));
+        QTRY_VERIFY(logged.contains("0|SSDP timeout expired not found"));
     }
 
     void everyManagerIsStoppedWhenTheTimeoutIsSignalled()
@@ -340,7 +340,7 @@ private Q_SLOTS:
         QVERIFY(!ticking);
     }
 
-    void theTimeoutComesAfterReportsToo()
+    void timeoutComesAfterReportsToo()
     {
         addUsualLink();
         Ssdp controller(SHORT);
@@ -351,10 +351,10 @@ private Q_SLOTS:
         QCOMPARE(discovered.count(), 1);
         QVERIFY(timerOf(controller)->isActive());
         QTRY_COMPARE(expired.count(), 1);
-        QVERIFY(CapturedLog::all().contains(QStringLiteral("0|SSDP timeout expired not found")));
+        QVERIFY(CapturedLog::all().contains("0|SSDP timeout expired not found"));
     }
 
-    void theTimeoutDoesNotExpireInsideDiscover()
+    void timeoutDoesNotExpireInsideDiscover()
     {
         addUsualLink();
         Ssdp controller(0);
@@ -364,7 +364,7 @@ private Q_SLOTS:
         QTRY_COMPARE(expired.count(), 1);
     }
 
-    void aReportLeavesTheDiscoveryRunning()
+    void reportLeavesTheDiscoveryRunning()
     {
         addUsualLink();
         Ssdp controller(LONG);
@@ -376,7 +376,7 @@ private Q_SLOTS:
         QCOMPARE(managersInitialized(), 1);
     }
 
-    void aReportAfterStopIsSignalled()
+    void reportAfterStopIsSignalled()
     {
         addUsualLink();
         Ssdp controller(LONG);
@@ -389,7 +389,7 @@ private Q_SLOTS:
         QCOMPARE(discovered.constFirst().at(1).toInt(), 34);
     }
 
-    void aReportAfterTheTimeoutIsSignalled()
+    void reportAfterTheTimeoutIsSignalled()
     {
         addUsualLink();
         Ssdp controller(SHORT);
@@ -402,7 +402,7 @@ private Q_SLOTS:
         QVERIFY(!timerOf(controller)->isActive());
     }
 
-    void aReportIsSignalledOncePerManagerAndDiscovery()
+    void reportIsSignalledOncePerManagerAndDiscovery()
     {
         addUsualLink();
         Ssdp controller(LONG);
@@ -415,16 +415,14 @@ private Q_SLOTS:
         QCOMPARE(discovered.count(), 1);
     }
 
-    void theLastInterfaceComesFirst()
+    void lastInterfaceComesFirst()
     {
         addUsualLink();
         addLink("10.78.0.1/16", "10.78.1.1/16");
         addLink("10.79.0.1/16", "10.79.1.1/16");
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(
-            addressesInOrder(),
-            (QStringList{QStringLiteral("10.79.0.1"), QStringLiteral("10.78.0.1"), QStringLiteral("10.77.0.1")}));
+        QCOMPARE(addressesInOrder(), (QStringList{"10.79.0.1", "10.78.0.1", "10.77.0.1"}));
     }
 
     void everyAddressOfAnInterfaceIsTakenInItsOrder()
@@ -435,63 +433,61 @@ private Q_SLOTS:
         addLink("10.78.0.1/16", "10.78.1.1/16");
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(addressesInOrder(),
-                 (QStringList{QStringLiteral("10.78.0.1"), QStringLiteral("10.77.0.1"),
-                              QStringLiteral("10.77.0.9"), QStringLiteral("10.77.0.2")}));
+        QCOMPARE(addressesInOrder(), (QStringList{"10.78.0.1", "10.77.0.1", "10.77.0.9", "10.77.0.2"}));
     }
 
-    void anAddressOfTwoInterfacesIsTakenTwice()
+    void addressOfTwoInterfacesIsTakenTwice()
     {
         addUsualLink();
         addLink("10.77.0.1/16", "10.77.1.2/16");
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(addressesInOrder(), (QStringList{QStringLiteral("10.77.0.1"), QStringLiteral("10.77.0.1")}));
+        QCOMPARE(addressesInOrder(), (QStringList{"10.77.0.1", "10.77.0.1"}));
     }
 
-    void anInterfaceThatIsDownIsSkipped()
+    void interfaceThatIsDownIsSkipped()
     {
         addUsualLink();
         addLink("10.78.0.1/16", "10.78.1.1/16");
         onHost({"ip", "link", "set", "host1", "down"});
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(addressesInOrder(), QStringList{QStringLiteral("10.77.0.1")});
+        QCOMPARE(addressesInOrder(), QStringList{"10.77.0.1"});
     }
 
-    void anInterfaceWithOnlyIPv6IsSkipped()
+    void interfaceWithOnlyIPv6IsSkipped()
     {
         addUsualLink();
         addLink("", "10.78.1.1/16");
-        if (!QFile::exists(QStringLiteral("/proc/thread-self/net/if_inet6")))
+        if (!QFile::exists("/proc/thread-self/net/if_inet6"_s))
             QSKIP("the kernel has no IPv6");
         onHost({"ip", "addr", "add", "fd00:77::1/64", "dev", "host1", "nodad"});
         onHost({"ip", "addr", "add", "fd00:78::1/64", "dev", "host0", "nodad"});
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(addressesInOrder(), QStringList{QStringLiteral("10.77.0.1")});
+        QCOMPARE(addressesInOrder(), QStringList{"10.77.0.1"});
         QCOMPARE(managersOf(controller).size(), qsizetype(1));
     }
 
-    void theLoopbackIsSkippedWhereThereIsAnother()
+    void loopbackIsSkippedWhereThereIsAnother()
     {
         addUsualLink();
         onHost({"ip", "addr", "add", "10.99.0.1/32", "dev", "lo"});
         Ssdp controller(LONG);
         controller.discover();
-        QCOMPARE(addressesInOrder(), QStringList{QStringLiteral("10.77.0.1")});
+        QCOMPARE(addressesInOrder(), QStringList{"10.77.0.1"});
     }
 
-    void theLoopbackAloneGivesOneManagerOn127001()
+    void loopbackAloneGivesOneManagerOn127001()
     {
         onHost({"ip", "addr", "add", "10.99.0.1/32", "dev", "lo"});
         Ssdp controller(LONG);
         controller.discover();
         QCOMPARE(managersOf(controller).size(), qsizetype(1));
-        QCOMPARE(addressesInOrder(), QStringList{QStringLiteral("127.0.0.1")});
+        QCOMPARE(addressesInOrder(), QStringList{"127.0.0.1"});
     }
 
-    void anInterfaceThatComesLaterIsNotTakenUp()
+    void interfaceThatComesLaterIsNotTakenUp()
     {
         addUsualLink();
         Ssdp controller(LONG);
@@ -500,7 +496,7 @@ private Q_SLOTS:
         addLink("10.78.0.1/16", "10.78.1.1/16");
         controller.discover();
         QCOMPARE(managersOf(controller).size(), qsizetype(1));
-        QVERIFY(!addressesInOrder().contains(QStringLiteral("10.78.0.1")));
+        QVERIFY(!addressesInOrder().contains("10.78.0.1"));
     }
 
     void oneSearchGoesOutOnEveryInterface()
@@ -525,10 +521,10 @@ private Q_SLOTS:
         network->enter(PrivateNetwork::HostSide);
         Ssdp controller(LONG);
         controller.discover();
-        QTRY_COMPARE(senders, (QSet<QString>{QStringLiteral("10.77.0.1"), QStringLiteral("10.78.0.1")}));
+        QTRY_COMPARE(senders, (QSet<QString>{"10.77.0.1"_s, "10.78.0.1"_s}));
     }
 
-    void aManagerThatFailsLeavesTheDiscoveryRunning()
+    void managerThatFailsLeavesTheDiscoveryRunning()
     {
         addUsualLink();
         QUdpSocket other;
@@ -538,7 +534,7 @@ private Q_SLOTS:
         QVERIFY(timerOf(controller)->isActive());
     }
 
-    void theHostMayStopAndDiscoverFromItsSlot_data()
+    void hostMayStopAndDiscoverFromItsSlot_data()
     {
         QTest::addColumn<int>("calls");
         QTest::addColumn<bool>("runsAfterwards");
@@ -547,7 +543,7 @@ private Q_SLOTS:
         QTest::newRow("stop and discover") << 3 << true;
     }
 
-    void theHostMayStopAndDiscoverFromItsSlot()
+    void hostMayStopAndDiscoverFromItsSlot()
     {
         QFETCH(const int, calls);
         QFETCH(const bool, runsAfterwards);
@@ -566,7 +562,7 @@ private Q_SLOTS:
         QCOMPARE(managersInitialized(), calls == 3 ? 2 : 1);
     }
 
-    void theHostMayDiscoverAgainWhenTheTimeoutExpires()
+    void hostMayDiscoverAgainWhenTheTimeoutExpires()
     {
         addUsualLink();
         QVERIFY(listenOnDevice());
@@ -582,7 +578,7 @@ private Q_SLOTS:
         QCOMPARE(datagramsSoFar().size(), qsizetype(3));
     }
 
-    void theHostMayRunAnEventLoopInItsSlot()
+    void hostMayRunAnEventLoopInItsSlot()
     {
         addUsualLink();
         Ssdp controller(SHORT);
@@ -593,14 +589,14 @@ private Q_SLOTS:
         QCOMPARE(expired.count(), 1);
     }
 
-    void theHostMayLetTheControllerGoFromItsSlots_data()
+    void hostMayLetTheControllerGoFromItsSlots_data()
     {
         QTest::addColumn<bool>("whenDiscovered");
         QTest::newRow("discovered") << true;
         QTest::newRow("timeoutExpired") << false;
     }
 
-    void theHostMayLetTheControllerGoFromItsSlots()
+    void hostMayLetTheControllerGoFromItsSlots()
     {
         QFETCH(const bool, whenDiscovered);
         addUsualLink();
@@ -643,8 +639,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-VELMORA_WIRE_TEST_MAIN(Velmora::Tests::ControllerTest)
+VELMORA_WIRE_TEST_MAIN(ControllerTest)
 #include "tst_controller.moc"

@@ -1,3 +1,4 @@
+#include <tests/support/Literals.h>
 #include <tools/doctor/Diagnosis.h>
 #include <tools/doctor/Host.h>
 #include <tools/doctor/Report.h>
@@ -8,6 +9,7 @@
 #include <climits>
 
 using namespace Velmora::Doctor;
+using namespace Velmora::Tests;
 
 Q_DECLARE_METATYPE(Velmora::Doctor::DocumentSeen)
 Q_DECLARE_METATYPE(Velmora::Doctor::EventSeen)
@@ -72,376 +74,362 @@ class DoctorDiagnosisTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void readsDescription_data();
-    void readsDescription();
-    void readsServiceDescription_data();
-    void readsServiceDescription();
-    void judgesEvent_data();
-    void judgesEvent();
-    void judgesSearch_data();
-    void judgesSearch();
-    void blamesTheLongestStageForTheTime();
-    void tellsOtherMakersApart();
-    void forgivesAFoundDeviceWhatMayBeOurDelay();
-    void everyFindingHasItsText();
-    void manualListsEveryFinding();
-    void showsNothingButPrintableText();
-    void breaksLines();
-    void namesKindsOfInterfaces_data();
-    void namesKindsOfInterfaces();
-    void findsSocketsOnAPort();
-    void findsRulesThatDrop_data();
-    void findsRulesThatDrop();
+
+    void readsDescription_data()
+    {
+        QTest::addColumn<DocumentSeen>("seen");
+        QTest::addColumn<QByteArray>("expected");
+        const auto add = [](const char* name, const DocumentSeen& seen, const char* expected) {
+            QTest::newRow(name) << seen << QByteArray(expected);
+        };
+        const QByteArray good = root(service(KEY_OBJECTS));
+        add("good", document(good), "");
+        add("good with an error status", document(good, Ending::Complete, 500), "description.status");
+        add("good but cut by the peer", document(good, Ending::Short), "description.short");
+        add("no connection", document("", Ending::NoConnection, 0), "description.no-connection");
+        add("refused", document("", Ending::Refused, 0), "description.refused");
+        add("silent", document("", Ending::Silent, 0), "description.silent");
+        add("closed", document("", Ending::Closed, 0), "description.closed");
+        add("reset", document("<root", Ending::Reset), "description.reset");
+        add("slow", document(good, Ending::Unfinished), "description.slow");
+        add("no HTTP", document("", Ending::Malformed, 0), "description.not-http");
+        add("endless", document("", Ending::OutOfBounds), "description.out-of-bounds");
+        add("redirect", document("<p>", Ending::Complete, 301), "description.redirect");
+        add("not found", document("<p>", Ending::Complete, 404), "description.status");
+        add("empty", document(""), "description.not-xml");
+        add("no XML", document("<root>"), "description.not-xml");
+        add("subset", document("<!DOCTYPE root [<!ENTITY a \"b\">]><root/>"), "description.out-of-bounds");
+        add("web page", document("<html/>"), "description.no-root");
+        add("no name space", document("<root/>"), "description.namespace");
+        add("prefixed root", document("<d:root xmlns:d=\"urn:schemas-upnp-org:device-1-0\"/>"),
+            "description.prefix");
+        add("prefixed below",
+            document("<root xmlns=\"urn:schemas-upnp-org:device-1-0\" xmlns:d=\"x\"><d:device/></root>"),
+            "description.prefix");
+        add("no service", document(root("")), "service.none");
+        add("another service", document(root(service("urn:x:service:y:1"))), "service.no-key-object");
+        add("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
+            "service.type-version");
+        add("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))), "service.type-case");
+        add("space", document(root(service(QByteArray(KEY_OBJECTS) + " "))), "service.type-space");
+        add("embedded", document(root("<deviceList><device>" + service(KEY_OBJECTS) + "</device></deviceList>")),
+            "service.embedded");
+        add("not tried", DocumentSeen(), "");
+    }
+
+    void readsDescription()
+    {
+        QFETCH(DocumentSeen, seen);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(ids(readDescription(seen).findings), expected);
+    }
+
+    void readsServiceDescription_data()
+    {
+        QTest::addColumn<DocumentSeen>("seen");
+        QTest::addColumn<QByteArray>("expected");
+        const auto add = [](const char* name, const QByteArray& table, const char* expected) {
+            QTest::newRow(name) << document("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">" + table
+                                            + "</scpd>")
+                                << QByteArray(expected);
+        };
+        add("KO", "<serviceStateTable><stateVariable><name>KO</name></stateVariable></serviceStateTable>", "");
+        add("no KO", "<serviceStateTable><stateVariable><name>ko</name></stateVariable></serviceStateTable>",
+            "scpd.no-ko");
+        add("no variable", "<serviceStateTable/>", "scpd.no-variable");
+        add("prefix", "<x:serviceStateTable xmlns:x=\"y\"/>", "scpd.prefix");
+        QTest::newRow("device description") << document(root("")) << "scpd.no-root"_ba;
+        QTest::newRow("status") << document("", Ending::Complete, 404) << "scpd.status"_ba;
+    }
+
+    void readsServiceDescription()
+    {
+        QFETCH(DocumentSeen, seen);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(ids(readServiceDescription(seen).findings), expected);
+    }
+
+    void judgesEvent_data()
+    {
+        QTest::addColumn<EventSeen>("seen");
+        QTest::addColumn<QByteArray>("expected");
+        const auto add = [](const char* name, const EventSeen& seen, const char* expected) {
+            QTest::newRow(name) << seen << QByteArray(expected);
+        };
+        const QByteArray good = body("<KO>1,2</KO>");
+        const QByteArray length = QByteArray::number(good.size());
+        add("good", arrived({head(length), good}), "");
+        add("in pieces", arrived({head(length), good.left(9), good.mid(9)}), "");
+        add("one character short", arrived({head(QByteArray::number(good.size() + 1)), good}), "");
+        add("two characters short", arrived({head(QByteArray::number(good.size() + 2)), good}),
+            "event.long-length");
+        add("no length", arrived({head(""), good}), "event.no-length");
+        add("no length, in pieces", arrived({head(""), good.left(9), good.mid(9)}), "event.no-length");
+        add("short length, cut", arrived({head("9"), good.left(9), good.mid(9)}), "event.short-length");
+        add("short length, not cut", arrived({head("9"), good}), "event.short-length");
+        add("at once", arrived({head(length) + good}), "event.one-segment");
+        add("begun with the head", arrived({head(length) + good.left(9), good.mid(9)}), "event.one-segment");
+        add("soon", arrived({head(length), good}, 4), "event.short-gap");
+        add("head only", arrived({head(length)}), "event.no-body");
+        add("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
+        const QByteArray prefixed =
+            "<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>";
+        add("prefix", arrived({head(QByteArray::number(prefixed.size())), prefixed}), "event.prefix");
+        const QByteArray other = body("<A>1</A>");
+        add("no KO", arrived({head(QByteArray::number(other.size())), other}), "event.no-ko");
+        const QByteArray malformed = body("<KO>7;1,2,3</KO>");
+        add("malformed", arrived({head(QByteArray::number(malformed.size())), malformed}), "event.ko-malformed");
+        EventSeen strange = arrived({head(length), good});
+        strange.isForSubscription = false;
+        add("unknown path", strange, "event.unknown-path");
+    }
+
+    void judgesEvent()
+    {
+        QFETCH(EventSeen, seen);
+        QFETCH(QByteArray, expected);
+        QCOMPARE(ids(judgeEvent(seen)), expected);
+    }
+
+    void judgesSearch_data()
+    {
+        QTest::addColumn<QString>("location");
+        QTest::addColumn<QList<int>>("times"); // answer, standard, unicast, announced, heard
+        QTest::addColumn<QByteArray>("expected");
+        const auto add = [](const char* name, const char* location, const QList<int>& times,
+                            const char* expected) {
+            QTest::newRow(name) << QString::fromLatin1(location) << times << QByteArray(expected);
+        };
+        const char* const good = "http://10.0.0.5:80/d.xml";
+        add("good", good, {100, 200, -1, -1, 100}, "");
+        add("standard only", good, {-1, 200, -1, -1, -1}, "search.crlf-only");
+        add("unicast only", good, {-1, -1, 200, -1, -1}, "search.unicast-only");
+        add("announces only", good, {-1, -1, -1, 400, 400}, "search.announces-only");
+        add("announced, and answers the standard search", good, {-1, 200, -1, 400, 400}, "");
+        add("late", good, {6000, 200, -1, -1, 6000}, "search.late");
+        add("after MX", good, {3001, 200, -1, -1, 3001}, "search.after-mx");
+        add("another host", "http://10.0.0.6/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
+        add("a name", "http://device/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
+        add("file", "file:///etc/passwd", {100, -1, -1, -1, 100}, "search.location-no-url");
+        add("text", "nothing", {100, -1, -1, -1, 100}, "search.location-no-url");
+        add("none", "", {100, -1, -1, -1, 100}, "search.no-location");
+    }
+
+    void judgesSearch()
+    {
+        QFETCH(QString, location);
+        QFETCH(QList<int>, times);
+        QFETCH(QByteArray, expected);
+        DeviceSeen device;
+        device.sender = QHostAddress("10.0.0.5");
+        device.location = location;
+        device.search.message = "HTTP/1.1 200 OK";
+        device.search.answerDelay = times.at(0);
+        device.search.standardDelay = times.at(1);
+        device.search.unicastDelay = times.at(2);
+        device.search.announced = times.at(3);
+        device.search.heard = times.at(4);
+        QCOMPARE(ids(judgeSearch(device, 5000)), expected);
+    }
+
+    void blamesTheLongestStageForTheTime()
+    {
+        DeviceSeen device;
+        device.sender = QHostAddress("10.0.0.5");
+        device.location = "http://10.0.0.5/d.xml"_s;
+        device.search.message = "x";
+        device.search.answerDelay = device.search.heard = 1000;
+        device.isExamined = true;
+        device.description = document(root(service(KEY_OBJECTS)));
+        device.description.duration = 1500;
+        ServiceSeen seen;
+        seen.description = document(
+            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
+            "</stateVariable></serviceStateTable></scpd>");
+        seen.subscription.ending = Ending::Complete;
+        seen.subscription.status = 200;
+        seen.subscription.hasSid = true;
+        const QByteArray good = body("<KO>1,2</KO>");
+        seen.events << arrived({head(QByteArray::number(good.size())), good});
+        device.services << seen;
+        QCOMPARE(ids(diagnose(device, 2400)), "description.slow"_ba);
+        QCOMPARE(ids(diagnose(device, 5000)), "device.unexplained"_ba);
+        device.services[0].events[0].after = 1600;
+        QCOMPARE(ids(diagnose(device, 2400)), "event.slow"_ba);
+        device.found = 2300;
+        QCOMPARE(ids(diagnose(device, 2400)), QByteArray());
+    }
+
+    void tellsOtherMakersApart()
+    {
+        DocumentSeen seen = document(
+            "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><deviceType>urn:x:device:tv:1</deviceType>"
+            "<friendlyName>TV</friendlyName></device></root>");
+        QVERIFY(isOfOtherMaker(readDescription(seen).findings));
+        seen.body.replace("</device>", service("urn:schemas-velmora-it:service:keyobjects:2") + "</device>");
+        QVERIFY(!isOfOtherMaker(readDescription(seen).findings));
+    }
+
+    void forgivesAFoundDeviceWhatMayBeOurDelay()
+    {
+        DeviceSeen device;
+        device.found = 100;
+        device.location = "http://10.0.0.5/d.xml"_s;
+        device.sender = QHostAddress("10.0.0.5");
+        device.search.answerDelay = device.search.heard = 10;
+        device.isExamined = true;
+        device.description = document(root(service(KEY_OBJECTS)));
+        ServiceSeen seen;
+        seen.description = document(
+            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
+            "</stateVariable></serviceStateTable></scpd>");
+        seen.subscription.ending = Ending::Complete;
+        seen.subscription.status = 200;
+        seen.subscription.hasSid = true;
+        const QByteArray good = body("<KO>1,2</KO>");
+        seen.events << arrived({head(QByteArray::number(good.size())), good}, 1);
+        device.services << seen;
+        QCOMPARE(ids(diagnose(device, 5000)), "event.short-gap"_ba);
+        device.services[0].events[0].isUncertain = true;
+        QCOMPARE(ids(diagnose(device, 5000)), QByteArray());
+    }
+
+    void everyFindingHasItsText()
+    {
+        QSet<QByteArray> seen;
+        for (const FindingText& text : findingTexts()) {
+            QVERIFY2(!seen.contains(text.id), text.id);
+            seen.insert(text.id);
+            QVERIFY2(QByteArray(text.meaning).endsWith('.') && QByteArray(text.change).endsWith('.'), text.id);
+            QVERIFY2(text.section >= 0 && text.section <= 7, text.id);
+            QCOMPARE(findingText(text.id).id, text.id);
+        }
+    }
+
+    void manualListsEveryFinding()
+    {
+        QFile file(QStringLiteral(MANUAL));
+        QVERIFY(file.open(QIODevice::ReadOnly));
+        const QByteArray manual = file.readAll();
+        for (const FindingText& text : findingTexts())
+            QVERIFY2(manual.contains(".It Ql "_ba + text.id + '\n' + text.meaning + '\n'), text.id);
+        QCOMPARE(manual.count("\n.It Ql "), findingTexts().size());
+    }
+
+    void showsNothingButPrintableText()
+    {
+        QCOMPARE(readable(QByteArray("a\x1b[31m\0\xff\r\n", 10)), "a\\x1b[31m\\x00\\xff\\x0d\\x0a"_s);
+        QCOMPARE(readable(QByteArray(200, 'a'), 10), QString(10, QLatin1Char('a')) + "..."_s);
+        QCOMPARE(readable(QString(QChar(0x202e))), "\\xe2\\x80\\xae"_s);
+    }
+
+    void breaksLines()
+    {
+        Results results;
+        Diagnosed device;
+        device.seen.sender = QHostAddress("10.0.0.5");
+        device.seen.location = "http://10.0.0.5:49152/"_s + QString(300, QLatin1Char('x'));
+        device.seen.search.message = "x";
+        device.findings = {{"description.status", QString(200, QLatin1Char('y'))}};
+        results.devices << device;
+        const auto plain = [](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
+        for (const int width : {30, 40, 80, 160}) {
+            const QStringList lines = textOf(results, {width, plain}).split(QLatin1Char('\n'));
+            QVERIFY(lines.size() > 5);
+            for (const QString& line : lines)
+                QVERIFY2(line.size() <= width, qPrintable(line));
+        }
+        QCOMPARE(textOf(results, {INT_MAX, plain}).count(QLatin1Char('\n')), 5);
+    }
+
+    void namesKindsOfInterfaces_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("kind");
+        QTest::addColumn<QString>("expected");
+        const auto add = [](const char* name, const char* kind, const char* expected) {
+            QTest::addRow("%s %s", name, kind)
+                << QString::fromLatin1(name) << QString::fromLatin1(kind) << QString::fromLatin1(expected);
+        };
+        add("eth0", "", "");
+        add("bond0", "bond", "");
+        add("eth0.5", "vlan", "");
+        add("br0", "bridge", "bridge");
+        add("docker0", "bridge", "bridge of containers");
+        add("br-0123456789ab", "bridge", "bridge of containers");
+        add("host0", "veth", "container");
+        add("tun0", "tun", "tunnel");
+        add("wg0", "wireguard", "tunnel");
+        add("dummy0", "dummy", "no network");
+    }
+
+    void namesKindsOfInterfaces()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, kind);
+        QTEST(kindOfInterface(name, kind), "expected");
+    }
+
+    void findsSocketsOnAPort()
+    {
+        const QByteArray table = "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
+                                 "uid  timeout inode ref\n"
+                                 "  123: 00000000:076C 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
+                                 " 0        0 41234 2 0 0\n"
+                                 "  124: 0100007F:0035 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
+                                 " 0        0 41235 2 0 "
+                                 "0\n";
+        QCOMPARE(socketsOnPort(table, 1900), QList<QByteArray>{"41234"});
+    }
+
+    void findsRulesThatDrop_data()
+    {
+        QTest::addColumn<QString>("rules");
+        QTest::addColumn<QStringList>("expected"); // how each begins
+        const auto add = [](const char* name, const char* rules, const QStringList& expected) {
+            QTest::newRow(name) << QString::fromLatin1(rules) << expected;
+        };
+        const QStringList all = {"UDP 1900"_s, "UDP 49152"_s, "TCP 40000"_s};
+        add("nothing", "", {});
+        add("iptables, all in", "*filter\n:INPUT ACCEPT [0:0]\nCOMMIT\n", {});
+        add("iptables, nothing in", "*filter\n:INPUT DROP [0:0]\n-A INPUT -i lo -j ACCEPT\nCOMMIT\n", all);
+        add("iptables, one port out",
+            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j DROP\nCOMMIT\n", all.mid(0, 1));
+        add("iptables, ports in",
+            "*filter\n:INPUT DROP [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
+            "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\nCOMMIT\n",
+            {});
+        add("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", {});
+        add("iptables, a drop that depends",
+            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -s 1.2.3.4/32 -j DROP\nCOMMIT\n", {});
+        add("nft, policy",
+            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
+            "\t\tct state established,related accept\n\t}\n}\n",
+            all);
+        add("nft, a rule",
+            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n"
+            "\t\tudp dport { 53, 1900 } drop\n\t}\n}\n",
+            all.mid(0, 1));
+        add("nft, ports in",
+            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
+            "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n\t}\n}\n",
+            {});
+        add("nft, another hook",
+            "table inet filter {\n\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n"
+            "\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n\t}\n}\n",
+            {});
+    }
+
+    void findsRulesThatDrop()
+    {
+        QFETCH(QString, rules);
+        QFETCH(QStringList, expected);
+        const QStringList drops = droppingRules(rules, {{1900, 49152}, {40000}});
+        QCOMPARE(drops.size(), expected.size());
+        for (int i = 0; i < expected.size(); ++i)
+            QVERIFY2(drops.at(i).startsWith(expected.at(i) + QLatin1Char(':')), qPrintable(drops.at(i)));
+    }
 };
-
-void DoctorDiagnosisTest::readsDescription_data()
-{
-    QTest::addColumn<DocumentSeen>("seen");
-    QTest::addColumn<QByteArray>("expected");
-    const auto add = [](const char* name, const DocumentSeen& seen, const char* expected) {
-        QTest::newRow(name) << seen << QByteArray(expected);
-    };
-    const QByteArray good = root(service(KEY_OBJECTS));
-    add("good", document(good), "");
-    add("good with an error status", document(good, Ending::Complete, 500), "description.status");
-    add("good but cut by the peer", document(good, Ending::Short), "description.short");
-    add("no connection", document("", Ending::NoConnection, 0), "description.no-connection");
-    add("refused", document("", Ending::Refused, 0), "description.refused");
-    add("silent", document("", Ending::Silent, 0), "description.silent");
-    add("closed", document("", Ending::Closed, 0), "description.closed");
-    add("reset", document("<root", Ending::Reset), "description.reset");
-    add("slow", document(good, Ending::Unfinished), "description.slow");
-    add("no HTTP", document("", Ending::Malformed, 0), "description.not-http");
-    add("endless", document("", Ending::OutOfBounds), "description.out-of-bounds");
-    add("redirect", document("<p>", Ending::Complete, 301), "description.redirect");
-    add("not found", document("<p>", Ending::Complete, 404), "description.status");
-    add("empty", document(""), "description.not-xml");
-    add("no XML", document("<root>"), "description.not-xml");
-    add("subset", document("<!DOCTYPE root [<!ENTITY a \"b\">]><root/>"), "description.out-of-bounds");
-    add("web page", document("<html/>"), "description.no-root");
-    add("no name space", document("<root/>"), "description.namespace");
-    add("prefixed root", document("<d:root xmlns:d=\"urn:schemas-upnp-org:device-1-0\"/>"), "description.prefix");
-    add("prefixed below",
-        document("<root xmlns=\"urn:schemas-upnp-org:device-1-0\" xmlns:d=\"x\"><d:device/></root>"),
-        "description.prefix");
-    add("no service", document(root("")), "service.none");
-    add("another service", document(root(service("urn:x:service:y:1"))), "service.no-key-object");
-    add("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
-        "service.type-version");
-    add("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))), "service.type-case");
-    add("space", document(root(service(QByteArray(KEY_OBJECTS) + " "))), "service.type-space");
-    add("embedded", document(root("<deviceList><device>" + service(KEY_OBJECTS) + "</device></deviceList>")),
-        "service.embedded");
-    add("not tried", DocumentSeen(), "");
-}
-
-void DoctorDiagnosisTest::readsDescription()
-{
-    QFETCH(DocumentSeen, seen);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(ids(readDescription(seen).findings), expected);
-}
-
-void DoctorDiagnosisTest::readsServiceDescription_data()
-{
-    QTest::addColumn<DocumentSeen>("seen");
-    QTest::addColumn<QByteArray>("expected");
-    const auto add = [](const char* name, const QByteArray& table, const char* expected) {
-        QTest::newRow(name) << document("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">" + table + "</scpd>")
-                            << QByteArray(expected);
-    };
-    add("KO", "<serviceStateTable><stateVariable><name>KO</name></stateVariable></serviceStateTable>", "");
-    add("no KO", "<serviceStateTable><stateVariable><name>ko</name></stateVariable></serviceStateTable>",
-        "scpd.no-ko");
-    add("no variable", "<serviceStateTable/>", "scpd.no-variable");
-    add("prefix", "<x:serviceStateTable xmlns:x=\"y\"/>", "scpd.prefix");
-    QTest::newRow("device description") << document(root("")) << QByteArray("scpd.no-root");
-    QTest::newRow("status") << document("", Ending::Complete, 404) << QByteArray("scpd.status");
-}
-
-void DoctorDiagnosisTest::readsServiceDescription()
-{
-    QFETCH(DocumentSeen, seen);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(ids(readServiceDescription(seen).findings), expected);
-}
-
-void DoctorDiagnosisTest::judgesEvent_data()
-{
-    QTest::addColumn<EventSeen>("seen");
-    QTest::addColumn<QByteArray>("expected");
-    const auto add = [](const char* name, const EventSeen& seen, const char* expected) {
-        QTest::newRow(name) << seen << QByteArray(expected);
-    };
-    const QByteArray good = body("<KO>1,2</KO>");
-    const QByteArray length = QByteArray::number(good.size());
-    add("good", arrived({head(length), good}), "");
-    add("in pieces", arrived({head(length), good.left(9), good.mid(9)}), "");
-    add("one character short", arrived({head(QByteArray::number(good.size() + 1)), good}), "");
-    add("two characters short", arrived({head(QByteArray::number(good.size() + 2)), good}), "event.long-length");
-    add("no length", arrived({head(""), good}), "event.no-length");
-    add("no length, in pieces", arrived({head(""), good.left(9), good.mid(9)}), "event.no-length");
-    add("short length, cut", arrived({head("9"), good.left(9), good.mid(9)}), "event.short-length");
-    add("short length, not cut", arrived({head("9"), good}), "event.short-length");
-    add("at once", arrived({head(length) + good}), "event.one-segment");
-    add("begun with the head", arrived({head(length) + good.left(9), good.mid(9)}), "event.one-segment");
-    add("soon", arrived({head(length), good}, 4), "event.short-gap");
-    add("head only", arrived({head(length)}), "event.no-body");
-    add("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
-    const QByteArray prefixed =
-        "<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>";
-    add("prefix", arrived({head(QByteArray::number(prefixed.size())), prefixed}), "event.prefix");
-    const QByteArray other = body("<A>1</A>");
-    add("no KO", arrived({head(QByteArray::number(other.size())), other}), "event.no-ko");
-    const QByteArray malformed = body("<KO>7;1,2,3</KO>");
-    add("malformed", arrived({head(QByteArray::number(malformed.size())), malformed}), "event.ko-malformed");
-    EventSeen strange = arrived({head(length), good});
-    strange.isForSubscription = false;
-    add("unknown path", strange, "event.unknown-path");
-}
-
-void DoctorDiagnosisTest::judgesEvent()
-{
-    QFETCH(EventSeen, seen);
-    QFETCH(QByteArray, expected);
-    QCOMPARE(ids(judgeEvent(seen)), expected);
-}
-
-void DoctorDiagnosisTest::judgesSearch_data()
-{
-    QTest::addColumn<QString>("location");
-    QTest::addColumn<QList<int>>("times"); // answer, standard, unicast, announced, heard
-    QTest::addColumn<QByteArray>("expected");
-    const auto add = [](const char* name, const char* location, const QList<int>& times, const char* expected) {
-        QTest::newRow(name) << QString::fromLatin1(location) << times << QByteArray(expected);
-    };
-    const char* const good = "http://10.0.0.5:80/d.xml";
-    add("good", good, {100, 200, -1, -1, 100}, "");
-    add("standard only", good, {-1, 200, -1, -1, -1}, "search.crlf-only");
-    add("unicast only", good, {-1, -1, 200, -1, -1}, "search.unicast-only");
-    add("announces only", good, {-1, -1, -1, 400, 400}, "search.announces-only");
-    add("announced, and answers the standard search", good, {-1, 200, -1, 400, 400}, "");
-    add("late", good, {6000, 200, -1, -1, 6000}, "search.late");
-    add("after MX", good, {3001, 200, -1, -1, 3001}, "search.after-mx");
-    add("another host", "http://10.0.0.6/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
-    add("a name", "http://device/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
-    add("file", "file:///etc/passwd", {100, -1, -1, -1, 100}, "search.location-no-url");
-    add("text", "nothing", {100, -1, -1, -1, 100}, "search.location-no-url");
-    add("none", "", {100, -1, -1, -1, 100}, "search.no-location");
-}
-
-void DoctorDiagnosisTest::judgesSearch()
-{
-    QFETCH(QString, location);
-    QFETCH(QList<int>, times);
-    QFETCH(QByteArray, expected);
-    DeviceSeen device;
-    device.sender = QHostAddress(QStringLiteral("10.0.0.5"));
-    device.location = location;
-    device.search.message = "HTTP/1.1 200 OK";
-    device.search.answerDelay = times.at(0);
-    device.search.standardDelay = times.at(1);
-    device.search.unicastDelay = times.at(2);
-    device.search.announced = times.at(3);
-    device.search.heard = times.at(4);
-    QCOMPARE(ids(judgeSearch(device, 5000)), expected);
-}
-
-void DoctorDiagnosisTest::blamesTheLongestStageForTheTime()
-{
-    DeviceSeen device;
-    device.sender = QHostAddress(QStringLiteral("10.0.0.5"));
-    device.location = QStringLiteral("http://10.0.0.5/d.xml");
-    device.search.message = "x";
-    device.search.answerDelay = device.search.heard = 1000;
-    device.isExamined = true;
-    device.description = document(root(service(KEY_OBJECTS)));
-    device.description.duration = 1500;
-    ServiceSeen seen;
-    seen.description = document(
-        "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-        "</stateVariable></serviceStateTable></scpd>");
-    seen.subscription.ending = Ending::Complete;
-    seen.subscription.status = 200;
-    seen.subscription.hasSid = true;
-    const QByteArray good = body("<KO>1,2</KO>");
-    seen.events << arrived({head(QByteArray::number(good.size())), good});
-    device.services << seen;
-    QCOMPARE(ids(diagnose(device, 2400)), QByteArray("description.slow"));
-    QCOMPARE(ids(diagnose(device, 5000)), QByteArray("device.unexplained"));
-    device.services[0].events[0].after = 1600;
-    QCOMPARE(ids(diagnose(device, 2400)), QByteArray("event.slow"));
-    device.found = 2300;
-    QCOMPARE(ids(diagnose(device, 2400)), QByteArray());
-}
-
-void DoctorDiagnosisTest::tellsOtherMakersApart()
-{
-    DocumentSeen seen = document(
-        "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><deviceType>urn:x:device:tv:1</deviceType>"
-        "<friendlyName>TV</friendlyName></device></root>");
-    QVERIFY(isOfOtherMaker(readDescription(seen).findings));
-    seen.body.replace("</device>", service("urn:schemas-velmora-it:service:keyobjects:2") + "</device>");
-    QVERIFY(!isOfOtherMaker(readDescription(seen).findings));
-}
-
-void DoctorDiagnosisTest::forgivesAFoundDeviceWhatMayBeOurDelay()
-{
-    DeviceSeen device;
-    device.found = 100;
-    device.location = QStringLiteral("http://10.0.0.5/d.xml");
-    device.sender = QHostAddress(QStringLiteral("10.0.0.5"));
-    device.search.answerDelay = device.search.heard = 10;
-    device.isExamined = true;
-    device.description = document(root(service(KEY_OBJECTS)));
-    ServiceSeen seen;
-    seen.description = document(
-        "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-        "</stateVariable></serviceStateTable></scpd>");
-    seen.subscription.ending = Ending::Complete;
-    seen.subscription.status = 200;
-    seen.subscription.hasSid = true;
-    const QByteArray good = body("<KO>1,2</KO>");
-    seen.events << arrived({head(QByteArray::number(good.size())), good}, 1);
-    device.services << seen;
-    QCOMPARE(ids(diagnose(device, 5000)), QByteArray("event.short-gap"));
-    device.services[0].events[0].isUncertain = true;
-    QCOMPARE(ids(diagnose(device, 5000)), QByteArray());
-}
-
-void DoctorDiagnosisTest::everyFindingHasItsText()
-{
-    QSet<QByteArray> seen;
-    for (const FindingText& text : findingTexts()) {
-        QVERIFY2(!seen.contains(text.id), text.id);
-        seen.insert(text.id);
-        QVERIFY2(QByteArray(text.meaning).endsWith('.') && QByteArray(text.change).endsWith('.'), text.id);
-        QVERIFY2(text.section >= 0 && text.section <= 7, text.id);
-        QCOMPARE(findingText(text.id).id, text.id);
-    }
-}
-
-void DoctorDiagnosisTest::manualListsEveryFinding()
-{
-    QFile file(QStringLiteral(MANUAL));
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    const QByteArray manual = file.readAll();
-    for (const FindingText& text : findingTexts())
-        QVERIFY2(manual.contains(QByteArray(".It Ql ") + text.id + '\n' + text.meaning + '\n'), text.id);
-    QCOMPARE(manual.count("\n.It Ql "), findingTexts().size());
-}
-
-void DoctorDiagnosisTest::showsNothingButPrintableText()
-{
-    QCOMPARE(readable(QByteArray("a\x1b[31m\0\xff\r\n", 10)), QStringLiteral("a\\x1b[31m\\x00\\xff\\x0d\\x0a"));
-    QCOMPARE(readable(QByteArray(200, 'a'), 10), QString(10, QLatin1Char('a')) + QStringLiteral("..."));
-    QCOMPARE(readable(QString(QChar(0x202e))), QStringLiteral("\\xe2\\x80\\xae"));
-}
-
-void DoctorDiagnosisTest::breaksLines()
-{
-    Results results;
-    Diagnosed device;
-    device.seen.sender = QHostAddress(QStringLiteral("10.0.0.5"));
-    device.seen.location = QStringLiteral("http://10.0.0.5:49152/") + QString(300, QLatin1Char('x'));
-    device.seen.search.message = "x";
-    device.findings = {{"description.status", QString(200, QLatin1Char('y'))}};
-    results.devices << device;
-    const auto plain = [](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
-    for (const int width : {30, 40, 80, 160}) {
-        const QStringList lines = textOf(results, {width, plain}).split(QLatin1Char('\n'));
-        QVERIFY(lines.size() > 5);
-        for (const QString& line : lines)
-            QVERIFY2(line.size() <= width, qPrintable(line));
-    }
-    QCOMPARE(textOf(results, {INT_MAX, plain}).count(QLatin1Char('\n')), 5);
-}
-
-void DoctorDiagnosisTest::namesKindsOfInterfaces_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("kind");
-    QTest::addColumn<QString>("expected");
-    const auto add = [](const char* name, const char* kind, const char* expected) {
-        QTest::addRow("%s %s", name, kind)
-            << QString::fromLatin1(name) << QString::fromLatin1(kind) << QString::fromLatin1(expected);
-    };
-    add("eth0", "", "");
-    add("bond0", "bond", "");
-    add("eth0.5", "vlan", "");
-    add("br0", "bridge", "bridge");
-    add("docker0", "bridge", "bridge of containers");
-    add("br-0123456789ab", "bridge", "bridge of containers");
-    add("host0", "veth", "container");
-    add("tun0", "tun", "tunnel");
-    add("wg0", "wireguard", "tunnel");
-    add("dummy0", "dummy", "no network");
-}
-
-void DoctorDiagnosisTest::namesKindsOfInterfaces()
-{
-    QFETCH(QString, name);
-    QFETCH(QString, kind);
-    QTEST(kindOfInterface(name, kind), "expected");
-}
-
-void DoctorDiagnosisTest::findsSocketsOnAPort()
-{
-    const QByteArray table =
-        "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode ref\n"
-        "  123: 00000000:076C 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 41234 2 0 0\n"
-        "  124: 0100007F:0035 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 41235 2 0 "
-        "0\n";
-    QCOMPARE(socketsOnPort(table, 1900), QList<QByteArray>{"41234"});
-}
-
-void DoctorDiagnosisTest::findsRulesThatDrop_data()
-{
-    QTest::addColumn<QString>("rules");
-    QTest::addColumn<QStringList>("expected"); // how each begins
-    const auto add = [](const char* name, const char* rules, const QStringList& expected) {
-        QTest::newRow(name) << QString::fromLatin1(rules) << expected;
-    };
-    const QStringList all = {QStringLiteral("UDP 1900"), QStringLiteral("UDP 49152"), QStringLiteral("TCP 40000")};
-    add("nothing", "", {});
-    add("iptables, all in", "*filter\n:INPUT ACCEPT [0:0]\nCOMMIT\n", {});
-    add("iptables, nothing in", "*filter\n:INPUT DROP [0:0]\n-A INPUT -i lo -j ACCEPT\nCOMMIT\n", all);
-    add("iptables, one port out",
-        "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j DROP\nCOMMIT\n", all.mid(0, 1));
-    add("iptables, ports in",
-        "*filter\n:INPUT DROP [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
-        "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\nCOMMIT\n",
-        {});
-    add("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", {});
-    add("iptables, a drop that depends", "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -s 1.2.3.4/32 -j DROP\nCOMMIT\n",
-        {});
-    add("nft, policy",
-        "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-        "\t\tct state established,related accept\n\t}\n}\n",
-        all);
-    add("nft, a rule",
-        "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n"
-        "\t\tudp dport { 53, 1900 } drop\n\t}\n}\n",
-        all.mid(0, 1));
-    add("nft, ports in",
-        "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-        "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n\t}\n}\n",
-        {});
-    add("nft, another hook",
-        "table inet filter {\n\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n"
-        "\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n\t}\n}\n",
-        {});
-}
-
-void DoctorDiagnosisTest::findsRulesThatDrop()
-{
-    QFETCH(QString, rules);
-    QFETCH(QStringList, expected);
-    const QStringList drops = droppingRules(rules, {{1900, 49152}, {40000}});
-    QCOMPARE(drops.size(), expected.size());
-    for (int i = 0; i < expected.size(); ++i)
-        QVERIFY2(drops.at(i).startsWith(expected.at(i) + QLatin1Char(':')), qPrintable(drops.at(i)));
-}
 
 QTEST_GUILESS_MAIN(DoctorDiagnosisTest)
 

@@ -1,12 +1,12 @@
 #include <ssdp/Documents.h>
+#include <tests/support/Literals.h>
 
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
-
-namespace Velmora {
-namespace Tests {
 
 /// What the documents of a device say.
 class DocumentsTest : public QObject
@@ -46,7 +46,7 @@ private:
     }
 
 private Q_SLOTS:
-    void theNameSpaceSaysTheKind_data()
+    void nameSpaceSaysTheKind_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("kind");
@@ -78,14 +78,14 @@ private Q_SLOTS:
             device);
     }
 
-    void theNameSpaceSaysTheKind()
+    void nameSpaceSaysTheKind()
     {
         QFETCH(const QString, text);
         QFETCH(const int, kind);
         QCOMPARE(int(Documents::kindOf(parsed(text))), kind);
     }
 
-    void anEmptyDocumentSaysNothing()
+    void emptyDocumentSaysNothing()
     {
         const QDomDocument empty;
         QCOMPARE(Documents::kindOf(empty), Documents::Other);
@@ -94,7 +94,7 @@ private Q_SLOTS:
         QCOMPARE(Documents::properties(empty).size(), 0);
     }
 
-    void theServicesOfADevice_data()
+    void servicesOfADevice_data()
     {
         QTest::addColumn<QString>("list");
         QTest::addColumn<QStringList>("expected");
@@ -102,39 +102,38 @@ private Q_SLOTS:
             QTest::newRow(name) << QString::fromLatin1(list) << expected;
         };
         add("none", "", {});
-        add("an empty one", "<service/>", {QStringLiteral("||||")});
+        add("an empty one", "<service/>", {"||||"_s});
         add("a whole one",
             "<service><serviceType>t</serviceType><serviceId>i</serviceId><SCPDURL>s</SCPDURL>"
             "<controlURL>c</controlURL><eventSubURL>e</eventSubURL></service>",
-            {QStringLiteral("t|i|c|e|s")});
+            {"t|i|c|e|s"_s});
         add("another order, and what else there is",
             "<service><x/><eventSubURL>e</eventSubURL>text<SCPDURL>s</SCPDURL><!-- c -->"
             "<serviceType>t</serviceType></service>",
-            {QStringLiteral("t|||e|s")});
+            {"t|||e|s"_s});
         add("in document order",
             "<service><serviceId>1</serviceId></service><service/><x/>"
             "<service><serviceId>3</serviceId></service>",
-            {QStringLiteral("|1|||"), QStringLiteral("||||"), QStringLiteral("|3|||")});
+            {"|1|||"_s, "||||"_s, "|3|||"_s});
         add("the first of two texts", "<service><serviceId>1</serviceId><serviceId>2</serviceId></service>",
-            {QStringLiteral("|1|||")});
-        add("spaces are kept", "<service><serviceId> 1\t</serviceId></service>", {QStringLiteral("| 1\t|||")});
+            {"|1|||"_s});
+        add("spaces are kept", "<service><serviceId> 1\t</serviceId></service>", {"| 1\t|||"_s});
         add("text of all elements within", "<service><serviceId>a<b>b</b><![CDATA[c]]>&lt;</serviceId></service>",
-            {QStringLiteral("|abc<|||")});
-        add("letter case", "<Service/><service><scpdurl>s</scpdurl></service>", {QStringLiteral("||||")});
-        add("prefixes", "<u:service/><service><u:serviceId>1</u:serviceId></service>", {QStringLiteral("||||")});
+            {"|abc<|||"_s});
+        add("letter case", "<Service/><service><scpdurl>s</scpdurl></service>", {"||||"_s});
+        add("prefixes", "<u:service/><service><u:serviceId>1</u:serviceId></service>", {"||||"_s});
         add("within another element", "<x><service/></x>", {});
     }
 
-    void theServicesOfADevice()
+    void servicesOfADevice()
     {
         QFETCH(const QString, list);
         QFETCH(const QStringList, expected);
-        QCOMPARE(servicesOf(QLatin1String("<root><device><serviceList>") + list
-                            + QLatin1String("</serviceList></device></root>")),
+        QCOMPARE(servicesOf("<root><device><serviceList>"_s + list + "</serviceList></device></root>"_s),
                  expected);
     }
 
-    void theServicesAreThoseOfTheFirstListOfTheRootDevice_data()
+    void servicesAreThoseOfTheFirstListOfTheRootDevice_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("count");
@@ -156,14 +155,14 @@ private Q_SLOTS:
         add("scpd in place of root", "<scpd><device><serviceList><service/></serviceList></device></scpd>", 0);
     }
 
-    void theServicesAreThoseOfTheFirstListOfTheRootDevice()
+    void servicesAreThoseOfTheFirstListOfTheRootDevice()
     {
         QFETCH(const QString, text);
         QFETCH(const int, count);
         QCOMPARE(servicesOf(text).size(), count);
     }
 
-    void theNamesOfAServiceDescription_data()
+    void namesOfAServiceDescription_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QStringList>("expected");
@@ -176,12 +175,12 @@ private Q_SLOTS:
             "<scpd><serviceStateTable><stateVariable><name>b</name></stateVariable><x/>"
             "<stateVariable><name>a</name></stateVariable><stateVariable><name>b</name></stateVariable>"
             "</serviceStateTable></scpd>",
-            {QStringLiteral("b"), QStringLiteral("a"), QStringLiteral("b")});
+            {"b"_s, "a"_s, "b"_s});
         add("without a name", "<scpd><serviceStateTable><stateVariable/></serviceStateTable></scpd>", {QString()});
         add("the first of two names",
             "<scpd><serviceStateTable><stateVariable><name>a</name><name>b</name></stateVariable>"
             "</serviceStateTable></scpd>",
-            {QStringLiteral("a")});
+            {"a"_s});
         add("the first of two tables",
             "<scpd><serviceStateTable/><serviceStateTable><stateVariable/></serviceStateTable></scpd>", {});
         add("root in place of scpd", "<root><serviceStateTable><stateVariable/></serviceStateTable></root>", {});
@@ -189,17 +188,17 @@ private Q_SLOTS:
         add("spaces are kept",
             "<scpd><serviceStateTable><stateVariable><name> "
             "KO\n</name></stateVariable></serviceStateTable></scpd>",
-            {QStringLiteral(" KO\n")});
+            {" KO\n"_s});
     }
 
-    void theNamesOfAServiceDescription()
+    void namesOfAServiceDescription()
     {
         QFETCH(const QString, text);
         QFETCH(const QStringList, expected);
         QCOMPARE(Documents::stateVariables(parsed(text)), expected);
     }
 
-    void thePropertiesOfAnEvent_data()
+    void propertiesOfAnEvent_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QStringList>("expected");
@@ -207,27 +206,24 @@ private Q_SLOTS:
             QTest::newRow(name) << QString::fromLatin1(text) << expected;
         };
         add("none", "<e:propertyset/>", {});
-        add("one", "<e:propertyset><e:property><KO>1,2</KO></e:property></e:propertyset>",
-            {QStringLiteral("KO=1,2")});
+        add("one", "<e:propertyset><e:property><KO>1,2</KO></e:property></e:propertyset>", {"KO=1,2"_s});
         add("in document order, repeated ones too",
             "<e:propertyset><e:property><B>1</B></e:property>text<x/><e:property><A>2</A></e:property>"
             "<e:property><B>3</B></e:property></e:propertyset>",
-            {QStringLiteral("B=1"), QStringLiteral("A=2"), QStringLiteral("B=3")});
-        add("without an element", "<e:propertyset><e:property>text</e:property></e:propertyset>",
-            {QStringLiteral("=")});
+            {"B=1"_s, "A=2"_s, "B=3"_s});
+        add("without an element", "<e:propertyset><e:property>text</e:property></e:propertyset>", {"="_s});
         add("the first of two elements", "<e:propertyset><e:property><A/><B>1</B></e:property></e:propertyset>",
-            {QStringLiteral("A=")});
+            {"A="_s});
         add("a prefix of the variable", "<e:propertyset><e:property><u:A>1</u:A></e:property></e:propertyset>",
-            {QStringLiteral("u:A=1")});
+            {"u:A=1"_s});
         add("another prefix", "<f:propertyset><f:property><A/></f:property></f:propertyset>", {});
         add("another prefix within", "<e:propertyset><f:property><A/></f:property></e:propertyset>", {});
         add("no prefix", "<propertyset><property><A/></property></propertyset>", {});
         add("another root", "<a><e:propertyset><e:property><A/></e:property></e:propertyset></a>", {});
-        add("spaces are kept", "<e:propertyset><e:property><A> 1 </A></e:property></e:propertyset>",
-            {QStringLiteral("A= 1 ")});
+        add("spaces are kept", "<e:propertyset><e:property><A> 1 </A></e:property></e:propertyset>", {"A= 1 "_s});
     }
 
-    void thePropertiesOfAnEvent()
+    void propertiesOfAnEvent()
     {
         QFETCH(const QString, text);
         QFETCH(const QStringList, expected);
@@ -235,8 +231,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_APPLESS_MAIN(Velmora::Tests::DocumentsTest)
+QTEST_APPLESS_MAIN(DocumentsTest)
 #include "tst_documents.moc"

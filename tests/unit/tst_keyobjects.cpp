@@ -3,13 +3,13 @@
 #include <ssdp/SsdpManager.h>
 #include <ssdp/SsdpService.h>
 #include <tests/support/CapturedLog.h>
+#include <tests/support/Literals.h>
 
 #include <QtTest/QtTest>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
-
-namespace Velmora {
-namespace Tests {
 
 // The controller runs no discovery here, and reports all the same.
 class KeyObjectsTest : public QObject
@@ -24,7 +24,7 @@ private:
         QHostAddress address;
     };
 
-    const QHostAddress address = QHostAddress(QStringLiteral("192.168.1.20"));
+    const QHostAddress address = QHostAddress("192.168.1.20");
     QList<Report> reports;
     QStringList loggedBefore;
     Ssdp controller{60000};
@@ -32,21 +32,16 @@ private:
     QScopedPointer<SsdpDevice> device;
     SsdpService* service = nullptr;
 
-    void setKeyObject(const QString& value) { service->stateVariables.insert(QStringLiteral("KO"), value); }
+    void setKeyObject(const QString& value) { service->stateVariables.insert("KO", value); }
 
-    void change(const QString& name = QStringLiteral("KO"))
-    {
-        Q_EMIT manager.valueChanged(device.data(), service, name);
-    }
+    void change(const QString& name = "KO"_s) { Q_EMIT manager.valueChanged(device.data(), service, name); }
 
     QStringList reported() const
     {
         QStringList result;
         for (const Report& report : reports) {
-            result << QStringLiteral("%1,%2,%3")
-                          .arg(report.functionCode)
-                          .arg(report.univocalCode)
-                          .arg(report.address.toString());
+            result
+                << "%1,%2,%3"_s.arg(report.functionCode).arg(report.univocalCode).arg(report.address.toString());
         }
         return result;
     }
@@ -74,25 +69,25 @@ private Q_SLOTS:
         device->services.append(service);
     }
 
-    void theFirstWellFormedEntryIsReported_data()
+    void firstWellFormedEntryIsReported_data()
     {
         QTest::addColumn<QString>("value");
         QTest::addColumn<int>("functionCode");
         QTest::addColumn<int>("univocalCode");
-        QTest::newRow("one entry") << QStringLiteral("12,34") << 12 << 34;
-        QTest::newRow("two entries") << QStringLiteral("12,34;56,78") << 12 << 34;
-        QTest::newRow("many entries") << QStringLiteral("1,2;3,4;5,6;7,8;9,10;11,12") << 1 << 2;
-        QTest::newRow("behind one and three parts") << QStringLiteral("7;1,2,3;4,5") << 4 << 5;
-        QTest::newRow("behind many malformed entries") << QStringLiteral("a;;1;,,;1,2,3;;b;x;4,5;6,7") << 4 << 5;
-        QTest::newRow("before an empty entry") << QStringLiteral("1,2;") << 1 << 2;
-        QTest::newRow("behind an empty entry") << QStringLiteral(";1,2") << 1 << 2;
-        QTest::newRow("no first part") << QStringLiteral(",5") << 0 << 5;
-        QTest::newRow("no second part") << QStringLiteral("5,") << 5 << 0;
-        QTest::newRow("no part") << QStringLiteral(",") << 0 << 0;
-        QTest::newRow("an entry of no numbers counts") << QStringLiteral("x,y;1,2") << 0 << 0;
+        QTest::newRow("one entry") << "12,34" << 12 << 34;
+        QTest::newRow("two entries") << "12,34;56,78" << 12 << 34;
+        QTest::newRow("many entries") << "1,2;3,4;5,6;7,8;9,10;11,12" << 1 << 2;
+        QTest::newRow("behind one and three parts") << "7;1,2,3;4,5" << 4 << 5;
+        QTest::newRow("behind many malformed entries") << "a;;1;,,;1,2,3;;b;x;4,5;6,7" << 4 << 5;
+        QTest::newRow("before an empty entry") << "1,2;" << 1 << 2;
+        QTest::newRow("behind an empty entry") << ";1,2" << 1 << 2;
+        QTest::newRow("no first part") << ",5" << 0 << 5;
+        QTest::newRow("no second part") << "5," << 5 << 0;
+        QTest::newRow("no part") << "," << 0 << 0;
+        QTest::newRow("an entry of no numbers counts") << "x,y;1,2" << 0 << 0;
     }
 
-    void theFirstWellFormedEntryIsReported()
+    void firstWellFormedEntryIsReported()
     {
         QFETCH(const QString, value);
         QFETCH(const int, functionCode);
@@ -105,59 +100,57 @@ private Q_SLOTS:
         QCOMPARE(reports.constFirst().address, address);
     }
 
-    void aPartIsADecimalIntOrZero_data()
+    void partIsADecimalIntOrZero_data()
     {
         QTest::addColumn<QString>("part");
         QTest::addColumn<int>("code");
-        QTest::newRow("zero") << QStringLiteral("0") << 0;
-        QTest::newRow("leading zeros") << QStringLiteral("0012") << 12;
-        QTest::newRow("a plus") << QStringLiteral("+8") << 8;
-        QTest::newRow("a minus") << QStringLiteral("-7") << -7;
-        QTest::newRow("a blank before") << QStringLiteral(" 34") << 34;
-        QTest::newRow("a blank behind") << QStringLiteral("34 ") << 34;
-        QTest::newRow("a line feed behind") << QStringLiteral("34\n") << 34;
-        QTest::newRow("a blank inside") << QStringLiteral("3 4") << 0;
-        QTest::newRow("a blank alone") << QStringLiteral(" ") << 0;
-        QTest::newRow("letters") << QStringLiteral("x") << 0;
-        QTest::newRow("letters behind digits") << QStringLiteral("12abc") << 0;
-        QTest::newRow("a fraction") << QStringLiteral("1.5") << 0;
-        QTest::newRow("hexadecimal") << QStringLiteral("0x10") << 0;
-        QTest::newRow("a sign alone") << QStringLiteral("-") << 0;
-        QTest::newRow("two signs") << QStringLiteral("--7") << 0;
-        QTest::newRow("the highest int") << QStringLiteral("2147483647") << 2147483647;
-        QTest::newRow("one more") << QStringLiteral("2147483648") << 0;
-        QTest::newRow("the lowest int") << QStringLiteral("-2147483648") << -2147483647 - 1;
-        QTest::newRow("one less") << QStringLiteral("-2147483649") << 0;
-        QTest::newRow("eleven digits") << QStringLiteral("12345678901") << 0;
-        QTest::newRow("thirty digits") << QStringLiteral("123456789012345678901234567890") << 0;
+        QTest::newRow("zero") << "0" << 0;
+        QTest::newRow("leading zeros") << "0012" << 12;
+        QTest::newRow("a plus") << "+8" << 8;
+        QTest::newRow("a minus") << "-7" << -7;
+        QTest::newRow("a blank before") << " 34" << 34;
+        QTest::newRow("a blank behind") << "34 " << 34;
+        QTest::newRow("a line feed behind") << "34\n" << 34;
+        QTest::newRow("a blank inside") << "3 4" << 0;
+        QTest::newRow("a blank alone") << " " << 0;
+        QTest::newRow("letters") << "x" << 0;
+        QTest::newRow("letters behind digits") << "12abc" << 0;
+        QTest::newRow("a fraction") << "1.5" << 0;
+        QTest::newRow("hexadecimal") << "0x10" << 0;
+        QTest::newRow("a sign alone") << "-" << 0;
+        QTest::newRow("two signs") << "--7" << 0;
+        QTest::newRow("the highest int") << "2147483647" << 2147483647;
+        QTest::newRow("one more") << "2147483648" << 0;
+        QTest::newRow("the lowest int") << "-2147483648" << -2147483647 - 1;
+        QTest::newRow("one less") << "-2147483649" << 0;
+        QTest::newRow("eleven digits") << "12345678901" << 0;
+        QTest::newRow("thirty digits") << "123456789012345678901234567890" << 0;
     }
 
-    void aPartIsADecimalIntOrZero()
+    void partIsADecimalIntOrZero()
     {
         QFETCH(const QString, part);
         QFETCH(const int, code);
-        setKeyObject(part + QStringLiteral(",41"));
+        setKeyObject(part + ",41"_s);
         change();
-        setKeyObject(QStringLiteral("42,") + part);
+        setKeyObject("42,"_s + part);
         change();
-        QCOMPARE(reported(),
-                 (QStringList{QStringLiteral("%1,41,192.168.1.20").arg(code),
-                              QStringLiteral("42,%1,192.168.1.20").arg(code)}));
+        QCOMPARE(reported(), (QStringList{"%1,41,192.168.1.20"_s.arg(code), "42,%1,192.168.1.20"_s.arg(code)}));
     }
 
-    void aValueWithoutWellFormedEntryIsNotReported_data()
+    void valueWithoutWellFormedEntryIsNotReported_data()
     {
         QTest::addColumn<QString>("value");
         QTest::newRow("null") << QString();
-        QTest::newRow("empty") << QStringLiteral("");
-        QTest::newRow("one part") << QStringLiteral("12");
-        QTest::newRow("three parts") << QStringLiteral("1,2,3");
-        QTest::newRow("empty entries") << QStringLiteral(";;");
-        QTest::newRow("another separator") << QStringLiteral("1:2");
-        QTest::newRow("entries of one part") << QStringLiteral("1;2");
+        QTest::newRow("empty") << "";
+        QTest::newRow("one part") << "12";
+        QTest::newRow("three parts") << "1,2,3";
+        QTest::newRow("empty entries") << ";;";
+        QTest::newRow("another separator") << "1:2";
+        QTest::newRow("entries of one part") << "1;2";
     }
 
-    void aValueWithoutWellFormedEntryIsNotReported()
+    void valueWithoutWellFormedEntryIsNotReported()
     {
         QFETCH(const QString, value);
         setKeyObject(value);
@@ -166,94 +159,94 @@ private Q_SLOTS:
         QVERIFY(CapturedLog::lines().isEmpty());
     }
 
-    void aTableWithoutKeyObjectIsNotReported()
+    void tableWithoutKeyObjectIsNotReported()
     {
         change();
-        service->stateVariables.insert(QStringLiteral("ko"), QStringLiteral("1,2"));
+        service->stateVariables.insert("ko", "1,2"_s);
         change();
         QCOMPARE(reported(), QStringList());
         QVERIFY(CapturedLog::lines().isEmpty());
-        QVERIFY(!service->stateVariables.contains(QStringLiteral("KO")));
+        QVERIFY(!service->stateVariables.contains("KO"));
     }
 
     void anotherNameIsIgnored_data()
     {
         QTest::addColumn<QString>("name");
-        QTest::newRow("lower case") << QStringLiteral("ko");
-        QTest::newRow("mixed case") << QStringLiteral("Ko");
-        QTest::newRow("a digit behind") << QStringLiteral("KO1");
-        QTest::newRow("a blank behind") << QStringLiteral("KO ");
-        QTest::newRow("a blank before") << QStringLiteral(" KO");
+        QTest::newRow("lower case") << "ko";
+        QTest::newRow("mixed case") << "Ko";
+        QTest::newRow("a digit behind") << "KO1";
+        QTest::newRow("a blank behind") << "KO ";
+        QTest::newRow("a blank before") << " KO";
         QTest::newRow("a zero behind") << QString::fromLatin1("KO\0", 3);
-        QTest::newRow("a prefix") << QStringLiteral("e:KO");
-        QTest::newRow("one letter") << QStringLiteral("K");
-        QTest::newRow("empty") << QStringLiteral("");
+        QTest::newRow("a prefix") << "e:KO";
+        QTest::newRow("one letter") << "K";
+        QTest::newRow("empty") << "";
         QTest::newRow("null") << QString();
     }
 
     void anotherNameIsIgnored()
     {
         QFETCH(const QString, name);
-        setKeyObject(QStringLiteral("12,34"));
-        service->stateVariables.insert(name, QStringLiteral("56,78"));
+        setKeyObject("12,34"_s);
+        service->stateVariables.insert(name, "56,78"_s);
         change(name);
         QCOMPARE(reported(), QStringList());
         QVERIFY(CapturedLog::lines().isEmpty());
     }
 
-    void aNullDeviceIsIgnored()
+    void nullDeviceIsIgnored()
     {
-        setKeyObject(QStringLiteral("12,34"));
-        Q_EMIT manager.valueChanged(nullptr, service, QStringLiteral("KO"));
+        setKeyObject("12,34"_s);
+        Q_EMIT manager.valueChanged(nullptr, service, "KO"_s);
         QCOMPARE(reported(), QStringList());
     }
 
-    void aNullServiceIsIgnored()
+    void nullServiceIsIgnored()
     {
-        Q_EMIT manager.valueChanged(device.data(), nullptr, QStringLiteral("KO"));
+        Q_EMIT manager.valueChanged(device.data(), nullptr, "KO"_s);
         QCOMPARE(reported(), QStringList());
     }
 
-    void aDeviceWithoutAddressIsNotReported()
+    void deviceWithoutAddressIsNotReported()
     {
         device->address = QHostAddress();
-        setKeyObject(QStringLiteral("12,34;56,78"));
+        setKeyObject("12,34;56,78"_s);
         change();
         QCOMPARE(reported(), QStringList());
         QVERIFY(CapturedLog::lines().isEmpty());
     }
 
-    void theSameEventTwiceGivesTwoReports()
+    void sameEventTwiceGivesTwoReports()
     {
-        setKeyObject(QStringLiteral("12,34"));
+        setKeyObject("12,34"_s);
         change();
         change();
-        const QString report = QStringLiteral("12,34,192.168.1.20");
-        const QString line = QStringLiteral("Device with FC:12 and UC:34 found at 192.168.1.20");
+        const QString report = "12,34,192.168.1.20"_s;
+        const QString line = "Device with FC:12 and UC:34 found at 192.168.1.20"_s;
         QCOMPARE(reported(), (QStringList{report, report}));
         QCOMPARE(CapturedLog::joined(0), (QStringList{line, line}));
     }
 
-    void theServiceNeedNotBeTheDevices()
+    void serviceNeedNotBeTheDevices()
     {
         SsdpService other;
-        other.stateVariables.insert(QStringLiteral("KO"), QStringLiteral("5,6"));
-        Q_EMIT manager.valueChanged(device.data(), &other, QStringLiteral("KO"));
-        QCOMPARE(reported(), QStringList{QStringLiteral("5,6,192.168.1.20")});
+        other.stateVariables.insert("KO", "5,6"_s);
+        Q_EMIT manager.valueChanged(device.data(), &other, "KO"_s);
+        QCOMPARE(reported(), QStringList{"5,6,192.168.1.20"});
     }
 
     void everyReportIsLoggedBeforeItIsSent()
     {
-        setKeyObject(QStringLiteral("-12,34"));
+        setKeyObject("-12,34"_s);
         change();
-        QCOMPARE(loggedBefore, QStringList{QStringLiteral("Device with FC:-12 and UC:34 found at 192.168.1.20")});
+        QCOMPARE(loggedBefore, QStringList{"Device with FC:-12 and UC:34 found at 192.168.1.20"});
         QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
         QCOMPARE(CapturedLog::lines().constFirst().pieces.size(), qsizetype(1));
     }
 
-    void theTableAndTheDeviceAreOnlyRead()
+    void tableAndTheDeviceAreOnlyRead()
     {
-        setKeyObject(QStringLiteral("12,34"));
+        setKeyObject("12,34"_s);
         const QHash<QString, QString> before = service->stateVariables;
         change();
         QCOMPARE(service->stateVariables, before);
@@ -261,8 +254,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_GUILESS_MAIN(Velmora::Tests::KeyObjectsTest)
+QTEST_GUILESS_MAIN(KeyObjectsTest)
 #include "tst_keyobjects.moc"

@@ -1,5 +1,6 @@
 #include <ssdp/SsdpManager.h>
 #include <tests/support/CapturedLog.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtCore/QFile>
@@ -8,10 +9,9 @@
 #include <QtNetwork/QTcpSocket>
 #include <QtTest/QtTest>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -40,13 +40,10 @@ public:
     QString add(const QByteArray& document)
     {
         documents << document;
-        return QStringLiteral("/%1").arg(documents.size() - 1);
+        return "/%1"_s.arg(documents.size() - 1);
     }
 
-    QString location(const QString& path) const
-    {
-        return QStringLiteral("http://127.0.0.1:%1%2").arg(serverPort()).arg(path);
-    }
+    QString location(const QString& path) const { return "http://127.0.0.1:%1%2"_s.arg(serverPort()).arg(path); }
 
 private:
     void answer(QTcpSocket* socket) const
@@ -93,7 +90,7 @@ private:
     void find(const QString& location)
     {
         ManagerAccess access(*manager);
-        access.addSsdpDevice(QHostAddress(QStringLiteral("10.77.1.1")), location);
+        access.addSsdpDevice(QHostAddress("10.77.1.1"), location);
         QTRY_VERIFY(access.deviceReplies().isEmpty());
     }
 
@@ -108,9 +105,9 @@ private Q_SLOTS:
 
     void cleanup() { manager.reset(); }
 
-    void theSubstituteIsTheOnlyLogLibraryOfTheProcess()
+    void substituteIsTheOnlyLogLibraryOfTheProcess()
     {
-        QFile maps(QStringLiteral("/proc/self/maps"));
+        QFile maps("/proc/self/maps"_s);
         QVERIFY(maps.open(QIODevice::ReadOnly));
         QSet<QByteArray> libraries;
         const QList<QByteArray> lines = maps.readAll().split('\n');
@@ -123,7 +120,7 @@ private Q_SLOTS:
                  (*libraries.constBegin()).constData());
     }
 
-    void theSubstituteGetsTheLinesAndQtNone()
+    void substituteGetsTheLinesAndQtNone()
     {
         messagesOfQt = 0;
         const QtMessageHandler previous = qInstallMessageHandler(countMessage);
@@ -133,15 +130,14 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
     }
 
-    void aDeviceIsLoggedWithItsLocation()
+    void deviceIsLoggedWithItsLocation()
     {
         ManagerAccess access(*manager);
-        access.addSsdpDevice(QHostAddress(QStringLiteral("10.77.1.1")), QStringLiteral("none:/%1"));
+        access.addSsdpDevice(QHostAddress("10.77.1.1"), "none:/%1"_s);
         QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
         QCOMPARE(CapturedLog::lines().constFirst().severity, 0);
-        QCOMPARE(CapturedLog::lines().constFirst().pieces,
-                 (QStringList{QStringLiteral("Ssdp device"), QStringLiteral("none:/%1")}));
-        access.addSsdpDevice(QHostAddress(QStringLiteral("10.77.1.2")), QStringLiteral("none:/%1"));
+        QCOMPARE(CapturedLog::lines().constFirst().pieces, (QStringList{"Ssdp device", "none:/%1"}));
+        access.addSsdpDevice(QHostAddress("10.77.1.2"), "none:/%1"_s);
         QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
     }
 
@@ -151,9 +147,8 @@ private Q_SLOTS:
             serviceElement("a", "/a.xml") + serviceElement("b", "") + serviceElement("c", "c.xml"))));
         find(location);
         QCOMPARE(CapturedLog::all(),
-                 (QStringList{
-                     QStringLiteral("0|Ssdp device|") + location, QStringLiteral("0|SSDP Device service|/a.xml"),
-                     QStringLiteral("0|SSDP Device service|"), QStringLiteral("0|SSDP Device service|c.xml")}));
+                 (QStringList{"0|Ssdp device|"_s + location, "0|SSDP Device service|/a.xml"_s,
+                              "0|SSDP Device service|"_s, "0|SSDP Device service|c.xml"_s}));
     }
 
     void everyStateVariableIsLoggedWithItsName()
@@ -166,29 +161,28 @@ private Q_SLOTS:
         findDocument(
             deviceDescription(serviceElement("urn:schemas-velmora-it:service:keyobjects:1", path.toLatin1())));
         QCOMPARE(CapturedLog::all().mid(1),
-                 (QStringList{QStringLiteral("0|SSDP Device service|") + path,
-                              QStringLiteral("0|SSDP response state variable|KO"),
-                              QStringLiteral("0|SSDP response state variable|"),
-                              QStringLiteral("0|SSDP response state variable|KO")}));
+                 (QStringList{"0|SSDP Device service|"_s + path, "0|SSDP response state variable|KO"_s,
+                              "0|SSDP response state variable|"_s, "0|SSDP response state variable|KO"_s}));
     }
 
-    void aResponseThatDoesNotParseIsLoggedWithItsBody_data()
+    void responseThatDoesNotParseIsLoggedWithItsBody_data()
     {
         QTest::addColumn<QByteArray>("body");
         QTest::addColumn<QString>("logged");
         QTest::newRow("empty") << QByteArray() << QString();
-        QTest::newRow("plain text") << QByteArray("Not %1 found") << QStringLiteral("Not %1 found");
-        QTest::newRow("cut short") << QByteArray("<root>") << QStringLiteral("<root>");
-        QTest::newRow("Latin-1") << QByteArray("\xe9") << QStringLiteral(u"\u00e9");
-        QTest::newRow("up to a zero byte") << QByteArray("<a\0/>", 5) << QStringLiteral("<a");
-        QTest::newRow("a DOCTYPE with a subset")
-            << QByteArray("<!DOCTYPE a []><a/>") << QStringLiteral("<!DOCTYPE a []><a/>");
-        QTest::newRow("129 levels") << QByteArray("<a>").repeated(128) + "<b/>" + QByteArray("</a>").repeated(128)
-                                    << QStringLiteral("<a>").repeated(128) + QStringLiteral("<b/>")
-                + QStringLiteral("</a>").repeated(128);
+        QTest::newRow("plain text") << "Not %1 found"_ba
+                                    << "Not %1 found";
+        QTest::newRow("cut short") << "<root>"_ba
+                                   << "<root>";
+        QTest::newRow("Latin-1") << "\xe9"_ba << QStringLiteral(u"\u00e9");
+        QTest::newRow("up to a zero byte") << QByteArray("<a\0/>", 5) << "<a";
+        QTest::newRow("a DOCTYPE with a subset") << "<!DOCTYPE a []><a/>"_ba
+                                                 << "<!DOCTYPE a []><a/>";
+        QTest::newRow("129 levels") << "<a>"_ba.repeated(128) + "<b/>" + "</a>"_ba.repeated(128)
+                                    << "<a>"_s.repeated(128) + "<b/>"_s + "</a>"_s.repeated(128);
     }
 
-    void aResponseThatDoesNotParseIsLoggedWithItsBody()
+    void responseThatDoesNotParseIsLoggedWithItsBody()
     {
         QFETCH(const QByteArray, body);
         QFETCH(const QString, logged);
@@ -197,13 +191,13 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::lines().constLast().pieces.size(), qsizetype(3));
     }
 
-    void aFailedRequestIsLoggedAsAnEmptyBody()
+    void failedRequestIsLoggedAsAnEmptyBody()
     {
-        find(QStringLiteral("none:/"));
+        find("none:/"_s);
         QCOMPARE(CapturedLog::joined(1), QStringList{QLatin1String(PARSE_RESPONSE + 2)});
     }
 
-    void aDocumentOfAnotherNamespaceIsNotLogged()
+    void documentOfAnotherNamespaceIsNotLogged()
     {
         findDocument("<root xmlns=\"urn:other\"/>");
         findDocument("<other xmlns=\"urn:schemas-upnp-org:device-1-0\"/>");
@@ -211,46 +205,42 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::lines().size(), qsizetype(3));
     }
 
-    void anEventWithoutServiceIsLogged()
+    void eventWithoutServiceIsLogged()
     {
-        ManagerAccess(*manager).updateStateVariables(nullptr, QStringLiteral("<e:propertyset/>"));
+        ManagerAccess(*manager).updateStateVariables(nullptr, "<e:propertyset/>"_s);
         QCOMPARE(CapturedLog::all(),
-                 QStringList{QLatin1String(UPDATE_VARIABLES) + QStringLiteral("No service to update variable")});
+                 QStringList{QLatin1String(UPDATE_VARIABLES) + "No service to update variable"_s});
         QCOMPARE(CapturedLog::lines().constFirst().pieces.size(), qsizetype(2));
     }
 
-    void anEventThatDoesNotParseIsLogged_data()
+    void eventThatDoesNotParseIsLogged_data()
     {
         QTest::addColumn<QString>("xml");
         QTest::newRow("empty") << QString();
-        QTest::newRow("plain text") << QStringLiteral("KO");
-        QTest::newRow("cut short") << QStringLiteral("<e:propertyset>");
-        QTest::newRow("a DOCTYPE with a subset") << QStringLiteral("<!DOCTYPE a []><e:propertyset/>");
+        QTest::newRow("plain text") << "KO";
+        QTest::newRow("cut short") << "<e:propertyset>";
+        QTest::newRow("a DOCTYPE with a subset") << "<!DOCTYPE a []><e:propertyset/>";
     }
 
-    void anEventThatDoesNotParseIsLogged()
+    void eventThatDoesNotParseIsLogged()
     {
         QFETCH(const QString, xml);
         SsdpService service;
         ManagerAccess(*manager).updateStateVariables(&service, xml);
-        QCOMPARE(CapturedLog::all(),
-                 QStringList{QLatin1String(UPDATE_VARIABLES) + QStringLiteral("Could not parse event xml")});
+        QCOMPARE(CapturedLog::all(), QStringList{QLatin1String(UPDATE_VARIABLES) + "Could not parse event xml"_s});
         QCOMPARE(CapturedLog::lines().constFirst().pieces.size(), qsizetype(2));
         QVERIFY(service.stateVariables.isEmpty());
     }
 
-    void anEventIsNotLogged()
+    void eventIsNotLogged()
     {
         SsdpService service;
         ManagerAccess(*manager).updateStateVariables(
-            &service, QStringLiteral("<e:propertyset><e:property><KO>1,2</KO></e:property></e:propertyset>"));
-        QCOMPARE(service.stateVariables.value(QStringLiteral("KO")), QStringLiteral("1,2"));
+            &service, "<e:propertyset><e:property><KO>1,2</KO></e:property></e:propertyset>"_s);
+        QCOMPARE(service.stateVariables.value("KO"), "1,2"_s);
         QCOMPARE(CapturedLog::all(), QStringList());
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_GUILESS_MAIN(Velmora::Tests::LogLinesTest)
+QTEST_GUILESS_MAIN(LogLinesTest)
 #include "tst_loglines.moc"

@@ -1,5 +1,6 @@
 #include <ssdp/MulticastSocket.h>
 #include <ssdp/SsdpManager.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/WireTest.h>
 #include <tests/unit/KernelTables.h>
@@ -16,11 +17,10 @@
 #include <unistd.h>
 #include <vector>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Simulator::PrivateNetwork;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -33,7 +33,7 @@ QString failure(const char* text)
 
 QString boundTo(const QString& port)
 {
-    return QLatin1String("0|Ssdp Server bound to ") + port;
+    return "0|Ssdp Server bound to "_s + port;
 }
 
 /// Counts its deletions.
@@ -66,7 +66,7 @@ public:
 
 private:
     PrivateNetwork& network;
-    const QHostAddress local = QHostAddress(QStringLiteral("10.77.0.1"));
+    const QHostAddress local = QHostAddress("10.77.0.1");
     std::unique_ptr<SsdpManager> manager;
     std::unique_ptr<QUdpSocket> device;
 
@@ -126,7 +126,7 @@ private Q_SLOTS:
         device = std::make_unique<QUdpSocket>();
         QVERIFY(device->bind(QHostAddress(QHostAddress::AnyIPv4), 1900));
         QVERIFY(device->joinMulticastGroup(SsdpManager::MULTICAST_GROUP_ADDRESS,
-                                           QNetworkInterface::interfaceFromName(QStringLiteral("device0"))));
+                                           QNetworkInterface::interfaceFromName("device0"_s)));
     }
 
     void cleanup()
@@ -142,7 +142,7 @@ private Q_SLOTS:
         QCOMPARE(KernelTables::tcpListeners(), QStringList());
     }
 
-    void aFreshManagerHasNoSockets()
+    void freshManagerHasNoSockets()
     {
         QCOMPARE(manager->findChildren<QUdpSocket*>().size(), qsizetype(0));
         QCOMPARE(ManagerAccess(*manager).multicastSocket(), nullptr);
@@ -155,15 +155,14 @@ private Q_SLOTS:
     void initializeBindsBothSocketsAndListens()
     {
         manager->initialize();
-        QCOMPARE(KernelTables::udpSockets(),
-                 (QStringList{QStringLiteral("0.0.0.0:1900"), QStringLiteral("10.77.0.1:49152")}));
-        QCOMPARE(KernelTables::tcpListeners(), QStringList{QStringLiteral("10.77.0.1:") + serverPort()});
+        QCOMPARE(KernelTables::udpSockets(), (QStringList{"0.0.0.0:1900", "10.77.0.1:49152"}));
+        QCOMPARE(KernelTables::tcpListeners(), QStringList{"10.77.0.1:"_s + serverPort()});
     }
 
     void initializeJoinsTheGroupOnItsAddress()
     {
         manager->initialize();
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 1")});
+        QCOMPARE(members(), QStringList{"host0 x 1"});
     }
 
     void initializeLogsThePortOfTheServer()
@@ -172,7 +171,7 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::all(), QStringList{boundTo(serverPort())});
     }
 
-    void theSocketsAreChildrenOfTheManager()
+    void socketsAreChildrenOfTheManager()
     {
         manager->initialize();
         ManagerAccess access(*manager);
@@ -182,21 +181,21 @@ private Q_SLOTS:
         QCOMPARE(access.networkManager().parent(), nullptr);
     }
 
-    void theUnicastSocketTakesTheFirstFreePortFrom49152On()
+    void unicastSocketTakesTheFirstFreePortFrom49152On()
     {
         const auto first = holder(49152);
         const auto second = holder(49153);
         const auto fourth = holder(49155);
         QVERIFY(first && second && fourth);
         manager->initialize();
-        QVERIFY(KernelTables::udpSockets().contains(QStringLiteral("10.77.0.1:49154")));
+        QVERIFY(KernelTables::udpSockets().contains("10.77.0.1:49154"));
     }
 
-    void theUnicastSocketTakes65534AsItsLastPort()
+    void unicastSocketTakes65534AsItsLastPort()
     {
         QVERIFY(holdEveryPortTo(65533));
         manager->initialize();
-        QVERIFY(KernelTables::udpSockets().contains(QStringLiteral("10.77.0.1:65534")));
+        QVERIFY(KernelTables::udpSockets().contains("10.77.0.1:65534"));
         QCOMPARE(CapturedLog::all(), QStringList{boundTo(serverPort())});
     }
 
@@ -205,39 +204,39 @@ private Q_SLOTS:
         QVERIFY(holdEveryPortTo(65534));
         manager->initialize();
         QCOMPARE(ManagerAccess(*manager).unicastSocket()->state(), QAbstractSocket::UnconnectedState);
-        QVERIFY(!KernelTables::udpSockets().contains(QStringLiteral("10.77.0.1:65535")));
+        QVERIFY(!KernelTables::udpSockets().contains("10.77.0.1:65535"));
         QCOMPARE(CapturedLog::all(), QStringList{boundTo(serverPort())});
         QVERIFY(!serverPort().isEmpty());
     }
 
-    void aFailedBindIsLoggedAndEndsInitialize()
+    void failedBindIsLoggedAndEndsInitialize()
     {
         const auto other = holder(1900);
         QVERIFY(other);
         manager->initialize();
         QCOMPARE(CapturedLog::all(), QStringList{failure("Failed to bind multicast socket for listening")});
-        QCOMPARE(KernelTables::udpSockets(), QStringList{QStringLiteral("0.0.0.0:1900")});
+        QCOMPARE(KernelTables::udpSockets(), QStringList{"0.0.0.0:1900"});
         QCOMPARE(KernelTables::tcpListeners(), QStringList());
         QCOMPARE(members(), QStringList());
     }
 
-    void aFailedJoinIsLoggedAndEndsInitialize()
+    void failedJoinIsLoggedAndEndsInitialize()
     {
         network.setSetting(PrivateNetwork::HostSide, "net/ipv4/igmp_max_memberships", "0");
         manager->initialize();
         QCOMPARE(CapturedLog::all(), QStringList{failure("Could n``ot join 239.255.255.250")});
-        QCOMPARE(KernelTables::udpSockets(), QStringList{QStringLiteral("0.0.0.0:1900")});
+        QCOMPARE(KernelTables::udpSockets(), QStringList{"0.0.0.0:1900"});
         QCOMPARE(KernelTables::tcpListeners(), QStringList());
     }
 
-    void anAddressOfAnotherHostIsAFailedJoin()
+    void addressOfAnotherHostIsAFailedJoin()
     {
-        SsdpManager other(QHostAddress(QStringLiteral("10.77.1.1")));
+        SsdpManager other(QHostAddress("10.77.1.1"));
         other.initialize();
         QCOMPARE(CapturedLog::all(), QStringList{failure("Could n``ot join 239.255.255.250")});
     }
 
-    void theSearchIsSentAfterAFailedBindToo()
+    void searchIsSentAfterAFailedBindToo()
     {
         const auto other = holder(1900);
         QVERIFY(other);
@@ -246,7 +245,7 @@ private Q_SLOTS:
         QVERIFY(nextDatagram().startsWith("M-SEARCH * HTTP/1.1\n"));
     }
 
-    void theSearchIsSentAfterAFailedJoinToo()
+    void searchIsSentAfterAFailedJoinToo()
     {
         network.setSetting(PrivateNetwork::HostSide, "net/ipv4/igmp_max_memberships", "0");
         manager->initialize();
@@ -264,18 +263,17 @@ private Q_SLOTS:
         QCOMPARE(KernelTables::udpSockets(), QStringList());
     }
 
-    void aFailedListenIsLoggedBeforePortZero()
+    void failedListenIsLoggedBeforePortZero()
     {
         network.setSetting(PrivateNetwork::HostSide, "net/ipv4/ip_local_port_range", "50000 50000");
         QTcpServer other;
         QVERIFY(other.listen(local, 50000));
         manager->initialize();
-        QCOMPARE(CapturedLog::all(),
-                 (QStringList{failure("Could not bind local Ssdp server"), boundTo(QStringLiteral("0"))}));
-        QVERIFY(KernelTables::udpSockets().contains(QStringLiteral("10.77.0.1:49152")));
+        QCOMPARE(CapturedLog::all(), (QStringList{failure("Could not bind local Ssdp server"), boundTo("0")}));
+        QVERIFY(KernelTables::udpSockets().contains("10.77.0.1:49152"));
     }
 
-    void aSecondInitializeFindsTheServerListening()
+    void secondInitializeFindsTheServerListening()
     {
         manager->initialize();
         const QString port = serverPort();
@@ -291,9 +289,8 @@ private Q_SLOTS:
         manager->initialize();
         manager->initialize();
         QCOMPARE(KernelTables::udpSockets(),
-                 (QStringList{QStringLiteral("0.0.0.0:1900"), QStringLiteral("0.0.0.0:1900"),
-                              QStringLiteral("10.77.0.1:49152"), QStringLiteral("10.77.0.1:49153")}));
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 2")});
+                 (QStringList{"0.0.0.0:1900", "0.0.0.0:1900", "10.77.0.1:49152", "10.77.0.1:49153"}));
+        QCOMPARE(members(), QStringList{"host0 x 2"});
     }
 
     void everyMessageIsAPieceOfItsOwn()
@@ -303,8 +300,8 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
         QCOMPARE(CapturedLog::lines().constFirst().severity, 1);
         QCOMPARE(CapturedLog::lines().constFirst().pieces,
-                 (QStringList{QStringLiteral("void Velmora::SSDP::SsdpManager::initialize()"),
-                              QStringLiteral("Failed to bind multicast socket for listening")}));
+                 (QStringList{"void Velmora::SSDP::SsdpManager::initialize()",
+                              "Failed to bind multicast socket for listening"}));
     }
 
     void discoverSendsOneSearchFromTheUnicastSocket()
@@ -313,11 +310,11 @@ private Q_SLOTS:
         manager->discover();
         QUdpSocket last;
         QVERIFY(last.bind(local, 0));
-        last.writeDatagram(QByteArray("last"), SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
+        last.writeDatagram("last"_ba, SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
         QString sender;
         QCOMPARE(nextDatagram(&sender), manager->createSearchMessage().toLatin1());
-        QCOMPARE(sender, QStringLiteral("10.77.0.1:49152"));
-        QCOMPARE(nextDatagram(), QByteArray("last"));
+        QCOMPARE(sender, "10.77.0.1:49152"_s);
+        QCOMPARE(nextDatagram(), "last"_ba);
     }
 
     void discoverWithoutInitializeSendsNothing()
@@ -329,9 +326,9 @@ private Q_SLOTS:
         manager->discover();
         QUdpSocket last;
         QVERIFY(last.bind(local, 0));
-        last.writeDatagram(QByteArray("last"), SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
+        last.writeDatagram("last"_ba, SsdpManager::MULTICAST_GROUP_ADDRESS, 1900);
         QVERIFY(nextDatagram().startsWith("M-SEARCH"));
-        QCOMPARE(nextDatagram(), QByteArray("last"));
+        QCOMPARE(nextDatagram(), "last"_ba);
     }
 
     void stopClosesTheUdpSocketsAtOnce()
@@ -421,7 +418,7 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::all(), QStringList());
     }
 
-    void aServiceIsFoundInItsDevice()
+    void serviceIsFoundInItsDevice()
     {
         SsdpService* const services[] = {new SsdpService, new SsdpService, new SsdpService, new SsdpService};
         addDevice({});
@@ -433,7 +430,7 @@ private Q_SLOTS:
         QCOMPARE(manager->getDeviceForService(services[3]), third);
     }
 
-    void theFirstDeviceThatListsAServiceHasIt()
+    void firstDeviceThatListsAServiceHasIt()
     {
         SsdpService* const shared = new SsdpService;
         const SsdpDevice* const first = addDevice({shared});
@@ -442,7 +439,7 @@ private Q_SLOTS:
         second->services.clear();
     }
 
-    void aServiceIsKnownByItsPointerAlone()
+    void serviceIsKnownByItsPointerAlone()
     {
         SsdpService* const listed = new SsdpService;
         listed->id = QUuid::createUuid();
@@ -452,7 +449,7 @@ private Q_SLOTS:
         QCOMPARE(manager->getDeviceForService(&same), nullptr);
     }
 
-    void anUnknownServiceHasNoDevice()
+    void unknownServiceHasNoDevice()
     {
         const SsdpService service;
         QCOMPARE(manager->getDeviceForService(&service), nullptr);
@@ -485,8 +482,5 @@ private:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-VELMORA_WIRE_TEST_MAIN(Velmora::Tests::ManagerTest)
+VELMORA_WIRE_TEST_MAIN(ManagerTest)
 #include "tst_manager.moc"

@@ -1,16 +1,16 @@
 #include <ssdp/MulticastSocket.h>
 #include <ssdp/Ssdp.h>
 #include <ssdp/SsdpManager.h>
+#include <tests/support/Literals.h>
 
 #include <QtCore/QMetaMethod>
 #include <QtTest/QtTest>
 
 #include <type_traits>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -57,13 +57,12 @@ private Q_SLOTS:
         QTest::addColumn<QObject*>("object");
         QTest::addColumn<QByteArray>("name");
         QTest::addColumn<QByteArray>("base");
-        QTest::newRow("Ssdp") << static_cast<QObject*>(&controller) << QByteArray("Velmora::SSDP::Ssdp")
-                              << QByteArray("QObject");
-        QTest::newRow("SsdpManager") << static_cast<QObject*>(&manager) << QByteArray("Velmora::SSDP::SsdpManager")
-                                     << QByteArray("QObject");
-        QTest::newRow("MulticastSocket")
-            << static_cast<QObject*>(&socket) << QByteArray("Velmora::SSDP::MulticastSocket")
-            << QByteArray("QUdpSocket");
+        QTest::newRow("Ssdp") << static_cast<QObject*>(&controller) << "Velmora::SSDP::Ssdp"_ba
+                              << "QObject"_ba;
+        QTest::newRow("SsdpManager") << static_cast<QObject*>(&manager) << "Velmora::SSDP::SsdpManager"_ba
+                                     << "QObject"_ba;
+        QTest::newRow("MulticastSocket") << static_cast<QObject*>(&socket) << "Velmora::SSDP::MulticastSocket"_ba
+                                         << "QUdpSocket"_ba;
     }
 
     void everyClassIsItsOwnName()
@@ -76,24 +75,24 @@ private Q_SLOTS:
         QCOMPARE(object->qt_metacast(name.constData()), static_cast<void*>(object));
     }
 
-    void aCastToABaseIsTheObject_data()
+    void castToABaseIsTheObject_data()
     {
         QTest::addColumn<QObject*>("object");
         QTest::addColumn<QByteArray>("name");
-        QTest::newRow("a controller") << static_cast<QObject*>(&controller) << QByteArray("QObject");
-        QTest::newRow("a manager") << static_cast<QObject*>(&manager) << QByteArray("QObject");
-        QTest::newRow("a socket as QUdpSocket") << static_cast<QObject*>(&socket) << QByteArray("QUdpSocket");
-        QTest::newRow("a socket as QObject") << static_cast<QObject*>(&socket) << QByteArray("QObject");
+        QTest::newRow("a controller") << static_cast<QObject*>(&controller) << "QObject"_ba;
+        QTest::newRow("a manager") << static_cast<QObject*>(&manager) << "QObject"_ba;
+        QTest::newRow("a socket as QUdpSocket") << static_cast<QObject*>(&socket) << "QUdpSocket"_ba;
+        QTest::newRow("a socket as QObject") << static_cast<QObject*>(&socket) << "QObject"_ba;
     }
 
-    void aCastToABaseIsTheObject()
+    void castToABaseIsTheObject()
     {
         QFETCH(QObject*, object);
         QFETCH(const QByteArray, name);
         QCOMPARE(object->qt_metacast(name.constData()), static_cast<void*>(object));
     }
 
-    void aCastToAnotherNameIsNull_data()
+    void castToAnotherNameIsNull_data()
     {
         QTest::addColumn<QObject*>("object");
         QTest::addColumn<QByteArray>("name");
@@ -114,21 +113,19 @@ private Q_SLOTS:
             QTest::addRow("%s to null", object.first) << object.second << QByteArray();
         }
         QTest::newRow("Ssdp to SsdpManager")
-            << static_cast<QObject*>(&controller) << QByteArray("Velmora::SSDP::SsdpManager");
-        QTest::newRow("SsdpManager to Ssdp")
-            << static_cast<QObject*>(&manager) << QByteArray("Velmora::SSDP::Ssdp");
-        QTest::newRow("MulticastSocket to QTcpSocket")
-            << static_cast<QObject*>(&socket) << QByteArray("QTcpSocket");
+            << static_cast<QObject*>(&controller) << "Velmora::SSDP::SsdpManager"_ba;
+        QTest::newRow("SsdpManager to Ssdp") << static_cast<QObject*>(&manager) << "Velmora::SSDP::Ssdp"_ba;
+        QTest::newRow("MulticastSocket to QTcpSocket") << static_cast<QObject*>(&socket) << "QTcpSocket"_ba;
     }
 
-    void aCastToAnotherNameIsNull()
+    void castToAnotherNameIsNull()
     {
         QFETCH(QObject*, object);
         QFETCH(const QByteArray, name);
         QCOMPARE(object->qt_metacast(name.isNull() ? nullptr : name.constData()), nullptr);
     }
 
-    void theControllerHasTheseMethodsInThisOrder()
+    void controllerHasTheseMethodsInThisOrder()
     {
         QCOMPARE(methods(Ssdp::staticMetaObject),
                  (QList<QByteArray>{
@@ -141,7 +138,7 @@ private Q_SLOTS:
         QVERIFY(hasNothingButMethods(Ssdp::staticMetaObject));
     }
 
-    void theManagerHasTheseMethodsInThisOrder()
+    void managerHasTheseMethodsInThisOrder()
     {
         QCOMPARE(
             methods(SsdpManager::staticMetaObject),
@@ -159,25 +156,25 @@ private Q_SLOTS:
         QVERIFY(hasNothingButMethods(SsdpManager::staticMetaObject));
     }
 
-    void theMulticastSocketAddsNoMethods()
+    void multicastSocketAddsNoMethods()
     {
         QCOMPARE(methods(MulticastSocket::staticMetaObject), QList<QByteArray>());
         QVERIFY(hasNothingButMethods(MulticastSocket::staticMetaObject));
     }
 
-    void theControllersSignalCarriesItsAddressByConstReference()
+    void controllersSignalCarriesItsAddressByConstReference()
     {
         QVERIFY((std::is_same_v<decltype(&Ssdp::discovered), void (Ssdp::*)(int, int, const QHostAddress&)>));
     }
 
-    void theParentDefaultsToNone()
+    void parentDefaultsToNone()
     {
         QCOMPARE(controller.parent(), nullptr);
         QCOMPARE(manager.parent(), nullptr);
         QCOMPARE(socket.parent(), nullptr);
     }
 
-    void aParentOwnsItsObjects()
+    void parentOwnsItsObjects()
     {
         QObject* const parent = new QObject;
         const QPointer<QObject> owned[] = {new Ssdp(1, parent),
@@ -189,8 +186,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_GUILESS_MAIN(Velmora::Tests::MetaObjectsTest)
+QTEST_GUILESS_MAIN(MetaObjectsTest)
 #include "tst_metaobjects.moc"

@@ -1,4 +1,5 @@
 #include <ssdp/MulticastSocket.h>
+#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 #include <tests/unit/KernelTables.h>
 
@@ -10,6 +11,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Simulator::PrivateNetwork;
 
@@ -30,9 +33,6 @@ extern "C" Q_DECL_EXPORT int setsockopt(int descriptor, int level, int option, c
     }
     return static_cast<int>(syscall(SYS_setsockopt, descriptor, level, option, value, size));
 }
-
-namespace Velmora {
-namespace Tests {
 
 class MulticastSocketTest : public QObject
 {
@@ -57,8 +57,8 @@ private:
 
     PrivateNetwork& network;
     const quint16 port = 1900;
-    const QString GROUP = QStringLiteral("239.255.255.250");
-    const QString LOCAL = QStringLiteral("10.77.0.1");
+    const QString GROUP = "239.255.255.250"_s;
+    const QString LOCAL = "10.77.0.1"_s;
     const QHostAddress group = QHostAddress(GROUP);
     const QHostAddress local = QHostAddress(LOCAL);
     QScopedPointer<MulticastSocket> socket;
@@ -92,14 +92,14 @@ private Q_SLOTS:
 
     void cleanup() { socket.reset(); }
 
-    void aFreshSocketUsesNoProxy()
+    void freshSocketUsesNoProxy()
     {
         QCOMPARE(socket->proxy(), QNetworkProxy(QNetworkProxy::NoProxy, QString(), 0, QString(), QString()));
     }
 
-    void anApplicationsProxyDoesNotReachTheSocket()
+    void applicationsProxyDoesNotReachTheSocket()
     {
-        QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::Socks5Proxy, QStringLiteral("h"), 1080));
+        QNetworkProxy::setApplicationProxy(QNetworkProxy(QNetworkProxy::Socks5Proxy, "h"_s, 1080));
         MulticastSocket fresh;
         const QNetworkProxy::ProxyType type = fresh.proxy().type();
         const bool bound = fresh.bind(port);
@@ -113,7 +113,7 @@ private Q_SLOTS:
         QVERIFY(socket->bind(port));
         QCOMPARE(socket->localPort(), port);
         QCOMPARE(socket->localAddress(), QHostAddress(QHostAddress::AnyIPv4));
-        QCOMPARE(KernelTables::udpSockets(), QStringList{QStringLiteral("0.0.0.0:1900")});
+        QCOMPARE(KernelTables::udpSockets(), QStringList{"0.0.0.0:1900"});
         QVERIFY(KernelTables::linesOf("udp6").size() == 2);
     }
 
@@ -136,8 +136,8 @@ private Q_SLOTS:
 
         const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
         QUdpSocket sender;
-        QVERIFY(sender.bind(QHostAddress(QStringLiteral("10.77.1.1")), 0));
-        QCOMPARE(sender.writeDatagram(QByteArray("x"), group, port), qint64(1));
+        QVERIFY(sender.bind(QHostAddress("10.77.1.1"), 0));
+        QCOMPARE(sender.writeDatagram("x"_ba, group, port), qint64(1));
         QTRY_COMPARE(first.count(), 1);
         QTRY_COMPARE(second.count(), 1);
     }
@@ -154,14 +154,14 @@ private Q_SLOTS:
     {
         QVERIFY(socket->bind(port));
         QVERIFY(join());
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 1")});
+        QCOMPARE(members(), QStringList{"host0 x 1"});
     }
 
     void joinChoosesTheInterfaceByItsAddress()
     {
         QVERIFY(socket->bind(port));
-        QVERIFY(socket->joinMulticastGroup(group, QHostAddress(QStringLiteral("10.78.0.1"))));
-        QCOMPARE(members(), QStringList{QStringLiteral("host1 x 1")});
+        QVERIFY(socket->joinMulticastGroup(group, QHostAddress("10.78.0.1")));
+        QCOMPARE(members(), QStringList{"host1 x 1"});
     }
 
     void joinWithANullInterfaceLeavesTheChoiceToTheSystem()
@@ -173,7 +173,7 @@ private Q_SLOTS:
         const bool left = socket->leaveMulticastGroup(group, QHostAddress());
         network.run(PrivateNetwork::HostSide, {"ip", "route", "del", "239.0.0.0/8", "dev", "host1"});
         QVERIFY(joined);
-        QCOMPARE(during, QStringList{QStringLiteral("host1 x 1")});
+        QCOMPARE(during, QStringList{"host1 x 1"});
         QVERIFY(left);
         QCOMPARE(members(), QStringList());
     }
@@ -186,21 +186,21 @@ private Q_SLOTS:
         QCOMPARE(members(), QStringList());
     }
 
-    void theSystemGetsGroupAndInterfaceInNetworkByteOrder_data()
+    void systemGetsGroupAndInterfaceInNetworkByteOrder_data()
     {
         QTest::addColumn<QString>("interface");
         QTest::addColumn<QString>("join");
         QTest::addColumn<QString>("leave");
-        QTest::newRow("an address") << LOCAL << QStringLiteral("35 effffffa0a4d0001")
-                                    << QStringLiteral("36 effffffa0a4d0001");
-        QTest::newRow("none") << QString() << QStringLiteral("35 effffffa00000000")
-                              << QStringLiteral("36 effffffa00000000");
-        QTest::newRow("an address that is no IPv4 address")
-            << QStringLiteral("fe80::1") << QStringLiteral("35 effffffaffffffff")
-            << QStringLiteral("36 effffffaffffffff");
+        QTest::newRow("an address") << LOCAL << "35 effffffa0a4d0001"
+                                    << "36 effffffa0a4d0001";
+        QTest::newRow("none") << QString() << "35 effffffa00000000"
+                              << "36 effffffa00000000";
+        QTest::newRow("an address that is no IPv4 address") << "fe80::1"
+                                                            << "35 effffffaffffffff"
+                                                            << "36 effffffaffffffff";
     }
 
-    void theSystemGetsGroupAndInterfaceInNetworkByteOrder()
+    void systemGetsGroupAndInterfaceInNetworkByteOrder()
     {
         QFETCH(const QString, interface);
         QFETCH(const QString, join);
@@ -212,7 +212,7 @@ private Q_SLOTS:
         QCOMPARE(watched.options, (QStringList{join, leave}));
     }
 
-    void aGroupOperationFails_data()
+    void groupOperationFails_data()
     {
         QTest::addColumn<bool>("bound");
         QTest::addColumn<QString>("group");
@@ -220,17 +220,16 @@ private Q_SLOTS:
         QTest::addColumn<bool>("reachesTheSystem");
         QTest::newRow("before bind") << false << GROUP << LOCAL << false;
         QTest::newRow("before bind, on any interface") << false << GROUP << QString() << false;
-        QTest::newRow("for an IPv6 group") << true << QStringLiteral("ff02::c") << LOCAL << false;
-        QTest::newRow("for an IPv4 group in IPv6")
-            << true << QStringLiteral("::ffff:239.255.255.250") << LOCAL << false;
+        QTest::newRow("for an IPv6 group") << true << "ff02::c" << LOCAL << false;
+        QTest::newRow("for an IPv4 group in IPv6") << true << "::ffff:239.255.255.250" << LOCAL << false;
         QTest::newRow("for a null group") << true << QString() << LOCAL << false;
-        QTest::newRow("for any address") << true << QStringLiteral("0.0.0.0") << LOCAL << true;
-        QTest::newRow("for no multicast group") << true << QStringLiteral("10.77.1.1") << LOCAL << true;
-        QTest::newRow("on an address of another host") << true << GROUP << QStringLiteral("10.77.1.1") << true;
-        QTest::newRow("on an IPv6 address") << true << GROUP << QStringLiteral("fe80::1") << true;
+        QTest::newRow("for any address") << true << "0.0.0.0" << LOCAL << true;
+        QTest::newRow("for no multicast group") << true << "10.77.1.1" << LOCAL << true;
+        QTest::newRow("on an address of another host") << true << GROUP << "10.77.1.1" << true;
+        QTest::newRow("on an IPv6 address") << true << GROUP << "fe80::1" << true;
     }
 
-    void aGroupOperationFails()
+    void groupOperationFails()
     {
         QFETCH(const bool, bound);
         QFETCH(const QString, group);
@@ -250,13 +249,13 @@ private Q_SLOTS:
         QCOMPARE(members(), QStringList());
     }
 
-    void aFailureReplacesAnEarlierError()
+    void failureReplacesAnEarlierError()
     {
         QUdpSocket other;
         QVERIFY(other.bind(QHostAddress(QHostAddress::AnyIPv4), port, QUdpSocket::DontShareAddress));
         QVERIFY(!socket->bind(port));
         const QString errorString = socket->errorString();
-        QVERIFY(!socket->joinMulticastGroup(QHostAddress(QStringLiteral("ff02::c")), local));
+        QVERIFY(!socket->joinMulticastGroup(QHostAddress("ff02::c"), local));
         QCOMPARE(socket->error(), QAbstractSocket::UnknownSocketError);
         QCOMPARE(socket->errorString(), errorString);
     }
@@ -267,7 +266,7 @@ private Q_SLOTS:
         QVERIFY(join());
         QVERIFY(!join());
         QCOMPARE(socket->error(), QAbstractSocket::UnknownSocketError);
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 1")});
+        QCOMPARE(members(), QStringList{"host0 x 1"});
     }
 
     void leaveWithoutJoinFails()
@@ -277,16 +276,16 @@ private Q_SLOTS:
         QCOMPARE(socket->error(), QAbstractSocket::UnknownSocketError);
     }
 
-    void aFailedLeaveLeavesTheMembership()
+    void failedLeaveLeavesTheMembership()
     {
         QVERIFY(socket->bind(port));
         QVERIFY(join());
-        QVERIFY(!socket->leaveMulticastGroup(group, QHostAddress(QStringLiteral("10.78.0.1"))));
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 1")});
+        QVERIFY(!socket->leaveMulticastGroup(group, QHostAddress("10.78.0.1")));
+        QCOMPARE(members(), QStringList{"host0 x 1"});
         QVERIFY(leave());
     }
 
-    void aProxyForbidsTheGroupsAndNotTheTimeToLive_data()
+    void proxyForbidsTheGroupsAndNotTheTimeToLive_data()
     {
         QTest::addColumn<int>("type");
         QTest::newRow("the default proxy") << static_cast<int>(QNetworkProxy::DefaultProxy);
@@ -296,7 +295,7 @@ private Q_SLOTS:
         QTest::newRow("caching FTP") << static_cast<int>(QNetworkProxy::FtpCachingProxy);
     }
 
-    void aProxyForbidsTheGroupsAndNotTheTimeToLive()
+    void proxyForbidsTheGroupsAndNotTheTimeToLive()
     {
         QFETCH(const int, type);
         QVERIFY(socket->bind(port));
@@ -310,29 +309,29 @@ private Q_SLOTS:
         QCOMPARE(timeToLive(), 7);
     }
 
-    void aProxyForbidsLeavingTooAndKeepsTheMembership()
+    void proxyForbidsLeavingTooAndKeepsTheMembership()
     {
         QVERIFY(socket->bind(port));
         QVERIFY(join());
         socket->setProxy(QNetworkProxy(QNetworkProxy::HttpProxy));
         QVERIFY(!leave());
-        QCOMPARE(members(), QStringList{QStringLiteral("host0 x 1")});
+        QCOMPARE(members(), QStringList{"host0 x 1"});
         socket->setProxy(QNetworkProxy(QNetworkProxy::NoProxy));
         QVERIFY(leave());
     }
 
-    void theTimeToLiveIsPassedThroughAsOneByte_data()
+    void timeToLiveIsPassedThroughAsOneByte_data()
     {
         QTest::addColumn<int>("ttl");
         QTest::addColumn<QString>("option");
-        QTest::newRow("0") << 0 << QStringLiteral("33 00");
-        QTest::newRow("1") << 1 << QStringLiteral("33 01");
-        QTest::newRow("4") << 4 << QStringLiteral("33 04");
-        QTest::newRow("128") << 128 << QStringLiteral("33 80");
-        QTest::newRow("255") << 255 << QStringLiteral("33 ff");
+        QTest::newRow("0") << 0 << "33 00";
+        QTest::newRow("1") << 1 << "33 01";
+        QTest::newRow("4") << 4 << "33 04";
+        QTest::newRow("128") << 128 << "33 80";
+        QTest::newRow("255") << 255 << "33 ff";
     }
 
-    void theTimeToLiveIsPassedThroughAsOneByte()
+    void timeToLiveIsPassedThroughAsOneByte()
     {
         QFETCH(const int, ttl);
         QFETCH(const QString, option);
@@ -343,7 +342,7 @@ private Q_SLOTS:
         QCOMPARE(timeToLive(), ttl);
     }
 
-    void theTimeToLiveBeforeBindFails()
+    void timeToLiveBeforeBindFails()
     {
         const QString errorString = socket->errorString();
         const WatchedOptions watched;
@@ -369,8 +368,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-VELMORA_WIRE_TEST_MAIN(Velmora::Tests::MulticastSocketTest)
+VELMORA_WIRE_TEST_MAIN(MulticastSocketTest)
 #include "tst_multicastsocket.moc"

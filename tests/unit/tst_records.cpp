@@ -5,10 +5,8 @@
 
 #include <type_traits>
 
+using namespace Velmora;
 using namespace Velmora::SSDP;
-
-namespace Velmora {
-namespace Tests {
 
 namespace {
 
@@ -45,22 +43,22 @@ class RecordsTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void aFreshDeviceHasTheNullIdentifier() { QCOMPARE(SsdpDevice().id, QUuid()); }
+    void freshDeviceHasTheNullIdentifier() { QCOMPARE(SsdpDevice().id, QUuid()); }
 
-    void aFreshDeviceHasANullAddress() { QVERIFY(SsdpDevice().address.isNull()); }
+    void freshDeviceHasANullAddress() { QVERIFY(SsdpDevice().address.isNull()); }
 
-    void aFreshDeviceHasANullLocation() { QVERIFY(SsdpDevice().location.isNull()); }
+    void freshDeviceHasANullLocation() { QVERIFY(SsdpDevice().location.isNull()); }
 
-    void aFreshDeviceHasNoServices() { QVERIFY(SsdpDevice().services.isEmpty()); }
+    void freshDeviceHasNoServices() { QVERIFY(SsdpDevice().services.isEmpty()); }
 
-    void aFreshServiceHasNullIdentifiers()
+    void freshServiceHasNullIdentifiers()
     {
         const SsdpService service;
         QCOMPARE(service.subscriptionId, QUuid());
         QCOMPARE(service.id, QUuid());
     }
 
-    void aFreshServiceHasNullTexts()
+    void freshServiceHasNullTexts()
     {
         const SsdpService service;
         QVERIFY(service.serviceType.isNull());
@@ -70,7 +68,7 @@ private Q_SLOTS:
         QVERIFY(service.scpdUrl.isNull());
     }
 
-    void aFreshServiceHasNoStateVariables() { QVERIFY(SsdpService().stateVariables.isEmpty()); }
+    void freshServiceHasNoStateVariables() { QVERIFY(SsdpService().stateVariables.isEmpty()); }
 
     void deletingADeviceDeletesItsServicesFirstToLastThroughTheirVirtualDestructor()
     {
@@ -92,7 +90,7 @@ private Q_SLOTS:
         QCOMPARE(other.services.size(), qsizetype(1));
     }
 
-    void aDeviceMayListANullService()
+    void deviceMayListANullService()
     {
         SsdpDevice device;
         device.services.append(nullptr);
@@ -109,9 +107,9 @@ private Q_SLOTS:
         QCOMPARE(deletions, (QList<int>{1}));
     }
 
-    void aDeviceHasNoVirtualOperations() { QVERIFY(!std::is_polymorphic_v<SsdpDevice>); }
+    void deviceHasNoVirtualOperations() { QVERIFY(!std::is_polymorphic_v<SsdpDevice>); }
 
-    void aServiceHasAVirtualDestructor() { QVERIFY(std::has_virtual_destructor_v<SsdpService>); }
+    void serviceHasAVirtualDestructor() { QVERIFY(std::has_virtual_destructor_v<SsdpService>); }
 
     void recordsAreNotCopied()
     {
@@ -121,14 +119,14 @@ private Q_SLOTS:
         QVERIFY(!std::is_copy_assignable_v<SsdpService>);
     }
 
-    void theFieldsOfADeviceStandInTheirOrder()
+    void fieldsOfADeviceStandInTheirOrder()
     {
         const SsdpDevice device;
         QVERIFY(ascends({&device.id, &device.address, &device.location, &device.services}));
         QCOMPARE(static_cast<const void*>(&device), static_cast<const void*>(&device.id));
     }
 
-    void theFieldsOfAServiceStandInTheirOrder()
+    void fieldsOfAServiceStandInTheirOrder()
     {
         const SsdpService service;
         QVERIFY(ascends({&service, &service.subscriptionId, &service.id, &service.serviceType, &service.serviceId,
@@ -136,8 +134,5 @@ private Q_SLOTS:
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-QTEST_APPLESS_MAIN(Velmora::Tests::RecordsTest)
+QTEST_APPLESS_MAIN(RecordsTest)
 #include "tst_records.moc"

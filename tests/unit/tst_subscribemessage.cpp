@@ -1,4 +1,5 @@
 #include <ssdp/SsdpManager.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/WireTest.h>
 
@@ -6,11 +7,10 @@
 
 #include <sys/utsname.h>
 
+using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Simulator::PrivateNetwork;
-
-namespace Velmora {
-namespace Tests {
 
 /// The event server listens on 192.168.1.10, port 49152.
 class SubscribeMessageTest : public QObject
@@ -20,7 +20,7 @@ class SubscribeMessageTest : public QObject
 public:
     explicit SubscribeMessageTest(PrivateNetwork& network)
         : network(network)
-        , manager(QHostAddress(QStringLiteral("192.168.1.10")))
+        , manager(QHostAddress("192.168.1.10"))
     {
     }
 
@@ -33,7 +33,7 @@ private:
     {
         utsname system = {};
         uname(&system);
-        return QByteArray(system.sysname) + QByteArray("/") + QByteArray(system.release);
+        return QByteArray(system.sysname) + "/"_ba + QByteArray(system.release);
     }
 
     SsdpService* addService(const char* location, const char* eventSubUrl)
@@ -41,7 +41,7 @@ private:
         SsdpDevice* const device = new SsdpDevice;
         device->location = QString::fromLatin1(location);
         SsdpService* const added = new SsdpService;
-        added->id = QUuid(QStringLiteral("{6f9619ff-8b86-d011-b42d-00c04fc964ff}"));
+        added->id = QUuid("{6f9619ff-8b86-d011-b42d-00c04fc964ff}");
         added->eventSubUrl = QString::fromLatin1(eventSubUrl);
         device->services.append(added);
         ManagerAccess(manager).devices().append(device);
@@ -59,7 +59,7 @@ private Q_SLOTS:
         network.addLink("192.168.1.10/24", "192.168.1.20/24");
         network.setSetting(PrivateNetwork::HostSide, "net/ipv4/ip_local_port_range", "49152 49152");
         manager.initialize();
-        QCOMPARE(CapturedLog::all(), QStringList{QStringLiteral("0|Ssdp Server bound to 49152")});
+        QCOMPARE(CapturedLog::all(), QStringList{"0|Ssdp Server bound to 49152"});
     }
 
     void init()
@@ -68,38 +68,44 @@ private Q_SLOTS:
         service = addService("http://192.168.1.20/desc.xml", "/event");
     }
 
-    void theSubscriptionIsSevenLinesEndedByLineFeeds()
+    void subscriptionIsSevenLinesEndedByLineFeeds()
     {
         QCOMPARE(manager.createSubscribeMessage(service).toLatin1(),
-                 QByteArray("SUBSCRIBE /event HTTP/1.1\n"
-                            "HOST: 192.168.1.20:P\n"
-                            "USER-AGENT: ")
+                 "SUBSCRIBE /event HTTP/1.1\n"
+                 "HOST: 192.168.1.20:P\n"
+                 "USER-AGENT: "_ba
                      + systemInfo()
-                     + QByteArray(" UPnP/1.1 SSDP/1.0\n"
-                                  "CALLBACK: <http://192.168.1.10:49152/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4>\n"
-                                  "NT: upnp:event\n"
-                                  "TIMEOUT: Second-120\n"
-                                  "\n"));
+                     + " UPnP/1.1 SSDP/1.0\n"
+                       "CALLBACK: <http://192.168.1.10:49152/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4>\n"
+                       "NT: upnp:event\n"
+                       "TIMEOUT: Second-120\n"
+                       "\n"_ba);
     }
 
-    void theSubscriptionHasNoCarriageReturn()
+    void subscriptionHasNoCarriageReturn()
     {
         QVERIFY(!manager.createSubscribeMessage(service).contains(QLatin1Char('\r')));
     }
 
-    void theFirstLineNamesTheEventUrlsPath_data()
+    void firstLineNamesTheEventUrlsPath_data()
     {
         QTest::addColumn<QByteArray>("eventSubUrl");
         QTest::addColumn<QByteArray>("line");
-        QTest::newRow("a slash") << QByteArray("/a/b") << QByteArray("SUBSCRIBE /a/b HTTP/1.1");
-        QTest::newRow("no slash") << QByteArray("a/b") << QByteArray("SUBSCRIBE /a/b HTTP/1.1");
-        QTest::newRow("nothing") << QByteArray("") << QByteArray("SUBSCRIBE / HTTP/1.1");
-        QTest::newRow("a whole URL") << QByteArray("http://h/a") << QByteArray("SUBSCRIBE /http://h/a HTTP/1.1");
-        QTest::newRow("placeholders") << QByteArray("/%1%2%3") << QByteArray("SUBSCRIBE /%1%2%3 HTTP/1.1");
-        QTest::newRow("Latin-1") << QByteArray("/\xe9") << QByteArray("SUBSCRIBE /\xe9 HTTP/1.1");
+        QTest::newRow("a slash") << "/a/b"_ba
+                                 << "SUBSCRIBE /a/b HTTP/1.1"_ba;
+        QTest::newRow("no slash") << "a/b"_ba
+                                  << "SUBSCRIBE /a/b HTTP/1.1"_ba;
+        QTest::newRow("nothing") << ""_ba
+                                 << "SUBSCRIBE / HTTP/1.1"_ba;
+        QTest::newRow("a whole URL") << "http://h/a"_ba
+                                     << "SUBSCRIBE /http://h/a HTTP/1.1"_ba;
+        QTest::newRow("placeholders") << "/%1%2%3"_ba
+                                      << "SUBSCRIBE /%1%2%3 HTTP/1.1"_ba;
+        QTest::newRow("Latin-1") << "/\xe9"_ba
+                                 << "SUBSCRIBE /\xe9 HTTP/1.1"_ba;
     }
 
-    void theFirstLineNamesTheEventUrlsPath()
+    void firstLineNamesTheEventUrlsPath()
     {
         QFETCH(const QByteArray, eventSubUrl);
         QFETCH(const QByteArray, line);
@@ -107,18 +113,20 @@ private Q_SLOTS:
         QCOMPARE(this->line(0), line);
     }
 
-    void theHostLineHasOneCharacterForThePortOfTheLocation_data()
+    void hostLineHasOneCharacterForThePortOfTheLocation_data()
     {
         QTest::addColumn<QByteArray>("location");
         QTest::addColumn<QByteArray>("line");
-        QTest::newRow("none") << QByteArray("http://192.168.1.20/d") << QByteArray("HOST: 192.168.1.20:P");
-        QTest::newRow("80") << QByteArray("http://192.168.1.20:80/d") << QByteArray("HOST: 192.168.1.20:P");
-        QTest::newRow("8080") << QByteArray("http://192.168.1.20:8080/d") << QByteArray("HOST: 192.168.1.20:\x90");
-        QTest::newRow("49152") << QByteArray("http://192.168.1.20:49152/d")
-                               << QByteArray("HOST: 192.168.1.20:\0", 20);
+        QTest::newRow("none") << "http://192.168.1.20/d"_ba
+                              << "HOST: 192.168.1.20:P"_ba;
+        QTest::newRow("80") << "http://192.168.1.20:80/d"_ba
+                            << "HOST: 192.168.1.20:P"_ba;
+        QTest::newRow("8080") << "http://192.168.1.20:8080/d"_ba
+                              << "HOST: 192.168.1.20:\x90"_ba;
+        QTest::newRow("49152") << "http://192.168.1.20:49152/d"_ba << QByteArray("HOST: 192.168.1.20:\0", 20);
     }
 
-    void theHostLineHasOneCharacterForThePortOfTheLocation()
+    void hostLineHasOneCharacterForThePortOfTheLocation()
     {
         QFETCH(const QByteArray, location);
         QFETCH(const QByteArray, line);
@@ -126,40 +134,35 @@ private Q_SLOTS:
         QCOMPARE(this->line(1), line);
     }
 
-    void theHostIsThatOfTheServicesOwnDevice()
+    void hostIsThatOfTheServicesOwnDevice()
     {
         service = addService("http://192.168.1.30/desc.xml", "/event");
-        QCOMPARE(line(1), QByteArray("HOST: 192.168.1.30:P"));
+        QCOMPARE(line(1), "HOST: 192.168.1.30:P"_ba);
     }
 
-    void theCallbackNamesTheServicesIdentifierInLowerCase()
+    void callbackNamesTheServicesIdentifierInLowerCase()
     {
-        service->id = QUuid(QStringLiteral("{ABCDEF01-2345-6789-ABCD-EF0123456789}"));
-        QCOMPARE(line(3),
-                 QByteArray("CALLBACK: <http://192.168.1.10:49152/abcdef01-2345-6789-abcd-ef0123456789_%4>"));
+        service->id = QUuid("{ABCDEF01-2345-6789-ABCD-EF0123456789}");
+        QCOMPARE(line(3), "CALLBACK: <http://192.168.1.10:49152/abcdef01-2345-6789-abcd-ef0123456789_%4>"_ba);
     }
 
-    void aServiceWithoutDeviceHasAnEmptySubscription()
+    void serviceWithoutDeviceHasAnEmptySubscription()
     {
         SsdpService other;
         QCOMPARE(manager.createSubscribeMessage(&other), QString());
         QCOMPARE(manager.createSubscribeMessage(nullptr), QString());
     }
 
-    void aServerThatDoesNotListenIsPortZero()
+    void serverThatDoesNotListenIsPortZero()
     {
-        SsdpManager idle(QHostAddress(QStringLiteral("192.168.1.10")));
+        SsdpManager idle(QHostAddress("192.168.1.10"));
         SsdpDevice* const device = new SsdpDevice;
         device->services.append(new SsdpService);
         ManagerAccess(idle).devices().append(device);
         const QByteArray message = idle.createSubscribeMessage(device->services.constFirst()).toLatin1();
-        QCOMPARE(message.split('\n').value(3),
-                 QByteArray("CALLBACK: <http://:0/00000000-0000-0000-0000-000000000000_%4>"));
+        QCOMPARE(message.split('\n').value(3), "CALLBACK: <http://:0/00000000-0000-0000-0000-000000000000_%4>"_ba);
     }
 };
 
-} // namespace Tests
-} // namespace Velmora
-
-VELMORA_WIRE_TEST_MAIN(Velmora::Tests::SubscribeMessageTest)
+VELMORA_WIRE_TEST_MAIN(SubscribeMessageTest)
 #include "tst_subscribemessage.moc"

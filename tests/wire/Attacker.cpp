@@ -1,4 +1,4 @@
-#include "Attacker.h"
+#include <tests/wire/Attacker.h>
 
 #include <algorithm>
 #include <arpa/inet.h>

@@ -1,4 +1,4 @@
-#include "Attacks.h"
+#include <tests/wire/Attacks.h>
 
 #include <tests/support/NamesAlike.h>
 

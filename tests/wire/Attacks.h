@@ -1,7 +1,7 @@
 #ifndef VELMORA_TESTS_WIRE_ATTACKS_H
 #define VELMORA_TESTS_WIRE_ATTACKS_H
 
-#include "Attacker.h"
+#include <tests/wire/Attacker.h>
 
 #include <functional>
 #include <string>

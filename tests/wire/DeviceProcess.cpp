@@ -1,4 +1,4 @@
-#include "DeviceProcess.h"
+#include <tests/wire/DeviceProcess.h>
 
 #include <cerrno>
 #include <csignal>

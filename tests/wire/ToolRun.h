@@ -1,6 +1,8 @@
 #ifndef VELMORA_TESTS_WIRE_TOOLRUN_H
 #define VELMORA_TESTS_WIRE_TOOLRUN_H
 
+#include <tests/support/Literals.h>
+
 #include <QtCore/QProcess>
 #include <QtCore/QRegularExpression>
 #include <QtCore/QStringList>
@@ -31,7 +33,7 @@ struct Run
     /// The rows of the table of ssdp-discover, each as its cells without the time, in order of the address.
     QStringList devices() const
     {
-        static const QRegularExpression form(QStringLiteral("^([ +-]?)\\s*(\\d+)\\s+(\\d+)\\s+([0-9.]+)(\\s|$)"));
+        static const QRegularExpression form("^([ +-]?)\\s*(\\d+)\\s+(\\d+)\\s+([0-9.]+)(\\s|$)"_s);
         QStringList rows;
         const QStringList all = lines();
         for (const QString& line : all) {
@@ -121,9 +123,7 @@ inline Run lab(const char* arguments)
 inline Run shell(const QString& script)
 {
     // timeout(1) passes a signal on to all that the shell has started.
-    return run("timeout",
-               {QStringLiteral("1h"), QStringLiteral("bash"), QStringLiteral("-c"),
-                QStringLiteral("lab=" SSDP_LAB "\n") + script});
+    return run("timeout", {"1h"_s, "bash"_s, "-c"_s, QStringLiteral("lab=" SSDP_LAB "\n") + script});
 }
 
 /// Puts the tools of this build into the PATH. The status with which the test ends at once when it can have no

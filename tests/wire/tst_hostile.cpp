@@ -1,8 +1,9 @@
-#include "Attacks.h"
-#include "DeviceProcess.h"
+#include <tests/wire/Attacks.h>
+#include <tests/wire/DeviceProcess.h>
 
 #include <simulator/SimulatedDevice.h>
 #include <ssdp/Ssdp.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/Sanitized.h>
 
@@ -28,16 +29,11 @@
 #include <unistd.h>
 
 using namespace Velmora;
+using namespace Velmora::Tests;
 using Simulator::DeviceOptions;
 using Simulator::PrivateNetwork;
 using Simulator::SimulatedDevice;
 using Simulator::SsdpGroup;
-using Tests::Attack;
-using Tests::Attacker;
-using Tests::attacks;
-using Tests::DeviceProcess;
-using Tests::ManagerAccess;
-using Tests::SANITIZED;
 
 namespace {
 
@@ -73,7 +69,7 @@ bool hasBytesWaiting(const QString& process)
         QByteArray::number(qToBigEndian(QHostAddress(QLatin1String(GOOD_ADDRESS)).toIPv4Address()), 16)
             .rightJustified(8, '0')
             .toUpper();
-    QFile table(QString(QLatin1String("/proc/%1/net/tcp")).arg(process));
+    QFile table(QString("/proc/%1/net/tcp"_s).arg(process));
     if (!table.open(QIODevice::ReadOnly))
         return true;
     const QList<QByteArray> lines = table.readAll().split('\n');
@@ -120,7 +116,7 @@ int runDevices(int number, const DeviceProcess& process, const QString& host)
     // The body of an event comes after the attack, once the host has read the head.
     QTimer gap;
     QObject::connect(&gap, &QTimer::timeout, &device, [&] {
-        if (isDone && !hasBytesWaiting(QStringLiteral("self")) && !hasBytesWaiting(host))
+        if (isDone && !hasBytesWaiting("self"_s) && !hasBytesWaiting(host))
             device.endGaps();
     });
     gap.start(TICK);
@@ -131,7 +127,7 @@ int runDevices(int number, const DeviceProcess& process, const QString& host)
 /// A line of /proc/self/status, in KB.
 qint64 memory(const char* field)
 {
-    QFile file(QStringLiteral("/proc/self/status"));
+    QFile file("/proc/self/status"_s);
     if (!file.open(QIODevice::ReadOnly))
         return 0;
     const QByteArray text = file.readAll();
@@ -153,16 +149,15 @@ qint64 workOfThread()
 void forgetPeakMemory()
 {
     malloc_trim(0);
-    QFile file(QStringLiteral("/proc/self/clear_refs"));
+    QFile file("/proc/self/clear_refs"_s);
     QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     QCOMPARE(file.write("5"), 1);
 }
 
 int openDescriptors()
 {
-    return static_cast<int>(QDir(QStringLiteral("/proc/self/fd"))
-                                .entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System)
-                                .size());
+    return static_cast<int>(
+        QDir("/proc/self/fd"_s).entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size());
 }
 
 void limitDescriptors(rlim_t count)
@@ -182,22 +177,131 @@ void limitDescriptors(rlim_t count)
  * Runs a reduced set, or all of it with VELMORA_ALL_ATTACKS=1. With VELMORA_WRITE_ROBUSTNESS=FILE it
  * runs all of it and writes what it measured into FILE, in the section of its Qt.
  */
-class tst_Hostile : public QObject
+class HostileTest : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit tst_Hostile(DeviceProcess& devices)
+    explicit HostileTest(DeviceProcess& devices)
         : devices(devices)
     {
     }
 
 private Q_SLOTS:
-    void initTestCase();
-    void goodDeviceIsFound_data();
-    void goodDeviceIsFound();
-    void cleanup();
-    void cleanupTestCase();
+
+    void initTestCase()
+    {
+        // Otherwise the log is most of what the test prints, and part of what it measures.
+        QLoggingCategory::setFilterRules("velmora.ssdp=false"_s);
+
+        // The first control point of a process loads plugins of Qt 5, which keep descriptors for good.
+        const SSDP::SsdpManager first{QHostAddress("10.77.0.1")};
+    }
+
+    void goodDeviceIsFound_data()
+    {
+        QTest::addColumn<int>("number");
+        const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS")
+            || qEnvironmentVariableIsSet("VELMORA_WRITE_ROBUSTNESS");
+        int number = 0;
+        for (const Attack& attack : attacks()) {
+            if (all || (attack.traits & Attack::Quick))
+                QTest::newRow(attack.name) << number;
+            ++number;
+        }
+    }
+
+    void goodDeviceIsFound()
+    {
+        QFETCH(int, number);
+        const Attack& attack = attacks()[static_cast<size_t>(number)];
+
+        if (usuallyFoundAfter == -1 && (attack.traits & Attack::Prompt))
+            usuallyFoundAfter = foundAfter(0);
+
+        devices.start(number);
+        QCOMPARE(devices.readReport(), std::string("ready"));
+        forgetPeakMemory();
+        const qint64 memoryBefore = memory("VmRSS");
+        const int descriptorsBefore = openDescriptors();
+        if (attack.traits & Attack::FewDescriptors)
+            limitDescriptors(1024);
+
+        auto ssdp = std::make_unique<SSDP::Ssdp>(2 * PATIENCE);
+        const Measured measured = discover(*ssdp, attack);
+        const qint64 peak = memory("VmHWM") - memoryBefore;
+        ManagerAccess manager(*ssdp->findChild<SSDP::SsdpManager*>());
+        const QString result = left(manager);
+
+        QVERIFY2(measured.isDone, qPrintable(QString("the attack is not done: "_s) + result));
+        QVERIFY2(measured.report.startsWith("done"), measured.report.constData());
+        QVERIFY2(measured.foundAfter >= 0, qPrintable(result));
+        if (!(attack.traits & Attack::Oversized))
+            QVERIFY2(measured.longestWork < LONGEST_BLOCK, qPrintable(QString::number(measured.longestWork)));
+        if (!(attack.traits & Attack::ManyRecords))
+            QVERIFY2(peak < peakMemory(attack), qPrintable(QString::number(peak)));
+        QVERIFY2(manager.devices().size() > attack.devices, qPrintable(result));
+
+        const QByteArray seen = measured.report.mid(5);
+        QElapsedTimer elapsed;
+        elapsed.start();
+        ssdp.reset();
+        const qint64 lettingGo = elapsed.elapsed();
+        const QStringList row = {QLatin1String(attack.name),
+                                 QString::number(measured.longestWork),
+                                 QString::number(measured.longestBlock),
+                                 QString::number(qMax(peak, Q_INT64_C(0)) / 1024),
+                                 QString::number(lettingGo),
+                                 QString("found after %1 ms; %2%3"_s)
+                                     .arg(QString::number(measured.foundAfter), result,
+                                          seen.isEmpty() ? QString() : "; "_s + QString::fromLatin1(seen))};
+        rows << "| "_s + row.join(" | "_s) + " |"_s;
+        QCOMPARE(openDescriptors(), descriptorsBefore);
+
+        if (!(attack.traits & Attack::Prompt))
+            return;
+        QVERIFY2(lettingGo <= LONGEST_DELAY, qPrintable(QString::number(lettingGo)));
+        // Whatever else the machine does makes it longer, so the shortest counts.
+        int delay = measured.foundAfter - usuallyFoundAfter;
+        for (int run = 1; run < MOST_RUNS && delay > LONGEST_DELAY; ++run) {
+            const int usual = foundAfter(0);
+            delay = qMin(delay, foundAfter(number) - usual);
+        }
+        QVERIFY2(delay <= LONGEST_DELAY, qPrintable(QString::number(delay)));
+    }
+
+    void cleanup()
+    {
+        limitDescriptors(RLIM_INFINITY);
+        devices.stop();
+    }
+
+    void cleanupTestCase()
+    {
+        const QString name = qEnvironmentVariable("VELMORA_WRITE_ROBUSTNESS");
+        if (name.isEmpty())
+            return;
+        QFile file(name);
+        QVERIFY2(file.open(QIODevice::ReadWrite), qPrintable(file.errorString()));
+        QString text = QString::fromUtf8(file.readAll());
+
+        const QString begin = QString("<!-- measured with Qt %1 -->\n"_s).arg(QT_VERSION_MAJOR);
+        const QString end("<!-- end -->\n"_s);
+        const auto from = text.indexOf(begin);
+        QVERIFY2(from != -1, "the file has no section for this Qt");
+        const auto to = text.indexOf(end, from);
+        const QString section =
+            QString("Qt %1, %2 of %3 attacks.\n\n"
+                    "| Attack | Longest work, ms | Longest block, ms | Memory, MB | Letting go, ms "
+                    "| The good device, and what is listed in the end |\n"
+                    "|---|---|---|---|---|---|\n%4\n"_s)
+                .arg(QLatin1String(qVersion()))
+                .arg(rows.size())
+                .arg(attacks().size())
+                .arg(rows.join(QLatin1Char('\n')));
+        text.replace(from + begin.size(), to - from - begin.size(), section);
+        QVERIFY(file.resize(0) && file.seek(0) && file.write(text.toUtf8()) > 0);
+    }
 
 private:
     struct Measured
@@ -209,202 +313,84 @@ private:
         QByteArray report;
     };
 
-    Measured discover(SSDP::Ssdp& ssdp, const Attack& attack);
-    int foundAfter(int number);
-    static QString left(const ManagerAccess& manager);
+    Measured discover(SSDP::Ssdp& ssdp, const Attack& attack)
+    {
+        Measured measured;
+        QElapsedTimer elapsed;
+        connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode, int, const QHostAddress& address) {
+            if (functionCode == 7 && address == QHostAddress(QLatin1String(GOOD_ADDRESS))
+                && measured.foundAfter < 0)
+                measured.foundAfter = static_cast<int>(elapsed.elapsed());
+        });
+        QSocketNotifier reports(devices.descriptor(), QSocketNotifier::Read);
+        connect(&reports, &QSocketNotifier::activated, this,
+                [&] { measured.report = QByteArray::fromStdString(devices.readReport()); });
+
+        QEventLoop loop;
+        QElapsedTimer sinceTick;
+        qint64 workBefore = workOfThread();
+        QTimer ticker;
+        ticker.setTimerType(Qt::PreciseTimer);
+        connect(&ticker, &QTimer::timeout, this, [&] {
+            measured.longestBlock = qMax(measured.longestBlock, static_cast<int>(sinceTick.restart()) - TICK);
+            const qint64 work = workOfThread();
+            measured.longestWork = qMax(measured.longestWork, static_cast<int>(work - workBefore));
+            workBefore = work;
+            ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
+            const bool settled = (attack.traits & Attack::Unending) || manager.deviceReplies().isEmpty();
+            measured.isDone = measured.report.startsWith("failed")
+                || (!measured.report.isEmpty() && measured.foundAfter >= 0 && settled);
+            if (measured.isDone || elapsed.elapsed() > PATIENCE)
+                loop.quit();
+            if (attack.traits & Attack::FewDescriptors) {
+                // Ends the process where there is no descriptor left for its event loop.
+                QThread thread;
+                thread.start();
+                thread.quit();
+                thread.wait();
+            }
+        });
+
+        elapsed.start();
+        sinceTick.start();
+        ticker.start(TICK);
+        ssdp.discover();
+        if (attack.traits & Attack::Stalled)
+            QTest::qSleep(400);
+        loop.exec();
+        return measured;
+    }
+
+    /// When the good device is found beside the attack with this number, in milliseconds.
+    int foundAfter(int number)
+    {
+        devices.stop();
+        devices.start(number);
+        devices.readReport();
+        SSDP::Ssdp ssdp(2 * PATIENCE);
+        const int result = discover(ssdp, attacks()[static_cast<size_t>(number)]).foundAfter;
+        devices.stop();
+        return result;
+    }
+
+    static QString left(const ManagerAccess& constManager)
+    {
+        ManagerAccess manager(constManager);
+        int services = 0;
+        for (const SSDP::SsdpDevice* const device : std::as_const(manager.devices()))
+            services += static_cast<int>(device->services.size());
+        return QString("devices %1, services %2, requests %3, sockets %4, event connections %5"_s)
+            .arg(manager.devices().size())
+            .arg(services)
+            .arg(manager.deviceReplies().size())
+            .arg(manager.requestSockets().size())
+            .arg(manager.eventServer().findChildren<QTcpSocket*>().size());
+    }
 
     DeviceProcess& devices;
     QStringList rows;
     int usuallyFoundAfter = -1; ///< Without an attack.
 };
-
-void tst_Hostile::initTestCase()
-{
-    // Otherwise the log is most of what the test prints, and part of what it measures.
-    QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp=false"));
-
-    // The first control point of a process loads plugins of Qt 5, which keep descriptors for good.
-    const SSDP::SsdpManager first{QHostAddress(QStringLiteral("10.77.0.1"))};
-}
-
-void tst_Hostile::goodDeviceIsFound_data()
-{
-    QTest::addColumn<int>("number");
-    const bool all =
-        qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS") || qEnvironmentVariableIsSet("VELMORA_WRITE_ROBUSTNESS");
-    int number = 0;
-    for (const Attack& attack : attacks()) {
-        if (all || (attack.traits & Attack::Quick))
-            QTest::newRow(attack.name) << number;
-        ++number;
-    }
-}
-
-void tst_Hostile::goodDeviceIsFound()
-{
-    QFETCH(int, number);
-    const Attack& attack = attacks()[static_cast<size_t>(number)];
-
-    if (usuallyFoundAfter == -1 && (attack.traits & Attack::Prompt))
-        usuallyFoundAfter = foundAfter(0);
-
-    devices.start(number);
-    QCOMPARE(devices.readReport(), std::string("ready"));
-    forgetPeakMemory();
-    const qint64 memoryBefore = memory("VmRSS");
-    const int descriptorsBefore = openDescriptors();
-    if (attack.traits & Attack::FewDescriptors)
-        limitDescriptors(1024);
-
-    auto ssdp = std::make_unique<SSDP::Ssdp>(2 * PATIENCE);
-    const Measured measured = discover(*ssdp, attack);
-    const qint64 peak = memory("VmHWM") - memoryBefore;
-    ManagerAccess manager(*ssdp->findChild<SSDP::SsdpManager*>());
-    const QString result = left(manager);
-
-    QVERIFY2(measured.isDone, qPrintable(QString(QLatin1String("the attack is not done: ")) + result));
-    QVERIFY2(measured.report.startsWith("done"), measured.report.constData());
-    QVERIFY2(measured.foundAfter >= 0, qPrintable(result));
-    if (!(attack.traits & Attack::Oversized))
-        QVERIFY2(measured.longestWork < LONGEST_BLOCK, qPrintable(QString::number(measured.longestWork)));
-    if (!(attack.traits & Attack::ManyRecords))
-        QVERIFY2(peak < peakMemory(attack), qPrintable(QString::number(peak)));
-    QVERIFY2(manager.devices().size() > attack.devices, qPrintable(result));
-
-    const QByteArray seen = measured.report.mid(5);
-    QElapsedTimer elapsed;
-    elapsed.start();
-    ssdp.reset();
-    const qint64 lettingGo = elapsed.elapsed();
-    const QStringList row = {
-        QLatin1String(attack.name),
-        QString::number(measured.longestWork),
-        QString::number(measured.longestBlock),
-        QString::number(qMax(peak, Q_INT64_C(0)) / 1024),
-        QString::number(lettingGo),
-        QString(QLatin1String("found after %1 ms; %2%3"))
-            .arg(QString::number(measured.foundAfter), result,
-                 seen.isEmpty() ? QString() : QLatin1String("; ") + QString::fromLatin1(seen))};
-    rows << QLatin1String("| ") + row.join(QLatin1String(" | ")) + QLatin1String(" |");
-    QCOMPARE(openDescriptors(), descriptorsBefore);
-
-    if (!(attack.traits & Attack::Prompt))
-        return;
-    QVERIFY2(lettingGo <= LONGEST_DELAY, qPrintable(QString::number(lettingGo)));
-    // Whatever else the machine does makes it longer, so the shortest counts.
-    int delay = measured.foundAfter - usuallyFoundAfter;
-    for (int run = 1; run < MOST_RUNS && delay > LONGEST_DELAY; ++run) {
-        const int usual = foundAfter(0);
-        delay = qMin(delay, foundAfter(number) - usual);
-    }
-    QVERIFY2(delay <= LONGEST_DELAY, qPrintable(QString::number(delay)));
-}
-
-tst_Hostile::Measured tst_Hostile::discover(SSDP::Ssdp& ssdp, const Attack& attack)
-{
-    Measured measured;
-    QElapsedTimer elapsed;
-    connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode, int, const QHostAddress& address) {
-        if (functionCode == 7 && address == QHostAddress(QLatin1String(GOOD_ADDRESS)) && measured.foundAfter < 0)
-            measured.foundAfter = static_cast<int>(elapsed.elapsed());
-    });
-    QSocketNotifier reports(devices.descriptor(), QSocketNotifier::Read);
-    connect(&reports, &QSocketNotifier::activated, this,
-            [&] { measured.report = QByteArray::fromStdString(devices.readReport()); });
-
-    QEventLoop loop;
-    QElapsedTimer sinceTick;
-    qint64 workBefore = workOfThread();
-    QTimer ticker;
-    ticker.setTimerType(Qt::PreciseTimer);
-    connect(&ticker, &QTimer::timeout, this, [&] {
-        measured.longestBlock = qMax(measured.longestBlock, static_cast<int>(sinceTick.restart()) - TICK);
-        const qint64 work = workOfThread();
-        measured.longestWork = qMax(measured.longestWork, static_cast<int>(work - workBefore));
-        workBefore = work;
-        ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
-        const bool settled = (attack.traits & Attack::Unending) || manager.deviceReplies().isEmpty();
-        measured.isDone = measured.report.startsWith("failed")
-            || (!measured.report.isEmpty() && measured.foundAfter >= 0 && settled);
-        if (measured.isDone || elapsed.elapsed() > PATIENCE)
-            loop.quit();
-        if (attack.traits & Attack::FewDescriptors) {
-            // Ends the process where there is no descriptor left for its event loop.
-            QThread thread;
-            thread.start();
-            thread.quit();
-            thread.wait();
-        }
-    });
-
-    elapsed.start();
-    sinceTick.start();
-    ticker.start(TICK);
-    ssdp.discover();
-    if (attack.traits & Attack::Stalled)
-        QTest::qSleep(400);
-    loop.exec();
-    return measured;
-}
-
-/// When the good device is found beside the attack with this number, in milliseconds.
-int tst_Hostile::foundAfter(int number)
-{
-    devices.stop();
-    devices.start(number);
-    devices.readReport();
-    SSDP::Ssdp ssdp(2 * PATIENCE);
-    const int result = discover(ssdp, attacks()[static_cast<size_t>(number)]).foundAfter;
-    devices.stop();
-    return result;
-}
-
-QString tst_Hostile::left(const ManagerAccess& constManager)
-{
-    ManagerAccess manager(constManager);
-    int services = 0;
-    for (const SSDP::SsdpDevice* const device : std::as_const(manager.devices()))
-        services += static_cast<int>(device->services.size());
-    return QString(QLatin1String("devices %1, services %2, requests %3, sockets %4, event connections %5"))
-        .arg(manager.devices().size())
-        .arg(services)
-        .arg(manager.deviceReplies().size())
-        .arg(manager.requestSockets().size())
-        .arg(manager.eventServer().findChildren<QTcpSocket*>().size());
-}
-
-void tst_Hostile::cleanup()
-{
-    limitDescriptors(RLIM_INFINITY);
-    devices.stop();
-}
-
-void tst_Hostile::cleanupTestCase()
-{
-    const QString name = qEnvironmentVariable("VELMORA_WRITE_ROBUSTNESS");
-    if (name.isEmpty())
-        return;
-    QFile file(name);
-    QVERIFY2(file.open(QIODevice::ReadWrite), qPrintable(file.errorString()));
-    QString text = QString::fromUtf8(file.readAll());
-
-    const QString begin = QString(QLatin1String("<!-- measured with Qt %1 -->\n")).arg(QT_VERSION_MAJOR);
-    const QString end(QLatin1String("<!-- end -->\n"));
-    const auto from = text.indexOf(begin);
-    QVERIFY2(from != -1, "the file has no section for this Qt");
-    const auto to = text.indexOf(end, from);
-    const QString section =
-        QString(QLatin1String("Qt %1, %2 of %3 attacks.\n\n"
-                              "| Attack | Longest work, ms | Longest block, ms | Memory, MB | Letting go, ms "
-                              "| The good device, and what is listed in the end |\n"
-                              "|---|---|---|---|---|---|\n%4\n"))
-            .arg(QLatin1String(qVersion()))
-            .arg(rows.size())
-            .arg(attacks().size())
-            .arg(rows.join(QLatin1Char('\n')));
-    text.replace(from + begin.size(), to - from - begin.size(), section);
-    QVERIFY(file.resize(0) && file.seek(0) && file.write(text.toUtf8()) > 0);
-}
 
 int main(int argc, char** argv)
 {
@@ -416,7 +402,7 @@ int main(int argc, char** argv)
             return runDevices(number, process, host);
         });
         const QCoreApplication application(argc, argv);
-        tst_Hostile test(devices);
+        HostileTest test(devices);
         return QTest::qExec(&test, argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "no private network: %s\n", error.what());

@@ -1,5 +1,6 @@
-#include "Attacks.h"
-#include "DeviceProcess.h"
+#include <tests/support/Literals.h>
+#include <tests/wire/Attacks.h>
+#include <tests/wire/DeviceProcess.h>
 
 #include <simulator/PrivateNetwork.h>
 
@@ -18,11 +19,8 @@
 #include <unistd.h>
 
 using namespace Velmora;
+using namespace Velmora::Tests;
 using Simulator::PrivateNetwork;
-using Tests::Attack;
-using Tests::Attacker;
-using Tests::attacks;
-using Tests::DeviceProcess;
 
 namespace {
 
@@ -76,7 +74,7 @@ int meet(int number, int argc, char** argv)
     devices->readReport();
 
     QProcess doctor;
-    doctor.start(QStringLiteral(SSDP_DOCTOR), {QStringLiteral("--timeout"), QStringLiteral("2000")});
+    doctor.start(QStringLiteral(SSDP_DOCTOR), {"--timeout"_s, "2000"_s});
     if (!doctor.waitForFinished(PATIENCE)) {
         std::puts("it does not end");
         doctor.kill();
@@ -103,38 +101,36 @@ class HostileDoctorTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void survivesAttacks();
-};
 
-void HostileDoctorTest::survivesAttacks()
-{
-    const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS");
-    QList<int> numbers;
-    for (int i = 0; i < static_cast<int>(attacks().size()); ++i) {
-        const int traits = attacks()[static_cast<size_t>(i)].traits;
-        if (all || (traits & Attack::Quick))
-            numbers << i;
-    }
-    QMap<int, std::shared_ptr<QProcess>> running;
-    while (!numbers.isEmpty() || !running.isEmpty()) {
-        while (!numbers.isEmpty() && running.size() < AT_ONCE) {
-            const auto process = std::make_shared<QProcess>();
-            const int number = numbers.takeFirst();
-            process->setProcessChannelMode(QProcess::MergedChannels);
-            process->start(QCoreApplication::applicationFilePath(),
-                           {QStringLiteral("--attack"), QString::number(number)});
-            running.insert(number, process);
+    void survivesAttacks()
+    {
+        const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS");
+        QList<int> numbers;
+        for (int i = 0; i < static_cast<int>(attacks().size()); ++i) {
+            const int traits = attacks()[static_cast<size_t>(i)].traits;
+            if (all || (traits & Attack::Quick))
+                numbers << i;
         }
-        const int number = running.firstKey();
-        const std::shared_ptr<QProcess> process = running.take(number);
-        const char* const name = attacks()[static_cast<size_t>(number)].name;
-        QVERIFY2(process->waitForFinished(2 * PATIENCE), name);
-        if (process->exitCode() == SKIPPED && qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") == 0)
-            QSKIP(process->readAll().constData());
-        QVERIFY2(process->exitStatus() == QProcess::NormalExit && process->exitCode() == SURVIVED,
-                 (QByteArray(name) + ": " + process->readAll()).constData());
+        QMap<int, std::shared_ptr<QProcess>> running;
+        while (!numbers.isEmpty() || !running.isEmpty()) {
+            while (!numbers.isEmpty() && running.size() < AT_ONCE) {
+                const auto process = std::make_shared<QProcess>();
+                const int number = numbers.takeFirst();
+                process->setProcessChannelMode(QProcess::MergedChannels);
+                process->start(QCoreApplication::applicationFilePath(), {"--attack"_s, QString::number(number)});
+                running.insert(number, process);
+            }
+            const int number = running.firstKey();
+            const std::shared_ptr<QProcess> process = running.take(number);
+            const char* const name = attacks()[static_cast<size_t>(number)].name;
+            QVERIFY2(process->waitForFinished(2 * PATIENCE), name);
+            if (process->exitCode() == SKIPPED && qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") == 0)
+                QSKIP(process->readAll().constData());
+            QVERIFY2(process->exitStatus() == QProcess::NormalExit && process->exitCode() == SURVIVED,
+                     (QByteArray(name) + ": " + process->readAll()).constData());
+        }
     }
-}
+};
 
 int main(int argc, char** argv)
 {

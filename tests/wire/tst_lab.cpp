@@ -1,4 +1,5 @@
-#include "ToolRun.h"
+#include <tests/support/Literals.h>
+#include <tests/wire/ToolRun.h>
 
 #include <QtCore/QFile>
 #include <QtCore/QTemporaryDir>
@@ -14,246 +15,221 @@ class LabTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
-    void endsWithTheStatusOfTheCommand_data();
-    void endsWithTheStatusOfTheCommand();
-    void commandSeesThePrivateNetworkOnly();
-    void endsTheSimulatorWhenItIsEnded();
-    void endsWhatTheCommandLeaves_data();
-    void endsWhatTheCommandLeaves();
-    void mayBeStartedWithChildrenIgnored();
-    void leavesThePathOfTheCommand();
-    void findsSystemProgramsByItself();
-    void worksForRootWithoutCapabilities();
-    void worksWithoutWritingToTmp();
-    void printsToATerminalThatStopsBackgroundOutput();
-    void tellsOfWrongOptions_data();
-    void tellsOfWrongOptions();
-    void tellsOfItself();
-    void saysWhenTheCommandIsMissingEvenIfNobodyHears();
-    void saysWhenItCannotWrite();
-    void endsWhatIgnoresItsEnd();
+
+    void initTestCase()
+    {
+        ignoring = std::make_unique<Program>(
+            QStringLiteral(SSDP_LAB),
+            words("--devices 0 -- bash -c")
+                << "read -r left < <(trap '' TERM; echo $BASHPID; exec sleep 1000); echo $left; exit 3"_s);
+    }
+
+    void endsWithTheStatusOfTheCommand_data()
+    {
+        QTest::addColumn<QStringList>("command");
+        QTest::addColumn<int>("status");
+        QTest::newRow("success") << words("true") << 0;
+        QTest::newRow("status") << QStringList{"sh", "-c", "exit 7"} << 7;
+        QTest::newRow("signal") << QStringList{"sh", "-c", "kill -9 $$"} << 128 + SIGKILL;
+        QTest::newRow("no such command") << words("no-such-command") << 127;
+        QTest::newRow("a folder") << words("/usr") << 126;
+        QTest::newRow("no program") << words("/etc/passwd") << 126;
+        QTest::newRow("below a file") << words("/etc/passwd/program") << 126;
+    }
+
+    void endsWithTheStatusOfTheCommand()
+    {
+        QFETCH(QStringList, command);
+        QFETCH(int, status);
+        QCOMPARE(run(SSDP_LAB, words("--devices 2 --") + command).status, status);
+    }
+
+    void commandSeesThePrivateNetworkOnly()
+    {
+        const Run result = lab("--second-interface --rate 10mbit -- ip -oneline -4 address");
+        QCOMPARE(result.status, 0);
+        QCOMPARE(result.lines().size(), 3);
+        QVERIFY(result.out.contains("127.0.0.1/8"));
+        QVERIFY(result.out.contains("10.77.0.1/16"));
+        QVERIFY(result.out.contains("10.78.0.1/16"));
+    }
+
+    void endsTheSimulatorWhenItIsEnded()
+    {
+        Program program(QStringLiteral(SSDP_LAB),
+                        words("--devices 2 --verbose -- sh -c") << "echo started; exec sleep 60"_s);
+        QVERIFY(program.waitFor("started"));
+        program.signal(SIGTERM);
+        const Run result = program.finish();
+        QCOMPARE(result.status, 128 + SIGTERM);
+        // Its last line, which it prints when it has said byebye.
+        QVERIFY2(result.err.contains("answered 0 searches"), qPrintable(result.err));
+    }
+
+    void endsWhatTheCommandLeaves_data()
+    {
+        QTest::addColumn<int>("signal");
+        QTest::newRow("ended") << 0;
+        QTest::newRow("terminated") << SIGTERM;
+        QTest::newRow("killed") << SIGKILL;
+    }
+
+    void endsWhatTheCommandLeaves()
+    {
+        QFETCH(int, signal);
+        Program program(QStringLiteral(SSDP_LAB),
+                        words("-- sh -c")
+                            << "setsid sleep 1000 & echo $! left; %1"_s.arg(signal == 0 ? "exit 1"_s : "wait"_s));
+        QVERIFY(program.waitFor("left\n"));
+        if (signal != 0)
+            program.signal(signal);
+        const Run result = program.finish();
+        QCOMPARE(result.status, signal == 0 ? 1 : 128 + signal);
+        const pid_t left = result.out.section(QLatin1Char(' '), 0, 0).toInt();
+        QVERIFY(left > 0);
+        const auto hasEnded = [left] { return kill(left, 0) == -1 && errno == ESRCH; };
+        if (signal == SIGKILL)
+            QTRY_VERIFY(hasEnded());
+        else
+            QVERIFY(hasEnded());
+    }
+
+    void mayBeStartedWithChildrenIgnored()
+    {
+        QCOMPARE(shell("exec env --ignore-signal=CHLD $lab -- sh -c 'exit 7'"_s).status, 7);
+        const Run result = shell("exec env --ignore-signal=CHLD $lab --rate fast -- true"_s);
+        QCOMPARE(result.status, 125);
+        QVERIFY2(result.err.contains("ssdp-lab: 'tc qdisc add"), qPrintable(result.err));
+    }
+
+    void leavesThePathOfTheCommand()
+    {
+        const QTemporaryDir folder;
+        QFile own(folder.filePath("ssdp-discover"_s));
+        QVERIFY(own.open(QIODevice::WriteOnly));
+        QVERIFY(own.write("#!/bin/sh\necho own\n") > 0);
+        QVERIFY(own.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
+        own.close();
+        const QString command = "PATH=%1:/usr/bin:/bin; $lab -- ssdp-discover --version"_s;
+        QCOMPARE(shell(command.arg(folder.path())).out, "own\n"_s);
+        // Only what is nowhere else is looked for beside ssdp-lab.
+        QVERIFY(own.remove());
+        const Run result = shell(command.arg(folder.path()));
+        QVERIFY2(result.out.startsWith("ssdp-discover "), qPrintable(result.err));
+    }
+
+    void findsSystemProgramsByItself()
+    {
+        const Run result = shell("PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started"_s);
+        QCOMPARE(result.err, QString());
+        QCOMPARE(result.out, "started\n"_s);
+    }
+
+    void worksForRootWithoutCapabilities()
+    {
+        const Run result = shell(
+            "$lab --devices 0 -- setpriv --bounding-set=-sys_admin,-net_admin $lab --devices 2 -- echo in"_s);
+        QCOMPARE(result.err, QString());
+        QCOMPARE(result.out, "in\n"_s);
+        // Without any, the kernel does not give root a user namespace either.
+        const Run neither = shell("$lab --devices 0 -- setpriv --bounding-set=-all $lab -- echo in"_s);
+        QCOMPARE(neither.status, 125);
+        QVERIFY2(neither.err.startsWith("ssdp-lab: a private network needs the capabilities "
+                                        "CAP_SYS_ADMIN and CAP_NET_ADMIN, which are missing here, or"_s),
+                 qPrintable(neither.err));
+        QVERIFY2(neither.err.contains("Operation not permitted"), qPrintable(neither.err));
+    }
+
+    void worksWithoutWritingToTmp()
+    {
+        const Run result = shell("$lab --devices 0 -- unshare --mount sh -c '"
+                                 "mount --bind /tmp /tmp && mount -o remount,bind,ro /tmp || exit 9\n"
+                                 "touch /tmp/file 2>/dev/null && exit 8\n"
+                                 "exec \"$0\" --devices 2 -- echo started' $lab"_s);
+        QCOMPARE(result.err, QString());
+        QCOMPARE(result.out, "started\n"_s);
+    }
+
+    void printsToATerminalThatStopsBackgroundOutput()
+    {
+        const Run result = run(
+            "script",
+            {"-qec"_s, QStringLiteral("stty tostop; exec " SSDP_LAB " --verbose -- echo started"), "/dev/null"_s});
+        QCOMPARE(result.status, 0);
+        QVERIFY2(result.out.contains("ssdp-simulator: 1 device at 10.77.1.1\r\n"), qPrintable(result.out));
+    }
+
+    void tellsOfWrongOptions_data()
+    {
+        QTest::addColumn<QString>("options");
+        QTest::addColumn<QString>("message");
+        const auto row = [](const char* options, const char* message) {
+            QTest::newRow(options) << QString::fromLatin1(options) << QString::fromLatin1(message);
+        };
+        row("--devices 2", "give the command after '--'");
+        row("--devices two -- true", "--devices takes a number from 0 to 10000, not 'two'");
+        row("--fault no-such-fault -- true", "there is no fault 'no-such-fault'");
+        row("--devices 0 --nonsense -- true", "Unknown option 'nonsense'.");
+        row("--devices 0 --port 0 -- true", "--port takes a number from 1 to 65535, not '0'");
+        row("--ready-fd 1 -- true", "--ready-fd is taken");
+        row("--ready-fd=1 -- true", "--ready-fd is taken");
+        row("--first-address 300.1.1.1 -- true", "'300.1.1.1' is not an IPv4 address");
+        const char* const range = "have to be within 10.77.0.2 to 10.77.255.254";
+        row("--first-address 10.77.0.0 -- true", range);
+        row("--first-address 10.77.0.1 -- true", range);
+        row("--first-address 10.77.255.255 -- true", range);
+        row("--first-address 10.77.255.250 --devices 6 -- true", range);
+        row("--first-address 10.76.255.255 --second-interface -- true", "within 10.76.0.2 to 10.76.255.254");
+        const char* const unusable = "only one from 1.0.0.2 to 223.255.255.254 that does not begin with 127";
+        row("--first-address 0.0.0.1 -- true", unusable);
+        row("--first-address 127.0.1.1 -- true", unusable);
+        row("--first-address 126.1.1.1 --second-interface --devices 0 -- true", "");
+        row("--first-address 126.255.1.1 --second-interface -- true", unusable);
+        row("--first-address 224.0.1.1 -- true", unusable);
+        row("--first-address 255.255.255.255 -- true", unusable);
+    }
+
+    void tellsOfWrongOptions()
+    {
+        QFETCH(QString, options);
+        QFETCH(QString, message);
+        const Run result = run(SSDP_LAB, options.split(QLatin1Char(' ')));
+        QVERIFY2(result.err.contains(message), qPrintable(result.err));
+        QCOMPARE(result.status, message.isEmpty() ? 0 : 2);
+    }
+
+    void tellsOfItself()
+    {
+        QCOMPARE(lab("--help").status, 0);
+        QVERIFY(lab("--version").out.startsWith("ssdp-lab "));
+    }
+
+    void saysWhenTheCommandIsMissingEvenIfNobodyHears()
+    {
+        QCOMPARE(shell("$lab --devices 0 -- no-such-command 2>/dev/full"_s).status, 127);
+    }
+
+    void saysWhenItCannotWrite()
+    {
+        for (const char* const option : {"--help", "--version"}) {
+            const Run result = shell("$lab %1 >/dev/full"_s.arg(QLatin1String(option)));
+            QCOMPARE(result.status, 125);
+            QCOMPARE(result.err, "ssdp-lab: cannot write: No space left on device\n"_s);
+        }
+    }
+
+    void endsWhatIgnoresItsEnd()
+    {
+        const Run result = ignoring->finish();
+        QCOMPARE(result.status, 3);
+        const pid_t left = result.out.toInt();
+        QVERIFY(left > 0);
+        QCOMPARE(kill(left, 0), -1);
+    }
 
 private:
     std::unique_ptr<Program> ignoring; // runs for seconds
 };
-
-void LabTest::initTestCase()
-{
-    ignoring = std::make_unique<Program>(
-        QStringLiteral(SSDP_LAB),
-        words("--devices 0 -- bash -c") << QStringLiteral(
-            "read -r left < <(trap '' TERM; echo $BASHPID; exec sleep 1000); echo $left; exit 3"));
-}
-
-void LabTest::endsWithTheStatusOfTheCommand_data()
-{
-    QTest::addColumn<QStringList>("command");
-    QTest::addColumn<int>("status");
-    QTest::newRow("success") << words("true") << 0;
-    QTest::newRow("status") << QStringList{QStringLiteral("sh"), QStringLiteral("-c"), QStringLiteral("exit 7")}
-                            << 7;
-    QTest::newRow("signal") << QStringList{QStringLiteral("sh"), QStringLiteral("-c"),
-                                           QStringLiteral("kill -9 $$")}
-                            << 128 + SIGKILL;
-    QTest::newRow("no such command") << words("no-such-command") << 127;
-    QTest::newRow("a folder") << words("/usr") << 126;
-    QTest::newRow("no program") << words("/etc/passwd") << 126;
-    QTest::newRow("below a file") << words("/etc/passwd/program") << 126;
-}
-
-void LabTest::endsWithTheStatusOfTheCommand()
-{
-    QFETCH(QStringList, command);
-    QFETCH(int, status);
-    QCOMPARE(run(SSDP_LAB, words("--devices 2 --") + command).status, status);
-}
-
-void LabTest::commandSeesThePrivateNetworkOnly()
-{
-    const Run result = lab("--second-interface --rate 10mbit -- ip -oneline -4 address");
-    QCOMPARE(result.status, 0);
-    QCOMPARE(result.lines().size(), 3);
-    QVERIFY(result.out.contains(QStringLiteral("127.0.0.1/8")));
-    QVERIFY(result.out.contains(QStringLiteral("10.77.0.1/16")));
-    QVERIFY(result.out.contains(QStringLiteral("10.78.0.1/16")));
-}
-
-void LabTest::endsTheSimulatorWhenItIsEnded()
-{
-    Program program(QStringLiteral(SSDP_LAB),
-                    words("--devices 2 --verbose -- sh -c") << QStringLiteral("echo started; exec sleep 60"));
-    QVERIFY(program.waitFor("started"));
-    program.signal(SIGTERM);
-    const Run result = program.finish();
-    QCOMPARE(result.status, 128 + SIGTERM);
-    // Its last line, which it prints when it has said byebye.
-    QVERIFY2(result.err.contains(QStringLiteral("answered 0 searches")), qPrintable(result.err));
-}
-
-void LabTest::endsWhatTheCommandLeaves_data()
-{
-    QTest::addColumn<int>("signal");
-    QTest::newRow("ended") << 0;
-    QTest::newRow("terminated") << SIGTERM;
-    QTest::newRow("killed") << SIGKILL;
-}
-
-void LabTest::endsWhatTheCommandLeaves()
-{
-    QFETCH(int, signal);
-    Program program(
-        QStringLiteral(SSDP_LAB),
-        words("-- sh -c") << QStringLiteral("setsid sleep 1000 & echo $! left; %1")
-                                 .arg(signal == 0 ? QStringLiteral("exit 1") : QStringLiteral("wait")));
-    QVERIFY(program.waitFor("left\n"));
-    if (signal != 0)
-        program.signal(signal);
-    const Run result = program.finish();
-    QCOMPARE(result.status, signal == 0 ? 1 : 128 + signal);
-    const pid_t left = result.out.section(QLatin1Char(' '), 0, 0).toInt();
-    QVERIFY(left > 0);
-    const auto hasEnded = [left] { return kill(left, 0) == -1 && errno == ESRCH; };
-    if (signal == SIGKILL)
-        QTRY_VERIFY(hasEnded());
-    else
-        QVERIFY(hasEnded());
-}
-
-void LabTest::endsWhatIgnoresItsEnd()
-{
-    const Run result = ignoring->finish();
-    QCOMPARE(result.status, 3);
-    const pid_t left = result.out.toInt();
-    QVERIFY(left > 0);
-    QCOMPARE(kill(left, 0), -1);
-}
-
-void LabTest::mayBeStartedWithChildrenIgnored()
-{
-    QCOMPARE(shell(QStringLiteral("exec env --ignore-signal=CHLD $lab -- sh -c 'exit 7'")).status, 7);
-    const Run result = shell(QStringLiteral("exec env --ignore-signal=CHLD $lab --rate fast -- true"));
-    QCOMPARE(result.status, 125);
-    QVERIFY2(result.err.contains(QStringLiteral("ssdp-lab: 'tc qdisc add")), qPrintable(result.err));
-}
-
-void LabTest::leavesThePathOfTheCommand()
-{
-    const QTemporaryDir folder;
-    QFile own(folder.filePath(QStringLiteral("ssdp-discover")));
-    QVERIFY(own.open(QIODevice::WriteOnly));
-    QVERIFY(own.write("#!/bin/sh\necho own\n") > 0);
-    QVERIFY(own.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
-    own.close();
-    const QString command = QStringLiteral("PATH=%1:/usr/bin:/bin; $lab -- ssdp-discover --version");
-    QCOMPARE(shell(command.arg(folder.path())).out, QStringLiteral("own\n"));
-    // Only what is nowhere else is looked for beside ssdp-lab.
-    QVERIFY(own.remove());
-    const Run result = shell(command.arg(folder.path()));
-    QVERIFY2(result.out.startsWith(QStringLiteral("ssdp-discover ")), qPrintable(result.err));
-}
-
-void LabTest::findsSystemProgramsByItself()
-{
-    const Run result = shell(QStringLiteral("PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started"));
-    QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, QStringLiteral("started\n"));
-}
-
-void LabTest::worksForRootWithoutCapabilities()
-{
-    const Run result = shell(QStringLiteral(
-        "$lab --devices 0 -- setpriv --bounding-set=-sys_admin,-net_admin $lab --devices 2 -- echo in"));
-    QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, QStringLiteral("in\n"));
-    // Without any, the kernel does not give root a user namespace either.
-    const Run neither = shell(QStringLiteral("$lab --devices 0 -- setpriv --bounding-set=-all $lab -- echo in"));
-    QCOMPARE(neither.status, 125);
-    QVERIFY2(neither.err.startsWith(QStringLiteral("ssdp-lab: a private network needs the capabilities "
-                                                   "CAP_SYS_ADMIN and CAP_NET_ADMIN, which are missing here, or")),
-             qPrintable(neither.err));
-    QVERIFY2(neither.err.contains(QStringLiteral("Operation not permitted")), qPrintable(neither.err));
-}
-
-void LabTest::worksWithoutWritingToTmp()
-{
-    const Run result = shell(QStringLiteral("$lab --devices 0 -- unshare --mount sh -c '"
-                                            "mount --bind /tmp /tmp && mount -o remount,bind,ro /tmp || exit 9\n"
-                                            "touch /tmp/file 2>/dev/null && exit 8\n"
-                                            "exec \"$0\" --devices 2 -- echo started' $lab"));
-    QCOMPARE(result.err, QString());
-    QCOMPARE(result.out, QStringLiteral("started\n"));
-}
-
-void LabTest::printsToATerminalThatStopsBackgroundOutput()
-{
-    const Run result =
-        run("script",
-            {QStringLiteral("-qec"), QStringLiteral("stty tostop; exec " SSDP_LAB " --verbose -- echo started"),
-             QStringLiteral("/dev/null")});
-    QCOMPARE(result.status, 0);
-    QVERIFY2(result.out.contains(QStringLiteral("ssdp-simulator: 1 device at 10.77.1.1\r\n")),
-             qPrintable(result.out));
-}
-
-void LabTest::tellsOfWrongOptions_data()
-{
-    QTest::addColumn<QString>("options");
-    QTest::addColumn<QString>("message");
-    const auto row = [](const char* options, const char* message) {
-        QTest::newRow(options) << QString::fromLatin1(options) << QString::fromLatin1(message);
-    };
-    row("--devices 2", "give the command after '--'");
-    row("--devices two -- true", "--devices takes a number from 0 to 10000, not 'two'");
-    row("--fault no-such-fault -- true", "there is no fault 'no-such-fault'");
-    row("--devices 0 --nonsense -- true", "Unknown option 'nonsense'.");
-    row("--devices 0 --port 0 -- true", "--port takes a number from 1 to 65535, not '0'");
-    row("--ready-fd 1 -- true", "--ready-fd is taken");
-    row("--ready-fd=1 -- true", "--ready-fd is taken");
-    row("--first-address 300.1.1.1 -- true", "'300.1.1.1' is not an IPv4 address");
-    const char* const range = "have to be within 10.77.0.2 to 10.77.255.254";
-    row("--first-address 10.77.0.0 -- true", range);
-    row("--first-address 10.77.0.1 -- true", range);
-    row("--first-address 10.77.255.255 -- true", range);
-    row("--first-address 10.77.255.250 --devices 6 -- true", range);
-    row("--first-address 10.76.255.255 --second-interface -- true", "within 10.76.0.2 to 10.76.255.254");
-    const char* const unusable = "only one from 1.0.0.2 to 223.255.255.254 that does not begin with 127";
-    row("--first-address 0.0.0.1 -- true", unusable);
-    row("--first-address 127.0.1.1 -- true", unusable);
-    row("--first-address 126.1.1.1 --second-interface --devices 0 -- true", "");
-    row("--first-address 126.255.1.1 --second-interface -- true", unusable);
-    row("--first-address 224.0.1.1 -- true", unusable);
-    row("--first-address 255.255.255.255 -- true", unusable);
-}
-
-void LabTest::tellsOfWrongOptions()
-{
-    QFETCH(QString, options);
-    QFETCH(QString, message);
-    const Run result = run(SSDP_LAB, options.split(QLatin1Char(' ')));
-    QVERIFY2(result.err.contains(message), qPrintable(result.err));
-    QCOMPARE(result.status, message.isEmpty() ? 0 : 2);
-}
-
-void LabTest::tellsOfItself()
-{
-    QCOMPARE(lab("--help").status, 0);
-    QVERIFY(lab("--version").out.startsWith(QStringLiteral("ssdp-lab ")));
-}
-
-void LabTest::saysWhenTheCommandIsMissingEvenIfNobodyHears()
-{
-    QCOMPARE(shell(QStringLiteral("$lab --devices 0 -- no-such-command 2>/dev/full")).status, 127);
-}
-
-void LabTest::saysWhenItCannotWrite()
-{
-    for (const char* const option : {"--help", "--version"}) {
-        const Run result = shell(QStringLiteral("$lab %1 >/dev/full").arg(QLatin1String(option)));
-        QCOMPARE(result.status, 125);
-        QCOMPARE(result.err, QStringLiteral("ssdp-lab: cannot write: No space left on device\n"));
-    }
-}
 
 int main(int argc, char** argv)
 {

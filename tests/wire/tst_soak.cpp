@@ -1,7 +1,8 @@
-#include "DeviceProcess.h"
+#include <tests/wire/DeviceProcess.h>
 
 #include <simulator/SimulatedDevice.h>
 #include <ssdp/Ssdp.h>
+#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/Sanitized.h>
 
@@ -20,13 +21,11 @@
 #include <vector>
 
 using namespace Velmora;
+using namespace Velmora::Tests;
 using Simulator::DeviceOptions;
 using Simulator::PrivateNetwork;
 using Simulator::SimulatedDevice;
 using Simulator::SsdpGroup;
-using Tests::DeviceProcess;
-using Tests::ManagerAccess;
-using Tests::SANITIZED;
 
 namespace {
 
@@ -51,7 +50,7 @@ int runDevices(int, const DeviceProcess& process)
         DeviceOptions options;
         options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
         options.functionCode = i + 1;
-        options.variables = QStringList({QStringLiteral("KO"), QStringLiteral("Other")});
+        options.variables = QStringList({"KO"_s, "Other"_s});
         options.responseDelayMax = 0;
         // The library searches once, and a busy kernel may lose that datagram.
         options.announceEvery = 1000;
@@ -59,9 +58,9 @@ int runDevices(int, const DeviceProcess& process)
         // are dropped.
         options.eventGap = 300;
         if (i == DEVICES - 2)
-            options.addFault(QStringLiteral("never-answer-subscribe"));
+            options.addFault("never-answer-subscribe"_s);
         if (i == DEVICES - 1)
-            options.addFault(QStringLiteral("reset-mid-body"));
+            options.addFault("reset-mid-body"_s);
         devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
         if (!devices.back()->start())
             return 1;
@@ -82,9 +81,9 @@ Holdings holdingsOf(SSDP::Ssdp& ssdp)
 {
     malloc_trim(0);
     ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
-    QFile file(QStringLiteral("/proc/self/statm"));
+    QFile file("/proc/self/statm"_s);
     const qint64 pages = file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').at(1).toLongLong() : 0;
-    const QDir descriptors(QStringLiteral("/proc/self/fd"));
+    const QDir descriptors("/proc/self/fd"_s);
     return {static_cast<int>(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size()),
             static_cast<int>(ssdp.findChildren<QObject*>().size() + manager.networkManager().children().size()
                              + manager.eventServer().children().size()),
@@ -98,78 +97,76 @@ Holdings holdingsOf(SSDP::Ssdp& ssdp)
  * twenty devices of which two have a fault. The tenth has to be as the last, apart from the sockets of
  * subscriptions that were never answered, which stay listed with their control point by design.
  */
-class tst_Soak : public QObject
+class SoakTest : public QObject
 {
     Q_OBJECT
 
 public:
-    explicit tst_Soak(DeviceProcess& devices)
+    explicit SoakTest(DeviceProcess& devices)
         : devices(devices)
     {
     }
 
 private Q_SLOTS:
-    void discoveriesLeaveNothingBehind();
+
+    void discoveriesLeaveNothingBehind()
+    {
+        QLoggingCategory::setFilterRules("velmora.ssdp=false"_s);
+        const int wanted = qEnvironmentVariableIntValue("VELMORA_SOAK");
+        const int discoveries = wanted > WARM_UP ? wanted : 30;
+        devices.start(0);
+        QCOMPARE(devices.readReport(), std::string("ready"));
+
+        SSDP::Ssdp ssdp(120 * 1000);
+        for (int i = 0; i < WARM_UP; ++i) {
+            discover(ssdp);
+            if (QTest::currentTestFailed())
+                return;
+        }
+        const Holdings before = holdingsOf(ssdp);
+        QCOMPARE(before.sockets, WARM_UP * SOCKETS_LEFT);
+        for (int i = WARM_UP; i < discoveries; ++i) {
+            discover(ssdp);
+            if (QTest::currentTestFailed())
+                return;
+        }
+        const Holdings after = holdingsOf(ssdp);
+        const int left = (discoveries - WARM_UP) * SOCKETS_LEFT;
+        qInfo("%d discoveries: descriptors %d, then %d; objects %d, then %d; sockets %d, then %d; memory %lld KB, "
+              "then %lld KB",
+              discoveries, before.descriptors, after.descriptors, before.objects, after.objects, before.sockets,
+              after.sockets, static_cast<long long>(before.memory), static_cast<long long>(after.memory));
+
+        QCOMPARE(after.sockets - before.sockets, left);
+        QCOMPARE(after.descriptors - before.descriptors, left);
+        // The socket, its engine and their notifiers.
+        const int objectsOfASocket = (after.objects - before.objects) / left;
+        QCOMPARE(after.objects - before.objects, left * objectsOfASocket);
+        QVERIFY2(SANITIZED || after.memory - before.memory < 4 * 1024 + left * 40,
+                 "a socket takes less than 40 KB");
+    }
 
 private:
-    void discover(SSDP::Ssdp& ssdp);
+    void discover(SSDP::Ssdp& ssdp)
+    {
+        QHash<int, int> reports;
+        int complete = 0;
+        const auto connection = connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode) {
+            // Each of the two subscriptions of a good device brings its report.
+            if (++reports[functionCode] == 2)
+                ++complete;
+        });
+        ssdp.discover();
+        ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
+        QTRY_COMPARE_WITH_TIMEOUT(complete, DEVICES - 2, 20000);
+        QTRY_VERIFY(manager.deviceReplies().isEmpty());
+        QTRY_VERIFY(manager.eventServer().findChildren<QTcpSocket*>().isEmpty());
+        ssdp.stop();
+        disconnect(connection);
+    }
 
     DeviceProcess& devices;
 };
-
-void tst_Soak::discover(SSDP::Ssdp& ssdp)
-{
-    QHash<int, int> reports;
-    int complete = 0;
-    const auto connection = connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode) {
-        // Each of the two subscriptions of a good device brings its report.
-        if (++reports[functionCode] == 2)
-            ++complete;
-    });
-    ssdp.discover();
-    ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
-    QTRY_COMPARE_WITH_TIMEOUT(complete, DEVICES - 2, 20000);
-    QTRY_VERIFY(manager.deviceReplies().isEmpty());
-    QTRY_VERIFY(manager.eventServer().findChildren<QTcpSocket*>().isEmpty());
-    ssdp.stop();
-    disconnect(connection);
-}
-
-void tst_Soak::discoveriesLeaveNothingBehind()
-{
-    QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp=false"));
-    const int wanted = qEnvironmentVariableIntValue("VELMORA_SOAK");
-    const int discoveries = wanted > WARM_UP ? wanted : 30;
-    devices.start(0);
-    QCOMPARE(devices.readReport(), std::string("ready"));
-
-    SSDP::Ssdp ssdp(120 * 1000);
-    for (int i = 0; i < WARM_UP; ++i) {
-        discover(ssdp);
-        if (QTest::currentTestFailed())
-            return;
-    }
-    const Holdings before = holdingsOf(ssdp);
-    QCOMPARE(before.sockets, WARM_UP * SOCKETS_LEFT);
-    for (int i = WARM_UP; i < discoveries; ++i) {
-        discover(ssdp);
-        if (QTest::currentTestFailed())
-            return;
-    }
-    const Holdings after = holdingsOf(ssdp);
-    const int left = (discoveries - WARM_UP) * SOCKETS_LEFT;
-    qInfo("%d discoveries: descriptors %d, then %d; objects %d, then %d; sockets %d, then %d; memory %lld KB, "
-          "then %lld KB",
-          discoveries, before.descriptors, after.descriptors, before.objects, after.objects, before.sockets,
-          after.sockets, static_cast<long long>(before.memory), static_cast<long long>(after.memory));
-
-    QCOMPARE(after.sockets - before.sockets, left);
-    QCOMPARE(after.descriptors - before.descriptors, left);
-    // The socket, its engine and their notifiers.
-    const int objectsOfASocket = (after.objects - before.objects) / left;
-    QCOMPARE(after.objects - before.objects, left * objectsOfASocket);
-    QVERIFY2(SANITIZED || after.memory - before.memory < 4 * 1024 + left * 40, "a socket takes less than 40 KB");
-}
 
 int main(int argc, char** argv)
 {
@@ -180,7 +177,7 @@ int main(int argc, char** argv)
         const QCoreApplication application(argc, argv);
         // A thousand discoveries take longer than the five minutes that QtTest gives a function.
         qputenv("QTEST_FUNCTION_TIMEOUT", "3600000");
-        tst_Soak test(devices);
+        SoakTest test(devices);
         return QTest::qExec(&test, argc, argv);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "no private network: %s\n", error.what());

@@ -1,0 +1,256 @@
+#include <tests/support/Literals.h>
+#include <tests/support/WireTest.h>
+
+#include <BrowserWindow.h>
+#include <DeviceModel.h>
+
+#include <QtCore/QSortFilterProxyModel>
+#include <QtGui/QClipboard>
+#include <QtTest/QAbstractItemModelTester>
+#include <QtTest/QSignalSpy>
+#include <QtTest/QTest>
+// In Qt 5 a part of QtWidgets, later of QtGui.
+#include <QAction>
+#include <QtWidgets/QApplication>
+#include <QtWidgets/QLabel>
+#include <QtWidgets/QProgressBar>
+#include <QtWidgets/QPushButton>
+#include <QtWidgets/QSpinBox>
+#include <QtWidgets/QTableView>
+
+using namespace Velmora::Tests;
+using Velmora::SSDP::Ssdp;
+
+namespace {
+
+QHostAddress nine()
+{
+    return QHostAddress("10.77.1.9");
+}
+
+QHostAddress ten()
+{
+    return QHostAddress("10.77.1.10");
+}
+
+QDateTime at(int second)
+{
+    return QDateTime(QDate(2026, 1, 2), QTime(12, 0, second));
+}
+
+QString text(const QAbstractItemModel& model, int row, int column)
+{
+    return model.index(row, column).data().toString();
+}
+
+QStringList column(const QAbstractItemModel& model, int column)
+{
+    QStringList result;
+    for (int row = 0; row < model.rowCount(); ++row)
+        result << text(model, row, column);
+    return result;
+}
+
+} // namespace
+
+namespace {
+
+/// A window with a discovery that runs until the test ends it.
+struct Searching
+{
+    explicit Searching(int timeout = 60000)
+        : window(timeout)
+        , button(window.findChild<QPushButton*>("search"_s))
+        , table(window.findChild<QTableView*>("table"_s))
+        , emptyState(window.findChild<QLabel*>("emptyState"_s))
+        , finished(&window, &BrowserWindow::finished)
+    {
+        window.show();
+        button->click();
+    }
+
+    Ssdp* ssdp() const { return window.findChildren<Ssdp*>().constLast(); }
+    void report(int functionCode, int univocalCode, const QHostAddress& address) const
+    {
+        Q_EMIT ssdp()->discovered(functionCode, univocalCode, address);
+    }
+
+    BrowserWindow window;
+    QPushButton* button;
+    QTableView* table;
+    QLabel* emptyState;
+    QSignalSpy finished;
+};
+
+} // namespace
+
+/// The network is private and empty: what reports is the test alone.
+class DeviceBrowserTest : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+
+    void modelCountsTheReportsOfADevice()
+    {
+        DeviceModel model;
+        const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
+        model.addReport(12, 34, nine(), at(1));
+        QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
+        model.addReport(12, 34, nine(), at(5));
+
+        QCOMPARE(model.rowCount(), 1);
+        QCOMPARE(changed.count(), 1);
+        QCOMPARE(text(model, 0, DeviceModel::FunctionCode), "12"_s);
+        QCOMPARE(text(model, 0, DeviceModel::UnivocalCode), "34"_s);
+        QCOMPARE(text(model, 0, DeviceModel::Address), "10.77.1.9"_s);
+        QCOMPARE(text(model, 0, DeviceModel::FirstSeen), "12:00:01"_s);
+        QCOMPARE(text(model, 0, DeviceModel::LastSeen), "12:00:05"_s);
+        QCOMPARE(text(model, 0, DeviceModel::Reports), "2"_s);
+    }
+
+    void modelTellsDevicesByAllThreeValues()
+    {
+        DeviceModel model;
+        model.addReport(1, 2, nine());
+        model.addReport(2, 2, nine());
+        model.addReport(1, 3, nine());
+        model.addReport(1, 2, ten());
+        QCOMPARE(column(model, DeviceModel::Reports), (QStringList{"1", "1", "1", "1"}));
+    }
+
+    void modelSortsAddressesByNumber()
+    {
+        DeviceModel model;
+        model.addReport(1, 1, ten());
+        model.addReport(1, 1, nine());
+        QSortFilterProxyModel sorted;
+        sorted.setSourceModel(&model);
+        sorted.setSortRole(Qt::UserRole);
+        sorted.sort(DeviceModel::Address);
+        QCOMPARE(column(sorted, DeviceModel::Address), (QStringList{"10.77.1.9", "10.77.1.10"}));
+    }
+
+    void modelForgetsEverything()
+    {
+        DeviceModel model;
+        const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
+        model.addReport(1, 1, ten());
+        model.clear();
+        QCOMPARE(model.rowCount(), 0);
+        model.addReport(1, 1, ten());
+        QCOMPARE(text(model, 0, DeviceModel::Reports), "1"_s);
+    }
+
+    void windowShowsWhatReports()
+    {
+        const Searching searching;
+        searching.report(7, 2, ten());
+        searching.report(7, 1, nine());
+        searching.report(7, 1, nine());
+        QVERIFY(searching.table->isVisible());
+        QCOMPARE(column(*searching.table->model(), DeviceModel::UnivocalCode), (QStringList{"1", "2"}));
+        QCOMPARE(column(*searching.table->model(), DeviceModel::Reports), (QStringList{"2", "1"}));
+    }
+
+    void windowSaysWhatToCheckWhenNothingReports()
+    {
+        Searching searching(100);
+        QVERIFY(!searching.emptyState->isVisible());
+        QVERIFY(searching.finished.wait());
+        QVERIFY(searching.emptyState->isVisible());
+        QVERIFY(searching.emptyState->text().contains("UDP port 1900"));
+        QVERIFY(!searching.table->isVisible());
+    }
+
+    void windowRunsTheProgressBarWithTheDiscovery()
+    {
+        Searching searching(1000);
+        auto* const progress = searching.window.findChild<QProgressBar*>("progress"_s);
+        QSignalSpy moved(progress, &QProgressBar::valueChanged);
+        QCOMPARE(progress->maximum(), 1000);
+        QVERIFY(!searching.window.findChild<QSpinBox*>("timeout"_s)->isEnabled());
+        QVERIFY(searching.finished.wait());
+        QVERIFY(moved.count() > 2);
+        QCOMPARE(progress->value(), 1000);
+        QVERIFY(searching.window.findChild<QSpinBox*>("timeout"_s)->isEnabled());
+    }
+
+    void windowStopsADiscovery()
+    {
+        Searching searching;
+        QSignalSpy expired(searching.ssdp(), &Ssdp::timeoutExpired);
+        searching.button->click();
+        QCOMPARE(searching.finished.count(), 1);
+        QCOMPARE(expired.count(), 0);
+        // It was too early to ask what is wrong.
+        QVERIFY(!searching.emptyState->isVisible());
+        QCOMPARE(searching.window.findChild<QLabel*>("summary"_s)->text(), "Stopped; devices found: 0"_s);
+        QCOMPARE(searching.window.findChild<QProgressBar*>("progress"_s)->value(), 0);
+    }
+
+    void windowTakesALateReport()
+    {
+        Searching searching;
+        searching.button->click();
+        searching.report(7, 1, nine());
+        QVERIFY(searching.table->isVisible());
+        QCOMPARE(searching.table->model()->rowCount(), 1);
+    }
+
+    void windowForgetsTheDevicesOfTheLastDiscovery()
+    {
+        Searching searching;
+        searching.report(7, 1, nine());
+        searching.button->click();
+        QCOMPARE(searching.table->model()->rowCount(), 1);
+        Ssdp* const before = searching.ssdp();
+        searching.button->click();
+        QCOMPARE(searching.table->model()->rowCount(), 0);
+        Q_EMIT before->discovered(7, 1, nine());
+        QCOMPARE(searching.table->model()->rowCount(), 0);
+        searching.report(7, 2, nine());
+        QCOMPARE(searching.table->model()->rowCount(), 1);
+    }
+
+    void windowStartsAgainFromTheSignalOfTheEnd()
+    {
+        Searching searching(100);
+        const QMetaObject::Connection again =
+            connect(&searching.window, &BrowserWindow::finished, searching.button, &QPushButton::click);
+        QVERIFY(searching.finished.wait());
+        disconnect(again);
+        QVERIFY(searching.finished.wait());
+        QCOMPARE(searching.finished.count(), 2);
+        QCOMPARE(searching.window.findChildren<Ssdp*>().size(), 1);
+    }
+
+    void windowCopiesTheSelectedRowsInTheOrderOfTheTable()
+    {
+        const Searching searching;
+        searching.report(7, 2, ten());
+        searching.report(7, 1, nine());
+        searching.report(7, 3, QHostAddress("10.77.1.11"));
+        searching.table->selectRow(1);
+        searching.table->setSelectionMode(QAbstractItemView::MultiSelection);
+        searching.table->selectRow(0);
+        QCOMPARE(searching.table->actions().size(), 1);
+        searching.table->actions().constFirst()->trigger();
+
+        const QStringList lines = QApplication::clipboard()->text().split(QLatin1Char('\n'));
+        QCOMPARE(lines.size(), 2);
+        QVERIFY(lines.at(0).startsWith("7\t1\t10.77.1.9\t"));
+        QVERIFY(lines.at(1).startsWith("7\t2\t10.77.1.10\t"));
+        QCOMPARE(lines.at(0).count(QLatin1Char('\t')), int(DeviceModel::ColumnCount) - 1);
+    }
+};
+
+int main(int argc, char** argv)
+{
+    const auto network = Velmora::Tests::makeNetworkOrExit();
+    const QApplication application(argc, argv);
+    DeviceBrowserTest test;
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_devicebrowser.moc"

@@ -1,0 +1,241 @@
+#include <tests/wire/DeviceProcess.h>
+
+#include <simulator/SimulatedDevice.h>
+#include <tests/support/Literals.h>
+#include <tests/support/ProcessState.h>
+#include <tests/support/WireTest.h>
+
+#include <QtCore/QFile>
+#include <QtCore/QThread>
+#include <QtNetwork/QTcpSocket>
+
+#include <algorithm>
+#include <vector>
+
+using namespace Velmora::Simulator;
+using namespace Velmora::Tests;
+using Velmora::SSDP::Ssdp;
+using Velmora::SSDP::SsdpManager;
+
+namespace {
+
+const char FIRST_ADDRESS[] = "10.77.1.1";
+const int MANY_DEVICES = 20;
+const int LONGEST_TEST = 60 * 60 * 1000;
+const char REFUSED[] = "1|Too few file descriptors are left; a connection was not opened";
+
+/// What the other side is.
+enum Devices {
+    ThreeDevices,
+    TwentyDevices,
+    DeviceOfManyVariables, ///< beside a good one
+};
+
+int countOf(Devices devices)
+{
+    return devices == ThreeDevices ? 3 : devices == TwentyDevices ? MANY_DEVICES : 2;
+}
+
+/// The function code of each is its number, counted from 1.
+int runDevices(int number, const DeviceProcess& process)
+{
+    int argc = 1;
+    char name[] = "devices";
+    char* argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+
+    SsdpGroup group;
+    std::vector<std::unique_ptr<SimulatedDevice>> devices;
+    const int count = countOf(static_cast<Devices>(number));
+    for (int i = 0; i < count; ++i) {
+        DeviceOptions options;
+        options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
+        options.functionCode = i + 1;
+        options.variables = QStringList({"KO"_s, "Other"_s});
+        options.responseDelayMax = 0;
+        // The library searches once, and a busy kernel may lose that datagram.
+        options.announceEvery = 500;
+        // Longer than a busy machine keeps this process waiting.
+        options.eventGap = 150;
+        if (number == DeviceOfManyVariables && i == 1) {
+            for (int variable = 0; variable < 300; ++variable)
+                options.variables << "V%1"_s.arg(variable);
+            options.addFault("never-answer-subscribe"_s);
+        }
+        devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
+        if (!devices.back()->start())
+            return 1;
+    }
+    process.report("ready");
+    return QCoreApplication::exec();
+}
+
+} // namespace
+
+/// A process that has few descriptors left, and the threads that it has.
+class LimitsTest : public WireTest
+{
+    Q_OBJECT
+
+public:
+    LimitsTest(PrivateNetwork& network, DeviceProcess& devices)
+        : WireTest(network)
+        , devices(devices)
+    {
+    }
+
+private Q_SLOTS:
+    void initTestCase() { }
+
+    void init()
+    {
+        found.clear();
+        CapturedLog::clear();
+        ssdp = newController(LONGEST_TEST);
+        connect(ssdp.get(), &Ssdp::discovered, this, [this](int functionCode) { found << functionCode; });
+    }
+
+    void cleanup()
+    {
+        ssdp.reset();
+        devices.stop();
+    }
+
+    void nextDiscoveryFindsEveryDevice_data()
+    {
+        // Each device takes one for its descriptions, one for each of its two subscriptions and one for each
+        // event.
+        QTest::addColumn<int>("left");
+        for (int left = 0; left <= 8; ++left)
+            QTest::addRow("%d descriptors left after the search", left) << left;
+    }
+
+    void nextDiscoveryFindsEveryDevice()
+    {
+        QFETCH(const int, left);
+        start(ThreeDevices);
+        ssdp->discover();
+        {
+            const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + left);
+            VERIFY_SOON(manager().devices().size() == 3 && manager().deviceReplies().isEmpty());
+            QVERIFY(left > 0 || manager().devices().at(0)->services.isEmpty());
+        }
+        ssdp->stop();
+        found.clear();
+        ssdp->discover();
+        VERIFY_SOON(hasFound(3));
+    }
+
+    void nextDiscoveryFindsEveryDeviceAfterASearchWithoutSockets()
+    {
+        start(ThreeDevices);
+        // The interfaces are looked up only once, which takes a descriptor.
+        ssdp->discover();
+        ssdp->stop();
+        {
+            const ProcessState::DescriptorLimit none(ProcessState::nextDescriptor());
+            ssdp->discover();
+            ssdp->stop();
+        }
+        ssdp->discover();
+        VERIFY_SOON(hasFound(3));
+    }
+
+    void hostMayStartAThreadWhenADeviceHasTakenTheDescriptors()
+    {
+        start(DeviceOfManyVariables);
+        const ProcessState::DescriptorLimit limit(128);
+        for (int discovery = 1; discovery <= 2; ++discovery) {
+            ssdp->discover();
+            VERIFY_SOON(manager().devices().size() == 2 && manager().deviceReplies().isEmpty());
+            // Ends the process if there is no descriptor for its event loop.
+            QThread thread;
+            thread.start();
+            thread.quit();
+            QVERIFY(thread.wait());
+            QCOMPARE(log().count(QLatin1String(REFUSED)), discovery);
+            ssdp->stop();
+        }
+        QVERIFY(manager().requestSockets().size() > 300);
+
+        // The device gives them back when it goes; those of refused connections are given back by the next
+        // discovery.
+        devices.stop();
+        VERIFY_SOON(std::none_of(
+            manager().requestSockets().cbegin(), manager().requestSockets().cend(),
+            [](const QTcpSocket* socket) { return socket->state() != QTcpSocket::UnconnectedState; }));
+        ssdp->discover();
+        ssdp->stop();
+        VERIFY_SOON(ProcessState::descriptors() < 64);
+        start(ThreeDevices);
+        found.clear();
+        ssdp->discover();
+        VERIFY_SOON(hasFound(3));
+    }
+
+    void nameIsNotLookedUpForTheLastDescriptors()
+    {
+        // The server listens from now on.
+        ssdp->discover();
+        ssdp->stop();
+        std::vector<std::unique_ptr<QFile>> held;
+        while (ProcessState::nextDescriptor() < 100) {
+            held.push_back(std::make_unique<QFile>("/dev/null"_s));
+            QVERIFY(held.back()->open(QIODevice::ReadOnly));
+        }
+        // A sixteenth of them are the last ones, and two are for the search.
+        const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 6);
+        CapturedLog::clear();
+        ssdp->discover();
+        const int threads = ProcessState::threads();
+        const QHostAddress address("10.77.1.1"_s);
+        manager().addSsdpDevice(address, "http://localhost:9/a"_s);
+        manager().addSsdpDevice(address, "http://localhost:9/b"_s);
+        QCOMPARE(ProcessState::threads(), threads);
+        VERIFY_SOON(manager().deviceReplies().isEmpty());
+        QCOMPARE(ProcessState::threads(), threads);
+        QCOMPARE(log().count(QLatin1String(REFUSED)), 1);
+    }
+
+    void libraryStartsNoThread()
+    {
+        start(TwentyDevices);
+        // QtTest has a thread of its own with some versions.
+        const int before = ProcessState::threads();
+        int most = 0;
+        connect(ssdp.get(), &Ssdp::discovered, this, [&most] { most = qMax(most, ProcessState::threads()); });
+        ssdp->discover();
+        waitUntil([&] {
+            most = qMax(most, ProcessState::threads());
+            return hasFound(MANY_DEVICES);
+        });
+        QVERIFY(hasFound(MANY_DEVICES));
+        QCOMPARE(most, before);
+        ssdp->stop();
+        QCOMPARE(ProcessState::threads(), before);
+    }
+
+private:
+    void start(Devices which)
+    {
+        devices.start(which);
+        QCOMPARE(devices.readReport(), std::string("ready"));
+    }
+
+    bool hasFound(int count) const { return QSet<int>(found.cbegin(), found.cend()).size() == count; }
+
+    DeviceProcess& devices;
+    QList<int> found; ///< The function codes, as they were reported.
+};
+
+int main(int argc, char** argv)
+{
+    const auto network = makeNetworkOrExit();
+    network->addLink("10.77.0.1/16", std::string(FIRST_ADDRESS) + "/16", MANY_DEVICES);
+    DeviceProcess devices(*network, runDevices);
+    const QCoreApplication application(argc, argv);
+    LimitsTest test(*network, devices);
+    return QTest::qExec(&test, argc, argv);
+}
+
+#include "tst_limits.moc"
