@@ -51,8 +51,9 @@ class RecordIndex;
  *
  * @note No proxy is used, even if the host or the environment sets one.
  *
- * @note The control point starts no thread. If the location of a device has a host name instead of an
- * address, Qt starts a thread to look it up.
+ * @note The control point itself starts no thread. But if the location of a device has a host name
+ * instead of an address, Qt starts a thread to look it up. With Qt 5.15, the constructor of
+ * QNetworkAccessManager starts two threads.
  *
  * @note The control point keeps 64 file descriptors free for the rest of the process, or a sixteenth of
  * the limit (RLIMIT_NOFILE) if the limit is below 1,024. When no other descriptor is free, requests and
