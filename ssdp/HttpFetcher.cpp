@@ -76,10 +76,10 @@ QNetworkReply* HttpFetcher::get(const QNetworkRequest& request)
 void HttpFetcher::enqueue(HttpReply* reply)
 {
     servers[reply->server].waiting.insert(reply->number, reply);
-    serve(reply->server);
+    startWaiting(reply->server);
 }
 
-void HttpFetcher::serve(const QByteArray& key)
+void HttpFetcher::startWaiting(const QByteArray& key)
 {
     Server& server = servers[key];
     while (!server.waiting.isEmpty()) {
@@ -107,7 +107,7 @@ void HttpFetcher::dequeue(HttpReply* reply)
         close(connection);
     } else {
         servers[reply->server].waiting.remove(reply->number);
-        serve(reply->server);
+        startWaiting(reply->server);
     }
 }
 
@@ -116,7 +116,7 @@ void HttpFetcher::close(HttpConnection* connection)
     const QByteArray key = connection->server;
     servers[key].connections.removeOne(connection);
     connection->release();
-    serve(key);
+    startWaiting(key);
 }
 
 // The reply
@@ -333,7 +333,7 @@ void HttpConnection::finishReply(bool isAtEnd)
     finished->end();
     if (!fetcher)
         return;
-    fetcher->serve(server);
+    fetcher->startWaiting(server);
     if (!reply)
         fetcher->close(this);
 }

@@ -67,7 +67,7 @@ private:
     };
 
     void enqueue(HttpReply* reply);
-    void serve(const QByteArray& key);
+    void startWaiting(const QByteArray& key);
     void dequeue(HttpReply* reply);
     void close(HttpConnection* connection);
 

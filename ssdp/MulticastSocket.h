@@ -41,7 +41,7 @@ public:
     /**
      * Binds to @p port (host byte order) on every IPv4 address. The port is shared: other sockets that
      * share it can also bind to it. Each of them receives every datagram that is sent to a group.
-     * @return false if a socket that does not share the port has it, or if this socket is already bound
+     * @return false if another socket has the port and does not share it, or if this socket is already bound
      */
     bool bind(quint16 port);
 

@@ -28,11 +28,11 @@ const int SUBSCRIPTION_SECONDS = 120;
 
 /// The SSDP multicast group, in dotted decimal (clause 1).
 extern const char GROUP_ADDRESS[];
-/// How the XML namespace of a device description begins (clause 2.3).
+/// The beginning of the XML namespace of a device description (clause 2.3).
 extern const char DEVICE_NAMESPACE[];
-/// How the XML namespace of a service description begins (clause 2.5).
+/// The beginning of the XML namespace of a service description (clause 2.5).
 extern const char SERVICE_NAMESPACE[];
-/// How the maker's device types begin.
+/// The beginning of the maker's device types.
 extern const char DEVICE_TYPE[];
 /// The type of the maker's key-object service.
 extern const char KEY_OBJECT_SERVICE_TYPE[];

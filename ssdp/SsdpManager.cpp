@@ -37,8 +37,8 @@ const int UNREAD_BUFFER_SIZE = 4 * 1024;
 
 void enlargeReceiveBuffer(const QUdpSocket* socket)
 {
-    // The kernel limits the size to net.core.rmem_max (socket(7)). If the socket is not bound, this fails,
-    // which is no problem.
+    // The kernel limits the size to net.core.rmem_max (socket(7)). If the socket is not bound, the
+    // call fails and changes nothing.
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
@@ -297,8 +297,8 @@ void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
         return;
     }
 
-    // The document decides which kind it is, not the request: a device may send either kind for either
-    // request.
+    // A device may send either kind of document for either request. So the document decides which kind it
+    // is.
     SsdpDevice* const device = deviceReplies.value(networkReply);
     SsdpService* const service = serviceReplies.value(networkReply);
     switch (Documents::kindOf(document)) {

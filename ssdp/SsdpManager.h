@@ -68,11 +68,11 @@ class Q_DECL_EXPORT SsdpManager : public QObject
 public:
     /// The SSDP multicast group (UPnP Device Architecture 1.1, clause 1).
     static const QHostAddress MULTICAST_GROUP_ADDRESS;
-    /// How the XML namespace of a device description begins (clause 2.3).
+    /// The beginning of the XML namespace of a device description (clause 2.3).
     static const QString DEVICE_FILTER;
-    /// How the XML namespace of a service description begins (clause 2.5).
+    /// The beginning of the XML namespace of a service description (clause 2.5).
     static const QString SERVICE_FILTER;
-    /// How the maker's device types begin.
+    /// The beginning of the maker's device types.
     static const QString VELMORA_DEVICE_FILTER;
     /// The type of the maker's key-object service.
     static const QString VELMORA_SERVICE_FILTER;

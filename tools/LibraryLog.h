@@ -7,7 +7,7 @@
 namespace Velmora {
 namespace Tools {
 
-/// How far the library came with the devices that answered. The log of the library is the source.
+/// The progress of the library with the devices that answered. It is read from the log of the library.
 struct Traces
 {
     QSet<QString> hosts; ///< The hosts in the locations of devices that answered or announced themselves.
