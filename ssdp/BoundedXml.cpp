@@ -52,8 +52,8 @@ bool isXmlDeclaration(const QString& text, int position)
 
 } // namespace
 
-// Scans like a parser. A parser stops at its first error. Before the error, both see the same tags. After
-// the error, the result does not matter.
+// Up to the first error, this scan and the parser see the same tags. The parser stops at that error. So it
+// does not matter what the scan sees after it.
 bool isWithinXmlBounds(const QString& text)
 {
     int level = 0;

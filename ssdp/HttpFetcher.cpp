@@ -288,7 +288,7 @@ void HttpConnection::onStateChanged(QAbstractSocket::SocketState state)
 {
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
-    // While a host name is looked up, its connection has no descriptor. So it is checked here.
+    // A connection to a host name gets its descriptor only after the look-up. So the check is repeated here.
     if (state == ConnectedState && reply && fetcher->guard.admits(this))
         sendRequest();
     else if (state == UnconnectedState)

@@ -73,7 +73,7 @@ QString hostValue(const QString& url);
 /// Returns @p path with a leading "/". If @p path begins with one, returns it unchanged.
 QString subLocation(const QString& path);
 
-/// Returns the URL of @p path on the server of @p location. The scheme of @p location is "http://".
+/// Returns the URL of @p path on the server of @p location. @p location begins with "http://".
 QString fullLocation(const QString& location, const QString& path);
 
 /// Returns the SID in the reply to a SUBSCRIBE. If it is missing or malformed, returns a null identifier.

@@ -67,8 +67,8 @@ public:
     ~Ssdp() override;
 
     /**
-     * Starts a discovery. First it forgets the devices of the previous discovery. If a discovery is
-     * running, it does nothing.
+     * Starts a discovery and forgets the devices of the previous one. If a discovery is already running,
+     * does nothing.
      *
      * @note The first call chooses the local addresses for the lifetime of the object. It chooses every
      * IPv4 address of the interfaces that are up and are not loopback interfaces. If there is none, it
@@ -79,8 +79,7 @@ public:
     int discover();
 
     /**
-     * Ends a running discovery. Does not emit timeoutExpired(). If no discovery is running, it does
-     * nothing.
+     * Ends a running discovery. Does not emit timeoutExpired(). If no discovery is running, does nothing.
      *
      * @note discovered() may still be emitted after this call, for devices that have answered the search.
      */

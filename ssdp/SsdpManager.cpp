@@ -372,7 +372,7 @@ void SsdpManager::onRequestSocketConnected()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
-    // While a host name is looked up, its connection has no descriptor. So it is checked here.
+    // A connection to a host name gets its descriptor only after the look-up. So the check is repeated here.
     if (!service || !networkManager.fetcher->guard.admits(socket))
         return;
     socket->write(createSubscribeMessage(service).toLatin1());

@@ -180,7 +180,7 @@ public:
      *
      * @note @p path is not resolved like a relative URL. Even an absolute URL is appended to the server.
      *
-     * @note The scheme of @p location must be "http://" in lower case. Otherwise the result is not defined.
+     * @note @p location must begin with "http://" in lower case. Otherwise the result is not a usable URL.
      */
     QString getFullLocation(const QString& location, const QString& path) const;
 
