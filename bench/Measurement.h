@@ -36,7 +36,7 @@ struct Options
  * measurement.print("name", "version");
  * @endcode
  *
- * The kernel tells when a search was on the wire. A socket of this object is in the group, so the kernel
+ * The kernel reports when a search was on the wire. A socket of this object is in the group, so the kernel
  * sends the search also to this socket, with a time stamp. The socket is read only after the last report.
  *
  * Processor time is user and system time of all threads. Memory is the peak of the resident set, minus

@@ -52,7 +52,7 @@ class Q_DECL_EXPORT Ssdp : public QObject
     Q_OBJECT
 
 public:
-    /// The name of the state variable that carries a device's codes.
+    /// The name of the state variable that contains the codes of a device.
     static const QString KO;
 
     /**

@@ -136,7 +136,7 @@ void SsdpManager::initialize()
         bound = unicastSocket->bind(localAddress, static_cast<quint16>(port));
     enlargeReceiveBuffer(unicastSocket);
 
-    // A server that is already listening keeps its port. If it is told to listen again, QTcpServer
+    // A server that is already listening keeps its port. If listen() is called again, QTcpServer
     // (Qt 4.8 to 6.4) prints a warning.
     if (!eventServer.isListening() && eventServer.listen(localAddress, 0)) {
         // QTcpServer (Qt 4.8 to 6.4) sets a backlog of 50 (listen(2)). If many devices send events at once,
