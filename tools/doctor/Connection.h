@@ -25,7 +25,7 @@ public:
     /// Closes the connection.
     ~Connection() override;
 
-    /// Connects to @p address. The signals follow from the event loop, never inside this call.
+    /// Connects to @p address. The signals are emitted from the event loop, not inside this call.
     static Connection* open(const QHostAddress& address, quint16 port, QObject* parent);
 
     void send(const QByteArray& bytes);
