@@ -42,7 +42,7 @@ double milliseconds(const timeval& time)
     return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_usec) / 1e3;
 }
 
-/// The clock of the kernel's time stamps.
+/// Returns the time. The kernel uses the same clock for its time stamps.
 double now()
 {
     timespec time = {};
@@ -57,7 +57,7 @@ double processorTime()
     return milliseconds(usage.ru_utime) + milliseconds(usage.ru_stime);
 }
 
-/// A line of /proc/self/status; memory is in KiB.
+/// Returns the value of a line of /proc/self/status. Memory is in KiB.
 long statusOf(const std::string& name)
 {
     std::ifstream status("/proc/self/status");
@@ -70,7 +70,7 @@ long statusOf(const std::string& name)
     return value;
 }
 
-/// Connections and handshakes that full queues of listening sockets refused in this network.
+/// Returns how many connections the full queues of listening sockets refused in this network namespace.
 long readListenDrops()
 {
     std::ifstream netstat("/proc/net/netstat");
@@ -89,7 +89,8 @@ long readListenDrops()
     return -1;
 }
 
-/// Datagrams that full receive buffers lost in this network, those of the socket @p except left out.
+/// Returns how many datagrams full receive buffers dropped in this network namespace. The socket @p except
+/// does not count.
 long readDatagramDrops(int except)
 {
     struct stat status = {};
@@ -164,7 +165,7 @@ Measurement::~Measurement()
 
 void Measurement::begin()
 {
-    // From here on the kernel's peak is the peak above what is resident now.
+    // This sets the kernel's peak (VmHWM) to the memory that is resident now (proc(5), clear_refs).
     std::ofstream("/proc/self/clear_refs") << "5";
     idleMemory = statusOf("VmRSS:");
     listenDrops = readListenDrops();

@@ -10,66 +10,66 @@
 namespace Velmora {
 namespace Bench {
 
-/// The host's only address in the private network in which every host is measured.
+/// The address of the host in the private network. The host has no other address.
 extern const char* const HOST_ADDRESS;
 
-/// What a host is asked for on its command line: HOST DEVICES TIMEOUT. Ends the program when it is
-/// not that.
+/// The arguments of a host: HOST DEVICES TIMEOUT. If the arguments are wrong, the constructor ends the
+/// program.
 struct Options
 {
     Options(int argc, char** argv);
 
-    int devices; ///< how many there are to find
-    int timeout; ///< when to give up, in milliseconds
+    int devices; ///< The number of devices to find.
+    int timeout; ///< The time after which the host gives up, in milliseconds.
 };
 
 /**
- * What one discovery costs this process, taken in the same way in every host.
+ * Measures what one discovery costs this process. Every host uses it in the same way:
  *
  * @code
- * Measurement measurement(options.devices);    // the host is idle: its event loop stands ready
+ * Measurement measurement(options.devices);    // the host is idle, and its event loop is ready
  * measurement.begin();
  * ... search; at every report: if (measurement.add(codes, address)) leave the event loop
  * measurement.end();
  * measurement.beginAgain();
- * ... search anew; measurement.takeSearch() from time to time until it is true
+ * ... search again; call measurement.takeSearch() until it returns true
  * measurement.print("name", "version");
  * @endcode
  *
- * When a search was on the wire is what the kernel says: a socket of this object's own is in the
- * group and gets the looped-back datagram with its time stamp. It is read only after the last report.
+ * The kernel reports when a search was on the wire. A socket of this object is in the group, so the kernel
+ * sends the search also to this socket, with a time stamp. The socket is read only after the last report.
  *
- * Processor time is that of all threads, user and system. Memory is the peak of the resident set
- * above what was resident at begin().
+ * Processor time is user and system time of all threads. Memory is the peak of the resident set, minus
+ * the resident set at begin().
  */
 class Measurement
 {
 public:
-    /// Ends the program outside of the private network, where nothing may be sent.
+    /// Outside of the private network, nothing may be sent. There, the constructor ends the program.
     explicit Measurement(int devices);
     ~Measurement();
     Measurement(const Measurement&) = delete;
     Measurement& operator=(const Measurement&) = delete;
 
-    /// The idle host begins: whatever it makes from here on counts.
+    /// Starts the measurement. Everything that the host does from now on counts.
     void begin();
 
-    /// Prints a report; the first of every device counts. Returns true once every device has reported.
+    /// Counts and prints the first report of each device. Returns true for the last device.
     bool add(const std::string& codes, const std::string& address);
 
-    /// The discovery is over, its sockets still open.
+    /// Ends the measurement. Call it while the sockets of the discovery are still open.
     void end();
 
-    /// A later discovery begins in the same process.
+    /// Starts the measurement of a later discovery in the same process.
     void beginAgain();
 
-    /// Whether that discovery's search has been on the wire.
+    /// Returns whether the search of this later discovery was on the wire.
     bool takeSearch();
 
-    /// Readable once a search, or anything else to the group, may be taken.
+    /// Returns the descriptor of the socket in the group. If it is readable, call takeSearch().
     int descriptor() const { return group; }
 
-    /// One line of JSON on the standard output.
+    /// Prints one line of JSON on standard output.
     void print(const char* host, const char* version) const;
 
 private:

@@ -1,5 +1,5 @@
-// The least that the exchange can cost: the same messages over bare sockets and epoll, with no library
-// and no XML parser. It takes the simulator's documents for granted and is no example of a host.
+// The minimum cost of the exchange: the same messages over bare sockets and epoll, without a library or an
+// XML parser. It reads only the simulator's documents, so it is not an example of a host.
 
 #include <bench/Measurement.h>
 
@@ -40,7 +40,7 @@ struct Device
     std::string eventPath;
 };
 
-/// What stands between the first @p begin and the next @p end behind @p from; empty if there is none.
+/// Returns the text between the first @p begin after @p from and the next @p end. Empty if there is none.
 std::string between(const std::string& text, const std::string& begin, const std::string& end, size_t from = 0)
 {
     const size_t first = text.find(begin, from);
@@ -65,7 +65,7 @@ std::string header(const std::string& message, const char* name)
     return {};
 }
 
-/// Where the body of @p message begins once all of it has come, else npos.
+/// Returns the position of the body of @p message. If the message is not complete, returns npos.
 size_t completeBody(const std::string& message)
 {
     const size_t end = message.find("\r\n\r\n");
@@ -217,7 +217,7 @@ private:
         return "GET " + path + " HTTP/1.1\r\nHost: " + device.host + "\r\nConnection: Keep-Alive\r\n\r\n";
     }
 
-    /// The device side is one cable away: connecting and a few hundred bytes do not block.
+    /// The devices are on the same machine. So connecting and sending a few hundred bytes do not block.
     void connectTo(size_t device, Kind kind, const std::string& request)
     {
         const sockaddr_in address = internetAddress(devices[device].host.c_str(), devices[device].port);

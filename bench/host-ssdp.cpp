@@ -14,7 +14,7 @@ int main(int argc, char** argv)
 {
     const Velmora::Bench::Options options(argc, argv);
     QCoreApplication application(argc, argv);
-    // The peers log nothing either.
+    // The other hosts write no log, either.
     QLoggingCategory::setFilterRules(QStringLiteral("velmora.ssdp.info=false"));
 
     Measurement measurement(options.devices);

@@ -43,8 +43,8 @@ void write(Logger::Severity severity, const QByteArray& utf8)
 
 const int MAX_PIECE_LENGTH = 1024;
 
-/// Whether the character could end the line, control a terminal or change the order of the text after it.
-bool disturbsTheLine(QChar character)
+/// Returns whether the character could end the line, control a terminal or change the order of the text.
+bool needsEscape(QChar character)
 {
     const QChar::Category category = character.category();
     return category == QChar::Other_Control || category == QChar::Other_Format || category == QChar::Separator_Line
@@ -57,7 +57,7 @@ QString escaped(const QString& text)
     result.reserve(text.size());
     for (const QChar character : text) {
         const ushort code = character.unicode();
-        if (!disturbsTheLine(character))
+        if (!needsEscape(character))
             result += character;
         else if (code == '\n')
             result += QLatin1String("\\n");

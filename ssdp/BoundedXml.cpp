@@ -11,7 +11,7 @@ namespace {
 const int MAX_DEPTH = 128;
 const int MAX_ATTRIBUTES = 256;
 
-bool standsAt(const QString& text, int position, const char* expected)
+bool hasTextAt(const QString& text, int position, const char* expected)
 {
     for (; *expected != '\0'; ++expected, ++position) {
         if (position >= text.size() || text.at(position) != QLatin1Char(*expected))
@@ -20,15 +20,15 @@ bool standsAt(const QString& text, int position, const char* expected)
     return true;
 }
 
-/// The position after the next @p end, or the end of the text.
-int behind(const QString& text, const char* end, int position)
+/// Returns the position after the next @p end. If there is none, returns the end of the text.
+int positionAfter(const QString& text, const char* end, int position)
 {
     const int found = static_cast<int>(text.indexOf(QLatin1String(end), position));
     return found == -1 ? static_cast<int>(text.size()) : found + static_cast<int>(qstrlen(end));
 }
 
-/// The position of the next ">" or "[" outside quotes, or the end of the text. Counts the quoted texts
-/// before it.
+/// Returns the position of the next ">" or "[" outside quotes. If there is none, returns the end of the
+/// text. Counts the quoted texts before this position.
 int tagEnd(const QString& text, int position, int* quotedTexts)
 {
     for (; position < text.size(); ++position) {
@@ -47,13 +47,13 @@ int tagEnd(const QString& text, int position, int* quotedTexts)
 
 bool isXmlDeclaration(const QString& text, int position)
 {
-    return standsAt(text, position, "?xml") && position + 4 < text.size() && text.at(position + 4).isSpace();
+    return hasTextAt(text, position, "?xml") && position + 4 < text.size() && text.at(position + 4).isSpace();
 }
 
 } // namespace
 
-// Scans like a parser, which stops at its first error. Up to there both see the same tags. The parser
-// never reads what comes after the error.
+// Up to the first error, this scan and the parser see the same tags. The parser stops at that error. So it
+// does not matter what the scan sees after it.
 bool isWithinXmlBounds(const QString& text)
 {
     int level = 0;
@@ -61,22 +61,22 @@ bool isWithinXmlBounds(const QString& text)
     while ((position = static_cast<int>(text.indexOf(QLatin1Char('<'), position))) != -1) {
         ++position;
         int quotedTexts = 0;
-        if (standsAt(text, position, "!--")) {
-            position = behind(text, "-->", position + 3);
-        } else if (standsAt(text, position, "![CDATA[")) {
-            position = behind(text, "]]>", position + 8);
-        } else if (standsAt(text, position, "!")) {
+        if (hasTextAt(text, position, "!--")) {
+            position = positionAfter(text, "-->", position + 3);
+        } else if (hasTextAt(text, position, "![CDATA[")) {
+            position = positionAfter(text, "]]>", position + 8);
+        } else if (hasTextAt(text, position, "!")) {
             position = tagEnd(text, position, &quotedTexts);
             if (position < text.size() && text.at(position) == QLatin1Char('['))
                 return false;
-        } else if (standsAt(text, position, "?")) {
-            const int end = behind(text, "?>", position);
-            // A parser does not look for the end of an XML declaration inside its quoted values.
+        } else if (hasTextAt(text, position, "?")) {
+            const int end = positionAfter(text, "?>", position);
+            // A parser skips "?>" in the quoted values of an XML declaration. Such a declaration is refused.
             if (isXmlDeclaration(text, position) && tagEnd(text, position, &quotedTexts) != end - 1)
                 return false;
             position = end;
-        } else if (standsAt(text, position, "/")) {
-            position = behind(text, ">", position);
+        } else if (hasTextAt(text, position, "/")) {
+            position = positionAfter(text, ">", position);
             level = qMax(level - 1, 0);
         } else {
             position = tagEnd(text, position, &quotedTexts);

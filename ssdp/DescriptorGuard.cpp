@@ -36,7 +36,8 @@ void DescriptorGuard::reset()
 
 void DescriptorGuard::connectToHost(QAbstractSocket* socket, const QString& host, quint16 port)
 {
-    // Qt tells the descriptor of a connection only once it is open, and looks up a name in a thread.
+    // Qt (4.8 to 6.4) starts a thread to look up a name, and a connection has no descriptor until it is
+    // open. So the check comes first.
     if (admitsAnother())
         socket->connectToHost(host, port, QIODevice::ReadWrite);
 }

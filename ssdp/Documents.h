@@ -11,8 +11,8 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * Reads the documents of a device. They are parsed without namespace processing, so a name is compared
- * with its prefix. A missing element is read as an empty text.
+ * Reads the documents of a device. The documents are parsed without namespace processing, so the prefix
+ * of an element is part of its name. A missing element is read as an empty text.
  */
 namespace Documents {
 
@@ -22,10 +22,10 @@ enum Kind {
     ServiceDescription ///< clause 2.5
 };
 
-/// The kind of document, according to the default namespace of the document element.
+/// Returns the kind of the document. The default namespace of its root element decides.
 Kind kindOf(const QDomDocument& document);
 
-/// A service in a device description. The texts of its elements are unchanged.
+/// A service in a device description. The texts are not trimmed.
 struct Service
 {
     QString type;
@@ -35,20 +35,20 @@ struct Service
     QString scpdUrl;
 };
 
-/// The services of the root device, in document order. Services of embedded devices are not read.
+/// Returns the services of the root device, in document order. Does not read embedded devices.
 QList<Service> services(const QDomDocument& description);
 
-/// The names of the state variables of a service description, in document order.
+/// Returns the names of the state variables in a service description, in document order.
 QStringList stateVariables(const QDomDocument& description);
 
-/// A state variable in an event, with its new value.
+/// A state variable in an event, and its new value.
 struct Property
 {
     QString name;
     QString value;
 };
 
-/// The properties of an event, in document order (clause 4.3.2).
+/// Returns the properties of an event, in document order (clause 4.3.2).
 QList<Property> properties(const QDomDocument& event);
 
 } // namespace Documents

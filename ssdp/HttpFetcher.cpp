@@ -20,7 +20,7 @@ const qint64 MAX_COUNTED_BYTES = Q_INT64_C(64) * 1024 * 1024;
 
 bool isFetchable(const QUrl& url)
 {
-    // Qt 4.8 does not convert the scheme to lower case; Qt 5.15 and 6.4 do.
+    // QUrl of Qt 4.8 does not convert the scheme to lower case. QUrl of Qt 5.15 and 6.4 does.
     return url.isValid() && url.scheme().compare(QLatin1String("http"), Qt::CaseInsensitive) == 0
         && !url.host().isEmpty();
 }
@@ -76,10 +76,10 @@ QNetworkReply* HttpFetcher::get(const QNetworkRequest& request)
 void HttpFetcher::enqueue(HttpReply* reply)
 {
     servers[reply->server].waiting.insert(reply->number, reply);
-    serve(reply->server);
+    startWaiting(reply->server);
 }
 
-void HttpFetcher::serve(const QByteArray& key)
+void HttpFetcher::startWaiting(const QByteArray& key)
 {
     Server& server = servers[key];
     while (!server.waiting.isEmpty()) {
@@ -94,7 +94,7 @@ void HttpFetcher::serve(const QByteArray& key)
             connection = new HttpConnection(this, key);
             server.connections.append(connection);
         }
-        connection->carry(server.waiting.take(server.waiting.firstKey()));
+        connection->startRequest(server.waiting.take(server.waiting.firstKey()));
     }
     if (server.connections.isEmpty())
         servers.remove(key);
@@ -107,7 +107,7 @@ void HttpFetcher::dequeue(HttpReply* reply)
         close(connection);
     } else {
         servers[reply->server].waiting.remove(reply->number);
-        serve(reply->server);
+        startWaiting(reply->server);
     }
 }
 
@@ -116,7 +116,7 @@ void HttpFetcher::close(HttpConnection* connection)
     const QByteArray key = connection->server;
     servers[key].connections.removeOne(connection);
     connection->release();
-    serve(key);
+    startWaiting(key);
 }
 
 // The reply
@@ -180,7 +180,7 @@ QByteArray HttpFetcher::requestMessage(const QUrl& url)
         + " HTTP/1.1\r\nHost: " + host + "\r\n\r\n";
 }
 
-/// Returns how much of @p data belongs to the reply.
+/// Returns how many bytes of @p data belong to the reply.
 qint64 HttpReply::receive(const char* data, qint64 size)
 {
     const qint64 used = reader.read(data, size);
@@ -190,7 +190,7 @@ qint64 HttpReply::receive(const char* data, qint64 size)
     return used;
 }
 
-/// Finishes with what was received.
+/// Finishes the reply with the bytes that were received.
 void HttpReply::end()
 {
     fetcher = nullptr;
@@ -214,7 +214,7 @@ void HttpReply::end()
     }
 }
 
-/// Finishes from the event loop, so not inside get() or a slot of the caller.
+/// Finishes from the event loop, because the caller may be in get() or in a slot.
 void HttpReply::fail(NetworkError code, const QString& text)
 {
     fetcher = nullptr;
@@ -262,13 +262,13 @@ HttpConnection::HttpConnection(HttpFetcher* fetcher, const QByteArray& server)
     connect(this, SIGNAL(readyRead()), this, SLOT(onReadyRead()));
 }
 
-void HttpConnection::carry(HttpReply* next)
+void HttpConnection::startRequest(HttpReply* next)
 {
     reply = next;
     reply->connection = this;
     hasSent = false;
     if (state() == ConnectedState) {
-        // The peer may have closed the idle connection. The request is then sent once more.
+        // The peer may have closed the idle connection. Then the request is sent again, but only once.
         reply->attempts = MAX_ATTEMPTS - 1;
         sendRequest();
     } else {
@@ -288,7 +288,7 @@ void HttpConnection::onStateChanged(QAbstractSocket::SocketState state)
 {
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
-    // A connection to a host name has no descriptor until the name is looked up.
+    // A connection to a host name gets its descriptor only after the look-up. So the check is repeated here.
     if (state == ConnectedState && reply && fetcher->guard.admits(this))
         sendRequest();
     else if (state == UnconnectedState)
@@ -299,7 +299,7 @@ void HttpConnection::sendRequest()
 {
     hasSent = true;
     write(HttpFetcher::requestMessage(reply->url()));
-    // Sends now, not in the next turn of the event loop.
+    // Without this, QAbstractSocket sends only when the event loop runs again.
     flush();
 }
 
@@ -329,16 +329,17 @@ void HttpConnection::finishReply(bool isAtEnd)
         finished->end();
         return;
     }
-    // The receiver of this reply may request the next document of the same host at once.
+    // The receiver of finished() may request the next document of the same host, or delete the fetcher.
     finished->end();
     if (!fetcher)
         return;
-    fetcher->serve(server);
+    fetcher->startWaiting(server);
     if (!reply)
         fetcher->close(this);
 }
 
-/// Closes from the event loop: thousands of failing requests must not block it, nor finish inside get().
+/// Closes from the event loop. Otherwise thousands of failing requests would block it, and requests would
+/// finish inside get().
 void HttpConnection::closeLater()
 {
     QMetaObject::invokeMethod(this, "onClosed", Qt::QueuedConnection);
@@ -351,14 +352,14 @@ void HttpConnection::onClosed()
     const QScopedValueRollback<bool> rollback(isSignalling);
     isSignalling = true;
     readReply();
-    // readReply() may finish the reply, and the next request may then have opened the connection again.
+    // readReply() may have finished the reply. Then the next request may have opened the connection again.
     if (!fetcher || state() != UnconnectedState)
         return;
     HttpReply* const unfinished = takeReply();
     if (unfinished && hasSent && unfinished->reader.state() == HttpReader::ReadingHead
         && unfinished->attempts < MAX_ATTEMPTS) {
         unfinished->reader = HttpReader();
-        carry(unfinished);
+        startRequest(unfinished);
         return;
     }
     fetcher->close(this);

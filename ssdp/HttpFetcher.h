@@ -19,38 +19,39 @@ class HttpReply;
 /**
  * Fetches documents by HTTP/1.1, in the event loop of the thread that owns it.
  *
- * At most six connections are open to one host and port. Further requests wait in order. A connection is
- * used for one request after the other, if the replies allow it. It is closed when no request waits.
+ * At most six connections are open to one host and port. Other requests wait in order. If the reply
+ * leaves the connection open, the next request uses it. When no request waits, the connection is closed.
  *
- * If the connection closes before the head of the reply is complete, the request is sent again on a new
- * connection. This happens at most three times, or once if the connection was reused.
+ * If the connection is closed before the head of the reply is complete, the request is sent again on a
+ * new connection, at most three times. If the connection was reused, the request is sent again only once.
  *
- * Only the scheme http is supported. Redirects, cookies, content codings, caches and proxies are not.
+ * Only the scheme http is supported. Redirects, cookies, content codings, caches and proxies are not
+ * supported.
  */
 class HttpFetcher
 {
 public:
     HttpFetcher();
-    /// Calls dropAll().
+    /// Calls dropAll(). Replies stay valid, because their callers own them.
     ~HttpFetcher();
 
     /**
      * Requests the document at the URL of @p request. Nothing else of @p request is used. The caller
-     * owns the reply, which emits finished() once, and never inside this call.
+     * owns the reply. The reply emits finished() once, but never inside this call.
      *
-     * The reply has the body that was received, with any status, even if the connection was closed too
-     * early. A reply that exceeds the bounds of HttpReader fails without a body. All replies together
-     * may hold 64 MiB, not counting the first MiB of each. A reply that exceeds this fails too.
+     * The reply contains the received body, whatever the status is, and even if the connection was closed
+     * too early. A reply that exceeds the bounds of HttpReader fails without a body. All replies together
+     * may hold 64 MiB, not counting the first MiB of each. A reply that exceeds this bound fails too.
      */
     QNetworkReply* get(const QNetworkRequest& request);
 
-    /// Closes every connection. An unfinished reply emits finished() only if it is aborted.
+    /// Closes every connection. After that, an unfinished reply emits finished() only if it is aborted.
     void dropAll();
 
-    /// The GET request for @p url.
+    /// Returns the GET request for @p url.
     static QByteArray requestMessage(const QUrl& url);
 
-    /// Checks every new connection. Other code that opens connections uses it too.
+    /// Checks every new connection. SsdpManager uses it for its own connections.
     DescriptorGuard guard;
 
 private:
@@ -58,7 +59,7 @@ private:
     friend class HttpConnection;
     friend class HttpReply;
 
-    /// A host and port: its connections, and the requests that wait for one.
+    /// The connections to one host and port, and the requests that wait for a connection.
     struct Server
     {
         QList<HttpConnection*> connections;
@@ -66,7 +67,7 @@ private:
     };
 
     void enqueue(HttpReply* reply);
-    void serve(const QByteArray& key);
+    void startWaiting(const QByteArray& key);
     void dequeue(HttpReply* reply);
     void close(HttpConnection* connection);
 
@@ -75,7 +76,7 @@ private:
     QSharedPointer<qint64> countedBytes; ///< The size of all bodies, without the first MiB of each.
 };
 
-/// A reply of HttpFetcher. Deleting it at any time drops the request.
+/// A reply of HttpFetcher. It may be deleted at any time; then its request is dropped.
 class HttpReply : public QNetworkReply
 {
     Q_OBJECT
@@ -83,7 +84,7 @@ class HttpReply : public QNetworkReply
 public:
     ~HttpReply() override;
 
-    /// Drops the request and the body. Emits finished() inside the call, unless it was emitted before.
+    /// Drops the request and the body. Emits finished() inside the call if it was not emitted before.
     void abort() override;
     qint64 bytesAvailable() const override;
     bool isSequential() const override;
@@ -132,7 +133,7 @@ private:
 
     HttpConnection(HttpFetcher* fetcher, const QByteArray& server);
 
-    void carry(HttpReply* next);
+    void startRequest(HttpReply* next);
     void connectToServer();
     void sendRequest();
     void readReply();
@@ -145,7 +146,7 @@ private:
     HttpReply* reply; ///< Null if there is no current request.
     const QByteArray server; ///< The key of the host and port, as in HttpFetcher::servers.
     bool hasSent;
-    bool isSignalling; ///< Inside a signal of the socket, which then must not be deleted.
+    bool isSignalling; ///< True inside a signal of the socket. The socket must not be deleted then.
 };
 
 } // namespace SSDP

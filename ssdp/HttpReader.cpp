@@ -15,7 +15,7 @@ const qint64 MAX_LINE = 64 * KIB;
 const qint64 MAX_BODY = 16 * KIB * KIB;
 const qint64 MAX_BLOCK = 64 * KIB;
 
-/// The part of @p text before the first @p end, or all of it.
+/// Returns the part of @p text before the first @p end. If there is none, returns all of @p text.
 QByteArray partBefore(const QByteArray& text, char end)
 {
     const int position = static_cast<int>(text.indexOf(end));
@@ -27,7 +27,8 @@ bool equalsName(const QByteArray& name, const char* expected)
     return qstricmp(name.constData(), expected) == 0;
 }
 
-/// Whether the comma-separated list @p value has @p token, in upper or lower case, with any parameters.
+/// Returns whether the comma-separated list @p value contains @p token, in upper or lower case. Parameters
+/// after a semicolon are ignored.
 bool hasToken(const QByteArray& value, const char* token)
 {
     const QList<QByteArray> tokens = value.split(',');
@@ -50,7 +51,8 @@ void ByteQueue::append(const char* data, qint64 size)
 {
     while (size > 0) {
         if (blocks.isEmpty() || blocks.last().size() == blocks.last().capacity()) {
-            // As large as the queue so far, so a small body takes little memory and a large one few blocks.
+            // The new block is as large as the queue. So a small body takes little memory, and a large body
+            // takes few blocks.
             blocks.append(QByteArray());
             blocks.last().reserve(static_cast<int>(qMin(qMax(size, total), MAX_BLOCK)));
         }
@@ -155,7 +157,7 @@ void HttpReader::handleLine()
 {
     switch (lineKind) {
     case StatusLine:
-        // There may be an empty line before the reply.
+        // A peer may send empty lines before the reply.
         if (!line.trimmed().isEmpty())
             handleStatusLine();
         break;
@@ -170,7 +172,7 @@ void HttpReader::handleLine()
             beginBody();
         break;
     case ChunkSizeLine:
-        // A chunk ends with an empty line. Some servers send more of them.
+        // A chunk ends with an empty line. Some servers send more empty lines.
         if (!line.isEmpty())
             handleChunkSize();
         break;

@@ -7,14 +7,14 @@
 namespace Velmora {
 namespace SSDP {
 
-/// A queue of bytes. Neither append() nor take() moves the bytes that stay in it.
+/// A queue of bytes. append() and take() do not move the bytes that stay in the queue.
 class ByteQueue
 {
 public:
     ByteQueue();
 
     void append(const char* data, qint64 size);
-    /// Takes at most @p size bytes from the front. Returns their number.
+    /// Removes at most @p size bytes from the front and copies them to @p data. Returns their number.
     qint64 take(char* data, qint64 size);
     void clear();
     qint64 size() const { return total; }
@@ -28,50 +28,53 @@ private:
 /**
  * Reads the reply to one GET of HTTP/1.1 (RFC 7230), in segments of any size.
  *
- * Devices need a lenient reader. Lines end with CR LF or LF alone. Names may be in upper or lower case.
- * Fields may be folded, and may have spaces before the colon. Interim replies (1xx) are skipped.
+ * The reader is lenient, because devices make mistakes. Lines end with CR LF or LF alone. Names may be in
+ * upper or lower case. Fields may be folded, and may have spaces before the colon. Interim replies (1xx)
+ * are skipped.
  *
- * The time is linear in the size of the reply. Its bounds are 64 KiB each for the head, for all interim
- * replies together, for the lines between two chunks and for the trailers, and 16 MiB for the body.
+ * The time grows linearly with the size of the reply. The body may have 16 MiB. The head may have 64 KiB.
+ * This bound also applies to all interim replies together, to the lines between two chunks, and to the
+ * trailers.
  */
 class HttpReader
 {
 public:
     enum State {
         ReadingHead, ///< The head of the reply or of an interim reply.
-        ReadingBody,
+        ReadingBody, ///< The body, including chunk sizes and trailers.
         Finished, ///< The reply is complete. Later bytes do not belong to it.
         Malformed, ///< It is not an HTTP reply, or the size of a chunk is not a number.
-        OutOfBounds
+        OutOfBounds ///< The reply exceeds a bound.
     };
 
     HttpReader();
 
-    /// Reads @p data. Returns how much of it belongs to the reply: all, unless the reply ends in it.
+    /// Reads @p data. Returns how many of its bytes belong to the reply. These are all bytes, unless the
+    /// reply ends before the end of @p data.
     qint64 read(const char* data, qint64 size);
 
     /**
-     * Call this when the peer has closed the connection. It completes a body without a length.
+     * Call this when the peer has closed the connection. If the body has no length, it is then complete.
      * @return whether the reply is complete
      */
     bool close();
 
-    /// Stops reading, as if the reply were out of bounds. For a bound of the caller.
+    /// Stops reading, as if the reply exceeded a bound. Call this if the reply exceeds a bound of the caller.
     void exceed() { currentState = OutOfBounds; }
 
     State state() const { return currentState; }
     bool isReading() const { return currentState == ReadingHead || currentState == ReadingBody; }
-    /// Whether the reply is complete and the connection can be used for the next request.
+    /// Returns whether the reply is complete and the connection can be used for the next request.
     bool keepsConnection() const { return currentState == Finished && persistent && !endsWithConnection; }
 
     int statusCode() const { return status; }
     const QByteArray& reason() const { return reasonPhrase; }
-    /// The value of the Location field, which a redirect has.
+    /// The value of the Location field. Empty if there is none. A redirect has this field.
     const QByteArray& location() const { return locationField; }
-    /// The value of the Content-Length field. -1 if there is none, or if the body is chunked.
+    /// The value of the Content-Length field. -1 if there is no such field or if the body is chunked.
     qint64 announcedLength() const { return isChunked ? -1 : contentLength; }
 
-    /// The body that was received so far. The caller may take from it at any time.
+    /// The received part of the body. The caller may take bytes from it at any time.
     ByteQueue body;
 
 private:
@@ -91,7 +94,7 @@ private:
     QByteArray field; ///< The last field. A folded line is appended to it.
     qint64 headSize;
     qint64 interimSize;
-    qint64 linesSize; ///< Of the lines between two chunks, and of the trailers.
+    qint64 linesSize; ///< The size of the lines since the last chunk, or of the trailers.
 
     int status;
     QByteArray reasonPhrase;
@@ -102,7 +105,7 @@ private:
     bool hasLengthField;
     qint64 contentLength;
     qint64 bodySize;
-    qint64 remaining; ///< The bytes that are missing from the body or the chunk.
+    qint64 remaining; ///< The number of bytes that are missing from the body or the chunk.
 };
 
 } // namespace SSDP

@@ -6,7 +6,7 @@ class QString;
 namespace Velmora {
 namespace SSDP {
 
-/// The identity that a device publishes in its state variable "KO".
+/// The two codes that a device sends in its state variable "KO".
 struct KeyObject
 {
     int functionCode;
@@ -14,9 +14,9 @@ struct KeyObject
 };
 
 /**
- * Reads the value of "KO": entries separated by ";", each of two decimal integers separated by ",".
- * Only the first entry with exactly two parts is used. A part that is not an int is read as 0.
- * @return false if there is no such entry; *keyObject is then unchanged
+ * Reads the value of "KO". Its entries are separated by ";". An entry is two decimal integers, separated
+ * by ",". Only the first entry with exactly two parts is used. If a part is not an int, it is read as 0.
+ * @return false if no entry has exactly two parts; *keyObject is then unchanged
  */
 bool readKeyObject(const QString& value, KeyObject* keyObject);
 

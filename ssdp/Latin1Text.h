@@ -7,7 +7,7 @@
 namespace Velmora {
 namespace SSDP {
 
-/// The bytes before the first zero byte, read as Latin-1.
+/// Returns the bytes before the first zero byte, read as Latin-1.
 inline QString textUpToZero(const QByteArray& bytes)
 {
     return QString::fromLatin1(bytes.constData());

@@ -22,7 +22,8 @@ bool MulticastSocket::bind(quint16 port)
 {
     const BindMode mode = ShareAddress | ReuseAddressHint;
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // From Qt 5 on, bind() without an address also binds IPv6. Senders would then be ::ffff:a.b.c.d.
+    // Since Qt 5, bind() without an address also binds IPv6. The address of a sender would then be
+    // ::ffff:a.b.c.d.
     return QUdpSocket::bind(QHostAddress(QHostAddress::AnyIPv4), port, mode);
 #else
     return QUdpSocket::bind(port, mode);

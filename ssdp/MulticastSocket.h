@@ -18,14 +18,14 @@ namespace SSDP {
  * socket.joinMulticastGroup(QHostAddress("239.255.255.250"), QHostAddress("192.168.1.10"));
  * @endcode
  *
- * Bind the socket before you use the group operations. They are system calls on its descriptor and take
- * effect at once. Each returns whether it succeeded.
+ * Bind the socket before you join or leave a group or set the time-to-live. These functions are system
+ * calls on its descriptor and take effect at once. Each returns whether it succeeded.
  *
- * @note A failed group operation sets error() to QAbstractSocket::UnknownSocketError. It changes neither
- * errorString() nor the socket.
+ * @note If such a function fails, it sets error() to QAbstractSocket::UnknownSocketError. It changes
+ * neither errorString() nor the socket.
  *
- * @note The socket does not use an application-wide or system proxy. If setProxy() gives it a proxy, it
- * cannot join or leave a group.
+ * @note The socket uses no proxy, even if the application or the system sets one. If setProxy() gives it
+ * a proxy, it cannot join or leave a group.
  *
  * @warning Use the socket only in the thread that owns it, like any QUdpSocket.
  */
@@ -40,17 +40,17 @@ public:
 
     /**
      * Binds to @p port (host byte order) on every IPv4 address. The port is shared: other sockets that
-     * share it can bind to it too, and each of them receives every datagram that is sent to a group.
-     * @return false if a socket that does not share has the port, or if this socket is already bound
+     * share it can also bind to it. Each of them receives every datagram that is sent to a group.
+     * @return false if another socket has the port and does not share it, or if this socket is already bound
      */
     bool bind(quint16 port);
 
     /**
      * Joins the group @p groupAddress on the interface that has @p interfaceAddress.
      * If @p interfaceAddress is null, the system chooses the interface.
-     * @return false if the socket is not bound or has a proxy; if @p groupAddress is not an IPv4 address
-     *         or not a multicast group; if no interface has @p interfaceAddress; if the socket is
-     *         already a member; or if it has too many memberships (net.ipv4.igmp_max_memberships)
+     * @return false if the socket is not bound or has a proxy; if @p groupAddress is not an IPv4 multicast
+     *         address; if no interface has @p interfaceAddress; if the socket is already a member; or if
+     *         it has too many memberships (net.ipv4.igmp_max_memberships)
      */
     bool joinMulticastGroup(const QHostAddress& groupAddress, const QHostAddress& interfaceAddress);
 
@@ -61,8 +61,8 @@ public:
     bool leaveMulticastGroup(const QHostAddress& groupAddress, const QHostAddress& interfaceAddress);
 
     /**
-     * Sets the time-to-live of datagrams that are sent to a group. With 0 they stay on this host. With
-     * 1, the system's default, they stay on the local network.
+     * Sets the time-to-live of datagrams that are sent to a group. With 0, they stay on this host. With
+     * 1, they stay on the local network. The default of the system is 1.
      * @return false if the socket is not bound
      */
     bool setMulticastTtl(unsigned char ttl);

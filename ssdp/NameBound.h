@@ -8,11 +8,14 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * Limits how many names with the same hash a document may add to a table, on Qt 5 only.
+ * Limits how many names with the same hash a document may add to a table. The limit is on Qt 5 only.
  *
- * Qt 5.15 has strings with the same hash under every seed. Tens of thousands of them degrade the hash
- * table to a list: a document then takes minutes. No such strings are known for Qt 6. Qt 4.8 has no seed
- * and takes the hash modulo a known prime, so a limit for equal hashes would not help there.
+ * With Qt 5.15, some strings have the same hash with every seed. Tens of thousands of them degrade the
+ * hash table to a list: a document then takes minutes. For Qt 6, no such strings are known. Qt 4.8 has no
+ * seed, and the size of its table is a known prime. There, different hashes may share a place in the
+ * table, so a limit for equal hashes would not help.
+ *
+ * @warning The table must exist as long as this object.
  */
 class NameBound
 {
@@ -22,24 +25,24 @@ public:
     {
     }
 
-    /// Whether @p name may be added to the table.
+    /// Returns whether @p name may be added to the table. Call this once for each name.
     bool admits(const QString& name)
     {
 #if QT_VERSION >= QT_VERSION_CHECK(5, 6, 0) && QT_VERSION < QT_VERSION_CHECK(6, 0, 0)
-        // In other documents, even two names with the same hash are rare. The table uses the same seed.
-        const int MAX_ALIKE = 64;
-        return table.contains(name) || ++alike[qHash(name, static_cast<uint>(qGlobalQHashSeed()))] <= MAX_ALIKE;
+        // Except in an attack, even two names with the same hash are rare. The table uses this seed, too.
+        const int MAX_SAME_HASH = 64;
+        const uint hash = qHash(name, static_cast<uint>(qGlobalQHashSeed()));
+        return table.contains(name) || ++hashCounts[hash] <= MAX_SAME_HASH;
 #else
         Q_UNUSED(table)
         Q_UNUSED(name)
-        Q_UNUSED(table)
         return true;
 #endif
     }
 
 private:
     const QHash<QString, QString>& table;
-    QHash<uint, int> alike;
+    QHash<uint, int> hashCounts; ///< The number of names with each hash.
 };
 
 } // namespace SSDP

@@ -61,7 +61,7 @@ QString systemInfo()
 
 QString headerValue(const QString& message, const QString& header)
 {
-    // The message is not split into lines: one that has only line feeds would give a million strings.
+    // The message is not split into lines, because a message of line feeds would give a million strings.
     const QChar* const messageEnd = message.constData() + message.size();
     const QChar* begin = message.constData();
     for (;;) {

@@ -15,11 +15,13 @@ class SsdpDevice;
 class SsdpService;
 
 /**
- * Finds the same records as a search through all devices and services, but faster. A thousand devices
- * send several thousand messages, and a hostile device may list a hundred thousand services.
+ * Finds the same records as a search through all devices and services, but faster. This matters because
+ * a thousand devices send several thousand messages, and a hostile device may list a hundred thousand
+ * services.
  *
- * It keeps a reference to the list of devices. Records that are in the list but were not passed to add()
- * are found by a search.
+ * If a record is in the list of devices but was not passed to add(), it is found by a search.
+ *
+ * @warning The list must exist as long as the index. Call clear() before a record is deleted.
  */
 class RecordIndex
 {
@@ -30,11 +32,11 @@ public:
     void add(SsdpDevice* device, SsdpService* service);
     void clear();
 
-    /// Whether a device has exactly this location.
+    /// Returns whether a device has exactly this location.
     bool hasLocation(const QString& location) const;
-    /// The device that lists @p service, or null. Only the pointer is compared.
+    /// Returns the device that lists @p service, or null. Only the pointer is compared.
     SsdpDevice* deviceOf(const SsdpService* service) const;
-    /// The first service with this identifier, or null.
+    /// Returns the service with this identifier, or null.
     SsdpService* serviceOf(const QUuid& id) const;
 
 private:

@@ -29,7 +29,7 @@ Ssdp::Ssdp(int timeout, QObject* parent)
     , timeout(timeout)
 {
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // From Qt 5 on, the default timer may end 5 % early (Qt::CoarseTimer), before the last devices report.
+    // Since Qt 5, the default timer may end 5 % early (Qt::CoarseTimer). The last devices would be lost.
     timer->setTimerType(Qt::PreciseTimer);
 #endif
     connect(timer, SIGNAL(timeout()), this, SLOT(onTimerTick()));

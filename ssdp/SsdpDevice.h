@@ -14,30 +14,31 @@ namespace SSDP {
 class SsdpService;
 
 /**
- * What a control point knows of one device: a plain record.
+ * A record of one device. It contains what a control point knows of the device.
  *
  * The SsdpManager that found the device owns the record. A host reads it in a slot connected to
- * SsdpManager::valueChanged().
+ * SsdpManager::valueChanged(). The host must not change it.
  *
- * @warning Keep no pointer to a record. It is deleted when the next discovery starts.
+ * @warning Keep no pointer to a record. SsdpManager::clearDevices() deletes it, and so does every
+ * Ssdp::discover().
  */
 class Q_DECL_EXPORT SsdpDevice
 {
 public:
-    /// Constructs a record without services. The identifier, the address and the location are null.
+    /// Constructs a record without services. Identifier, address and location are null.
     SsdpDevice();
 
-    /// Deletes the services, first to last.
+    /// Deletes the services, from the first to the last.
     ~SsdpDevice();
 
     /// The identifier that the control point gives this record. Every record gets a new one.
     QUuid id;
 
-    /// The sender of the announcing datagram. It may differ from the host in the location.
+    /// The sender of the first answer or announcement. It may differ from the host in the location.
     QHostAddress address;
 
     /// The URL of the device description, as in the LOCATION header (UPnP Device Architecture 1.1,
-    /// clauses 1.2.2 and 1.3.3). It is unique within a control point.
+    /// clauses 1.2.2 and 1.3.3). No two devices of a control point have the same location.
     QString location;
 
     /// The services of the root device, in document order. The device owns them.

@@ -28,15 +28,17 @@ using Log::Logger;
 
 namespace {
 
-// A thousand devices answer one search within seconds. The default of Linux 6.1 holds some 280 answers.
+// A thousand devices may answer one search at the same time. The default buffer of Linux 6.1
+// (net.core.rmem_default, socket(7)) has space for some 280 answers.
 const int RECEIVE_BUFFER_SIZE = 4 * 1024 * 1024;
 
-// For a connection that is no longer read. The reply to a subscription has a few hundred bytes.
+// The buffer of a connection whose data is not used. The reply to a subscription has a few hundred bytes.
 const int UNREAD_BUFFER_SIZE = 4 * 1024;
 
 void enlargeReceiveBuffer(const QUdpSocket* socket)
 {
-    // The kernel limits the size to net.core.rmem_max (socket(7)). Without a descriptor, it refuses.
+    // The kernel limits the size to net.core.rmem_max (socket(7)). If the socket is not bound, the
+    // call fails and changes nothing.
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &RECEIVE_BUFFER_SIZE,
                sizeof RECEIVE_BUFFER_SIZE);
 }
@@ -84,8 +86,8 @@ SsdpManager::SsdpManager(const QHostAddress& address, QObject* parent)
     connect(&networkManager, SIGNAL(finished(QNetworkReply*)), this, SLOT(onReplyFinished(QNetworkReply*)));
     connect(&eventServer, SIGNAL(newConnection()), this, SLOT(onNewConnection()));
 #if QT_VERSION >= QT_VERSION_CHECK(5, 0, 0)
-    // Without a free descriptor for a connection, a server of Qt 5.15 or 6.4 pauses. It keeps its first
-    // error, so it may pause again after every later connection.
+    // If there is no free descriptor for a connection, QTcpServer (Qt 5.15 and 6.4) stops accepting. It
+    // never clears this error, so it may stop again after every later connection.
     connect(&eventServer, &QTcpServer::acceptError, &eventServer, &QTcpServer::resumeAccepting);
 #endif
 }
@@ -94,7 +96,7 @@ SsdpManager::~SsdpManager()
 {
     stop();
 
-    // Members and children emit signals while they are destroyed. No slot may run then.
+    // Members and children emit signals while they are destroyed. No slot of this object may run then.
     disconnect(&networkManager, nullptr, this, nullptr);
     disconnect(&eventServer, nullptr, this, nullptr);
     eventServer.close();
@@ -128,15 +130,17 @@ void SsdpManager::initialize()
         return;
     }
 
-    // The socket above has port 1900 of every address, so the search usually leaves from 49152.
+    // The socket above has port 1900 of every address. So the search is usually sent from port 49152.
     bool bound = unicastSocket->bind(localAddress, Protocol::SSDP_PORT);
     for (int port = Protocol::FIRST_SEARCH_PORT; !bound && port <= Protocol::LAST_SEARCH_PORT; ++port)
         bound = unicastSocket->bind(localAddress, static_cast<quint16>(port));
     enlargeReceiveBuffer(unicastSocket);
 
-    // A server that is listening keeps its port. Qt (4.8 to 6.4) would print a warning.
+    // A server that is already listening keeps its port. If listen() is called again, QTcpServer
+    // (Qt 4.8 to 6.4) prints a warning.
     if (!eventServer.isListening() && eventServer.listen(localAddress, 0)) {
-        // Qt (4.8 to 6.4) sets a backlog of 50. It loses connections if many devices send events at once.
+        // QTcpServer (Qt 4.8 to 6.4) sets a backlog of 50 (listen(2)). If many devices send events at once,
+        // connections are lost.
         ::listen(static_cast<int>(eventServer.socketDescriptor()), SOMAXCONN);
     } else {
         Logger(Logger::Error) << signature << "Could not bind local Ssdp server";
@@ -180,7 +184,8 @@ void SsdpManager::clearDevices()
     for (auto it = requestSocketServices.begin(); it != requestSocketServices.end(); ++it) {
         it.value() = nullptr;
         it.key()->setReadBufferSize(UNREAD_BUFFER_SIZE);
-        // Qt (5.15.8, 6.4.2) keeps the descriptor of a refused connection until it gets another.
+        // Qt (5.15.8, 6.4.2) closes the descriptor of a refused connection only when the socket gets
+        // another.
         if (it.key()->state() == QAbstractSocket::UnconnectedState)
             it.key()->setSocketDescriptor(-1);
     }
@@ -234,8 +239,8 @@ void SsdpManager::readDatagram(QUdpSocket* socket)
     if (!socket)
         return;
 
-    // QUdpSocket (Qt 4.8 to 6.4) emits readyRead() again only after a read, so exactly one datagram is
-    // read, even if its size is -1.
+    // QUdpSocket (Qt 4.8 to 6.4) emits readyRead() again only after a read (see its documentation). So
+    // exactly one datagram is read, even if its size is -1.
     const qint64 size = socket->pendingDatagramSize();
     QByteArray datagram(static_cast<int>(size) + 1, '\0');
     QHostAddress address;
@@ -292,7 +297,8 @@ void SsdpManager::handleServerResponse(QNetworkReply* networkReply)
         return;
     }
 
-    // The document decides, not the request: a device may send either document for either request.
+    // A device may send either kind of document for either request. So the document decides which kind it
+    // is.
     SsdpDevice* const device = deviceReplies.value(networkReply);
     SsdpService* const service = serviceReplies.value(networkReply);
     switch (Documents::kindOf(document)) {
@@ -352,7 +358,8 @@ void SsdpManager::handleServiceResponse(SsdpDevice* device, SsdpService* service
         connect(socket, SIGNAL(connected()), this, SLOT(onRequestSocketConnected()));
         connect(socket, SIGNAL(readyRead()), this, SLOT(onRequestSocketReadyRead()));
         networkManager.fetcher->guard.connectToHost(socket, host, port);
-        // A socket that could not be opened emits no signals, but sender() would still search its connections.
+        // A socket that could not be opened emits no signals. But QObject::sender() (Qt 4.8 to 6.4) would
+        // still search its connections.
         if (socket->state() == QAbstractSocket::UnconnectedState)
             socket->disconnect(this);
         Logger(Logger::Information) << "SSDP response state variable" << name;
@@ -365,11 +372,11 @@ void SsdpManager::onRequestSocketConnected()
 {
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
-    // A connection to a host name has no descriptor until the name is looked up.
+    // A connection to a host name gets its descriptor only after the look-up. So the check is repeated here.
     if (!service || !networkManager.fetcher->guard.admits(socket))
         return;
     socket->write(createSubscribeMessage(service).toLatin1());
-    // Sends now, not in the next turn of the event loop.
+    // Without this, QAbstractSocket sends only when the event loop runs again.
     socket->flush();
 }
 
@@ -397,7 +404,8 @@ void SsdpManager::onRequestSocketReadyRead()
     QTcpSocket* const socket = qobject_cast<QTcpSocket*>(sender());
     SsdpService* const service = requestSocketServices.value(socket);
     if (!service) {
-        // The reply is not used. But with a full buffer, Qt (4.8 to 6.4) does not see the peer close.
+        // The reply is not used. But while the buffer is full, Qt (4.8 to 6.4) does not notice that the
+        // peer closes the connection.
         if (socket && socket->bytesAvailable() >= UNREAD_BUFFER_SIZE)
             socket->readAll();
         return;
@@ -445,8 +453,9 @@ void SsdpManager::onResponseSocketReadyRead()
     if (buffer.size() < contentLength - 1)
         return;
 
-    // A receiver of valueChanged() may delete this object, or run an event loop while the peer sends more
-    // or closes. The socket must not be deleted inside its readyRead(), so it gets no parent and no slots.
+    // A receiver of valueChanged() may delete this object. It may also run an event loop, while the peer
+    // sends more or closes the connection. The socket must not be deleted inside its readyRead(). So it
+    // gets no parent and no slots.
     const QPointer<SsdpManager> self(this);
     const QString body = buffer;
     socket->disconnect(this);
@@ -461,19 +470,19 @@ void SsdpManager::onResponseSocketReadyRead()
 
 void SsdpManager::readEventHead(QTcpSocket* socket)
 {
-    // All bytes that are read with the head are dropped; see docs/protocol.md, "Event".
+    // All bytes that are read together with the head are dropped; see docs/protocol.md, "Event".
     const QString header = textUpToZero(socket->readAll());
     SsdpService* const service = getServiceFromHeader(header);
     const QString contentLength = getHeaderValue(header, QString(QLatin1String("CONTENT-LENGTH")));
 
-    // After a negative length, this function runs again for every later segment.
+    // If the length is negative, this function runs again for every later segment.
     if (!responseContentLengths.contains(socket))
         requestSockets.append(socket);
     requestSocketServices.insert(socket, service);
     responseContentLengths.insert(socket, contentLength.toInt());
     responseBuffers.insert(socket, QString());
 
-    // Comes last, because Qt 5.15 and 6.4 emit disconnected() inside this call.
+    // This comes last, because disconnectFromHost() of Qt 5.15 and 6.4 emits disconnected().
     if (!service)
         socket->disconnectFromHost();
 }

@@ -11,15 +11,16 @@ namespace Velmora {
 namespace SSDP {
 
 /**
- * What a control point knows of one service of a device: a plain record.
+ * A record of one service of a device. It contains what a control point knows of the service.
  *
  * The SsdpDevice that lists the service owns the record. A host reads it in a slot connected to
- * SsdpManager::valueChanged().
+ * SsdpManager::valueChanged(). The host must not change it.
  *
- * @note The texts are those of the device description (UPnP Device Architecture 1.1, clause 2.3). They
- * are not trimmed and not checked. A missing element gives an empty text.
+ * @note The texts are copied from the device description (UPnP Device Architecture 1.1, clause 2.3). They
+ * are not trimmed and not checked. If an element is missing, its text is empty.
  *
- * @warning Keep no pointer to a record. It is deleted when the next discovery starts.
+ * @warning Keep no pointer to a record. SsdpManager::clearDevices() deletes it, and so does every
+ * Ssdp::discover().
  */
 class Q_DECL_EXPORT SsdpService
 {
@@ -28,11 +29,12 @@ public:
     SsdpService();
     virtual ~SsdpService();
 
-    /// The SID in the last reply to a subscription. Null before the first reply, and if that reply has none.
+    /// The SID in the last reply to a subscription. Null before the first reply, and if the last reply has
+    /// no SID.
     QUuid subscriptionId;
 
     /// The identifier that the control point gives this record. Every record gets a new one. The device
-    /// sends it back in the path of an event, which shows the service that the event belongs to.
+    /// sends it back in the path of an event. So the control point finds the service of the event.
     QUuid id;
 
     QString serviceType; ///< SsdpManager::VELMORA_SERVICE_FILTER for a key-object service.
@@ -41,8 +43,8 @@ public:
     QString eventSubUrl; ///< The path for subscriptions, on the server of the location.
     QString scpdUrl; ///< The path of the service description, on the server of the location.
 
-    /// The last value of each state variable, by name. The value is null if the service description
-    /// lists the variable and no event has set it yet.
+    /// The last value of each state variable, by name. If the service description lists a variable and no
+    /// event has set it yet, its value is null.
     QHash<QString, QString> stateVariables;
 
 private:

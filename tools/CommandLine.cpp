@@ -39,16 +39,16 @@ void parseArguments(QCommandLineParser& parser, bool takesArguments)
         failUsage(QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().constFirst()));
 }
 
-int numberOf(const QCommandLineParser& parser, const QString& option, int least, int most)
+int numberOf(const QCommandLineParser& parser, const QString& option, int minimum, int maximum)
 {
     const QString text = parser.value(option);
     bool isNumber = false;
     const int number = text.toInt(&isNumber);
-    if (!isNumber || number < least || number > most) {
+    if (!isNumber || number < minimum || number > maximum) {
         failUsage(QStringLiteral("--%1 takes a number from %2 to %3, not '%4'")
                       .arg(option)
-                      .arg(least)
-                      .arg(most)
+                      .arg(minimum)
+                      .arg(maximum)
                       .arg(text));
     }
     return number;

@@ -7,16 +7,17 @@
 namespace Velmora {
 namespace Tools {
 
-/// Ends the program with @p text and the way to --help.
+/// Prints @p text and a hint to --help. Ends the program with USAGE_ERROR.
 [[noreturn]] void failUsage(const QString& text);
 
-/// Parses the program's arguments, answers --help and --version, and fails on what it does not know.
-/// QCommandLineParser::process() would end with status 1.
-/// @param takesArguments whether anything but options is expected
+/// Parses the arguments of the program and handles --help and --version. If an argument is unknown, ends the
+/// program with USAGE_ERROR. QCommandLineParser::process() would end it with status 1.
+/// @param takesArguments whether the program takes arguments that are not options
 void parseArguments(QCommandLineParser& parser, bool takesArguments = false);
 
-/// The value of @p option, which has to be a whole number from @p least to @p most.
-int numberOf(const QCommandLineParser& parser, const QString& option, int least, int most);
+/// Returns the value of @p option. If it is not a whole number from @p minimum to @p maximum, ends the program
+/// with USAGE_ERROR.
+int numberOf(const QCommandLineParser& parser, const QString& option, int minimum, int maximum);
 
 } // namespace Tools
 } // namespace Velmora

@@ -4,18 +4,18 @@
 namespace Velmora {
 namespace Tools {
 
-// How the tools end when something is wrong; each adds what it finds, and 0 for success.
+// The exit statuses of the tools for failures. Success is 0. Each tool also has statuses for its results.
 
-/// The command line makes no sense.
+/// An option or argument is wrong.
 const int USAGE_ERROR = 2;
 
-/// This host cannot search: no interface, no permission, or the port is taken.
+/// This host cannot search: there is no interface or no permission, or another program uses the port.
 const int SEARCH_FAILED = 3;
 
-/// Standard output cannot be written, as on a full disk.
+/// Standard output cannot be written, for example because the disk is full.
 const int WRITE_ERROR = 4;
 
-/// The reader of standard output has gone away: 128 and SIGPIPE, as shells say of other programs.
+/// The reader of standard output has ended. The value is 128 + SIGPIPE, as in a shell.
 const int READER_GONE = 141;
 
 } // namespace Tools

@@ -9,8 +9,10 @@ class QSocketNotifier;
 namespace Velmora {
 namespace Tools {
 
-/// Turns SIGINT, SIGTERM and SIGHUP into a signal of the event loop. To be made after the application object and
-/// before any thread is started, since the signals stay blocked in this thread and in those that it starts.
+/// Emits interrupted() from the event loop when the process gets SIGINT, SIGTERM or SIGHUP.
+///
+/// @warning Create it after the application object and before any thread starts. It blocks these three signals
+/// in its thread, and threads that start later inherit this. After its destruction they stay blocked.
 class Interruption : public QObject
 {
     Q_OBJECT

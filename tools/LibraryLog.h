@@ -7,19 +7,19 @@
 namespace Velmora {
 namespace Tools {
 
-/// How far the library came with the devices that answered, as its log says.
+/// The progress of the library with the devices that answered. It is read from the log of the library.
 struct Traces
 {
-    QSet<QString> hosts; ///< In the locations of the devices that have answered or announced themselves.
-    bool described = false; ///< The description of some device was read.
-    bool subscribed = false; ///< Some device has a key-object service, and was asked for events.
-    bool eventMalformed = false; ///< An event came, but was no XML within bounds.
+    QSet<QString> hosts; ///< The hosts in the locations of devices that answered or announced themselves.
+    bool described = false; ///< The description of at least one device was read.
+    bool subscribed = false; ///< The library read a service description and subscribed to its state variables.
+    bool eventMalformed = false; ///< An event came, but it was not XML or exceeded a bound.
 };
 
-/// What is logged from now on: with @p verbose it is printed on standard error, each line with its time.
+/// Reads all log lines from now on. If @p verbose is true, prints each line with its time on standard error.
 void watchLog(bool verbose);
 
-/// What the log says since watchLog() or clearTraces().
+/// Returns what the log has shown since watchLog() or clearTraces().
 Traces traces();
 void clearTraces();
 

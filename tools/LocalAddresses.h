@@ -16,13 +16,13 @@ struct LocalAddress
     QString interface;
     bool isLoopback;
     bool isUp;
-    bool isConnected; ///< Whether the interface has a link, as with its cable plugged in.
+    bool isConnected; ///< Whether the interface has a link, for example a cable.
 };
 
-/// The addresses of all interfaces, up or not.
+/// Returns the IPv4 addresses of all interfaces, including those that are not up.
 QList<LocalAddress> localAddresses();
 
-/// The addresses with their interfaces, as in "10.0.0.1 (eth0), 127.0.0.1 (lo)".
+/// Returns the addresses and their interfaces as text, such as "10.0.0.1 (eth0), 127.0.0.1 (lo)".
 QString describe(const QList<LocalAddress>& addresses);
 
 } // namespace Tools

@@ -10,26 +10,29 @@
 namespace Velmora {
 namespace Tools {
 
-/// Opens the standard descriptors that the program was started without, so that no socket becomes one of
-/// them. Reading finds the end, writing fails. To be called first in main().
+/// Opens standard input, output and error if they are closed. Otherwise a socket could become one of them.
+/// Reading from such a descriptor finds the end of file, and writing fails. Call this first in main().
 void openStandardDescriptors();
 
 /**
  * Writes @p text to standard output at once.
  *
- * Ends the program when that fails: with READER_GONE and without a word when nobody reads any more, otherwise
- * with a message and @p failure. While a reader is slow, the signals of Interruption end the program.
+ * If the reader has ended, ends the program with READER_GONE and without a message. If writing fails for another
+ * reason, ends it with @p failure and a message. While the program waits for a slow reader, the signals of
+ * Interruption end it.
  */
 void print(const QByteArray& text, int failure = WRITE_ERROR);
 
 /// Prints @p object as a line of JSON.
 void print(const QJsonObject& object);
 
-/// Writes @p text to standard error at once. Ends the program when nobody reads any more, as print() does.
+/// Writes @p text to standard error at once. If the reader has ended, ends the program with READER_GONE.
 void report(const QByteArray& text);
 
-/// Ends the program as print() does when the reader of standard output goes away, even if the program has
-/// nothing to write. To be made after the application object.
+/// Ends the program with READER_GONE when the reader of standard output ends, even if the program has nothing to
+/// write.
+///
+/// @warning Create it after the application object.
 class ReaderWatch
 {
 public:
@@ -39,7 +42,7 @@ private:
     QSocketNotifier notifier;
 };
 
-/// The time as the tools print it: UTC, ISO 8601, with milliseconds.
+/// Returns the current time as the tools print it: UTC, ISO 8601, with milliseconds.
 QByteArray timeStamp();
 
 } // namespace Tools

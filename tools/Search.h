@@ -13,28 +13,28 @@ class SsdpManager;
 }
 namespace Tools {
 
-/// One discovery, with a look at whether this host was able to make it.
+/// One discovery. It also checks whether this host could send the search.
 class Search : public QObject
 {
     Q_OBJECT
 
 public:
     /**
-     * @param timeout how long it lasts, in milliseconds
-     * @param interface the name or the address of the interface to search from; empty for all
+     * @param timeout how long the discovery lasts, in milliseconds
+     * @param interface the name or address of the interface to search from; if empty, all interfaces
      */
     Search(int timeout, const QString& interface);
 
     void start();
     void stop();
 
-    /// Where the search went out from.
+    /// Returns the addresses from which the search was sent. Valid after start().
     QList<LocalAddress> addresses() const { return from; }
 
-    /// What was wrong with the other addresses, in plain words.
+    /// Returns, as text, why the search was not sent from other addresses. Valid after start().
     QStringList failures() const { return problems; }
 
-    /// Why it cannot have reached another host, though it went out: plain words, or empty when it can.
+    /// Returns, as text, why the search cannot reach another host although it was sent. Empty if it can.
     QString isolation() const;
 
 Q_SIGNALS:
@@ -49,7 +49,7 @@ private:
     QStringList membershipFailures(const QList<LocalAddress>& candidates) const;
 
     QString interface;
-    SSDP::Ssdp ssdp; ///< Owns the control points, and decodes what they report.
+    SSDP::Ssdp ssdp; ///< Owns the control points and decodes their key objects.
     QTimer timer;
     QList<LocalAddress> from;
     QStringList problems;

@@ -6,24 +6,24 @@
 namespace Velmora {
 namespace Tools {
 
-/// Standard output as a person sees it: with colours and a line of progress on a terminal that can show them,
-/// and as plain lines of text anywhere else.
+/// Prints lines on standard output. If it is a terminal that can show them, also prints colours and a line of
+/// progress.
 class Terminal
 {
 public:
     enum Colour { Bold = 1, Red = 31, Green = 32 };
 
-    /// @param isPlain whether it is plain lines even on a terminal, as JSON is
+    /// @param isPlain whether to print plain lines even on a terminal, for example for JSON
     explicit Terminal(bool isPlain);
 
     bool showsProgress() const { return canMove; }
 
-    /// How many columns there are at the moment: INT_MAX where lines have no end.
+    /// Returns the current number of columns. If it is not known, returns INT_MAX.
     int columns() const;
 
     void line(const QString& text);
 
-    /// Shows @p text below the lines, until the next line or endProgress(). What does not fit is left out.
+    /// Shows @p text below the lines, until the next line() or endProgress(). If it does not fit, it is cut.
     void progress(const QString& text);
     void endProgress();
 
@@ -31,7 +31,7 @@ public:
 
 private:
     bool isTerminal;
-    bool canMove; ///< The cursor.
+    bool canMove; ///< Whether the terminal can move its cursor.
     bool hasColour;
     bool isProgressShown = false;
 };

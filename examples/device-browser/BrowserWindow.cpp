@@ -1,6 +1,6 @@
 #include "BrowserWindow.h"
 
-// In Qt 5 a part of QtWidgets, later of QtGui.
+// QAction is in QtWidgets in Qt 5, and in QtGui in Qt 6.
 #include <QAction>
 #include <QtCore/QItemSelectionModel>
 #include <QtCore/QSortFilterProxyModel>
@@ -60,11 +60,10 @@ BrowserWindow::BrowserWindow(int timeout, QWidget* parent)
     emptyState->setMargin(24);
     emptyState->setAlignment(Qt::AlignCenter);
     emptyState->setText(tr("<p><b>No device has reported.</b></p>"
-                           "<p>Is the device on this network, and is the network one of this computer's "
-                           "own interfaces?</p>"
-                           "<p>Does the firewall let UDP port 1900 in, and the TCP connections that devices "
+                           "<p>Is an interface of this computer connected to the network of the device?</p>"
+                           "<p>Does the firewall accept UDP to port 1900, and the TCP connections that devices "
                            "open to send their events?</p>"
-                           "<p>Devices take up to three seconds to answer: is the time-out long enough?</p>"));
+                           "<p>Devices take up to three seconds to answer. Is the time-out long enough?</p>"));
     pages->addWidget(emptyState);
     pages->addWidget(table);
 
@@ -113,7 +112,8 @@ void BrowserWindow::startOrStop()
 
 void BrowserWindow::start()
 {
-    // The time-out belongs to the object. The last one may be the one whose signal led here.
+    // The time-out of an Ssdp object cannot be changed, so every discovery gets a new object. This code may
+    // run in a slot of the previous object, so that object is deleted later.
     if (ssdp) {
         ssdp->disconnect(this);
         ssdp->deleteLater();

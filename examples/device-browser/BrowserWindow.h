@@ -18,26 +18,26 @@ class QStackedWidget;
 class QTableView;
 
 /**
- * A window over Velmora::SSDP::Ssdp: searches at the push of a button and lists the devices as they
- * report. The selected rows are copied as text with tabs.
+ * A window that uses Velmora::SSDP::Ssdp. A button starts a discovery, and a table lists the devices that
+ * report. Selected rows can be copied as text with tabs.
  */
 class BrowserWindow : public QWidget
 {
     Q_OBJECT
 
 public:
-    /// @param timeout what the time-out field says at first, in milliseconds
+    /// @param timeout the initial value of the time-out field, in milliseconds
     explicit BrowserWindow(int timeout = 5000, QWidget* parent = nullptr);
 
 public Q_SLOTS:
-    /// Starts a discovery with the time-out of the field, or ends the one that runs.
+    /// If a discovery is running, ends it. Otherwise starts one with the time-out of the field.
     void startOrStop();
 
-    /// Puts the selected rows, in the order of the table, on the clipboard.
+    /// Copies the selected rows to the clipboard, in the order of the table.
     void copySelectedRows();
 
 Q_SIGNALS:
-    /// A discovery has ended, by its time-out or by the button.
+    /// A discovery has ended: it reached its time-out, or the button ended it.
     void finished();
 
 private:
@@ -52,7 +52,7 @@ private:
     QSortFilterProxyModel* sortedDevices;
     QElapsedTimer elapsed;
     QTimer progressTimer;
-    bool isStopped = false; ///< The last discovery ended by the button.
+    bool isStopped = false; ///< Whether the button ended the last discovery.
 
     QPushButton* searchButton;
     QSpinBox* timeoutField;

@@ -70,7 +70,7 @@ QVariant DeviceModel::data(const QModelIndex& index, int role) const
     case UnivocalCode:
         return device.univocalCode;
     case Address:
-        // By its number, 10.0.0.9 comes before 10.0.0.10.
+        // Sorted as a number, 10.0.0.9 comes before 10.0.0.10. Sorted as text, it comes after.
         return forSorting ? QVariant(device.address.toIPv4Address()) : QVariant(device.address.toString());
     case FirstSeen:
         return forSorting ? QVariant(device.firstSeen) : QVariant(device.firstSeen.toString(timeFormat));

@@ -7,10 +7,10 @@
 #include <QtNetwork/QHostAddress>
 
 /**
- * The devices that have reported, one row each. A device is its two codes and its address together,
- * so whatever reports several times stays one row with a count.
+ * The devices that have reported, one row for each. The two codes and the address together identify a
+ * device. If a device reports several times, its row shows the number of reports.
  *
- * Qt::DisplayRole gives the text of a cell, Qt::UserRole what to sort it by.
+ * Qt::DisplayRole gives the text of a cell. Qt::UserRole gives the value for sorting.
  */
 class DeviceModel : public QAbstractTableModel
 {
@@ -21,7 +21,7 @@ public:
 
     explicit DeviceModel(QObject* parent = nullptr);
 
-    /// Adds the device, or counts one more report of it. @p when is the time of the report.
+    /// Adds the device. If it is already in the model, counts the report. @p when is the time of the report.
     void addReport(int functionCode, int univocalCode, const QHostAddress& address,
                    const QDateTime& when = QDateTime::currentDateTime());
 

@@ -12,20 +12,20 @@ namespace Velmora {
 namespace Doctor {
 
 /**
- * A TCP connection of which every segment is seen as it is read, and every end as the kernel tells it.
- * QTcpSocket has one error for a peer that closes and for one that resets.
+ * A TCP connection that reports every read and the kernel's error number at the end. QTcpSocket (Qt 5.15 and
+ * 6.4) reports the same error whether the peer closes or resets the connection.
  */
 class Connection : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Takes over the descriptor of a connection that was accepted.
+    /// Takes ownership of the descriptor of an accepted connection.
     explicit Connection(int descriptor, QObject* parent = nullptr);
     /// Closes the connection.
     ~Connection() override;
 
-    /// Connects to @p address. What comes of it is signalled, never inside this call.
+    /// Connects to @p address. The signals are emitted from the event loop, not inside this call.
     static Connection* open(const QHostAddress& address, quint16 port, QObject* parent);
 
     void send(const QByteArray& bytes);
@@ -35,9 +35,10 @@ public:
 
 Q_SIGNALS:
     void connected();
-    /// What one read has given.
+    /// One read has returned @p bytes.
     void received(const QByteArray& bytes);
-    /// It has ended: 0 when the peer closed it, otherwise the kernel's number of the error. Comes once.
+    /// The connection has ended. @p error is 0 if the peer closed it, otherwise the kernel's error number.
+    /// Emitted once.
     void ended(int error);
 
 private:

@@ -9,46 +9,47 @@
 namespace Velmora {
 namespace Doctor {
 
-// From what was seen to what is wrong. Nothing here has a socket.
+// Turns what was seen into findings. No function here uses a socket.
 
-/// What the library makes of a document that was fetched.
+/// What the library reads in a fetched document.
 struct Reading
 {
-    bool isRead = false; ///< It is a document of the kind that was expected.
-    QList<Finding> findings; ///< What keeps it from being read; if it is read, what is odd all the same.
-    QList<SSDP::Documents::Service> services; ///< Of a device description: the key-object services.
-    QStringList variables; ///< Of a service description.
+    bool isRead = false; ///< Whether the library reads it as a document of the expected kind.
+    QList<Finding> findings; ///< Why it is not read. If it is read, the mistakes that are tolerated.
+    QList<SSDP::Documents::Service> services; ///< The key-object services in a device description.
+    QStringList variables; ///< The state variables in a service description.
 };
 
-/// Whether @p location is a URL that the library can fetch; @p address and @p port say where from.
+/// Returns whether @p location is an http URL with a host. Then sets @p address and @p port. If the host is a
+/// name, @p address is null.
 bool isUsableLocation(const QString& location, QHostAddress* address, quint16* port);
 
 Reading readDescription(const DocumentSeen& document);
 Reading readServiceDescription(const DocumentSeen& document);
 
-/// What is wrong with an event; empty if it carries a key object.
+/// Returns what is wrong with an event. Empty if it contains a key object.
 QList<Finding> judgeEvent(const EventSeen& event);
-/// Whether the library would have taken the key object from it.
+/// Returns whether the library would read a key object from the event.
 bool carriesKeyObject(const EventSeen& event);
-/// Whether the library takes a body of which @p size bytes have come for complete.
+/// Returns whether the library treats a body as complete when @p size bytes have come.
 bool isWholeBody(qint64 size, int announced);
-/// The length that the head of an event announces, as the library reads it.
+/// Returns the length that the head of an event announces, as the library reads it.
 int announcedLength(const QByteArray& head, bool* hasLength);
 
-/// @p timeout is that of the host, in milliseconds.
+/// @p timeout is the time-out of the host, in milliseconds.
 QList<Finding> judgeSearch(const DeviceSeen& device, int timeout);
 QList<Finding> judgeSubscription(const ServiceSeen& service);
 
 /**
- * Why the device is not found: the first stage at which something is wrong, and that alone. Of a device
- * that was found within @p timeout, everything that is odd all the same. Empty if nothing is wrong.
+ * Returns the findings of a device. If the device was not found within @p timeout, returns only the first
+ * mistake that explains it. If it was found, returns all mistakes that are tolerated. Empty if nothing is wrong.
  */
 QList<Finding> diagnose(const DeviceSeen& device, int timeout);
 
-/// Whether the library reported it within @p timeout.
+/// Returns whether the library reported the device within @p timeout.
 bool isFound(const DeviceSeen& device, int timeout);
 
-/// Whether the findings say that it is no device of the maker.
+/// Returns whether the findings say that the device is of another maker.
 bool isOfOtherMaker(const QList<Finding>& findings);
 
 } // namespace Doctor

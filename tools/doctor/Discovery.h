@@ -19,35 +19,36 @@ namespace Doctor {
 /// A datagram that the library is about to read.
 struct Datagram
 {
-    bool isAnswer; ///< To the search, rather than sent to the group.
-    QHostAddress local; ///< The library's address. Of what was sent to the group, one of them.
+    bool isAnswer; ///< Whether it answers the search. If not, it was sent to the group.
+    QHostAddress local; ///< The local address of the control point that received it.
     QHostAddress sender;
     quint16 port;
     QByteArray text;
 };
 
 /**
- * A discovery through the library, which is watched: what it receives is looked at just before it reads
- * it, so that nothing is sent twice and nothing is taken from it.
+ * A discovery of the library that can be watched. It looks at every message just before the library reads it,
+ * and does not remove the message. So no message is sent a second time, and the library misses nothing.
  */
 class Discovery : public QObject
 {
     Q_OBJECT
 
 public:
-    /// @param duration how long it lasts, in milliseconds
+    /// @param duration how long the discovery lasts, in milliseconds
     explicit Discovery(int duration, QObject* parent = nullptr);
 
     void start();
     void stop();
 
-    /// The local addresses that were searched from, in the library's order; null where it failed to.
+    /// Returns the local addresses that the search was sent from, in the order of the library. An address is
+    /// null if the search could not be sent from it.
     QList<QHostAddress> addresses() const;
 
-    /// The ports of the sockets that have sent the search, in the same order.
+    /// Returns the ports that the search was sent from, in the same order.
     QList<quint16> searchPorts() const;
 
-    /// Whether port 1900 could be bound, by every control point.
+    /// Returns whether every control point could bind port 1900.
     bool hasPort() const;
 
 Q_SIGNALS:
@@ -56,8 +57,8 @@ Q_SIGNALS:
     /// The library has reported the device with this location.
     void found(const QString& location, const QHostAddress& sender, int functionCode, int univocalCode);
 
-    /// A subscription of the library was sent to a device or was answered; @p reply is empty at first, and
-    /// then all that the library reads of the answer.
+    /// Emitted when the library sends a subscription, with an empty @p reply. Emitted again when the library is
+    /// about to read the reply, with the bytes of the reply.
     void subscribed(const QHostAddress& device, quint16 port, const QByteArray& reply);
 
     void finished();
@@ -77,7 +78,7 @@ private:
     QList<quint16> ports;
     bool isBound;
     QList<QPair<SSDP::SsdpManager*, QPointer<QObject>>> newChildren;
-    bool hasReport; ///< The report whose device is not known yet.
+    bool hasReport; ///< Whether there is a report whose device is not known yet.
     int functionCode;
     int univocalCode;
 };

@@ -16,9 +16,11 @@ namespace Velmora {
 namespace Doctor {
 
 /**
- * One run: a discovery through the library, and beside it one search of its own to the group and one to
- * each named address. Each device is examined once the library has reported it, or once the time-out of
- * the host is over, so that the discovery is what it would be without.
+ * One run of the program. It runs a discovery of the library. It also sends one search to the group, and one to
+ * each named address that was not heard.
+ *
+ * A device is examined when the library has reported it, or when the time-out of the host is over. So the
+ * examination does not change the discovery.
  */
 class Doctor : public QObject
 {
@@ -27,25 +29,25 @@ class Doctor : public QObject
 public:
     struct Settings
     {
-        int timeout = 5000; ///< Of the host, in milliseconds.
-        QList<QHostAddress> named; ///< Only these devices; empty for all.
+        int timeout = 5000; ///< The time-out of the host, in milliseconds.
+        QList<QHostAddress> named; ///< Only devices with these addresses. If empty, all devices.
     };
 
     explicit Doctor(const Settings& settings, QObject* parent = nullptr);
     ~Doctor() override;
 
     void start();
-    /// Ends the run with what is known by now.
+    /// Ends the run. The results are those that are known by then.
     void stop();
 
     const std::vector<std::unique_ptr<DeviceSeen>>& devices() const { return seen; }
     const HostSeen& host() const { return hostSeen; }
-    /// How many devices were left out, because there are too many.
+    /// Returns how many messages were ignored because there are too many devices.
     int omitted() const { return leftOut; }
     int foundSoFar() const;
-    /// How long the discovery still lasts, in milliseconds; 0 when it is over.
+    /// Returns the rest of the time of the discovery, in milliseconds. 0 if it is over.
     int timeLeft() const;
-    /// How many devices are examined, or wait for it.
+    /// Returns how many devices are being examined or wait for their examination.
     int examinations() const { return static_cast<int>(running.size() + waiting.size()); }
     int elapsed() const { return static_cast<int>(clock.elapsed()); }
     Trace& trace() { return examiners.trace; }
@@ -73,7 +75,7 @@ private:
     void finishIfDone();
 
     Settings settings;
-    int duration; ///< Of the discovery.
+    int duration; ///< The duration of the discovery.
     Examiners examiners;
     Discovery discovery;
     HostSeen hostSeen;

@@ -13,7 +13,7 @@
 namespace Velmora {
 namespace Doctor {
 
-/// Takes the events of devices, and notes how they come.
+/// Receives the events of devices, and records their segments and times.
 class EventServer : public QTcpServer
 {
     Q_OBJECT
@@ -21,19 +21,19 @@ class EventServer : public QTcpServer
 public:
     explicit EventServer(Trace* trace, QObject* parent = nullptr);
 
-    /// From now on until forget(), an event whose path names @p identifier is expected.
+    /// Expects events with @p identifier in their path, until forget() is called.
     void expect(const QUuid& identifier);
     void forget(const QUuid& identifier);
     bool expects(const QUuid& identifier) const { return expected.contains(identifier); }
 
-    /// What has come from @p device of events that are not complete, for @p identifier or for nobody.
+    /// Returns the incomplete events of @p device for @p identifier, or for an identifier that is not expected.
     QList<EventSeen> unfinished(const QUuid& identifier, const QHostAddress& device) const;
 
 Q_SIGNALS:
     /**
      * An event is complete, or its connection was closed.
-     * @param identifier what its path names
-     * @param age how long ago the last of it came, in milliseconds
+     * @param identifier the identifier in its path
+     * @param age the time since its last segment, in milliseconds
      */
     void arrived(const QUuid& identifier, const QHostAddress& device, const Velmora::Doctor::EventSeen& event,
                  int age);
@@ -58,9 +58,9 @@ private:
     Trace* trace;
     QMap<Connection*, Arrival> arrivals;
     QSet<QUuid> expected;
-    QTimer beat; ///< Runs while anything is expected, and shows how late this process is to read.
+    QTimer beat; ///< Runs while an event is expected. Shows how late this process reads.
     QElapsedTimer sinceBeat;
-    QElapsedTimer sinceStall; ///< Of this process.
+    QElapsedTimer sinceStall; ///< The time since this process last read late.
 };
 
 } // namespace Doctor

@@ -14,17 +14,19 @@
 namespace Velmora {
 namespace Doctor {
 
-/// What all examinations of a run share.
+/// The data that all examinations of a run share.
 struct Examiners
 {
     Trace trace;
-    QSet<QString> fetched; ///< The URLs that were requested: each is once a run.
-    qint64 memory = Q_INT64_C(64) * 1024 * 1024; ///< What bodies may take, all together.
+    QSet<QString> fetched; ///< The requested URLs. Each is requested only once in a run.
+    qint64 memory = Q_INT64_C(64) * 1024 * 1024; ///< How many bytes all further bodies together may have.
 };
 
 /**
- * Goes the way of the library with one device, alone: one GET for each document, one SUBSCRIBE for each
- * key-object service, and waits for its event.
+ * Examines one device. It sends the same requests as the library: one GET for each document, and one SUBSCRIBE
+ * for each key-object service. Then it waits for the event of the service.
+ *
+ * @warning All references must stay valid as long as the object exists.
  */
 class Examination : public QObject
 {
@@ -57,7 +59,7 @@ private:
     QHostAddress address;
     quint16 port;
     int current;
-    QUuid identifier; ///< Of the subscription whose event is expected.
+    QUuid identifier; ///< The identifier of the subscription whose event is expected.
     QTimer eventPatience;
     QElapsedTimer sinceSubscription;
 };

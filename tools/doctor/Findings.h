@@ -8,11 +8,11 @@
 namespace Velmora {
 namespace Doctor {
 
-/// A thing that was found, named by its stable identifier.
+/// A mistake that was found. Its identifier never changes.
 struct Finding
 {
     QByteArray id;
-    QString evidence; ///< What was read, readable(); may be empty.
+    QString evidence; ///< What was seen, as readable() returns it. It may be empty.
 };
 
 /// What an identifier means.
@@ -20,21 +20,22 @@ struct FindingText
 {
     const char* id;
     const char* meaning; ///< What is wrong.
-    const char* change; ///< One sentence on what to do.
-    int section; ///< Of docs/protocol.md; 0 for none.
+    const char* change; ///< One sentence that says what to do.
+    int section; ///< The section of docs/protocol.md. 0 if there is none.
 };
 
-/// Every finding that there is, in the order of the stages.
+/// Returns the texts of all findings, in the order of the stages.
 const QList<FindingText>& findingTexts();
 
-/// The text of @p id, which has to be one of them.
+/// Returns the text of @p id. If there is no such finding, the program aborts.
 const FindingText& findingText(const QByteArray& id);
 
-/// @p bytes in printable ASCII, everything else as \xNN; cut after @p length characters.
+/// Returns @p bytes as printable ASCII. Other bytes are shown as \xNN. The text is cut after @p length
+/// characters.
 QString readable(const QByteArray& bytes, int length = 120);
 QString readable(const QString& text, int length = 120);
 
-/// @p milliseconds as in "0.6 s".
+/// Returns @p milliseconds as text, such as "0.6 s".
 QString seconds(int milliseconds);
 
 } // namespace Doctor

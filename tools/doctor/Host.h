@@ -10,45 +10,47 @@
 namespace Velmora {
 namespace Doctor {
 
-/// An address of this host that the library searches from, or tries to.
+/// A local address that the library searches from, or tries to search from.
 struct AddressSeen
 {
     QHostAddress address;
     int prefixLength = 0;
     QString interface;
-    QString kind; ///< As in "bridge"; empty for an ordinary interface.
-    quint16 searchPort = 0; ///< Where the library has searched from; 0 if it could not.
-    bool hasLoop = false; ///< The search came back.
-    quint16 eventPort = 0; ///< Where this program takes events.
-    bool isEventPortOpen = false; ///< From the host itself.
-    QString groupError; ///< Why the group cannot be joined; empty if it can.
+    QString kind; ///< The kind of the interface, such as "bridge". Empty for an ordinary interface.
+    quint16 searchPort = 0; ///< The port that the search was sent from. 0 if it could not be sent.
+    bool hasLoop = false; ///< Whether the search came back to this host.
+    quint16 eventPort = 0; ///< The port at which this program receives events.
+    bool isEventPortOpen = false; ///< Whether this host can connect to eventPort.
+    QString groupError; ///< Why the group cannot be joined. Empty if it can.
 };
 
 struct HostSeen
 {
-    QList<AddressSeen> addresses; ///< In the library's order.
+    QList<AddressSeen> addresses; ///< In the order of the library.
     bool hasPort = true;
-    QStringList portHolders; ///< Who may hold port 1900 alone, where it can be seen.
+    QStringList portHolders; ///< The programs that may use port 1900, as far as this user can see them.
     QList<Finding> findings;
 };
 
 /**
- * Looks at what the library works with.
- * @param searched, ports the addresses and ports that it has searched from; null and 0 where it could not
- * @param hasPort whether it could open port 1900
+ * Looks at the addresses and the port that the library uses.
+ * @param searched, ports the addresses and ports that the search was sent from; null and 0 if it could not be
+ *        sent
+ * @param hasPort whether the library could open port 1900
  */
 HostSeen lookAtHost(const QList<QHostAddress>& searched, const QList<quint16>& ports, bool hasPort);
 
-/// Draws up the findings, once the discovery is over. With root, reads the packet filter too.
+/// Adds the findings. Call it when the discovery is over. If the user is root, it also reads the packet filter.
 void judgeHost(HostSeen& host, bool hasSearched);
 
-/// What @p kind of an interface, as the kernel calls it, or its name says that it is; empty for an ordinary one.
+/// Returns the kind of an interface in plain words. @p kind is the kernel's name of the kind. Empty for an
+/// ordinary interface.
 QString kindOfInterface(const QString& name, const QString& kind);
 
-/// The inodes of the sockets that are bound to @p port, in @p table, the text of /proc/net/udp.
+/// Returns the inodes of the sockets that are bound to @p port. @p table is the text of /proc/net/udp.
 QList<QByteArray> socketsOnPort(const QByteArray& table, quint16 port);
 
-/// What an event, an answer or an announcement needs to come in by.
+/// The ports at which events, answers and announcements come in.
 struct Ports
 {
     QList<quint16> udp;
@@ -56,9 +58,9 @@ struct Ports
 };
 
 /**
- * Which rule of a packet filter drops what comes to one of the ports, in the words of the rule.
+ * Returns the texts of the rules of a packet filter that drop packets to one of the ports.
  * @param rules the text that "nft list ruleset" or "iptables-save" prints
- * @return empty if none is seen to
+ * @return an empty list if no such rule was found
  */
 QStringList droppingRules(const QString& rules, const Ports& ports);
 

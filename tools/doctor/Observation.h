@@ -10,17 +10,18 @@
 namespace Velmora {
 namespace Doctor {
 
-// What was seen of a device, stage by stage. All times are in milliseconds; -1 where a thing did not happen.
+// What was seen of a device, in the order of the stages. All times are in milliseconds. -1 means that it did not
+// happen.
 
-/// The device and the searches. Times are since the start of the run, delays since the search.
+/// The answers and announcements of a device. Times count from the start of the run, delays from the search.
 struct SearchSeen
 {
-    int answerDelay = -1; ///< To the library's search.
-    int answers = 0; ///< To the library's search, from one device to one local address.
-    int standardDelay = -1; ///< To the search whose lines end with CR LF.
-    int unicastDelay = -1; ///< To the search that was sent to its address alone.
+    int answerDelay = -1; ///< The delay of the answer to the library's search.
+    int answers = 0; ///< The number of answers to the library's search, to one local address.
+    int standardDelay = -1; ///< The delay of the answer to the search whose lines end with CR LF.
+    int unicastDelay = -1; ///< The delay of the answer to the search that was sent only to its address.
     int announced = -1; ///< When it first announced itself.
-    int heard = -1; ///< When the library first heard of it.
+    int heard = -1; ///< When the library received its first message.
     QByteArray message; ///< The first of its messages.
 };
 
@@ -29,12 +30,12 @@ enum class Ending {
     NotTried,
     NoConnection, ///< Nothing came back from the address.
     Refused,
-    Silent, ///< Connected, but no byte came.
+    Silent, ///< The connection was open, but no byte came.
     Closed, ///< The peer closed the connection before the first byte.
     Reset,
-    Unfinished, ///< Not complete when the time was over.
-    Malformed, ///< No HTTP.
-    OutOfBounds,
+    Unfinished, ///< The reply was not complete when the time was over.
+    Malformed, ///< The reply is not HTTP.
+    OutOfBounds, ///< The reply exceeds a bound.
     Short, ///< The peer closed the connection before the announced length.
     Complete
 };
@@ -46,7 +47,7 @@ struct DocumentSeen
     Ending ending = Ending::NotTried;
     int status = 0;
     QByteArray reason;
-    QByteArray redirect; ///< Where to.
+    QByteArray redirect; ///< The new URL if the reply is a redirect.
     QByteArray body;
     qint64 announced = -1; ///< The length that the reply announces.
     qint64 excess = 0; ///< How many bytes came after the reply.
@@ -57,52 +58,52 @@ struct DocumentSeen
 struct SubscriptionSeen
 {
     Ending ending = Ending::NotTried;
-    bool isStandard = false; ///< With CR LF and a decimal port, since the library's was not taken.
+    bool isStandard = false; ///< Sent with CR LF and a decimal port, because the library's was refused.
     int status = 0;
     QByteArray reason;
     bool hasSid = false;
-    bool hasLateSid = false; ///< Not in the first segment, so the library does not see it.
+    bool hasLateSid = false; ///< The SID is not in the first segment, so the library does not read it.
     int duration = 0;
 };
 
-/// What came on one connection to the event server.
+/// The bytes that came on one connection to the event server.
 struct EventSeen
 {
     struct Segment
     {
-        int time; ///< Since the connection.
+        int time; ///< The time since the connection was accepted.
         QByteArray bytes;
     };
-    QList<Segment> segments; ///< As they were read.
-    bool isForSubscription = false; ///< Whether the path names the subscription.
-    bool isClosed = false; ///< By the device.
-    bool isUncertain = false; ///< This process was late to read, so the segments may be fewer than sent.
-    int after = -1; ///< From the subscription to the end of the event.
+    QList<Segment> segments; ///< One for each read.
+    bool isForSubscription = false; ///< Whether the path contains the identifier of the subscription.
+    bool isClosed = false; ///< Whether the device closed the connection.
+    bool isUncertain = false; ///< This process read late. So two sent segments may be one here.
+    int after = -1; ///< The time from the subscription to the end of the event.
 };
 
 /// A key-object service of the device.
 struct ServiceSeen
 {
-    QString scpdUrl; ///< As the description says.
+    QString scpdUrl; ///< The text in the description.
     QString eventUrl;
     DocumentSeen description;
-    int libraryStatus = -1; ///< As in DeviceSeen, when this was examined.
+    int libraryStatus = -1; ///< DeviceSeen::libraryStatus at the time of the examination.
     SubscriptionSeen subscription;
     QList<EventSeen> events;
 };
 
 struct DeviceSeen
 {
-    QString location; ///< Empty if it gave none.
-    QHostAddress sender; ///< Of its message.
-    QHostAddress local; ///< The address of this host that got it.
-    bool isNamed = false; ///< On the command line.
+    QString location; ///< Empty if its message has none.
+    QHostAddress sender; ///< The sender of its message.
+    QHostAddress local; ///< The local address that received the message.
+    bool isNamed = false; ///< Whether its address was given on the command line.
     int found = -1; ///< When the library reported it.
     int functionCode = 0;
     int univocalCode = 0;
     SearchSeen search;
-    int libraryStatus = -1; ///< Of the answer to the library's subscription; 0: there was none.
-    bool isExamined = false; ///< The requests that follow were made.
+    int libraryStatus = -1; ///< The status of the answer to the library's subscription. 0 before an answer.
+    bool isExamined = false; ///< Whether the device was examined. Only then the next members are set.
     DocumentSeen description;
     QList<ServiceSeen> services;
 };

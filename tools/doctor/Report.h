@@ -24,30 +24,30 @@ struct Diagnosed
     QList<Finding> findings;
 };
 
-/// What a run has found out.
+/// The results of a run.
 struct Results
 {
-    QList<Diagnosed> devices; ///< In order of their addresses.
+    QList<Diagnosed> devices; ///< In the order of their addresses.
     HostSeen host;
-    int omitted = 0; ///< Devices that were too many.
+    int omitted = 0; ///< The number of messages that were ignored because there are too many devices.
     int duration = 0; ///< In milliseconds.
 
     int count(Diagnosed::Result result) const;
-    /// Whether any device was heard of.
+    /// Returns whether a message of at least one device was received.
     bool hasAnswers() const;
 };
 
-/// How the text is set.
+/// The format of the text.
 struct Style
 {
-    int width; ///< How many characters a line may have.
+    int width; ///< The maximum number of characters in a line.
     std::function<QString(const QString&, Tools::Terminal::Colour)> coloured;
 };
 
-/// For a person: a line or a short block for each device, and a summary.
+/// Returns the results for a person: a line or a short block for each device, and a summary.
 QString textOf(const Results& results, const Style& style);
 
-/// For a program.
+/// Returns the results for a program.
 QJsonObject jsonOf(const Diagnosed& device);
 QJsonObject jsonOf(const HostSeen& host);
 

@@ -12,7 +12,7 @@
 namespace Velmora {
 namespace Doctor {
 
-/// Who wants to see every message: whether it was sent, the peer, and the bytes.
+/// Emits message() for every message, with its direction, its peer and its bytes.
 class Trace : public QObject
 {
     Q_OBJECT
@@ -24,31 +24,31 @@ Q_SIGNALS:
     void message(bool sent, const QHostAddress& peer, quint16 port, const QByteArray& bytes);
 };
 
-/// One request of HTTP on a connection of its own, and what came of it.
+/// One HTTP request on a new connection, and its result.
 class Request : public QObject
 {
     Q_OBJECT
 
 public:
     enum Kind {
-        Document, ///< Ends with the body; waits a little for what should not come after it.
-        HeadOnly ///< Ends with the head of the reply.
+        Document, ///< Ends a short time after the body, to see whether more bytes follow.
+        HeadOnly ///< Ends after the head of the reply.
     };
 
     /**
      * Sends @p message to @p address and @p port.
-     * @param patience how long it may take, in milliseconds
-     * @param memory how many bytes bodies may still take; reduced by those of this one
+     * @param patience how long the request may take, in milliseconds
+     * @param memory how many bytes all further bodies may have; the request subtracts the size of its body
      */
     Request(const QHostAddress& address, quint16 port, const QByteArray& message, Kind kind, int patience,
             qint64* memory, Trace* trace, QObject* parent);
 
-    // What came of it, once it has finished.
+    // The result. Valid after finished().
     Ending ending() const { return end; }
     int status() const { return reader.statusCode(); }
     QByteArray reason() const { return reader.reason(); }
     const QByteArray& firstSegment() const { return first; }
-    /// The beginning of what came, in all segments.
+    /// Returns the beginning of the received bytes, from all segments together.
     const QByteArray& beginning() const { return begin; }
     int duration() const { return total; }
     DocumentSeen document(const QString& url);
