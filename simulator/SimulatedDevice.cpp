@@ -380,7 +380,7 @@ bool SimulatedDevice::has(Fault::Id fault) const
 
 QString SimulatedDevice::valueOf(Fault::Id fault) const
 {
-    return settings.faults.value(fault);
+    return has(fault) ? settings.faults.value(fault) : QString();
 }
 
 void SimulatedDevice::reach(Stage stage)
