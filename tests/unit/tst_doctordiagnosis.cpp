@@ -1,4 +1,4 @@
-#include <tests/support/Literals.h>
+#include <tests/support/Messages.h>
 #include <tools/doctor/Diagnosis.h>
 #include <tools/doctor/Host.h>
 #include <tools/doctor/Report.h>
@@ -15,8 +15,6 @@ Q_DECLARE_METATYPE(Velmora::Doctor::DocumentSeen)
 Q_DECLARE_METATYPE(Velmora::Doctor::EventSeen)
 
 namespace {
-
-const char KEY_OBJECTS[] = "urn:schemas-velmora-it:service:keyobjects:1";
 
 QByteArray root(const QByteArray& content)
 {
@@ -58,6 +56,27 @@ QByteArray body(const QByteArray& property)
     return "<e:propertyset xmlns:e=\"x\"><e:property>" + property + "</e:property></e:propertyset>";
 }
 
+/// A device whose event's body came so many milliseconds after its head, and that did nothing wrong.
+DeviceSeen examinedDevice(int gap)
+{
+    DeviceSeen device;
+    device.sender = QHostAddress("10.0.0.5");
+    device.location = "http://10.0.0.5/d.xml";
+    device.search.message = "x";
+    device.search.answerDelay = device.search.heard = 10;
+    device.isExamined = true;
+    device.description = document(root(service(KEY_OBJECT_TYPE)));
+    ServiceSeen seen;
+    seen.description = document(serviceDescription());
+    seen.subscription.ending = Ending::Complete;
+    seen.subscription.status = 200;
+    seen.subscription.hasSid = true;
+    const QByteArray event = body("<KO>1,2</KO>");
+    seen.events << arrived({head(QByteArray::number(event.size())), event}, gap);
+    device.services << seen;
+    return device;
+}
+
 QByteArray ids(const QList<Finding>& findings)
 {
     QByteArrayList result;
@@ -82,7 +101,7 @@ private Q_SLOTS:
         const auto add = [](const char* name, const DocumentSeen& seen, const char* expected) {
             QTest::newRow(name) << seen << QByteArray(expected);
         };
-        const QByteArray good = root(service(KEY_OBJECTS));
+        const QByteArray good = root(service(KEY_OBJECT_TYPE));
         add("good", document(good), "");
         add("good with an error status", document(good, Ending::Complete, 500), "description.status");
         add("good but cut by the peer", document(good, Ending::Short), "description.short");
@@ -111,8 +130,9 @@ private Q_SLOTS:
         add("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
             "service.type-version");
         add("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))), "service.type-case");
-        add("space", document(root(service(QByteArray(KEY_OBJECTS) + " "))), "service.type-space");
-        add("embedded", document(root("<deviceList><device>" + service(KEY_OBJECTS) + "</device></deviceList>")),
+        add("space", document(root(service(QByteArray(KEY_OBJECT_TYPE) + " "))), "service.type-space");
+        add("embedded",
+            document(root("<deviceList><device>" + service(KEY_OBJECT_TYPE) + "</device></deviceList>")),
             "service.embedded");
         add("not tried", DocumentSeen(), "");
     }
@@ -128,18 +148,18 @@ private Q_SLOTS:
     {
         QTest::addColumn<DocumentSeen>("seen");
         QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* name, const QByteArray& table, const char* expected) {
-            QTest::newRow(name) << document("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">" + table
-                                            + "</scpd>")
-                                << QByteArray(expected);
+        const auto add = [](const char* name, const DocumentSeen& seen, const char* expected) {
+            QTest::newRow(name) << seen << QByteArray(expected);
         };
-        add("KO", "<serviceStateTable><stateVariable><name>KO</name></stateVariable></serviceStateTable>", "");
-        add("no KO", "<serviceStateTable><stateVariable><name>ko</name></stateVariable></serviceStateTable>",
-            "scpd.no-ko");
-        add("no variable", "<serviceStateTable/>", "scpd.no-variable");
-        add("prefix", "<x:serviceStateTable xmlns:x=\"y\"/>", "scpd.prefix");
-        QTest::newRow("device description") << document(root("")) << "scpd.no-root"_ba;
-        QTest::newRow("status") << document("", Ending::Complete, 404) << "scpd.status"_ba;
+        QByteArray prefixed = serviceDescription();
+        prefixed.replace("<serviceStateTable", "<x:serviceStateTable xmlns:x=\"y\"");
+        prefixed.replace("</serviceStateTable", "</x:serviceStateTable");
+        add("KO", document(serviceDescription({"KO"})), "");
+        add("no KO", document(serviceDescription({"ko"})), "scpd.no-ko");
+        add("no variable", document(serviceDescription({})), "scpd.no-variable");
+        add("prefix", document(prefixed), "scpd.prefix");
+        add("device description", document(root("")), "scpd.no-root");
+        add("status", document("", Ending::Complete, 404), "scpd.status");
     }
 
     void readsServiceDescription()
@@ -156,9 +176,12 @@ private Q_SLOTS:
         const auto add = [](const char* name, const EventSeen& seen, const char* expected) {
             QTest::newRow(name) << seen << QByteArray(expected);
         };
+        const auto whole = [](const QByteArray& text) {
+            return arrived({head(QByteArray::number(text.size())), text});
+        };
         const QByteArray good = body("<KO>1,2</KO>");
         const QByteArray length = QByteArray::number(good.size());
-        add("good", arrived({head(length), good}), "");
+        add("good", whole(good), "");
         add("in pieces", arrived({head(length), good.left(9), good.mid(9)}), "");
         add("one character short", arrived({head(QByteArray::number(good.size() + 1)), good}), "");
         add("two characters short", arrived({head(QByteArray::number(good.size() + 2)), good}),
@@ -172,14 +195,11 @@ private Q_SLOTS:
         add("soon", arrived({head(length), good}, 4), "event.short-gap");
         add("head only", arrived({head(length)}), "event.no-body");
         add("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
-        const QByteArray prefixed =
-            "<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>";
-        add("prefix", arrived({head(QByteArray::number(prefixed.size())), prefixed}), "event.prefix");
-        const QByteArray other = body("<A>1</A>");
-        add("no KO", arrived({head(QByteArray::number(other.size())), other}), "event.no-ko");
-        const QByteArray malformed = body("<KO>7;1,2,3</KO>");
-        add("malformed", arrived({head(QByteArray::number(malformed.size())), malformed}), "event.ko-malformed");
-        EventSeen strange = arrived({head(length), good});
+        add("prefix", whole("<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>"),
+            "event.prefix");
+        add("no KO", whole(body("<A>1</A>")), "event.no-ko");
+        add("malformed", whole(body("<KO>7;1,2,3</KO>")), "event.ko-malformed");
+        EventSeen strange = whole(good);
         strange.isForSubscription = false;
         add("unknown path", strange, "event.unknown-path");
     }
@@ -198,7 +218,7 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("expected");
         const auto add = [](const char* name, const char* location, const QList<int>& times,
                             const char* expected) {
-            QTest::newRow(name) << QString::fromLatin1(location) << times << QByteArray(expected);
+            QTest::newRow(name) << QString(location) << times << QByteArray(expected);
         };
         const char* const good = "http://10.0.0.5:80/d.xml";
         add("good", good, {100, 200, -1, -1, 100}, "");
@@ -234,30 +254,24 @@ private Q_SLOTS:
 
     void blamesTheLongestStageForTheTime()
     {
-        DeviceSeen device;
-        device.sender = QHostAddress("10.0.0.5");
-        device.location = "http://10.0.0.5/d.xml"_s;
-        device.search.message = "x";
+        DeviceSeen device = examinedDevice(50);
         device.search.answerDelay = device.search.heard = 1000;
-        device.isExamined = true;
-        device.description = document(root(service(KEY_OBJECTS)));
         device.description.duration = 1500;
-        ServiceSeen seen;
-        seen.description = document(
-            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-            "</stateVariable></serviceStateTable></scpd>");
-        seen.subscription.ending = Ending::Complete;
-        seen.subscription.status = 200;
-        seen.subscription.hasSid = true;
-        const QByteArray good = body("<KO>1,2</KO>");
-        seen.events << arrived({head(QByteArray::number(good.size())), good});
-        device.services << seen;
         QCOMPARE(ids(diagnose(device, 2400)), "description.slow"_ba);
         QCOMPARE(ids(diagnose(device, 5000)), "device.unexplained"_ba);
         device.services[0].events[0].after = 1600;
         QCOMPARE(ids(diagnose(device, 2400)), "event.slow"_ba);
         device.found = 2300;
-        QCOMPARE(ids(diagnose(device, 2400)), QByteArray());
+        QCOMPARE(ids(diagnose(device, 2400)), ""_ba);
+    }
+
+    void forgivesAFoundDeviceWhatMayBeOurDelay()
+    {
+        DeviceSeen device = examinedDevice(1);
+        device.found = 100;
+        QCOMPARE(ids(diagnose(device, 5000)), "event.short-gap"_ba);
+        device.services[0].events[0].isUncertain = true;
+        QCOMPARE(ids(diagnose(device, 5000)), ""_ba);
     }
 
     void tellsOtherMakersApart()
@@ -268,30 +282,6 @@ private Q_SLOTS:
         QVERIFY(isOfOtherMaker(readDescription(seen).findings));
         seen.body.replace("</device>", service("urn:schemas-velmora-it:service:keyobjects:2") + "</device>");
         QVERIFY(!isOfOtherMaker(readDescription(seen).findings));
-    }
-
-    void forgivesAFoundDeviceWhatMayBeOurDelay()
-    {
-        DeviceSeen device;
-        device.found = 100;
-        device.location = "http://10.0.0.5/d.xml"_s;
-        device.sender = QHostAddress("10.0.0.5");
-        device.search.answerDelay = device.search.heard = 10;
-        device.isExamined = true;
-        device.description = document(root(service(KEY_OBJECTS)));
-        ServiceSeen seen;
-        seen.description = document(
-            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-            "</stateVariable></serviceStateTable></scpd>");
-        seen.subscription.ending = Ending::Complete;
-        seen.subscription.status = 200;
-        seen.subscription.hasSid = true;
-        const QByteArray good = body("<KO>1,2</KO>");
-        seen.events << arrived({head(QByteArray::number(good.size())), good}, 1);
-        device.services << seen;
-        QCOMPARE(ids(diagnose(device, 5000)), "event.short-gap"_ba);
-        device.services[0].events[0].isUncertain = true;
-        QCOMPARE(ids(diagnose(device, 5000)), QByteArray());
     }
 
     void everyFindingHasItsText()
@@ -334,12 +324,12 @@ private Q_SLOTS:
         results.devices << device;
         const auto plain = [](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
         for (const int width : {30, 40, 80, 160}) {
-            const QStringList lines = textOf(results, {width, plain}).split(QLatin1Char('\n'));
+            const QStringList lines = textOf(results, {width, plain}).split("\n");
             QVERIFY(lines.size() > 5);
             for (const QString& line : lines)
                 QVERIFY2(line.size() <= width, qPrintable(line));
         }
-        QCOMPARE(textOf(results, {INT_MAX, plain}).count(QLatin1Char('\n')), 5);
+        QCOMPARE(textOf(results, {INT_MAX, plain}).count("\n"), 5);
     }
 
     void namesKindsOfInterfaces_data()
@@ -348,8 +338,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("expected");
         const auto add = [](const char* name, const char* kind, const char* expected) {
-            QTest::addRow("%s %s", name, kind)
-                << QString::fromLatin1(name) << QString::fromLatin1(kind) << QString::fromLatin1(expected);
+            QTest::addRow("%s %s", name, kind) << QString(name) << QString(kind) << QString(expected);
         };
         add("eth0", "", "");
         add("bond0", "bond", "");
@@ -372,13 +361,14 @@ private Q_SLOTS:
 
     void findsSocketsOnAPort()
     {
+        const QByteArray queues = " 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 ";
         const QByteArray table = "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
                                  "uid  timeout inode ref\n"
-                                 "  123: 00000000:076C 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
-                                 " 0        0 41234 2 0 0\n"
-                                 "  124: 0100007F:0035 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
-                                 " 0        0 41235 2 0 "
-                                 "0\n";
+                                 "  123: 00000000:076C"
+            + queues
+            + "41234 2 0 0\n"
+              "  124: 0100007F:0035"
+            + queues + "41235 2 0 0\n";
         QCOMPARE(socketsOnPort(table, 1900), QList<QByteArray>{"41234"});
     }
 
@@ -386,38 +376,34 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("rules");
         QTest::addColumn<QStringList>("expected"); // how each begins
-        const auto add = [](const char* name, const char* rules, const QStringList& expected) {
-            QTest::newRow(name) << QString::fromLatin1(rules) << expected;
+        const QStringList all = {"UDP 1900", "UDP 49152", "TCP 40000"};
+        const auto iptables = [](const char* name, const char* policy, const char* rules,
+                                 const QStringList& expected) {
+            QTest::addRow("iptables, %s", name)
+                << "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules) << expected;
         };
-        const QStringList all = {"UDP 1900"_s, "UDP 49152"_s, "TCP 40000"_s};
-        add("nothing", "", {});
-        add("iptables, all in", "*filter\n:INPUT ACCEPT [0:0]\nCOMMIT\n", {});
-        add("iptables, nothing in", "*filter\n:INPUT DROP [0:0]\n-A INPUT -i lo -j ACCEPT\nCOMMIT\n", all);
-        add("iptables, one port out",
-            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j DROP\nCOMMIT\n", all.mid(0, 1));
-        add("iptables, ports in",
-            "*filter\n:INPUT DROP [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
-            "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\nCOMMIT\n",
+        const auto nft = [](const char* name, const char* policy, const char* rules, const QStringList& expected,
+                            const char* others = "") {
+            const QString text = "table inet filter {\n%1\tchain input {\n\t\ttype filter hook input priority 0;"
+                                 " policy %2;\n%3\t}\n}\n"_s;
+            QTest::addRow("nft, %s", name) << text.arg(others, policy, rules) << expected;
+        };
+        QTest::newRow("nothing") << "" << QStringList();
+        QTest::newRow("iptables, another table") << "*nat\n:INPUT DROP [0:0]\nCOMMIT\n" << QStringList();
+        iptables("all in", "ACCEPT", "", {});
+        iptables("nothing in", "DROP", "-A INPUT -i lo -j ACCEPT\n", all);
+        iptables("one port out", "ACCEPT", "-A INPUT -p udp -m udp --dport 1900 -j DROP\n", all.mid(0, 1));
+        iptables("ports in", "DROP",
+                 "-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
+                 "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\n",
+                 {});
+        iptables("a drop that depends", "ACCEPT", "-A INPUT -s 1.2.3.4/32 -j DROP\n", {});
+        nft("policy", "drop", "\t\tct state established,related accept\n", all);
+        nft("a rule", "accept", "\t\tudp dport { 53, 1900 } drop\n", all.mid(0, 1));
+        nft("ports in", "drop", "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n",
             {});
-        add("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", {});
-        add("iptables, a drop that depends",
-            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -s 1.2.3.4/32 -j DROP\nCOMMIT\n", {});
-        add("nft, policy",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-            "\t\tct state established,related accept\n\t}\n}\n",
-            all);
-        add("nft, a rule",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n"
-            "\t\tudp dport { 53, 1900 } drop\n\t}\n}\n",
-            all.mid(0, 1));
-        add("nft, ports in",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-            "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n\t}\n}\n",
-            {});
-        add("nft, another hook",
-            "table inet filter {\n\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n"
-            "\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n\t}\n}\n",
-            {});
+        nft("another hook", "accept", "", {},
+            "\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n");
     }
 
     void findsRulesThatDrop()
@@ -427,7 +413,7 @@ private Q_SLOTS:
         const QStringList drops = droppingRules(rules, {{1900, 49152}, {40000}});
         QCOMPARE(drops.size(), expected.size());
         for (int i = 0; i < expected.size(); ++i)
-            QVERIFY2(drops.at(i).startsWith(expected.at(i) + QLatin1Char(':')), qPrintable(drops.at(i)));
+            QVERIFY2(drops.at(i).startsWith(expected.at(i) + ":"), qPrintable(drops.at(i)));
     }
 };
 
