@@ -2,6 +2,8 @@
 
 #include <tests/support/NamesAlike.h>
 
+#include <QtCore/QByteArray>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -39,11 +41,7 @@ int millisecondsSince(Clock::time_point begin)
 
 std::string repeated(const std::string& text, size_t times)
 {
-    std::string result;
-    result.reserve(text.size() * times);
-    for (size_t i = 0; i < times; ++i)
-        result += text;
-    return result;
+    return QByteArray::fromStdString(text).repeated(static_cast<int>(times)).toStdString();
 }
 
 /// Before the number of the repetition and after it, until the text is as long as a document.
@@ -68,43 +66,32 @@ std::string root(const std::string& content)
 
 // Datagrams
 
-/// What an attack that reports nothing does.
-using Deed = std::function<void(Attacker&)>;
-
-Attack attack(const char* name, int traits, int gap, int devices, const Deed& deed)
-{
-    return {name, traits, gap, devices, [deed](Attacker& attacker) {
-                deed(attacker);
-                return std::string();
-            }};
-}
-
 Attack datagram(const char* name, const std::string& bytes, int traits = 0)
 {
-    return attack(name, traits, SHORT_GAP, 0, [bytes](Attacker& attacker) {
-        attacker.sendDatagram(bytes);
-        attacker.waitForDatagrams();
-    });
+    return {name, traits, SHORT_GAP, 0, [bytes](Attacker& attacker) {
+                attacker.sendDatagram(bytes);
+                attacker.waitForDatagrams();
+            }};
 }
 
 Attack locations(const char* name, const std::vector<std::string>& all, int traits = 0)
 {
-    return attack(name, traits, SHORT_GAP, static_cast<int>(all.size()), [all](Attacker& attacker) {
-        for (const std::string& location : all)
-            attacker.sendLocation(location);
-        attacker.waitForDatagrams();
-    });
+    return {name, traits, SHORT_GAP, static_cast<int>(all.size()), [all](Attacker& attacker) {
+                for (const std::string& location : all)
+                    attacker.sendLocation(location);
+                attacker.waitForDatagrams();
+            }};
 }
 
 Attack manyLocations(const char* name, int traits, int count, int atOnce)
 {
-    return attack(name, traits, LONG_GAP, count, [count, atOnce](Attacker& attacker) {
-        for (int i = 1; i <= count; ++i) {
-            attacker.sendLocation(Attacker::url("/many/" + std::to_string(i)));
-            if (i % atOnce == 0)
-                attacker.waitForDatagrams();
-        }
-    });
+    return {name, traits, LONG_GAP, count, [count, atOnce](Attacker& attacker) {
+                for (int i = 1; i <= count; ++i) {
+                    attacker.sendLocation(Attacker::url("/many/" + std::to_string(i)));
+                    if (i % atOnce == 0)
+                        attacker.waitForDatagrams();
+                }
+            }};
 }
 
 // HTTP
@@ -141,10 +128,10 @@ void beAskedFor(Attacker& attacker, const char* request, int count = 1)
 /// The device is found, and @p handler answers the request that begins so.
 Attack answered(const char* name, const char* request, const Handler& handler, int traits, int gap = SHORT_GAP)
 {
-    return attack(name, traits, gap, 1, [request, handler](Attacker& attacker) {
-        attacker.serve(request, handler);
-        beAskedFor(attacker, request);
-    });
+    return {name, traits, gap, 1, [request, handler](Attacker& attacker) {
+                attacker.serve(request, handler);
+                beAskedFor(attacker, request);
+            }};
 }
 
 Attack http(const char* name, const Handler& handler, int traits = 0)
@@ -154,18 +141,19 @@ Attack http(const char* name, const Handler& handler, int traits = 0)
 
 /// A reply begins with @p head and goes on with @p bytes for as long as the host takes them. The same comes
 /// from as many devices at once, each at a port of its own.
-Attack endlessReply(const char* name, const std::string& head, const std::string& bytes, int devices, int traits)
+Attack endlessReply(const std::string& name, const std::string& head, const std::string& bytes, int devices,
+                    int traits)
 {
-    return attack(name, traits, SHORT_GAP, devices, [head, bytes, devices](Attacker& attacker) {
-        attacker.serve("GET /d.xml ", [head, bytes](PlainConnection& connection, const std::string&) {
-            connection.send(head);
-            connection.sendFor(5000, bytes);
-        });
-        attacker.listenAtPorts(devices);
-        for (int i = 0; i < devices; ++i)
-            attacker.sendLocation(Attacker::url("/d.xml", i));
-        attacker.waitForAnswer("GET /d.xml ", devices);
-    });
+    return {name, traits, SHORT_GAP, devices, [head, bytes, devices](Attacker& attacker) {
+                attacker.serve("GET /d.xml ", [head, bytes](PlainConnection& connection, const std::string&) {
+                    connection.send(head);
+                    connection.sendFor(5000, bytes);
+                });
+                attacker.listenAtPorts(devices);
+                for (int i = 0; i < devices; ++i)
+                    attacker.sendLocation(Attacker::url("/d.xml", i));
+                attacker.waitForAnswer("GET /d.xml ", devices);
+            }};
 }
 
 // Documents
@@ -188,8 +176,8 @@ Attack document(const char* name, const Maker& make, int traits = 0)
 /// A device description of 4 MB that repeats @p text.
 Attack filledDocument(const char* name, const char* text, int traits = 0)
 {
-    return document(
-        name, [text] { return root(filled(text)); }, traits);
+    const auto make = [text] { return root(filled(text)); };
+    return document(name, make, traits);
 }
 
 /// A service description with what @p make makes for its variables.
@@ -283,28 +271,26 @@ void neverAnswer(Attacker& attacker)
     attacker.waitForRequests("SUBSCRIBE ");
 }
 
-std::string describeADeviceAsAService(Attacker& attacker)
+void describeADeviceAsAService(Attacker& attacker)
 {
     attacker.serveDocument("/scpd.xml", Attacker::deviceDescription(Attacker::keyObjectService()));
     attacker.sendLocation(Attacker::url("/d.xml"));
     // Each asks for the next one, for as long as the discovery lasts.
     attacker.waitForRequests("GET /scpd.xml ", 1000);
-    return "1,000 requests, one after the other";
+    attacker.seen = "1,000 requests, one after the other";
 }
 
 // Events
 
-/// What an attack with the path of its own subscription does with a connection to the event server.
-using EventHandler = std::function<void(PlainConnection&, const std::string& path)>;
-
-Attack eventConnection(const char* name, const EventHandler& handler, int traits = 0)
+/// @p handler gets a connection to the event server, and the path of the subscription.
+Attack eventConnection(const char* name, const Handler& handler, int traits = 0)
 {
-    return attack(name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
-        const Attacker::Callback callback = attacker.beSubscribedTo();
-        const auto connection = Attacker::connectTo(callback);
-        handler(*connection, callback.path);
-        attacker.waitForDatagrams();
-    });
+    return {name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
+                const Attacker::Callback callback = attacker.beSubscribedTo();
+                const auto connection = Attacker::connectTo(callback);
+                handler(*connection, callback.path);
+                attacker.waitForDatagrams();
+            }};
 }
 
 void expectEnd(PlainConnection& connection)
@@ -314,7 +300,7 @@ void expectEnd(PlainConnection& connection)
 }
 
 /// Sends @p bytes, and expects the end of the connection.
-EventHandler endsAfter(const std::string& bytes)
+Handler endsAfter(const std::string& bytes)
 {
     return [bytes](PlainConnection& connection, const std::string&) {
         connection.send(bytes);
@@ -342,26 +328,25 @@ int sendEvent(const Attacker::Callback& callback, const std::string& body)
     return millisecondsSince(begin);
 }
 
-std::string sendLongEvents(Attacker& attacker)
+void sendLongEvents(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
     const auto event = [](size_t size) { return Attacker::event("12,34;" + std::string(size, ' ')); };
     const int quarter = sendEvent(callback, event(16 * MB));
     const int whole = sendEvent(callback, event(64 * MB));
-    std::string times = "16 MB took " + std::to_string(quarter) + " ms, 64 MB " + std::to_string(whole) + " ms";
+    attacker.seen = "16 MB took " + std::to_string(quarter) + " ms, 64 MB " + std::to_string(whole) + " ms";
     // Four times the length is four times the work; its square would be sixteen.
     if (whole > 10 * quarter + 1000)
-        throw std::runtime_error("not linear: " + times);
-    return times;
+        throw std::runtime_error("not linear: " + attacker.seen);
 }
 
 /// An event whose body comes after its head.
 Attack eventBody(const char* name, const Maker& make, int traits = 0)
 {
-    return attack(name, traits, LONG_GAP, 1, [make](Attacker& attacker) {
-        const std::string body = make();
-        sendEvent(attacker.beSubscribedTo(), body);
-    });
+    return {name, traits, LONG_GAP, 1, [make](Attacker& attacker) {
+                const std::string body = make();
+                sendEvent(attacker.beSubscribedTo(), body);
+            }};
 }
 
 std::string properties(const std::vector<std::string>& names)
@@ -402,7 +387,7 @@ void useUpDescriptors(Attacker& attacker)
     expectEnd(*connections.back());
 }
 
-std::string connectWithoutAWord(Attacker& attacker)
+void connectWithoutAWord(Attacker& attacker)
 {
     const int count = 1000;
     const Attacker::Callback callback = attacker.beSubscribedTo();
@@ -424,7 +409,7 @@ std::string connectWithoutAWord(Attacker& attacker)
     if (milliseconds > 900)
         throw std::runtime_error("a SYN was lost: all took " + std::to_string(milliseconds) + " ms");
     attacker.waitForDatagrams();
-    return std::to_string(count) + " connected within " + std::to_string(milliseconds) + " ms";
+    attacker.seen = std::to_string(count) + " connected within " + std::to_string(milliseconds) + " ms";
 }
 
 void sendEventBeforeTheReply(PlainConnection& connection, const std::string& request)
@@ -464,7 +449,7 @@ std::vector<Attack> datagramAttacks()
 {
     const std::string foreign = "LOCATION: http://10.77.1.2:8000/x";
     return {
-        attack("No attack", QUICK, SHORT_GAP, 0, [](Attacker&) {}),
+        {"No attack", QUICK, SHORT_GAP, 0, [](Attacker&) {}},
         datagram("Datagram of 0 bytes", "", QUICK),
         datagram("Datagram of 1 byte", "L"),
         datagram("Datagram of 65,507 bytes", std::string(65507, 'x'), QUICK),
@@ -484,7 +469,7 @@ std::vector<Attack> datagramAttacks()
         locations("Location that is /dev/zero", {"file:///dev/zero"}),
         locations("Location with an IPv6 address",
                   {"http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml"}),
-        attack("Location that is the host's own event server", QUICK, SHORT_GAP, 2, locateTheEventServer),
+        {"Location that is the host's own event server", QUICK, SHORT_GAP, 2, locateTheEventServer},
         manyLocations("10,000 different Locations", MANY, 10000, 100),
         manyLocations("2,000 datagrams in a burst, the host busy for 400 ms", QUICK | Attack::Stalled, 2000, 2000),
     };
@@ -592,12 +577,11 @@ std::vector<Attack> subscriptionAttacks()
         subscription("SUBSCRIBE reply empty", sends(""), QUICK),
         subscription("SUBSCRIBE reply without an end", sendsFor(5000, std::string(65536, 'x'))),
         subscription("SUBSCRIBE reply of one byte at a time", replyOneByteAtATime),
-        attack("SUBSCRIBE reply before the request", QUICK, SHORT_GAP, 1, replyBeforeTheRequest),
-        attack("SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, SHORT_GAP, 1,
-               replyWithLines),
-        attack("900 state variables, connections refused, 1,024 descriptors", QUICK | Attack::FewDescriptors,
-               SHORT_GAP, 1, refuseSubscriptions),
-        attack("SUBSCRIBE that is never answered", Attack::Unending, SHORT_GAP, 1, neverAnswer),
+        {"SUBSCRIBE reply before the request", QUICK, SHORT_GAP, 1, replyBeforeTheRequest},
+        {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, SHORT_GAP, 1, replyWithLines},
+        {"900 state variables, connections refused, 1,024 descriptors", QUICK | Attack::FewDescriptors, SHORT_GAP,
+         1, refuseSubscriptions},
+        {"SUBSCRIBE that is never answered", Attack::Unending, SHORT_GAP, 1, neverAnswer},
     };
 }
 
@@ -617,7 +601,7 @@ std::vector<Attack> eventAttacks()
                         }),
         eventBody(
             "Event of 20,000 names that Qt 5 hashes alike", [] { return properties(namesAlike(20000)); }, QUICK),
-        attack("Event of 100,000 properties after 100,000 services", MANY, LONG_GAP, 1, sendManyProperties),
+        {"Event of 100,000 properties after 100,000 services", MANY, LONG_GAP, 1, sendManyProperties},
         eventConnection(
             "Event head of 1 MB of lines without a colon",
             [](PlainConnection& connection, const std::string& path) {
@@ -625,8 +609,7 @@ std::vector<Attack> eventAttacks()
                 expectEnd(connection);
             },
             QUICK),
-        attack("1,100 event connections, 1,024 descriptors", QUICK | Attack::FewDescriptors, 2000, 1,
-               useUpDescriptors),
+        {"1,100 event connections, 1,024 descriptors", QUICK | Attack::FewDescriptors, 2000, 1, useUpDescriptors},
         {"1,000 event connections that stay silent", QUICK, SHORT_GAP, 1, connectWithoutAWord},
         {"Event bodies of 16 and 64 MB", MANY, LONG_GAP, 1, sendLongEvents},
         eventBody("Event body of 4 MB, deep", [] { return filled("<a>"); }),
@@ -659,26 +642,22 @@ std::vector<Attack> eventAttacks()
 std::vector<Attack> endlessReplies()
 {
     const std::string headers = repeated("X-Header: value\r\n", 1000);
+    const std::string interim = repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000);
     const std::string much(65536, 'x');
     const int prompt = QUICK | Attack::Prompt;
     std::vector<Attack> all;
-    const auto add = [&all](const char* name, const char* nameOfMany, const std::string& head,
-                            const std::string& bytes, int traits) {
-        all.push_back(endlessReply(name, head, bytes, 1, traits));
-        all.push_back(endlessReply(nameOfMany, head, bytes, 20, traits));
+    const auto add = [&all](const std::string& what, const std::string& head, const std::string& bytes,
+                            int traits) {
+        all.push_back(endlessReply("HTTP " + what + " without an end", head, bytes, 1, traits));
+        all.push_back(endlessReply("HTTP " + what + " without an end, 20 times", head, bytes, 20, traits));
     };
-    add("HTTP head without an end", "HTTP head without an end, 20 times", OK, headers, prompt);
-    add("HTTP header line without an end", "HTTP header line without an end, 20 times", OK + "X-Header: ", much,
-        prompt);
-    add("HTTP status line without an end", "HTTP status line without an end, 20 times", "HTTP/1.1 200 ", much,
-        prompt);
-    add("HTTP chunk length without an end", "HTTP chunk length without an end, 20 times", CHUNKED,
-        std::string(65536, '0'), prompt);
-    add("HTTP of interim replies without an end", "HTTP of interim replies without an end, 20 times", "",
-        repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000), prompt);
-    add("HTTP trailers without an end", "HTTP trailers without an end, 20 times", CHUNKED + "0\r\n", headers,
-        prompt);
-    add("HTTP body without an end", "HTTP body without an end, 20 times", OK + "\r\n", much, QUICK);
+    add("head", OK, headers, prompt);
+    add("header line", OK + "X-Header: ", much, prompt);
+    add("status line", "HTTP/1.1 200 ", much, prompt);
+    add("chunk length", CHUNKED, std::string(65536, '0'), prompt);
+    add("of interim replies", "", interim, prompt);
+    add("trailers", CHUNKED + "0\r\n", headers, prompt);
+    add("body", OK + "\r\n", much, QUICK);
     return all;
 }
 

@@ -112,9 +112,9 @@ int runDevices(int number, const DeviceProcess& process)
     std::thread([&] {
         try {
             attacker.waitForSearch();
-            const std::string result = attack.run(attacker);
+            attack.run(attacker);
             isDone = true;
-            process.report("done " + result);
+            process.report("done " + attacker.seen);
         } catch (const std::exception& error) {
             process.report(std::string("failed: ") + error.what());
         }
@@ -226,7 +226,7 @@ private Q_SLOTS:
         int number = 0;
         for (const Attack& attack : attacks()) {
             if (all || (attack.traits & Attack::Quick))
-                QTest::newRow(attack.name) << number;
+                QTest::newRow(attack.name.c_str()) << number;
             ++number;
         }
     }
@@ -279,7 +279,7 @@ private Q_SLOTS:
             }
             QVERIFY2(delay <= LONGEST_DELAY, qPrintable(QString::number(delay)));
         }
-        costs << Cost{attack.name,
+        costs << Cost{QString::fromStdString(attack.name),
                       QString::number(measured.longestWork),
                       QString::number(measured.longestBlock),
                       QString::number(qMax(peak, Q_INT64_C(0)) / 1024),

@@ -122,7 +122,7 @@ private Q_SLOTS:
             }
             const int number = running.firstKey();
             const std::shared_ptr<QProcess> process = running.take(number);
-            const char* const name = attacks()[static_cast<size_t>(number)].name;
+            const char* const name = attacks()[static_cast<size_t>(number)].name.c_str();
             QVERIFY2(process->waitForFinished(2 * PATIENCE), name);
             if (process->exitCode() == SKIPPED && qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") == 0)
                 QSKIP(process->readAll().constData());

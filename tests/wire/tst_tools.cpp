@@ -64,17 +64,17 @@ private Q_SLOTS:
     {
         running["late"] = startLab("--devices 10 --seed 41 -- ssdp-discover");
         running["hundred"] = startLab("--devices 100 --event-gap 300 -- ssdp-discover --count 100 --timeout 6000");
-        running["comings"] = startReacting("true", "",
-                                           "case $line in"
-                                           " Searching*) start ;;"
-                                           " +*10.77.0.1*) kill $device; ((++times < 2)) || kill $COPROC_PID ;;"
-                                           " -*) start ;;"
-                                           " esac");
+        const char* const comeAndGo = "case $line in"
+                                      " Searching*) start ;;"
+                                      " +*10.77.0.1*) kill $device; ((++times < 2)) || kill $COPROC_PID ;;"
+                                      " -*) start ;;"
+                                      " esac";
+        const char* const connectAndEnd = "[[ $line != *'127.0.0.1 (lo)' ]] || ip link set host0 up;"
+                                          "[[ $line != +*' 10.77.1.1 '* ]] || kill $COPROC_PID";
+        running["comings"] = startReacting("true", "", comeAndGo);
         running["lost interface"] =
             startReacting("true", "--verbose", "[[ $line != +* ]] || ip link set host0 down");
-        running["later interface"] = startReacting("ip link set host0 down", "--timeout 500",
-                                                   "[[ $line != *'127.0.0.1 (lo)' ]] || ip link set host0 up;"
-                                                   "[[ $line != +*' 10.77.1.1 '* ]] || kill $COPROC_PID");
+        running["later interface"] = startReacting("ip link set host0 down", "--timeout 500", connectAndEnd);
         running["short"] = startLab("--response-delay 0-0 --fault die-after=event -- "
                                     "ssdp-discover --timeout 500 --repeat 1 --verbose");
         running["once"] = startLab("--devices 3 --variables KO,A,B --response-delay 0-100 -- "
@@ -259,8 +259,7 @@ private Q_SLOTS:
 
     void discoverLogsOnlyWhenAsked()
     {
-        const Run silent = lab("--response-delay 0-0 -- ssdp-discover --first");
-        QCOMPARE(silent.err, QString());
+        QCOMPARE(lab("--response-delay 0-0 -- ssdp-discover --first").err, QString());
         const Run verbose = lab("--response-delay 0-0 -- ssdp-discover --first --verbose --quiet");
         QVERIFY2(verbose.err.contains("Device with FC:1 and UC:1 found at 10.77.1.1"), qPrintable(verbose.err));
         QVERIFY2(verbose.err.contains("Z Searching from 10.77.0.1 (host0)\n"), qPrintable(verbose.err));
@@ -291,50 +290,47 @@ private Q_SLOTS:
 
     void discoverSaysWhenItCannotSearch_data()
     {
-        QTest::addColumn<QString>("setup");
-        QTest::addColumn<QString>("options");
+        QTest::addColumn<QString>("script");
         QTest::addColumn<QString>("message");
-        const auto row = [](const char* name, const QString& setup, const char* options, const char* message) {
-            QTest::newRow(name) << setup << QString(options) << QString(message);
+        const auto row = [](const char* name, const char* script, const char* message) {
+            QTest::newRow(name) << QString(script) << QString(message);
         };
-        const QString python = "exec python3 -c 'import socket, subprocess, sys\n"
-                               "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
-                               "s.bind((\"\", 1900))\n"
-                               "sys.exit(subprocess.call(sys.argv[1:]))'"_s;
-        const QString forbid = "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
-                               "exec setpriv --bounding-set=-net_bind_service"_s;
-        const QString block =
-            "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; exec"_s;
-        const QString down = "ip link set host0 down; %1 exec"_s;
         const char* const none = "no network interface with an IPv4 address is up and connected";
-        row("port taken", python, "",
+        row("port taken",
+            "exec python3 -c 'import socket, subprocess, sys\n"
+            "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+            "s.bind((\"\", 1900))\n"
+            "sys.exit(subprocess.call(sys.argv[1:]))' $discover",
             "UDP port 1900 is taken by a program that does not share it; 'ss -lunp sport = :1900' names it");
-        row("not permitted", forbid, "", "this user is not permitted to listen on UDP port 1900");
-        row("firewall", block, "",
+        row("not permitted",
+            "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
+            "setpriv --bounding-set=-net_bind_service $discover",
+            "this user is not permitted to listen on UDP port 1900");
+        row("firewall", "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
             "this host does not let the search out from 10.77.0.1; a firewall of its own may forbid it");
-        row("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; exec", "",
+        row("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
             "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
-        row("no interface", down.arg("ip link set lo down;"), "", none);
-        row("loopback only", down.arg(""), "", none);
+        row("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
+        row("loopback only", "ip link set host0 down; $discover", none);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0) // Qt 5 takes an interface without a link for one that is down.
         row("not connected",
-            down.arg("ip link add end0 type veth peer name end1; ip addr add 10.79.0.1/16 dev end0;"
-                     "ip link set end0 up;"),
-            "", "no network is connected to 10.79.0.1 (end0)");
+            "ip link set host0 down; ip link add end0 type veth peer name end1;"
+            "ip addr add 10.79.0.1/16 dev end0; ip link set end0 up; $discover",
+            "no network is connected to 10.79.0.1 (end0)");
 #endif
-        row("no such interface", "exec", "--interface eth7",
+        row("no such interface", "$discover --interface eth7",
             "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
-        row("interface down", down.arg(""), "--interface host0", "host0 is not up or not connected");
-        row("no address", "ip addr flush dev host0; exec", "--interface host0", "host0 has no IPv4 address");
+        row("interface down", "ip link set host0 down; $discover --interface host0",
+            "host0 is not up or not connected");
+        row("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
     }
 
     void discoverSaysWhenItCannotSearch()
     {
-        QFETCH(QString, setup);
-        QFETCH(QString, options);
+        QFETCH(QString, script);
         QFETCH(QString, message);
         const Run result =
-            lab("--devices 0 -- sh -c", "%1 ssdp-discover --timeout 100 --quiet %2"_s.arg(setup, options));
+            lab("--devices 0 -- sh -c", "discover='ssdp-discover --timeout 100 --quiet'; " + script);
         QCOMPARE(result.err, "ssdp-discover: cannot search: %1\n"_s.arg(message));
         QCOMPARE(result.status, 3);
         QCOMPARE(result.out, QString());
@@ -408,10 +404,10 @@ private Q_SLOTS:
 
     void discoverFindsDevicesOnBothInterfaces()
     {
-        const Run result =
-            lab("--devices 2 --second-interface --response-delay 0-0 -- ssdp-discover --count 4 --timeout 20000");
-        QCOMPARE(result.devices(),
-                 (QStringList{"1 1 10.77.1.1", "1 2 10.77.1.2", "1 3 10.78.1.1", "1 4 10.78.1.2"}));
+        const QString arguments =
+            "--devices 2 --second-interface --response-delay 0-0 -- ssdp-discover --count 4 --timeout 20000"_s;
+        const QStringList expected = {"1 1 10.77.1.1", "1 2 10.77.1.2", "1 3 10.78.1.1", "1 4 10.78.1.2"};
+        QCOMPARE(lab(arguments).devices(), expected);
     }
 
     void simulatorListsItsFaults()
