@@ -49,7 +49,7 @@ int runDevices(int, const DeviceProcess& process)
         DeviceOptions options;
         options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
         options.functionCode = i + 1;
-        options.variables = {"KO", "Other"};
+        options.variables = QStringList{"KO", "Other"};
         options.responseDelayMax = 0;
         // The library searches once, and a busy kernel may lose that datagram.
         options.announceEvery = 1000;
