@@ -20,8 +20,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
 #include <malloc.h>
 #include <stdexcept>
 #include <sys/resource.h>
@@ -31,7 +29,6 @@
 using namespace Velmora;
 using namespace Velmora::Tests;
 using Simulator::DeviceOptions;
-using Simulator::PrivateNetwork;
 using Simulator::SimulatedDevice;
 using Simulator::SsdpGroup;
 
@@ -50,7 +47,7 @@ const int SHOWN = 10;
 // The process of the library, which starts the others.
 const pid_t HOST = getpid();
 
-const char GOOD_ADDRESS[] = "10.77.1.1";
+const QHostAddress GOOD_ADDRESS("10.77.1.1");
 const int TICK = 5;
 const int PATIENCE = 90 * 1000;
 
@@ -71,10 +68,8 @@ qint64 peakMemory(const Attack& attack)
 /// Whether bytes of the good device's connections wait in the kernel, on the side of this process.
 bool hasBytesWaiting(pid_t process)
 {
-    const QByteArray address =
-        QByteArray::number(qToBigEndian(QHostAddress(QLatin1String(GOOD_ADDRESS)).toIPv4Address()), 16)
-            .rightJustified(8, '0')
-            .toUpper();
+    const quint32 number = qToBigEndian(GOOD_ADDRESS.toIPv4Address());
+    const QByteArray address = QByteArray::number(number, 16).rightJustified(8, '0').toUpper();
     QFile table("/proc/%1/net/tcp"_s.arg(process));
     if (!table.open(QIODevice::ReadOnly))
         return true;
@@ -95,7 +90,7 @@ int runDevices(int number, const DeviceProcess& process)
 
     SsdpGroup group;
     DeviceOptions options;
-    options.address = QHostAddress(QLatin1String(GOOD_ADDRESS));
+    options.address = GOOD_ADDRESS;
     options.functionCode = 7;
     options.univocalCode = 1;
     options.responseDelayMax = 0;
@@ -133,21 +128,16 @@ int runDevices(int number, const DeviceProcess& process)
 /// A line of /proc/self/status, in KB.
 qint64 memory(const char* field)
 {
-    QFile file("/proc/self/status"_s);
+    QFile file("/proc/self/status");
     if (!file.open(QIODevice::ReadOnly))
         return 0;
-    const QByteArray text = file.readAll();
-    return text.mid(text.indexOf(field) + static_cast<int>(qstrlen(field)) + 1)
-        .trimmed()
-        .split(' ')
-        .constFirst()
-        .toLongLong();
+    return QString(file.readAll()).section(field + ":"_s, 1).trimmed().section(" ", 0, 0).toLongLong();
 }
 
 void forgetPeakMemory()
 {
     malloc_trim(0);
-    QFile file("/proc/self/clear_refs"_s);
+    QFile file("/proc/self/clear_refs");
     QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Unbuffered));
     QCOMPARE(file.write("5"), 1);
 }
@@ -212,7 +202,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         // Otherwise the log is most of what the test prints, and part of what it measures.
-        QLoggingCategory::setFilterRules("velmora.ssdp=false"_s);
+        QLoggingCategory::setFilterRules("velmora.ssdp=false");
 
         // The first control point of a process loads plugins of Qt 5, which keep descriptors for good.
         const SSDP::SsdpManager first{QHostAddress("10.77.0.1")};
@@ -329,8 +319,7 @@ private:
         Measured measured;
         QElapsedTimer elapsed;
         connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode, int, const QHostAddress& address) {
-            if (functionCode == 7 && address == QHostAddress(QLatin1String(GOOD_ADDRESS))
-                && measured.foundAfter < 0)
+            if (functionCode == 7 && address == GOOD_ADDRESS && measured.foundAfter < 0)
                 measured.foundAfter = static_cast<int>(elapsed.elapsed());
         });
         QSocketNotifier reports(devices.descriptor(), QSocketNotifier::Read);
