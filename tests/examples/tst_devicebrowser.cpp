@@ -23,8 +23,8 @@ using Velmora::SSDP::Ssdp;
 
 namespace {
 
-const QHostAddress NINE("10.77.1.9");
-const QHostAddress TEN("10.77.1.10");
+const char NINE[] = "10.77.1.9";
+const char TEN[] = "10.77.1.10";
 
 QDateTime at(int second)
 {
@@ -59,9 +59,9 @@ struct Searching
     }
 
     Ssdp* ssdp() const { return window.findChildren<Ssdp*>().constLast(); }
-    void report(int functionCode, int univocalCode, const QHostAddress& address) const
+    void report(int functionCode, int univocalCode, const char* address) const
     {
-        Q_EMIT ssdp()->discovered(functionCode, univocalCode, address);
+        Q_EMIT ssdp()->discovered(functionCode, univocalCode, QHostAddress(address));
     }
 
     BrowserWindow window;
@@ -84,9 +84,9 @@ private Q_SLOTS:
     {
         DeviceModel model;
         const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-        model.addReport(12, 34, NINE, at(1));
+        model.addReport(12, 34, QHostAddress(NINE), at(1));
         QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
-        model.addReport(12, 34, NINE, at(5));
+        model.addReport(12, 34, QHostAddress(NINE), at(5));
 
         QCOMPARE(model.rowCount(), 1);
         QCOMPARE(changed.count(), 1);
@@ -101,18 +101,18 @@ private Q_SLOTS:
     void modelTellsDevicesByAllThreeValues()
     {
         DeviceModel model;
-        model.addReport(1, 2, NINE);
-        model.addReport(2, 2, NINE);
-        model.addReport(1, 3, NINE);
-        model.addReport(1, 2, TEN);
+        model.addReport(1, 2, QHostAddress(NINE));
+        model.addReport(2, 2, QHostAddress(NINE));
+        model.addReport(1, 3, QHostAddress(NINE));
+        model.addReport(1, 2, QHostAddress(TEN));
         QCOMPARE(column(model, DeviceModel::Reports), (QStringList{"1", "1", "1", "1"}));
     }
 
     void modelSortsAddressesByNumber()
     {
         DeviceModel model;
-        model.addReport(1, 1, TEN);
-        model.addReport(1, 1, NINE);
+        model.addReport(1, 1, QHostAddress(TEN));
+        model.addReport(1, 1, QHostAddress(NINE));
         QSortFilterProxyModel sorted;
         sorted.setSourceModel(&model);
         sorted.setSortRole(Qt::UserRole);
@@ -124,10 +124,10 @@ private Q_SLOTS:
     {
         DeviceModel model;
         const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-        model.addReport(1, 1, TEN);
+        model.addReport(1, 1, QHostAddress(TEN));
         model.clear();
         QCOMPARE(model.rowCount(), 0);
-        model.addReport(1, 1, TEN);
+        model.addReport(1, 1, QHostAddress(TEN));
         QCOMPARE(text(model, 0, DeviceModel::Reports), "1");
     }
 
@@ -197,7 +197,7 @@ private Q_SLOTS:
         Ssdp* const before = searching.ssdp();
         searching.button->click();
         QCOMPARE(searching.table->model()->rowCount(), 0);
-        Q_EMIT before->discovered(7, 1, NINE);
+        Q_EMIT before->discovered(7, 1, QHostAddress(NINE));
         QCOMPARE(searching.table->model()->rowCount(), 0);
         searching.report(7, 2, NINE);
         QCOMPARE(searching.table->model()->rowCount(), 1);
@@ -220,7 +220,7 @@ private Q_SLOTS:
         const Searching searching;
         searching.report(7, 2, TEN);
         searching.report(7, 1, NINE);
-        searching.report(7, 3, QHostAddress("10.77.1.11"));
+        searching.report(7, 3, "10.77.1.11");
         searching.table->selectRow(1);
         searching.table->setSelectionMode(QAbstractItemView::MultiSelection);
         searching.table->selectRow(0);

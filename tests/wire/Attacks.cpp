@@ -30,8 +30,6 @@ const int MANY = Attack::ManyRecords;
 const int SHORT_GAP = 300;
 const int LONG_GAP = 6000;
 const int LONGEST_GAP = 15000;
-const std::string OK = "HTTP/1.1 200 OK\r\n";
-const std::string CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
 const char SUBSCRIBED[] = "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n";
 
 int millisecondsSince(Clock::time_point begin)
@@ -56,6 +54,17 @@ std::string numbered(const std::string& before, const std::string& after, size_t
 std::string filled(const std::string& text, size_t size = DOCUMENT_SIZE)
 {
     return repeated(text, size / text.size());
+}
+
+/// The beginning of a reply, and @p rest.
+std::string ok(const std::string& rest = std::string())
+{
+    return "HTTP/1.1 200 OK\r\n" + rest;
+}
+
+std::string chunked(const std::string& rest = std::string())
+{
+    return ok("Transfer-Encoding: chunked\r\n\r\n" + rest);
 }
 
 /// A device description around @p content.
@@ -251,7 +260,7 @@ void replyBeforeTheRequest(Attacker& attacker)
 void replyWithLines(Attacker& attacker)
 {
     attacker.serveDocument("/scpd.xml", Attacker::serviceDescription(variables(50)));
-    attacker.serve("SUBSCRIBE ", sends(OK + filled("SID\n", MB)));
+    attacker.serve("SUBSCRIBE ", sends(ok(filled("SID\n", MB))));
     beAskedFor(attacker, "SUBSCRIBE ", 50);
 }
 
@@ -456,7 +465,7 @@ std::vector<Attack> datagramAttacks()
         datagram("Datagram of 65,507 line feeds", std::string(65507, '\n')),
         datagram("Datagram without an empty line", "NOTIFY * HTTP/1.1\r\n" + foreign),
         datagram("Datagram with zero bytes", std::string(2, '\0') + foreign + "\r\n"),
-        datagram("Datagram without a colon", OK + "LOCATION http//10.77.1.2/x\r\n\r\n"),
+        datagram("Datagram without a colon", ok("LOCATION http//10.77.1.2/x\r\n\r\n")),
         locations("Location of 60 KB", {Attacker::url("/" + std::string(60 * KB, 'x'))}, QUICK),
         locations("Location that is relative", {"/d.xml", "d.xml", "../d.xml", "//10.77.1.2:8000/d.xml"}),
         locations("Location without a host", {"http:///d.xml", "http://", "http:", ":", "http://:80/"}),
@@ -480,7 +489,7 @@ std::vector<Attack> httpAttacks()
     const std::string body = root("");
     const std::string chunk = "\r\n" + body + "\r\n0\r\n\r\n";
     const auto withLength = [&body](const char* name, const std::string& length, int traits = 0) {
-        return http(name, sends(OK + "Content-Length: " + length + "\r\n\r\n" + body), traits);
+        return http(name, sends(ok("Content-Length: " + length + "\r\n\r\n" + body)), traits);
     };
     const auto withHeaders = [&body](const char* name, const std::string& headers, int traits = 0) {
         return http(name, sends(Attacker::reply(body, headers)), traits);
@@ -489,16 +498,16 @@ std::vector<Attack> httpAttacks()
         locations("HTTP refused", {"http://10.77.1.2:9/d.xml"}),
         http("HTTP silent", sendsFor(500, "", 100), QUICK),
         http("HTTP of 1 byte a second", sendsFor(4000, "H", 1000)),
-        http("HTTP reset in the head", resetsAfter(OK), QUICK),
-        http("HTTP reset in the body", resetsAfter(OK + "Content-Length: 1000\r\n\r\n" + body)),
+        http("HTTP reset in the head", resetsAfter(ok()), QUICK),
+        http("HTTP reset in the body", resetsAfter(ok("Content-Length: 1000\r\n\r\n" + body))),
         withLength("HTTP Content-Length too small", "10"),
         withLength("HTTP Content-Length too large", "100000"),
         withLength("HTTP Content-Length of 2^63 - 1", "9223372036854775807", QUICK),
         withLength("HTTP Content-Length of 2^64 and more", "99999999999999999999"),
         withLength("HTTP Content-Length negative", "-1"),
-        http("HTTP chunk length that is no number", sends(CHUNKED + "ZZZ" + chunk), QUICK),
-        http("HTTP chunk length negative", sends(CHUNKED + "-5" + chunk)),
-        http("HTTP chunk length of 2^63 - 1", sends(CHUNKED + "7fffffffffffffff" + chunk)),
+        http("HTTP chunk length that is no number", sends(chunked("ZZZ" + chunk)), QUICK),
+        http("HTTP chunk length negative", sends(chunked("-5" + chunk))),
+        http("HTTP chunk length of 2^63 - 1", sends(chunked("7fffffffffffffff" + chunk))),
         withHeaders("HTTP body in a coding that was not requested", "Content-Encoding: gzip\r\n"),
         withHeaders("HTTP with 101 headers", numbered("X-", ": v\r\n", 905), QUICK),
         withHeaders("HTTP with 1,500 cookies", numbered("Set-Cookie: c", "=v\r\n", 29 * KB), QUICK),
@@ -517,7 +526,7 @@ std::vector<Attack> documentAttacks()
     return {
         filledDocument("Document of 4 MB, deep", "<a>", QUICK),
         document("Document of 4 MB, deep and well-formed",
-                 [half] { return root(filled("<a>", half) + filled("</a>", half)); }),
+                 [] { return root(filled("<a>", half) + filled("</a>", half)); }),
         filledDocument("Document of 4 MB, wide", "<a/>", QUICK),
         document(
             "Document of 16 MB, wide", [] { return root(filled("<a/>", 16 * MB - KB)); },
@@ -551,7 +560,7 @@ std::vector<Attack> documentAttacks()
         document("Document of 4 MB, less-than signs", [] { return filled("<"); }),
         filledDocument("Document of 4 MB, end tags", "</a>"),
         document("Document of 4 MB in UTF-16 with byte order mark",
-                 [half] { return inUtf16(root(filled("<a/>", half))); }),
+                 [] { return inUtf16(root(filled("<a/>", half))); }),
         document("Document of 4 MB, zero bytes", [] { return std::string(DOCUMENT_SIZE, '\0'); }),
         document(
             "100,000 services", [] { return services("<service><SCPDURL>/s</SCPDURL></service>", 100000); }, MANY),
@@ -651,13 +660,13 @@ std::vector<Attack> endlessReplies()
         all.push_back(endlessReply("HTTP " + what + " without an end", head, bytes, 1, traits));
         all.push_back(endlessReply("HTTP " + what + " without an end, 20 times", head, bytes, 20, traits));
     };
-    add("head", OK, headers, prompt);
-    add("header line", OK + "X-Header: ", much, prompt);
+    add("head", ok(), headers, prompt);
+    add("header line", ok("X-Header: "), much, prompt);
     add("status line", "HTTP/1.1 200 ", much, prompt);
-    add("chunk length", CHUNKED, std::string(65536, '0'), prompt);
+    add("chunk length", chunked(), std::string(65536, '0'), prompt);
     add("of interim replies", "", interim, prompt);
-    add("trailers", CHUNKED + "0\r\n", headers, prompt);
-    add("body", OK + "\r\n", much, QUICK);
+    add("trailers", chunked("0\r\n"), headers, prompt);
+    add("body", ok("\r\n"), much, QUICK);
     return all;
 }
 

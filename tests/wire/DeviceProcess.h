@@ -46,8 +46,8 @@ private:
     void obey(const Body& body);
     int command(int number);
 
-    int commands[2];
-    int reports[2];
+    int commands[2] = {-1, -1};
+    int reports[2] = {-1, -1};
 };
 
 /// Runs @p test against @p body on the device side of a private network, where the devices have @p addresses

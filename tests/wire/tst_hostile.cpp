@@ -47,7 +47,7 @@ const int SHOWN = 10;
 // The process of the library, which starts the others.
 const pid_t HOST = getpid();
 
-const QHostAddress GOOD_ADDRESS("10.77.1.1");
+const char GOOD_ADDRESS[] = "10.77.1.1";
 const int TICK = 5;
 const int PATIENCE = 90 * 1000;
 
@@ -68,7 +68,7 @@ qint64 peakMemory(const Attack& attack)
 /// Whether bytes of the good device's connections wait in the kernel, on the side of this process.
 bool hasBytesWaiting(pid_t process)
 {
-    const quint32 number = qToBigEndian(GOOD_ADDRESS.toIPv4Address());
+    const quint32 number = qToBigEndian(QHostAddress(GOOD_ADDRESS).toIPv4Address());
     const QByteArray address = QByteArray::number(number, 16).rightJustified(8, '0').toUpper();
     QFile table("/proc/%1/net/tcp"_s.arg(process));
     if (!table.open(QIODevice::ReadOnly))
@@ -90,7 +90,7 @@ int runDevices(int number, const DeviceProcess& process)
 
     SsdpGroup group;
     DeviceOptions options;
-    options.address = GOOD_ADDRESS;
+    options.address = QHostAddress(GOOD_ADDRESS);
     options.functionCode = 7;
     options.univocalCode = 1;
     options.responseDelayMax = 0;
@@ -319,7 +319,7 @@ private:
         Measured measured;
         QElapsedTimer elapsed;
         connect(&ssdp, &SSDP::Ssdp::discovered, this, [&](int functionCode, int, const QHostAddress& address) {
-            if (functionCode == 7 && address == GOOD_ADDRESS && measured.foundAfter < 0)
+            if (functionCode == 7 && address == QHostAddress(GOOD_ADDRESS) && measured.foundAfter < 0)
                 measured.foundAfter = static_cast<int>(elapsed.elapsed());
         });
         QSocketNotifier reports(devices.descriptor(), QSocketNotifier::Read);

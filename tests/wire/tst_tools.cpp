@@ -37,9 +37,10 @@ private:
     /// Ends the program when its third discovery has begun.
     Run finishAfterTwoDiscoveries(const char* name)
     {
-        if (!running.at(name)->waitFor("Ssdp Server bound", QProcess::StandardError, 3))
-            qWarning("there was no third discovery");
+        const bool hasBegun = running.at(name)->waitFor("Ssdp Server bound", QProcess::StandardError, 3);
         running.at(name)->signal(SIGTERM);
+        if (!hasBegun)
+            QTest::qFail("there was no third discovery", __FILE__, __LINE__);
         return finish(name);
     }
 
