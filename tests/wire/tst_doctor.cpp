@@ -34,65 +34,65 @@ const char GONE[] = "description.refused|description.closed";
 const struct Expectation
 {
     Fault::Id fault;
-    const char* value; ///< Null for the standard one.
     bool isFound;
-    const char* findings; ///< All of them, one of several possibilities.
+    const char* findings; ///< As in "a+b"; several possibilities as in "a|b".
+    const char* value = nullptr; ///< Of the fault; null for the standard one.
 
     QString text() const { return Fault::text(fault, value); }
 } EXPECTATIONS[] = {
-    {Fault::AnnounceOnly, nullptr, true, "search.announces-only"},
-    {Fault::CrlfSearchOnly, nullptr, false, "search.crlf-only"},
-    {Fault::SlowAnswer, "4000", false, "search.late"},
-    {Fault::NoLocation, nullptr, false, "search.no-location"},
-    {Fault::LocationGarbage, nullptr, false, "search.location-no-url"},
-    {Fault::LocationGarbage, "file:///etc/passwd", false, "search.location-no-url"},
-    {Fault::LocationOtherHost, nullptr, false, "search.location-other-host"},
-    {Fault::DuplicateResponses, nullptr, true, "search.duplicates"},
-    {Fault::SilentHttp, nullptr, false, "description.silent"},
-    {Fault::SlowHttp, "200", false, "description.slow"},
-    {Fault::SlowHttp, "5000", true, ""},
-    {Fault::ResetMidBody, nullptr, false, "description.reset"},
-    {Fault::WrongLength, nullptr, false, "description.long"},
-    {Fault::WrongLength, "100", true, "description.short+scpd.short"},
-    {Fault::TruncatedXml, nullptr, false, "description.not-xml"},
-    {Fault::DeepXml, nullptr, false, "description.out-of-bounds"},
-    {Fault::HtmlInstead, nullptr, false, "description.not-xml"},
-    {Fault::Redirect, nullptr, false, "description.redirect"},
-    {Fault::Error500, nullptr, false, "description.status"},
-    {Fault::Namespace, nullptr, false, "description.namespace"},
-    {Fault::RootElement, nullptr, false, "description.no-root"},
-    {Fault::DescriptionPrefix, nullptr, false, "description.prefix"},
-    {Fault::NoService, nullptr, false, "service.none"},
-    {Fault::ServiceType, nullptr, false, "service.type-version"},
-    {Fault::ServiceType, "urn:schemas-velmora-it:service:KeyObjects:1", false, "service.type-case"},
-    {Fault::ServiceType, "urn:schemas-velmora-it:service:keyobjects:1 ", false, "service.type-space"},
-    {Fault::ServiceType, "urn:schemas-velmora-it:service:other:1", false, "service.no-key-object"},
-    {Fault::EmbeddedService, nullptr, false, "service.embedded"},
-    {Fault::ScpdUrl, nullptr, false, "service.scpd-url"},
-    {Fault::EventUrl, nullptr, true, "service.event-url"},
-    {Fault::NoVariable, nullptr, false, "scpd.no-variable"},
-    {Fault::RefuseSubscribe, nullptr, false, "subscription.status"},
-    {Fault::StandardSubscribeOnly, nullptr, false, "subscription.standard-only"},
-    {Fault::NeverAnswerSubscribe, nullptr, false, "subscription.silent"},
-    {Fault::NoSid, nullptr, true, "subscription.no-sid"},
-    {Fault::LateSid, nullptr, true, "subscription.late-sid"},
-    {Fault::NoEvent, nullptr, false, "event.none"},
-    {Fault::EventOneChunk, nullptr, false, "event.one-segment"},
-    {Fault::EventManyChunks, nullptr, true, ""},
-    {Fault::EventUnknownPath, nullptr, false, "event.unknown-path"},
-    {Fault::EventBadXml, nullptr, false, "event.not-xml"},
-    {Fault::EventNoLength, nullptr, true, "event.no-length"},
-    {Fault::EventLength, nullptr, false, "event.long-length"},
-    {Fault::EventLength, "-20", true, "event.short-length"},
-    {Fault::EventPrefix, nullptr, false, "event.prefix"},
-    {Fault::EventNoKo, nullptr, false, "event.no-ko"},
-    {Fault::KoMalformed, nullptr, false, "event.ko-malformed"},
-    {Fault::DieAfter, "search", false, GONE},
-    {Fault::DieAfter, "description", false, GONE},
-    {Fault::DieAfter, "scpd", false, GONE},
-    {Fault::DieAfter, "subscribe", false, GONE},
-    {Fault::DieAfter, "event-head", false, GONE},
-    {Fault::DieAfter, "event", true, GONE},
+    {Fault::AnnounceOnly, true, "search.announces-only"},
+    {Fault::CrlfSearchOnly, false, "search.crlf-only"},
+    {Fault::SlowAnswer, false, "search.late", "4000"},
+    {Fault::NoLocation, false, "search.no-location"},
+    {Fault::LocationGarbage, false, "search.location-no-url"},
+    {Fault::LocationGarbage, false, "search.location-no-url", "file:///etc/passwd"},
+    {Fault::LocationOtherHost, false, "search.location-other-host"},
+    {Fault::DuplicateResponses, true, "search.duplicates"},
+    {Fault::SilentHttp, false, "description.silent"},
+    {Fault::SlowHttp, false, "description.slow", "200"},
+    {Fault::SlowHttp, true, "", "5000"},
+    {Fault::ResetMidBody, false, "description.reset"},
+    {Fault::WrongLength, false, "description.long"},
+    {Fault::WrongLength, true, "description.short+scpd.short", "100"},
+    {Fault::TruncatedXml, false, "description.not-xml"},
+    {Fault::DeepXml, false, "description.out-of-bounds"},
+    {Fault::HtmlInstead, false, "description.not-xml"},
+    {Fault::Redirect, false, "description.redirect"},
+    {Fault::Error500, false, "description.status"},
+    {Fault::Namespace, false, "description.namespace"},
+    {Fault::RootElement, false, "description.no-root"},
+    {Fault::DescriptionPrefix, false, "description.prefix"},
+    {Fault::NoService, false, "service.none"},
+    {Fault::ServiceType, false, "service.type-version"},
+    {Fault::ServiceType, false, "service.type-case", "urn:schemas-velmora-it:service:KeyObjects:1"},
+    {Fault::ServiceType, false, "service.type-space", "urn:schemas-velmora-it:service:keyobjects:1 "},
+    {Fault::ServiceType, false, "service.no-key-object", "urn:schemas-velmora-it:service:other:1"},
+    {Fault::EmbeddedService, false, "service.embedded"},
+    {Fault::ScpdUrl, false, "service.scpd-url"},
+    {Fault::EventUrl, true, "service.event-url"},
+    {Fault::NoVariable, false, "scpd.no-variable"},
+    {Fault::RefuseSubscribe, false, "subscription.status"},
+    {Fault::StandardSubscribeOnly, false, "subscription.standard-only"},
+    {Fault::NeverAnswerSubscribe, false, "subscription.silent"},
+    {Fault::NoSid, true, "subscription.no-sid"},
+    {Fault::LateSid, true, "subscription.late-sid"},
+    {Fault::NoEvent, false, "event.none"},
+    {Fault::EventOneChunk, false, "event.one-segment"},
+    {Fault::EventManyChunks, true, ""},
+    {Fault::EventUnknownPath, false, "event.unknown-path"},
+    {Fault::EventBadXml, false, "event.not-xml"},
+    {Fault::EventNoLength, true, "event.no-length"},
+    {Fault::EventLength, false, "event.long-length"},
+    {Fault::EventLength, true, "event.short-length", "-20"},
+    {Fault::EventPrefix, false, "event.prefix"},
+    {Fault::EventNoKo, false, "event.no-ko"},
+    {Fault::KoMalformed, false, "event.ko-malformed"},
+    {Fault::DieAfter, false, GONE, "search"},
+    {Fault::DieAfter, false, GONE, "description"},
+    {Fault::DieAfter, false, GONE, "scpd"},
+    {Fault::DieAfter, false, GONE, "subscribe"},
+    {Fault::DieAfter, false, GONE, "event-head"},
+    {Fault::DieAfter, true, GONE, "event"},
 };
 
 QString address(int number)
@@ -105,7 +105,7 @@ QString findingsOf(const QJsonObject& object)
 {
     QStringList result;
     const QJsonArray findings = object.value("findings").toArray();
-    for (const QJsonValue& finding : findings)
+    for (const auto& finding : findings)
         result << finding.toObject().value("id").toString();
     return result.join("+");
 }
@@ -282,8 +282,9 @@ private Q_SLOTS:
         const Answer answer(finish("pairs, examined"));
         QVERIFY2(!answer.found.isEmpty(), qPrintable(pairs.join(" ")));
         const QSet<QString> found = discovered(finish("pairs, searched"));
-        const QStringList different = QSet<QString>((answer.found - found) + (found - answer.found)).values();
-        QVERIFY2(different.isEmpty(), qPrintable(different.join(" ") + " of " + pairs.join(" ")));
+        const QSet<QString> different = (answer.found - found) + (found - answer.found);
+        const QString addresses = QStringList(different.values()).join(" ");
+        QVERIFY2(different.isEmpty(), qPrintable(addresses + " of " + pairs.join(" ")));
         for (auto it = answer.devices.cbegin(); it != answer.devices.cend(); ++it) {
             if (!found.contains(it.key()))
                 QVERIFY2(!it->isEmpty() && !it->contains("+"), qPrintable(it.key()));
@@ -321,7 +322,7 @@ private Q_SLOTS:
                 QCOMPARE(answer.found.size(), devices);
                 QCOMPARE(answer.devices.size(), devices);
                 QCOMPARE(answer.host, "");
-                const QString findings = answer.devices.values().join("");
+                const QString findings = QStringList(answer.devices.values()).join("");
                 QVERIFY2(findings.isEmpty(), qPrintable(lab.first + findings));
             }
         }
@@ -413,7 +414,8 @@ private Q_SLOTS:
               "<- 10.77.1.1:1900\n    HTTP/1.1 200 OK\\r\\n", "    GET /description.xml HTTP/1.1\\r\\n",
               "    HOST: 10.77.1.1:\\x00\\n", "<KO>1,1</KO>"})
             QVERIFY2(trace.contains(text), text);
-        QVERIFY(!trace.contains(QRegularExpression("[^\n -~]")));
+        static const QRegularExpression unprintable("[^\n -~]");
+        QVERIFY(!trace.contains(unprintable));
     }
 };
 
