@@ -40,6 +40,79 @@ const int SLOW_INTERVAL = 100;
 const char* const STAGE_NAMES[SimulatedDevice::STAGES] = {"search",    "description", "scpd",
                                                           "subscribe", "event-head",  "event"};
 
+// In the order of the enumeration.
+constexpr std::array<Fault, Fault::Count> FAULTS = {{
+    {Fault::IgnoreSearch, "ignore-search", nullptr, nullptr,
+     "answers no search; only its announcements tell of it"},
+    {Fault::DuplicateResponses, "duplicate-responses", "TIMES", "3", "answers each search that many times"},
+    {Fault::AnnounceOnly, "announce-only", "MS", "1000",
+     "answers no search, and announces itself again after that time"},
+    {Fault::CrlfSearchOnly, "crlf-search-only", nullptr, nullptr,
+     "answers no search whose lines end with line feeds alone"},
+    {Fault::UnicastSearchOnly, "unicast-search-only", nullptr, nullptr,
+     "answers no search but one that is sent to its own address"},
+    {Fault::SlowAnswer, "slow-answer", "MS", "4000", "answers a search after that time, whatever its MX"},
+    {Fault::NoLocation, "no-location", nullptr, nullptr, "answers searches without a location"},
+    {Fault::LocationGarbage, "location-garbage", "TEXT", "no location", "names that text as its location"},
+    {Fault::LocationOtherHost, "location-other-host", "HOST", "192.0.2.1", "names that host in its location"},
+    {Fault::SilentHttp, "silent-http", nullptr, nullptr, "takes HTTP connections and never answers"},
+    {Fault::SlowHttp, "slow-http", "BYTES", "500", "sends that many bytes of a document per second"},
+    {Fault::ResetMidBody, "reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
+    {Fault::WrongLength, "wrong-length", "DIFFERENCE", "-20",
+     "adds that to the length of a document, and then closes"},
+    {Fault::TruncatedXml, "truncated-xml", nullptr, nullptr,
+     "sends the first half of a document as if it were whole"},
+    {Fault::DeepXml, "deep-xml", "LEVELS", "20000", "sends elements nested that deeply for a document"},
+    {Fault::HtmlInstead, "html-instead", nullptr, nullptr, "sends a web page for a document"},
+    {Fault::Redirect, "redirect", "PATH", "/moved.xml", "redirects from a document to that path"},
+    {Fault::Error500, "error-500", nullptr, nullptr, "answers with an internal error for a document"},
+    {Fault::Namespace, "namespace", "TEXT", "urn:example-org:other", "declares that namespace in its documents"},
+    {Fault::RootElement, "root-element", "NAME", "document", "gives that name to the root of its documents"},
+    {Fault::DescriptionPrefix, "description-prefix", "PREFIX", "d",
+     "writes the elements of its documents with that prefix"},
+    {Fault::NoService, "no-service", nullptr, nullptr, "lists no service"},
+    {Fault::ServiceType, "service-type", "TYPE", "urn:schemas-velmora-it:service:keyobjects:2",
+     "gives that type to its key-object service"},
+    {Fault::EmbeddedService, "embedded-service", nullptr, nullptr,
+     "lists its services in an embedded device only"},
+    {Fault::ScpdUrl, "scpd-url", "URL", "http://10.77.1.1:49152/service1.xml",
+     "gives that SCPDURL to its services"},
+    {Fault::EventUrl, "event-url", "URL", "http://10.77.1.1:49152/event",
+     "gives that eventSubURL to its services"},
+    {Fault::NoVariable, "no-variable", nullptr, nullptr, "lists no state variable"},
+    {Fault::RefuseSubscribe, "refuse-subscribe", nullptr, nullptr, "refuses subscriptions with 412"},
+    {Fault::StandardSubscribeOnly, "standard-subscribe-only", nullptr, nullptr,
+     "refuses subscriptions with line feeds alone, or without a decimal port, with 400"},
+    {Fault::NeverAnswerSubscribe, "never-answer-subscribe", nullptr, nullptr,
+     "takes subscriptions without an answer or an event"},
+    {Fault::NoSid, "no-sid", nullptr, nullptr, "accepts subscriptions without giving a SID"},
+    {Fault::LateSid, "late-sid", "MS", "50", "gives the SID that long after the status line"},
+    {Fault::NoEvent, "no-event", nullptr, nullptr, "accepts subscriptions and sends no event"},
+    {Fault::EventOneChunk, "event-one-chunk", nullptr, nullptr, "sends head and body of an event in one write"},
+    {Fault::EventManyChunks, "event-many-chunks", "PIECES", "10",
+     "sends the body of an event in about that many writes"},
+    {Fault::EventUnknownPath, "event-unknown-path", nullptr, nullptr,
+     "sends events to a path that nobody gave it"},
+    {Fault::EventBadXml, "event-bad-xml", nullptr, nullptr, "sends events whose body is no XML"},
+    {Fault::EventNoLength, "event-no-length", nullptr, nullptr, "sends events without a length"},
+    {Fault::EventLength, "event-length", "DIFFERENCE", "20", "adds that to the length of an event"},
+    {Fault::EventPrefix, "event-prefix", "PREFIX", "ev", "writes events with that prefix instead of e"},
+    {Fault::EventNoKo, "event-no-ko", nullptr, nullptr, "sends events without KO"},
+    {Fault::KoMalformed, "ko-malformed", "TEXT", "12", "sends that text as KO"},
+    {Fault::DieAfter, "die-after", "STAGE", "description",
+     "closes down after search, description, scpd, subscribe, event-head or event"},
+}};
+
+constexpr bool hasARowForEachFault()
+{
+    for (size_t i = 0; i < FAULTS.size(); ++i) {
+        if (FAULTS[i].id != static_cast<Fault::Id>(i) || !FAULTS[i].name || !FAULTS[i].explanation)
+            return false;
+    }
+    return true;
+}
+static_assert(hasARowForEachFault(), "the table of the faults has a row for each, in their order");
+
 const char DESCRIPTION[] = R"(<?xml version="1.0"?>
 <root xmlns="urn:schemas-upnp-org:device-1-0">
   <specVersion><major>1</major><minor>1</minor></specVersion>
@@ -129,91 +202,53 @@ QList<QByteArray> cut(const QByteArray& text, qsizetype length)
 
 } // namespace
 
+QString Fault::text(Id id, const char* value)
+{
+    const QString name = QLatin1String(FAULTS[id].name);
+    return value ? name + QLatin1Char('=') + QLatin1String(value) : name;
+}
+
+QString DeviceOptions::addFault(Fault::Id id, const QString& given)
+{
+    const Fault& fault = FAULTS[id];
+    const QString name = QLatin1String(fault.name);
+    if (!fault.value && !given.isNull())
+        return QStringLiteral("fault '%1' takes no value").arg(name);
+    const QString value = given.isEmpty() ? QString::fromLatin1(fault.standard) : given;
+
+    bool isNumber = false;
+    QByteArray(fault.standard).toInt(&isNumber);
+    // The text of KO may be anything.
+    isNumber = isNumber && QLatin1String(fault.value) != QLatin1String("TEXT");
+    bool isRight = true;
+    if (isNumber) {
+        const int number = value.toInt(&isRight);
+        const bool isDifference = QLatin1String(fault.value) == QLatin1String("DIFFERENCE");
+        isRight = isRight && (number > 0 || isDifference);
+    } else if (id == Fault::DieAfter) {
+        isRight =
+            std::find(std::begin(STAGE_NAMES), std::end(STAGE_NAMES), value.toLatin1()) != std::end(STAGE_NAMES);
+    }
+    if (!isRight)
+        return QStringLiteral("'%1' is no value for fault '%2'").arg(value, name);
+    faults.insert(id, value);
+    return QString();
+}
+
 QString DeviceOptions::addFault(const QString& text)
 {
     const qsizetype equals = text.indexOf(QLatin1Char('='));
     const QString name = text.left(equals);
-    QString value = equals == -1 ? QString() : text.mid(equals + 1);
-    for (const Fault& fault : SimulatedDevice::faults()) {
-        if (name != QLatin1String(fault.name))
-            continue;
-        if (!fault.value && !value.isNull())
-            return QStringLiteral("fault '%1' takes no value").arg(name);
-        if (value.isEmpty())
-            value = QString::fromLatin1(fault.standard);
-
-        bool isNumber = false;
-        QByteArray(fault.standard).toInt(&isNumber);
-        // The text of KO may be anything.
-        isNumber = isNumber && QLatin1String(fault.value) != QLatin1String("TEXT");
-        bool isRight = true;
-        if (isNumber) {
-            const int number = value.toInt(&isRight);
-            const bool isDifference = QLatin1String(fault.value) == QLatin1String("DIFFERENCE");
-            isRight = isRight && (number > 0 || isDifference);
-        } else if (name == QLatin1String("die-after")) {
-            isRight = std::find(std::begin(STAGE_NAMES), std::end(STAGE_NAMES), value.toLatin1())
-                != std::end(STAGE_NAMES);
-        }
-        if (!isRight)
-            return QStringLiteral("'%1' is no value for fault '%2'").arg(value, name);
-        faults.insert(name, value);
-        return QString();
+    for (const Fault& fault : FAULTS) {
+        if (name == QLatin1String(fault.name))
+            return addFault(fault.id, equals == -1 ? QString() : text.mid(equals + 1));
     }
     return QStringLiteral("there is no fault '%1'").arg(name);
 }
 
-const QList<Fault>& SimulatedDevice::faults()
+const std::array<Fault, Fault::Count>& SimulatedDevice::faults()
 {
-    static const QList<Fault> list = {
-        {"ignore-search", nullptr, nullptr, "answers no search; only its announcements tell of it"},
-        {"duplicate-responses", "TIMES", "3", "answers each search that many times"},
-        {"announce-only", "MS", "1000", "answers no search, and announces itself again after that time"},
-        {"crlf-search-only", nullptr, nullptr, "answers no search whose lines end with line feeds alone"},
-        {"unicast-search-only", nullptr, nullptr, "answers no search but one that is sent to its own address"},
-        {"slow-answer", "MS", "4000", "answers a search after that time, whatever its MX"},
-        {"no-location", nullptr, nullptr, "answers searches without a location"},
-        {"location-garbage", "TEXT", "no location", "names that text as its location"},
-        {"location-other-host", "HOST", "192.0.2.1", "names that host in its location"},
-        {"silent-http", nullptr, nullptr, "takes HTTP connections and never answers"},
-        {"slow-http", "BYTES", "500", "sends that many bytes of a document per second"},
-        {"reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
-        {"wrong-length", "DIFFERENCE", "-20", "adds that to the length of a document, and then closes"},
-        {"truncated-xml", nullptr, nullptr, "sends the first half of a document as if it were whole"},
-        {"deep-xml", "LEVELS", "20000", "sends elements nested that deeply for a document"},
-        {"html-instead", nullptr, nullptr, "sends a web page for a document"},
-        {"redirect", "PATH", "/moved.xml", "redirects from a document to that path"},
-        {"error-500", nullptr, nullptr, "answers with an internal error for a document"},
-        {"namespace", "TEXT", "urn:example-org:other", "declares that namespace in its documents"},
-        {"root-element", "NAME", "document", "gives that name to the root of its documents"},
-        {"description-prefix", "PREFIX", "d", "writes the elements of its documents with that prefix"},
-        {"no-service", nullptr, nullptr, "lists no service"},
-        {"service-type", "TYPE", "urn:schemas-velmora-it:service:keyobjects:2",
-         "gives that type to its key-object service"},
-        {"embedded-service", nullptr, nullptr, "lists its services in an embedded device only"},
-        {"scpd-url", "URL", "http://10.77.1.1:49152/service1.xml", "gives that SCPDURL to its services"},
-        {"event-url", "URL", "http://10.77.1.1:49152/event", "gives that eventSubURL to its services"},
-        {"no-variable", nullptr, nullptr, "lists no state variable"},
-        {"refuse-subscribe", nullptr, nullptr, "refuses subscriptions with 412"},
-        {"standard-subscribe-only", nullptr, nullptr,
-         "refuses subscriptions with line feeds alone, or without a decimal port, with 400"},
-        {"never-answer-subscribe", nullptr, nullptr, "takes subscriptions without an answer or an event"},
-        {"no-sid", nullptr, nullptr, "accepts subscriptions without giving a SID"},
-        {"late-sid", "MS", "50", "gives the SID that long after the status line"},
-        {"no-event", nullptr, nullptr, "accepts subscriptions and sends no event"},
-        {"event-one-chunk", nullptr, nullptr, "sends head and body of an event in one write"},
-        {"event-many-chunks", "PIECES", "10", "sends the body of an event in about that many writes"},
-        {"event-unknown-path", nullptr, nullptr, "sends events to a path that nobody gave it"},
-        {"event-bad-xml", nullptr, nullptr, "sends events whose body is no XML"},
-        {"event-no-length", nullptr, nullptr, "sends events without a length"},
-        {"event-length", "DIFFERENCE", "20", "adds that to the length of an event"},
-        {"event-prefix", "PREFIX", "ev", "writes events with that prefix instead of e"},
-        {"event-no-ko", nullptr, nullptr, "sends events without KO"},
-        {"ko-malformed", "TEXT", "12", "sends that text as KO"},
-        {"die-after", "STAGE", "description",
-         "closes down after search, description, scpd, subscribe, event-head or event"},
-    };
-    return list;
+    return FAULTS;
 }
 
 QString SimulatedDevice::stageName(Stage stage)
@@ -268,8 +303,8 @@ bool SimulatedDevice::start()
         return false;
     alive = true;
     announce();
-    if (has("announce-only"))
-        settings.announceEvery = valueOf("announce-only").toInt();
+    if (has(Fault::AnnounceOnly))
+        settings.announceEvery = valueOf(Fault::AnnounceOnly).toInt();
     if (settings.announceEvery > 0)
         announceTimer.start(settings.announceEvery);
     if (settings.eventEvery > 0)
@@ -330,21 +365,29 @@ int SimulatedDevice::count(Stage stage) const
     return counts[stage];
 }
 
-bool SimulatedDevice::has(const char* fault) const
+bool SimulatedDevice::hasShown(Fault::Id fault) const
 {
-    return settings.faults.contains(QLatin1String(fault));
+    return shown.test(fault);
 }
 
-QString SimulatedDevice::valueOf(const char* fault) const
+bool SimulatedDevice::has(Fault::Id fault) const
 {
-    return settings.faults.value(QLatin1String(fault));
+    const bool result = settings.faults.contains(fault);
+    if (result)
+        shown.set(fault);
+    return result;
+}
+
+QString SimulatedDevice::valueOf(Fault::Id fault) const
+{
+    return has(fault) ? settings.faults.value(fault) : QString();
 }
 
 void SimulatedDevice::reach(Stage stage)
 {
     ++counts[stage];
     Q_EMIT reached(stage);
-    if (has("die-after") && valueOf("die-after") == stageName(stage))
+    if (has(Fault::DieAfter) && valueOf(Fault::DieAfter) == stageName(stage))
         die();
 }
 
@@ -380,13 +423,13 @@ QByteArray SimulatedDevice::uniqueServiceName(const QByteArray& type) const
 
 void SimulatedDevice::onSearched(const Search& search)
 {
-    const bool isDeaf = has("ignore-search") || has("announce-only");
+    const bool isDeaf = has(Fault::IgnoreSearch) || has(Fault::AnnounceOnly);
     if (!alive || isDeaf || search.interface != group->interfaceOf(settings.address))
         return;
     const bool isForGroup = search.destination == SsdpGroup::ADDRESS;
-    if (isForGroup ? has("unicast-search-only") : search.destination != settings.address)
+    if (isForGroup ? has(Fault::UnicastSearchOnly) : search.destination != settings.address)
         return;
-    if (has("crlf-search-only") && !search.text.contains("\r\n"))
+    if (has(Fault::CrlfSearchOnly) && !search.text.contains("\r\n"))
         return;
     const QList<QByteArray> types = notificationTypes();
     const bool all = search.target == "ssdp:all";
@@ -396,8 +439,8 @@ void SimulatedDevice::onSearched(const Search& search)
     Q_EMIT message(false, addressText(search.address, search.port), search.text);
     int last = settings.responseDelayMax < 0 ? search.mx * 1000 : settings.responseDelayMax;
     int first = qMin(settings.responseDelayMin, last);
-    if (has("slow-answer"))
-        first = last = valueOf("slow-answer").toInt();
+    if (has(Fault::SlowAnswer))
+        first = last = valueOf(Fault::SlowAnswer).toInt();
     for (const QByteArray& type : types) {
         if (all || type == search.target) {
             QTimer::singleShot(random.bounded(first, last + 1), Qt::PreciseTimer, this,
@@ -410,19 +453,19 @@ void SimulatedDevice::answerSearch(const Search& search, const QByteArray& type)
 {
     if (!alive)
         return;
-    QString place = has("location-garbage") ? valueOf("location-garbage") : location();
-    if (has("location-other-host"))
-        place.replace(settings.address.toString(), valueOf("location-other-host"));
+    QString place = has(Fault::LocationGarbage) ? valueOf(Fault::LocationGarbage) : location();
+    if (has(Fault::LocationOtherHost))
+        place.replace(settings.address.toString(), valueOf(Fault::LocationOtherHost));
     QList<QByteArray> lines = {"HTTP/1.1 200 OK",
                                "CACHE-CONTROL: max-age=" + QByteArray::number(MAX_AGE),
                                "EXT:",
                                QByteArray("SERVER: ") + SERVER,
                                "ST: " + type,
                                "USN: " + uniqueServiceName(type)};
-    if (!has("no-location"))
+    if (!has(Fault::NoLocation))
         lines.insert(3, "LOCATION: " + place.toLatin1());
     const QByteArray text = headOf(lines);
-    const int times = has("duplicate-responses") ? valueOf("duplicate-responses").toInt() : 1;
+    const int times = has(Fault::DuplicateResponses) ? valueOf(Fault::DuplicateResponses).toInt() : 1;
     for (int i = 0; i < times; ++i) {
         group->send(settings.address, search.address, search.port, text);
         Q_EMIT message(true, addressText(search.address, search.port), text);
@@ -509,7 +552,7 @@ void SimulatedDevice::answerRequest(QTcpSocket* socket, const QByteArray& head)
         answerSubscribe(socket, head);
     else if (method == "UNSUBSCRIBE")
         answerUnsubscribe(socket, head);
-    else if (method == "GET" && !has("silent-http"))
+    else if (method == "GET" && !has(Fault::SilentHttp))
         answerGet(socket, head, path);
     else if (method != "GET")
         respond(socket, head, {"501 Not Implemented", {}, QByteArray(), 0});
@@ -532,29 +575,29 @@ void SimulatedDevice::answerGet(QTcpSocket* socket, const QByteArray& head, cons
     const QList<QByteArray> html = {"CONTENT-TYPE: text/html"};
     if (response.body.isEmpty()) {
         response = {"404 Not Found", html, htmlPage("Not found"), 0};
-    } else if (has("redirect")) {
+    } else if (has(Fault::Redirect)) {
         response = {"302 Found", html, htmlPage("Moved"), 0};
-        response.headers << "LOCATION: " + valueOf("redirect").toLatin1();
-    } else if (has("error-500")) {
+        response.headers << "LOCATION: " + valueOf(Fault::Redirect).toLatin1();
+    } else if (has(Fault::Error500)) {
         response = {"500 Internal Server Error", html, htmlPage("Internal error"), 0};
-    } else if (has("html-instead")) {
+    } else if (has(Fault::HtmlInstead)) {
         response = {"200 OK", html, htmlPage("Welcome"), 0};
-    } else if (has("deep-xml")) {
-        response.body = nested(valueOf("deep-xml").toInt());
-    } else if (has("truncated-xml")) {
+    } else if (has(Fault::DeepXml)) {
+        response.body = nested(valueOf(Fault::DeepXml).toInt());
+    } else if (has(Fault::TruncatedXml)) {
         response.body.truncate(response.body.size() / 2);
     }
     response.announced = response.body.size();
 
     std::function<void()> finished = [this, stage] { reach(stage); };
-    if (has("wrong-length")) {
-        const int difference = valueOf("wrong-length").toInt();
+    if (has(Fault::WrongLength)) {
+        const int difference = valueOf(Fault::WrongLength).toInt();
         response.announced += difference;
         finished = [this, socket, stage] {
             socket->disconnectFromHost();
             reach(stage);
         };
-    } else if (has("reset-mid-body")) {
+    } else if (has(Fault::ResetMidBody)) {
         response.body.truncate(response.body.size() / 2);
         finished = [this, socket, stage] {
             reset(socket);
@@ -578,8 +621,8 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
 
     QList<QByteArray> chunks;
     int gap = 0;
-    if (has("slow-http") && !response.body.isEmpty()) {
-        chunks << text << cut(response.body, qMax(1, valueOf("slow-http").toInt() * SLOW_INTERVAL / 1000));
+    if (has(Fault::SlowHttp) && !response.body.isEmpty()) {
+        chunks << text << cut(response.body, qMax(1, valueOf(Fault::SlowHttp).toInt() * SLOW_INTERVAL / 1000));
         gap = SLOW_INTERVAL;
     } else {
         chunks << text + response.body;
@@ -598,15 +641,15 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
 /// Does to @p document, whose root is @p root in @p xmlns, what the faults of a document say.
 QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const
 {
-    if (has("namespace"))
-        document.replace(xmlns, valueOf("namespace").toUtf8());
-    if (has("root-element")) {
-        const QByteArray name = valueOf("root-element").toUtf8();
+    if (has(Fault::Namespace))
+        document.replace(xmlns, valueOf(Fault::Namespace).toUtf8());
+    if (has(Fault::RootElement)) {
+        const QByteArray name = valueOf(Fault::RootElement).toUtf8();
         document.replace('<' + root + ' ', '<' + name + ' ');
         document.replace("</" + root + '>', "</" + name + '>');
     }
-    if (has("description-prefix")) {
-        const QByteArray prefix = valueOf("description-prefix").toUtf8();
+    if (has(Fault::DescriptionPrefix)) {
+        const QByteArray prefix = valueOf(Fault::DescriptionPrefix).toUtf8();
         document.replace("</", "</" + prefix + ':');
         document.replace("xmlns=", "xmlns:" + prefix + '=');
         for (qsizetype i = document.indexOf('<'); i != -1; i = document.indexOf('<', i + 1)) {
@@ -620,16 +663,16 @@ QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, 
 QByteArray SimulatedDevice::description() const
 {
     const QByteArray keyObjectService =
-        has("service-type") ? valueOf("service-type").toUtf8() : QByteArray(KEY_OBJECT_SERVICE);
+        has(Fault::ServiceType) ? valueOf(Fault::ServiceType).toUtf8() : QByteArray(KEY_OBJECT_SERVICE);
     QByteArray list;
-    for (int i = 1; i <= settings.services && !has("no-service"); ++i) {
+    for (int i = 1; i <= settings.services && !has(Fault::NoService); ++i) {
         QByteArray service =
             filled(SERVICE,
                    {{"%type", i == settings.services ? keyObjectService : OTHER_SERVICE},
-                    {"%scpd", has("scpd-url") ? valueOf("scpd-url").toUtf8() : servicePath(i).toLatin1()},
+                    {"%scpd", has(Fault::ScpdUrl) ? valueOf(Fault::ScpdUrl).toUtf8() : servicePath(i).toLatin1()},
                     {"%number", QByteArray::number(i)}});
-        if (has("event-url"))
-            service.replace("/service" + QByteArray::number(i) + "/event", valueOf("event-url").toUtf8());
+        if (has(Fault::EventUrl))
+            service.replace("/service" + QByteArray::number(i) + "/event", valueOf(Fault::EventUrl).toUtf8());
         list += service;
     }
     QByteArray text = filled(DESCRIPTION,
@@ -637,7 +680,7 @@ QByteArray SimulatedDevice::description() const
                               {"%code", QByteArray::number(settings.univocalCode)},
                               {"%uuid", uuid},
                               {"%services", list}});
-    if (has("embedded-service")) {
+    if (has(Fault::EmbeddedService)) {
         text.replace("    <serviceList>", "    <deviceList><device>\n    <serviceList>");
         text.replace("</serviceList>\n", "</serviceList>\n    </device></deviceList>\n");
     }
@@ -650,7 +693,7 @@ QByteArray SimulatedDevice::serviceDescription(int number) const
     const QStringList names = isKeyObject ? settings.variables : QStringList(QStringLiteral("Status"));
     QByteArray table;
     for (const QString& name : names) {
-        if (!has("no-variable"))
+        if (!has(Fault::NoVariable))
             table += filled(STATE_VARIABLE, {{"%name", name.toUtf8()}});
     }
     return spoilt(filled(SERVICE_DESCRIPTION, {{"%variables", table}}), "scpd",
@@ -661,20 +704,20 @@ QByteArray SimulatedDevice::serviceDescription(int number) const
 
 void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head)
 {
-    if (has("never-answer-subscribe"))
+    if (has(Fault::NeverAnswerSubscribe))
         return;
     const int seconds = subscriptionSeconds(headerOf(head, "TIMEOUT"));
     QByteArray sid = headerOf(head, "SID");
     const bool isNew = sid.isEmpty();
     QByteArray callback = headerOf(head, "CALLBACK");
     callback = callback.mid(callback.indexOf('<') + 1, callback.indexOf('>') - callback.indexOf('<') - 1);
-    if (has("refuse-subscribe") || (isNew ? !callback.startsWith("http://") : !subscribers.contains(sid))
+    if (has(Fault::RefuseSubscribe) || (isNew ? !callback.startsWith("http://") : !subscribers.contains(sid))
         || subscribers.size() >= MOST_SUBSCRIBERS) {
         respond(socket, head, {"412 Precondition Failed", {}, QByteArray(), 0});
         return;
     }
     const QByteArray standardHost = addressText(settings.address, settings.port).toLatin1();
-    if (has("standard-subscribe-only") && (!head.contains("\r\n") || headerOf(head, "HOST") != standardHost)) {
+    if (has(Fault::StandardSubscribeOnly) && (!head.contains("\r\n") || headerOf(head, "HOST") != standardHost)) {
         respond(socket, head, {"400 Bad Request", {}, QByteArray(), 0});
         return;
     }
@@ -688,16 +731,16 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
 
     const auto accepted = [this, sid, isNew] {
         reach(Subscribed);
-        if (isNew && alive && !has("no-event"))
+        if (isNew && alive && !has(Fault::NoEvent))
             sendEvent(sid);
     };
     QList<QByteArray> headers = {"TIMEOUT: Second-" + QByteArray::number(seconds)};
-    if (!has("no-sid"))
+    if (!has(Fault::NoSid))
         headers.prepend("SID: " + sid);
-    if (has("late-sid")) {
+    if (has(Fault::LateSid)) {
         headers << "CONTENT-LENGTH: 0";
         // The control point may close after the first part, and is subscribed all the same.
-        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf("late-sid").toInt(), [] {});
+        writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf(Fault::LateSid).toInt(), [] {});
         accepted();
     } else {
         respond(socket, head, {"200 OK", headers, QByteArray(), 0}, accepted);
@@ -785,21 +828,22 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
 QList<QByteArray> SimulatedDevice::eventChunks(const QByteArray& sid, const QByteArray& host,
                                                QByteArray path) const
 {
-    const QByteArray prefix = has("event-prefix") ? valueOf("event-prefix").toUtf8() : "e";
+    const QByteArray prefix = has(Fault::EventPrefix) ? valueOf(Fault::EventPrefix).toUtf8() : "e";
     const QByteArray property = prefix + ":property";
     QByteArray body = '<' + property + "set xmlns:" + prefix + "=\"urn:schemas-upnp-org:event-1-0\">\n";
     for (const QString& name : settings.variables) {
         const bool isKeyObject = name == QLatin1String("KO");
-        if (isKeyObject && has("event-no-ko"))
+        if (isKeyObject && has(Fault::EventNoKo))
             continue;
-        const QString value = isKeyObject && has("ko-malformed") ? valueOf("ko-malformed") : values.value(name);
+        const QString value =
+            isKeyObject && has(Fault::KoMalformed) ? valueOf(Fault::KoMalformed) : values.value(name);
         const QByteArray tag = name.toUtf8();
         body += '<' + property + "><" + tag + '>' + value.toHtmlEscaped().toUtf8() + "</" + tag + "></" + property
             + ">\n";
     }
-    body += has("event-bad-xml") ? '<' + property + '>' : "</" + property + "set>\n";
+    body += has(Fault::EventBadXml) ? '<' + property + '>' : "</" + property + "set>\n";
     const QByteArray tail = settings.eventTail ? "\r\n" : "";
-    if (has("event-unknown-path"))
+    if (has(Fault::EventUnknownPath))
         path = "/" + uuid;
 
     QList<QByteArray> lines = {"NOTIFY " + path + " HTTP/1.1",
@@ -809,16 +853,16 @@ QList<QByteArray> SimulatedDevice::eventChunks(const QByteArray& sid, const QByt
                                "NTS: upnp:propchange",
                                "SID: " + sid,
                                "SEQ: " + QByteArray::number(subscribers.value(sid).events)};
-    if (!has("event-no-length"))
+    if (!has(Fault::EventNoLength))
         lines << "CONTENT-LENGTH: "
-                + QByteArray::number(body.size() + tail.size() + valueOf("event-length").toInt());
+                + QByteArray::number(body.size() + tail.size() + valueOf(Fault::EventLength).toInt());
     const QByteArray head = headOf(lines);
 
-    if (has("event-one-chunk") || settings.eventGap == 0)
+    if (has(Fault::EventOneChunk) || settings.eventGap == 0)
         return {head + body + tail};
     QList<QByteArray> chunks = {head};
-    if (has("event-many-chunks"))
-        chunks += cut(body, qMax<qsizetype>(1, body.size() / valueOf("event-many-chunks").toInt()));
+    if (has(Fault::EventManyChunks))
+        chunks += cut(body, qMax<qsizetype>(1, body.size() / valueOf(Fault::EventManyChunks).toInt()));
     else
         chunks += body;
     if (!tail.isEmpty())

@@ -16,12 +16,75 @@
 #include <QtNetwork/QHostAddress>
 #include <QtNetwork/QTcpServer>
 
+#include <array>
+#include <bitset>
 #include <functional>
 
 class QTcpSocket;
 
 namespace Velmora {
 namespace Simulator {
+
+/// A thing that a simulated device can do wrong.
+struct Fault
+{
+    /// In the order in which a control point meets them.
+    enum Id {
+        IgnoreSearch,
+        DuplicateResponses,
+        AnnounceOnly,
+        CrlfSearchOnly,
+        UnicastSearchOnly,
+        SlowAnswer,
+        NoLocation,
+        LocationGarbage,
+        LocationOtherHost,
+        SilentHttp,
+        SlowHttp,
+        ResetMidBody,
+        WrongLength,
+        TruncatedXml,
+        DeepXml,
+        HtmlInstead,
+        Redirect,
+        Error500,
+        Namespace,
+        RootElement,
+        DescriptionPrefix,
+        NoService,
+        ServiceType,
+        EmbeddedService,
+        ScpdUrl,
+        EventUrl,
+        NoVariable,
+        RefuseSubscribe,
+        StandardSubscribeOnly,
+        NeverAnswerSubscribe,
+        NoSid,
+        LateSid,
+        NoEvent,
+        EventOneChunk,
+        EventManyChunks,
+        EventUnknownPath,
+        EventBadXml,
+        EventNoLength,
+        EventLength,
+        EventPrefix,
+        EventNoKo,
+        KoMalformed,
+        DieAfter,
+        Count ///< How many there are.
+    };
+
+    Id id;
+    const char* name; ///< As the programs take it.
+    const char* value; ///< What its value means; null for a fault that takes none.
+    const char* standard; ///< The value when none is given: a number if it has to be one, unless "value" is TEXT.
+    const char* explanation;
+
+    /// NAME or NAME=VALUE.
+    static QString text(Id id, const char* value = nullptr);
+};
 
 /// How a simulated device is set up. All times are in milliseconds.
 struct DeviceOptions
@@ -39,19 +102,13 @@ struct DeviceOptions
     int announceEvery = 0; ///< 0 announces at the start only.
     int eventEvery = 0; ///< 0 sends the initial event only.
     quint32 seed = 1; ///< Of the response delays.
-    QMap<QString, QString> faults; ///< What it does wrong, as addFault() sets it.
+    QMap<Fault::Id, QString> faults; ///< What it does wrong, as addFault() sets it.
 
-    /// Adds a fault given as NAME or NAME=VALUE. Returns what is wrong with @p text, or an empty text.
+    /// Adds a fault; a null @p value is the standard one. Returns what is wrong with it, or an empty text.
+    QString addFault(Fault::Id fault, const QString& value = QString());
+
+    /// The same for a fault given as NAME or NAME=VALUE.
     QString addFault(const QString& text);
-};
-
-/// A thing that a simulated device can do wrong.
-struct Fault
-{
-    const char* name;
-    const char* value; ///< What its value means; null for a fault that takes none.
-    const char* standard; ///< The value when none is given: a number if it has to be one, unless "value" is TEXT.
-    const char* explanation;
 };
 
 /**
@@ -98,8 +155,8 @@ public:
 
     static QString stageName(Stage stage);
 
-    /// Every fault that there is, in the order in which a control point meets them.
-    static const QList<Fault>& faults();
+    /// Every fault that there is, each at its place in the enumeration.
+    static const std::array<Fault, Fault::Count>& faults();
 
     /// Makes a device that is off. The @p group must outlive it.
     SimulatedDevice(SsdpGroup* group, const DeviceOptions& options, QObject* parent = nullptr);
@@ -142,6 +199,9 @@ public:
     /// How often a stage was reached.
     int count(Stage stage) const;
 
+    /// Whether a fault that the device has took part in what it did.
+    bool hasShown(Fault::Id fault) const;
+
 Q_SIGNALS:
     /// A stage was reached, again at every search, request, subscription and event.
     void reached(Velmora::Simulator::SimulatedDevice::Stage stage);
@@ -168,8 +228,8 @@ private:
         qint64 announced; ///< What CONTENT-LENGTH says.
     };
 
-    bool has(const char* fault) const;
-    QString valueOf(const char* fault) const;
+    bool has(Fault::Id fault) const;
+    QString valueOf(Fault::Id fault) const;
     void reach(Stage stage);
     void die();
     QList<QTcpSocket*> connections() const;
@@ -212,6 +272,7 @@ private:
     QHash<QString, QString> values;
     quint32 lastSid;
     int counts[STAGES];
+    mutable std::bitset<Fault::Count> shown;
     bool alive;
 };
 

@@ -23,15 +23,8 @@ using Velmora::SSDP::Ssdp;
 
 namespace {
 
-QHostAddress nine()
-{
-    return QHostAddress("10.77.1.9");
-}
-
-QHostAddress ten()
-{
-    return QHostAddress("10.77.1.10");
-}
+const char NINE[] = "10.77.1.9";
+const char TEN[] = "10.77.1.10";
 
 QDateTime at(int second)
 {
@@ -51,18 +44,14 @@ QStringList column(const QAbstractItemModel& model, int column)
     return result;
 }
 
-} // namespace
-
-namespace {
-
 /// A window with a discovery that runs until the test ends it.
 struct Searching
 {
     explicit Searching(int timeout = 60000)
         : window(timeout)
-        , button(window.findChild<QPushButton*>("search"_s))
-        , table(window.findChild<QTableView*>("table"_s))
-        , emptyState(window.findChild<QLabel*>("emptyState"_s))
+        , button(window.findChild<QPushButton*>("search"))
+        , table(window.findChild<QTableView*>("table"))
+        , emptyState(window.findChild<QLabel*>("emptyState"))
         , finished(&window, &BrowserWindow::finished)
     {
         window.show();
@@ -70,9 +59,9 @@ struct Searching
     }
 
     Ssdp* ssdp() const { return window.findChildren<Ssdp*>().constLast(); }
-    void report(int functionCode, int univocalCode, const QHostAddress& address) const
+    void report(int functionCode, int univocalCode, const char* address) const
     {
-        Q_EMIT ssdp()->discovered(functionCode, univocalCode, address);
+        Q_EMIT ssdp()->discovered(functionCode, univocalCode, QHostAddress(address));
     }
 
     BrowserWindow window;
@@ -95,35 +84,35 @@ private Q_SLOTS:
     {
         DeviceModel model;
         const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-        model.addReport(12, 34, nine(), at(1));
+        model.addReport(12, 34, QHostAddress(NINE), at(1));
         QSignalSpy changed(&model, &QAbstractItemModel::dataChanged);
-        model.addReport(12, 34, nine(), at(5));
+        model.addReport(12, 34, QHostAddress(NINE), at(5));
 
         QCOMPARE(model.rowCount(), 1);
         QCOMPARE(changed.count(), 1);
-        QCOMPARE(text(model, 0, DeviceModel::FunctionCode), "12"_s);
-        QCOMPARE(text(model, 0, DeviceModel::UnivocalCode), "34"_s);
-        QCOMPARE(text(model, 0, DeviceModel::Address), "10.77.1.9"_s);
-        QCOMPARE(text(model, 0, DeviceModel::FirstSeen), "12:00:01"_s);
-        QCOMPARE(text(model, 0, DeviceModel::LastSeen), "12:00:05"_s);
-        QCOMPARE(text(model, 0, DeviceModel::Reports), "2"_s);
+        QCOMPARE(text(model, 0, DeviceModel::FunctionCode), "12");
+        QCOMPARE(text(model, 0, DeviceModel::UnivocalCode), "34");
+        QCOMPARE(text(model, 0, DeviceModel::Address), "10.77.1.9");
+        QCOMPARE(text(model, 0, DeviceModel::FirstSeen), "12:00:01");
+        QCOMPARE(text(model, 0, DeviceModel::LastSeen), "12:00:05");
+        QCOMPARE(text(model, 0, DeviceModel::Reports), "2");
     }
 
     void modelTellsDevicesByAllThreeValues()
     {
         DeviceModel model;
-        model.addReport(1, 2, nine());
-        model.addReport(2, 2, nine());
-        model.addReport(1, 3, nine());
-        model.addReport(1, 2, ten());
+        model.addReport(1, 2, QHostAddress(NINE));
+        model.addReport(2, 2, QHostAddress(NINE));
+        model.addReport(1, 3, QHostAddress(NINE));
+        model.addReport(1, 2, QHostAddress(TEN));
         QCOMPARE(column(model, DeviceModel::Reports), (QStringList{"1", "1", "1", "1"}));
     }
 
     void modelSortsAddressesByNumber()
     {
         DeviceModel model;
-        model.addReport(1, 1, ten());
-        model.addReport(1, 1, nine());
+        model.addReport(1, 1, QHostAddress(TEN));
+        model.addReport(1, 1, QHostAddress(NINE));
         QSortFilterProxyModel sorted;
         sorted.setSourceModel(&model);
         sorted.setSortRole(Qt::UserRole);
@@ -135,19 +124,19 @@ private Q_SLOTS:
     {
         DeviceModel model;
         const QAbstractItemModelTester tester(&model, QAbstractItemModelTester::FailureReportingMode::QtTest);
-        model.addReport(1, 1, ten());
+        model.addReport(1, 1, QHostAddress(TEN));
         model.clear();
         QCOMPARE(model.rowCount(), 0);
-        model.addReport(1, 1, ten());
-        QCOMPARE(text(model, 0, DeviceModel::Reports), "1"_s);
+        model.addReport(1, 1, QHostAddress(TEN));
+        QCOMPARE(text(model, 0, DeviceModel::Reports), "1");
     }
 
     void windowShowsWhatReports()
     {
         const Searching searching;
-        searching.report(7, 2, ten());
-        searching.report(7, 1, nine());
-        searching.report(7, 1, nine());
+        searching.report(7, 2, TEN);
+        searching.report(7, 1, NINE);
+        searching.report(7, 1, NINE);
         QVERIFY(searching.table->isVisible());
         QCOMPARE(column(*searching.table->model(), DeviceModel::UnivocalCode), (QStringList{"1", "2"}));
         QCOMPARE(column(*searching.table->model(), DeviceModel::Reports), (QStringList{"2", "1"}));
@@ -166,14 +155,15 @@ private Q_SLOTS:
     void windowRunsTheProgressBarWithTheDiscovery()
     {
         Searching searching(1000);
-        auto* const progress = searching.window.findChild<QProgressBar*>("progress"_s);
+        auto* const progress = searching.window.findChild<QProgressBar*>("progress");
         QSignalSpy moved(progress, &QProgressBar::valueChanged);
         QCOMPARE(progress->maximum(), 1000);
-        QVERIFY(!searching.window.findChild<QSpinBox*>("timeout"_s)->isEnabled());
+        const auto* const timeout = searching.window.findChild<QSpinBox*>("timeout");
+        QVERIFY(!timeout->isEnabled());
         QVERIFY(searching.finished.wait());
         QVERIFY(moved.count() > 2);
         QCOMPARE(progress->value(), 1000);
-        QVERIFY(searching.window.findChild<QSpinBox*>("timeout"_s)->isEnabled());
+        QVERIFY(timeout->isEnabled());
     }
 
     void windowStopsADiscovery()
@@ -185,15 +175,15 @@ private Q_SLOTS:
         QCOMPARE(expired.count(), 0);
         // It was too early to ask what is wrong.
         QVERIFY(!searching.emptyState->isVisible());
-        QCOMPARE(searching.window.findChild<QLabel*>("summary"_s)->text(), "Stopped; devices found: 0"_s);
-        QCOMPARE(searching.window.findChild<QProgressBar*>("progress"_s)->value(), 0);
+        QCOMPARE(searching.window.findChild<QLabel*>("summary")->text(), "Stopped; devices found: 0"_s);
+        QCOMPARE(searching.window.findChild<QProgressBar*>("progress")->value(), 0);
     }
 
     void windowTakesALateReport()
     {
         Searching searching;
         searching.button->click();
-        searching.report(7, 1, nine());
+        searching.report(7, 1, NINE);
         QVERIFY(searching.table->isVisible());
         QCOMPARE(searching.table->model()->rowCount(), 1);
     }
@@ -201,15 +191,15 @@ private Q_SLOTS:
     void windowForgetsTheDevicesOfTheLastDiscovery()
     {
         Searching searching;
-        searching.report(7, 1, nine());
+        searching.report(7, 1, NINE);
         searching.button->click();
         QCOMPARE(searching.table->model()->rowCount(), 1);
         Ssdp* const before = searching.ssdp();
         searching.button->click();
         QCOMPARE(searching.table->model()->rowCount(), 0);
-        Q_EMIT before->discovered(7, 1, nine());
+        Q_EMIT before->discovered(7, 1, QHostAddress(NINE));
         QCOMPARE(searching.table->model()->rowCount(), 0);
-        searching.report(7, 2, nine());
+        searching.report(7, 2, NINE);
         QCOMPARE(searching.table->model()->rowCount(), 1);
     }
 
@@ -228,9 +218,9 @@ private Q_SLOTS:
     void windowCopiesTheSelectedRowsInTheOrderOfTheTable()
     {
         const Searching searching;
-        searching.report(7, 2, ten());
-        searching.report(7, 1, nine());
-        searching.report(7, 3, QHostAddress("10.77.1.11"));
+        searching.report(7, 2, TEN);
+        searching.report(7, 1, NINE);
+        searching.report(7, 3, "10.77.1.11");
         searching.table->selectRow(1);
         searching.table->setSelectionMode(QAbstractItemView::MultiSelection);
         searching.table->selectRow(0);

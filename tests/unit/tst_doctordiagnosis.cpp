@@ -1,4 +1,4 @@
-#include <tests/support/Literals.h>
+#include <tests/support/Messages.h>
 #include <tools/doctor/Diagnosis.h>
 #include <tools/doctor/Host.h>
 #include <tools/doctor/Report.h>
@@ -11,12 +11,7 @@
 using namespace Velmora::Doctor;
 using namespace Velmora::Tests;
 
-Q_DECLARE_METATYPE(Velmora::Doctor::DocumentSeen)
-Q_DECLARE_METATYPE(Velmora::Doctor::EventSeen)
-
 namespace {
-
-const char KEY_OBJECTS[] = "urn:schemas-velmora-it:service:keyobjects:1";
 
 QByteArray root(const QByteArray& content)
 {
@@ -58,6 +53,27 @@ QByteArray body(const QByteArray& property)
     return "<e:propertyset xmlns:e=\"x\"><e:property>" + property + "</e:property></e:propertyset>";
 }
 
+/// A device whose event's body came so many milliseconds after its head, and that did nothing wrong.
+DeviceSeen examinedDevice(int gap)
+{
+    DeviceSeen device;
+    device.sender = QHostAddress("10.0.0.5");
+    device.location = "http://10.0.0.5/d.xml";
+    device.search.message = "x";
+    device.search.answerDelay = device.search.heard = 10;
+    device.isExamined = true;
+    device.description = document(root(service(KEY_OBJECT_TYPE)));
+    ServiceSeen seen;
+    seen.description = document(serviceDescription());
+    seen.subscription.ending = Ending::Complete;
+    seen.subscription.status = 200;
+    seen.subscription.hasSid = true;
+    const QByteArray event = body("<KO>1,2</KO>");
+    seen.events << arrived({head(QByteArray::number(event.size())), event}, gap);
+    device.services << seen;
+    return device;
+}
+
 QByteArray ids(const QList<Finding>& findings)
 {
     QByteArrayList result;
@@ -75,189 +91,155 @@ class DoctorDiagnosisTest : public QObject
 
 private Q_SLOTS:
 
-    void readsDescription_data()
+    void saysWhatIsWrong_data()
     {
-        QTest::addColumn<DocumentSeen>("seen");
+        QTest::addColumn<QByteArray>("found");
         QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* name, const DocumentSeen& seen, const char* expected) {
-            QTest::newRow(name) << seen << QByteArray(expected);
-        };
-        const QByteArray good = root(service(KEY_OBJECTS));
-        add("good", document(good), "");
-        add("good with an error status", document(good, Ending::Complete, 500), "description.status");
-        add("good but cut by the peer", document(good, Ending::Short), "description.short");
-        add("no connection", document("", Ending::NoConnection, 0), "description.no-connection");
-        add("refused", document("", Ending::Refused, 0), "description.refused");
-        add("silent", document("", Ending::Silent, 0), "description.silent");
-        add("closed", document("", Ending::Closed, 0), "description.closed");
-        add("reset", document("<root", Ending::Reset), "description.reset");
-        add("slow", document(good, Ending::Unfinished), "description.slow");
-        add("no HTTP", document("", Ending::Malformed, 0), "description.not-http");
-        add("endless", document("", Ending::OutOfBounds), "description.out-of-bounds");
-        add("redirect", document("<p>", Ending::Complete, 301), "description.redirect");
-        add("not found", document("<p>", Ending::Complete, 404), "description.status");
-        add("empty", document(""), "description.not-xml");
-        add("no XML", document("<root>"), "description.not-xml");
-        add("subset", document("<!DOCTYPE root [<!ENTITY a \"b\">]><root/>"), "description.out-of-bounds");
-        add("web page", document("<html/>"), "description.no-root");
-        add("no name space", document("<root/>"), "description.namespace");
-        add("prefixed root", document("<d:root xmlns:d=\"urn:schemas-upnp-org:device-1-0\"/>"),
-            "description.prefix");
-        add("prefixed below",
-            document("<root xmlns=\"urn:schemas-upnp-org:device-1-0\" xmlns:d=\"x\"><d:device/></root>"),
-            "description.prefix");
-        add("no service", document(root("")), "service.none");
-        add("another service", document(root(service("urn:x:service:y:1"))), "service.no-key-object");
-        add("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
-            "service.type-version");
-        add("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))), "service.type-case");
-        add("space", document(root(service(QByteArray(KEY_OBJECTS) + " "))), "service.type-space");
-        add("embedded", document(root("<deviceList><device>" + service(KEY_OBJECTS) + "</device></deviceList>")),
-            "service.embedded");
-        add("not tried", DocumentSeen(), "");
-    }
-
-    void readsDescription()
-    {
-        QFETCH(DocumentSeen, seen);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(ids(readDescription(seen).findings), expected);
-    }
-
-    void readsServiceDescription_data()
-    {
-        QTest::addColumn<DocumentSeen>("seen");
-        QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* name, const QByteArray& table, const char* expected) {
-            QTest::newRow(name) << document("<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\">" + table
-                                            + "</scpd>")
-                                << QByteArray(expected);
-        };
-        add("KO", "<serviceStateTable><stateVariable><name>KO</name></stateVariable></serviceStateTable>", "");
-        add("no KO", "<serviceStateTable><stateVariable><name>ko</name></stateVariable></serviceStateTable>",
-            "scpd.no-ko");
-        add("no variable", "<serviceStateTable/>", "scpd.no-variable");
-        add("prefix", "<x:serviceStateTable xmlns:x=\"y\"/>", "scpd.prefix");
-        QTest::newRow("device description") << document(root("")) << "scpd.no-root"_ba;
-        QTest::newRow("status") << document("", Ending::Complete, 404) << "scpd.status"_ba;
-    }
-
-    void readsServiceDescription()
-    {
-        QFETCH(DocumentSeen, seen);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(ids(readServiceDescription(seen).findings), expected);
-    }
-
-    void judgesEvent_data()
-    {
-        QTest::addColumn<EventSeen>("seen");
-        QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* name, const EventSeen& seen, const char* expected) {
-            QTest::newRow(name) << seen << QByteArray(expected);
-        };
-        const QByteArray good = body("<KO>1,2</KO>");
-        const QByteArray length = QByteArray::number(good.size());
-        add("good", arrived({head(length), good}), "");
-        add("in pieces", arrived({head(length), good.left(9), good.mid(9)}), "");
-        add("one character short", arrived({head(QByteArray::number(good.size() + 1)), good}), "");
-        add("two characters short", arrived({head(QByteArray::number(good.size() + 2)), good}),
-            "event.long-length");
-        add("no length", arrived({head(""), good}), "event.no-length");
-        add("no length, in pieces", arrived({head(""), good.left(9), good.mid(9)}), "event.no-length");
-        add("short length, cut", arrived({head("9"), good.left(9), good.mid(9)}), "event.short-length");
-        add("short length, not cut", arrived({head("9"), good}), "event.short-length");
-        add("at once", arrived({head(length) + good}), "event.one-segment");
-        add("begun with the head", arrived({head(length) + good.left(9), good.mid(9)}), "event.one-segment");
-        add("soon", arrived({head(length), good}, 4), "event.short-gap");
-        add("head only", arrived({head(length)}), "event.no-body");
-        add("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
-        const QByteArray prefixed =
-            "<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>";
-        add("prefix", arrived({head(QByteArray::number(prefixed.size())), prefixed}), "event.prefix");
-        const QByteArray other = body("<A>1</A>");
-        add("no KO", arrived({head(QByteArray::number(other.size())), other}), "event.no-ko");
-        const QByteArray malformed = body("<KO>7;1,2,3</KO>");
-        add("malformed", arrived({head(QByteArray::number(malformed.size())), malformed}), "event.ko-malformed");
-        EventSeen strange = arrived({head(length), good});
-        strange.isForSubscription = false;
-        add("unknown path", strange, "event.unknown-path");
-    }
-
-    void judgesEvent()
-    {
-        QFETCH(EventSeen, seen);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(ids(judgeEvent(seen)), expected);
-    }
-
-    void judgesSearch_data()
-    {
-        QTest::addColumn<QString>("location");
-        QTest::addColumn<QList<int>>("times"); // answer, standard, unicast, announced, heard
-        QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* name, const char* location, const QList<int>& times,
+        const auto add = [](const char* kind, const char* name, const QList<Finding>& found,
                             const char* expected) {
-            QTest::newRow(name) << QString::fromLatin1(location) << times << QByteArray(expected);
+            QTest::addRow("%s, %s", kind, name) << ids(found) << QByteArray(expected);
         };
-        const char* const good = "http://10.0.0.5:80/d.xml";
-        add("good", good, {100, 200, -1, -1, 100}, "");
-        add("standard only", good, {-1, 200, -1, -1, -1}, "search.crlf-only");
-        add("unicast only", good, {-1, -1, 200, -1, -1}, "search.unicast-only");
-        add("announces only", good, {-1, -1, -1, 400, 400}, "search.announces-only");
-        add("announced, and answers the standard search", good, {-1, 200, -1, 400, 400}, "");
-        add("late", good, {6000, 200, -1, -1, 6000}, "search.late");
-        add("after MX", good, {3001, 200, -1, -1, 3001}, "search.after-mx");
-        add("another host", "http://10.0.0.6/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
-        add("a name", "http://device/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
-        add("file", "file:///etc/passwd", {100, -1, -1, -1, 100}, "search.location-no-url");
-        add("text", "nothing", {100, -1, -1, -1, 100}, "search.location-no-url");
-        add("none", "", {100, -1, -1, -1, 100}, "search.no-location");
+
+        const auto description = [&add](const char* name, const DocumentSeen& seen, const char* expected) {
+            add("description", name, readDescription(seen).findings, expected);
+        };
+        const QByteArray good = root(service(KEY_OBJECT_TYPE));
+        description("good", document(good), "");
+        description("good with an error status", document(good, Ending::Complete, 500), "description.status");
+        description("good but cut by the peer", document(good, Ending::Short), "description.short");
+        description("no connection", document("", Ending::NoConnection, 0), "description.no-connection");
+        description("refused", document("", Ending::Refused, 0), "description.refused");
+        description("silent", document("", Ending::Silent, 0), "description.silent");
+        description("closed", document("", Ending::Closed, 0), "description.closed");
+        description("reset", document("<root", Ending::Reset), "description.reset");
+        description("slow", document(good, Ending::Unfinished), "description.slow");
+        description("no HTTP", document("", Ending::Malformed, 0), "description.not-http");
+        description("endless", document("", Ending::OutOfBounds), "description.out-of-bounds");
+        description("redirect", document("<p>", Ending::Complete, 301), "description.redirect");
+        description("not found", document("<p>", Ending::Complete, 404), "description.status");
+        description("empty", document(""), "description.not-xml");
+        description("no XML", document("<root>"), "description.not-xml");
+        description("subset", document("<!DOCTYPE root [<!ENTITY a \"b\">]><root/>"), "description.out-of-bounds");
+        description("web page", document("<html/>"), "description.no-root");
+        description("no name space", document("<root/>"), "description.namespace");
+        description("prefixed root", document("<d:root xmlns:d=\"urn:schemas-upnp-org:device-1-0\"/>"),
+                    "description.prefix");
+        description("prefixed below",
+                    document("<root xmlns=\"urn:schemas-upnp-org:device-1-0\" xmlns:d=\"x\"><d:device/></root>"),
+                    "description.prefix");
+        description("no service", document(root("")), "service.none");
+        description("another service", document(root(service("urn:x:service:y:1"))), "service.no-key-object");
+        description("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
+                    "service.type-version");
+        description("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))),
+                    "service.type-case");
+        description("space", document(root(service(QByteArray(KEY_OBJECT_TYPE) + " "))), "service.type-space");
+        description("embedded",
+                    document(root("<deviceList><device>" + service(KEY_OBJECT_TYPE) + "</device></deviceList>")),
+                    "service.embedded");
+        description("not tried", DocumentSeen(), "");
+
+        const auto scpd = [&add](const char* name, const DocumentSeen& seen, const char* expected) {
+            add("service description", name, readServiceDescription(seen).findings, expected);
+        };
+        QByteArray prefixedScpd = serviceDescription();
+        prefixedScpd.replace("<serviceStateTable", "<x:serviceStateTable xmlns:x=\"y\"");
+        prefixedScpd.replace("</serviceStateTable", "</x:serviceStateTable");
+        scpd("KO", document(serviceDescription({"KO"})), "");
+        scpd("no KO", document(serviceDescription({"ko"})), "scpd.no-ko");
+        scpd("no variable", document(serviceDescription({})), "scpd.no-variable");
+        scpd("prefix", document(prefixedScpd), "scpd.prefix");
+        scpd("device description", document(root("")), "scpd.no-root");
+        scpd("status", document("", Ending::Complete, 404), "scpd.status");
+
+        const auto event = [&add](const char* name, const EventSeen& seen, const char* expected) {
+            add("event", name, judgeEvent(seen), expected);
+        };
+        const auto whole = [](const QByteArray& text) {
+            return arrived({head(QByteArray::number(text.size())), text});
+        };
+        const QByteArray body12 = body("<KO>1,2</KO>");
+        const QByteArray length = QByteArray::number(body12.size());
+        event("good", whole(body12), "");
+        event("in pieces", arrived({head(length), body12.left(9), body12.mid(9)}), "");
+        event("one character short", arrived({head(QByteArray::number(body12.size() + 1)), body12}), "");
+        event("two characters short", arrived({head(QByteArray::number(body12.size() + 2)), body12}),
+              "event.long-length");
+        event("no length", arrived({head(""), body12}), "event.no-length");
+        event("no length, in pieces", arrived({head(""), body12.left(9), body12.mid(9)}), "event.no-length");
+        event("short length, cut", arrived({head("9"), body12.left(9), body12.mid(9)}), "event.short-length");
+        event("short length, not cut", arrived({head("9"), body12}), "event.short-length");
+        event("at once", arrived({head(length) + body12}), "event.one-segment");
+        event("begun with the head", arrived({head(length) + body12.left(9), body12.mid(9)}), "event.one-segment");
+        event("soon", arrived({head(length), body12}, 4), "event.short-gap");
+        event("head only", arrived({head(length)}), "event.no-body");
+        event("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
+        event("prefix",
+              whole("<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>"),
+              "event.prefix");
+        event("no KO", whole(body("<A>1</A>")), "event.no-ko");
+        event("malformed", whole(body("<KO>7;1,2,3</KO>")), "event.ko-malformed");
+        EventSeen strange = whole(body12);
+        strange.isForSubscription = false;
+        event("unknown path", strange, "event.unknown-path");
+
+        // When there was an answer, one to the standard search, one to a search of the address, an announcement,
+        // and anything that the library heard.
+        const auto search = [&add](const char* name, const char* location, const QList<int>& times,
+                                   const char* expected) {
+            DeviceSeen device;
+            device.sender = QHostAddress("10.0.0.5");
+            device.location = location;
+            device.search.message = "HTTP/1.1 200 OK";
+            device.search.answerDelay = times.at(0);
+            device.search.standardDelay = times.at(1);
+            device.search.unicastDelay = times.at(2);
+            device.search.announced = times.at(3);
+            device.search.heard = times.at(4);
+            add("search", name, judgeSearch(device, 5000), expected);
+        };
+        const char URL[] = "http://10.0.0.5:80/d.xml";
+        search("good", URL, {100, 200, -1, -1, 100}, "");
+        search("standard only", URL, {-1, 200, -1, -1, -1}, "search.crlf-only");
+        search("unicast only", URL, {-1, -1, 200, -1, -1}, "search.unicast-only");
+        search("announces only", URL, {-1, -1, -1, 400, 400}, "search.announces-only");
+        search("announced, and answers the standard search", URL, {-1, 200, -1, 400, 400}, "");
+        search("late", URL, {6000, 200, -1, -1, 6000}, "search.late");
+        search("after MX", URL, {3001, 200, -1, -1, 3001}, "search.after-mx");
+        search("another host", "http://10.0.0.6/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
+        search("a name", "http://device/d.xml", {100, -1, -1, -1, 100}, "search.location-other-host");
+        search("file", "file:///etc/passwd", {100, -1, -1, -1, 100}, "search.location-no-url");
+        search("text", "nothing", {100, -1, -1, -1, 100}, "search.location-no-url");
+        search("none", "", {100, -1, -1, -1, 100}, "search.no-location");
     }
 
-    void judgesSearch()
+    void saysWhatIsWrong()
     {
-        QFETCH(QString, location);
-        QFETCH(QList<int>, times);
+        QFETCH(QByteArray, found);
         QFETCH(QByteArray, expected);
-        DeviceSeen device;
-        device.sender = QHostAddress("10.0.0.5");
-        device.location = location;
-        device.search.message = "HTTP/1.1 200 OK";
-        device.search.answerDelay = times.at(0);
-        device.search.standardDelay = times.at(1);
-        device.search.unicastDelay = times.at(2);
-        device.search.announced = times.at(3);
-        device.search.heard = times.at(4);
-        QCOMPARE(ids(judgeSearch(device, 5000)), expected);
+        QCOMPARE(found, expected);
     }
 
     void blamesTheLongestStageForTheTime()
     {
-        DeviceSeen device;
-        device.sender = QHostAddress("10.0.0.5");
-        device.location = "http://10.0.0.5/d.xml"_s;
-        device.search.message = "x";
+        DeviceSeen device = examinedDevice(50);
         device.search.answerDelay = device.search.heard = 1000;
-        device.isExamined = true;
-        device.description = document(root(service(KEY_OBJECTS)));
         device.description.duration = 1500;
-        ServiceSeen seen;
-        seen.description = document(
-            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-            "</stateVariable></serviceStateTable></scpd>");
-        seen.subscription.ending = Ending::Complete;
-        seen.subscription.status = 200;
-        seen.subscription.hasSid = true;
-        const QByteArray good = body("<KO>1,2</KO>");
-        seen.events << arrived({head(QByteArray::number(good.size())), good});
-        device.services << seen;
         QCOMPARE(ids(diagnose(device, 2400)), "description.slow"_ba);
         QCOMPARE(ids(diagnose(device, 5000)), "device.unexplained"_ba);
         device.services[0].events[0].after = 1600;
         QCOMPARE(ids(diagnose(device, 2400)), "event.slow"_ba);
         device.found = 2300;
-        QCOMPARE(ids(diagnose(device, 2400)), QByteArray());
+        QCOMPARE(ids(diagnose(device, 2400)), ""_ba);
+    }
+
+    void forgivesAFoundDeviceWhatMayBeOurDelay()
+    {
+        DeviceSeen device = examinedDevice(1);
+        device.found = 100;
+        QCOMPARE(ids(diagnose(device, 5000)), "event.short-gap"_ba);
+        device.services[0].events[0].isUncertain = true;
+        QCOMPARE(ids(diagnose(device, 5000)), ""_ba);
     }
 
     void tellsOtherMakersApart()
@@ -268,30 +250,6 @@ private Q_SLOTS:
         QVERIFY(isOfOtherMaker(readDescription(seen).findings));
         seen.body.replace("</device>", service("urn:schemas-velmora-it:service:keyobjects:2") + "</device>");
         QVERIFY(!isOfOtherMaker(readDescription(seen).findings));
-    }
-
-    void forgivesAFoundDeviceWhatMayBeOurDelay()
-    {
-        DeviceSeen device;
-        device.found = 100;
-        device.location = "http://10.0.0.5/d.xml"_s;
-        device.sender = QHostAddress("10.0.0.5");
-        device.search.answerDelay = device.search.heard = 10;
-        device.isExamined = true;
-        device.description = document(root(service(KEY_OBJECTS)));
-        ServiceSeen seen;
-        seen.description = document(
-            "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable><stateVariable><name>KO</name>"
-            "</stateVariable></serviceStateTable></scpd>");
-        seen.subscription.ending = Ending::Complete;
-        seen.subscription.status = 200;
-        seen.subscription.hasSid = true;
-        const QByteArray good = body("<KO>1,2</KO>");
-        seen.events << arrived({head(QByteArray::number(good.size())), good}, 1);
-        device.services << seen;
-        QCOMPARE(ids(diagnose(device, 5000)), "event.short-gap"_ba);
-        device.services[0].events[0].isUncertain = true;
-        QCOMPARE(ids(diagnose(device, 5000)), QByteArray());
     }
 
     void everyFindingHasItsText()
@@ -334,22 +292,20 @@ private Q_SLOTS:
         results.devices << device;
         const auto plain = [](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
         for (const int width : {30, 40, 80, 160}) {
-            const QStringList lines = textOf(results, {width, plain}).split(QLatin1Char('\n'));
+            const QStringList lines = textOf(results, {width, plain}).split("\n");
             QVERIFY(lines.size() > 5);
             for (const QString& line : lines)
                 QVERIFY2(line.size() <= width, qPrintable(line));
         }
-        QCOMPARE(textOf(results, {INT_MAX, plain}).count(QLatin1Char('\n')), 5);
+        QCOMPARE(textOf(results, {INT_MAX, plain}).count("\n"), 5);
     }
 
     void namesKindsOfInterfaces_data()
     {
-        QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("expected");
         const auto add = [](const char* name, const char* kind, const char* expected) {
-            QTest::addRow("%s %s", name, kind)
-                << QString::fromLatin1(name) << QString::fromLatin1(kind) << QString::fromLatin1(expected);
+            QTest::addRow("%s %s", name, kind) << kindOfInterface(name, kind) << QString(expected);
         };
         add("eth0", "", "");
         add("bond0", "bond", "");
@@ -365,20 +321,21 @@ private Q_SLOTS:
 
     void namesKindsOfInterfaces()
     {
-        QFETCH(QString, name);
         QFETCH(QString, kind);
-        QTEST(kindOfInterface(name, kind), "expected");
+        QFETCH(QString, expected);
+        QCOMPARE(kind, expected);
     }
 
     void findsSocketsOnAPort()
     {
+        const QByteArray queues = " 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 ";
         const QByteArray table = "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
                                  "uid  timeout inode ref\n"
-                                 "  123: 00000000:076C 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
-                                 " 0        0 41234 2 0 0\n"
-                                 "  124: 0100007F:0035 00000000:0000 07 00000000:00000000 00:00000000 00000000    "
-                                 " 0        0 41235 2 0 "
-                                 "0\n";
+                                 "  123: 00000000:076C"
+            + queues
+            + "41234 2 0 0\n"
+              "  124: 0100007F:0035"
+            + queues + "41235 2 0 0\n";
         QCOMPARE(socketsOnPort(table, 1900), QList<QByteArray>{"41234"});
     }
 
@@ -386,38 +343,34 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("rules");
         QTest::addColumn<QStringList>("expected"); // how each begins
-        const auto add = [](const char* name, const char* rules, const QStringList& expected) {
-            QTest::newRow(name) << QString::fromLatin1(rules) << expected;
+        const QStringList all = {"UDP 1900", "UDP 49152", "TCP 40000"};
+        const auto iptables = [](const char* name, const char* policy, const char* rules,
+                                 const QStringList& expected) {
+            QTest::addRow("iptables, %s", name)
+                << "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules) << expected;
         };
-        const QStringList all = {"UDP 1900"_s, "UDP 49152"_s, "TCP 40000"_s};
-        add("nothing", "", {});
-        add("iptables, all in", "*filter\n:INPUT ACCEPT [0:0]\nCOMMIT\n", {});
-        add("iptables, nothing in", "*filter\n:INPUT DROP [0:0]\n-A INPUT -i lo -j ACCEPT\nCOMMIT\n", all);
-        add("iptables, one port out",
-            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j DROP\nCOMMIT\n", all.mid(0, 1));
-        add("iptables, ports in",
-            "*filter\n:INPUT DROP [0:0]\n-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
-            "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\nCOMMIT\n",
+        const auto nft = [](const char* name, const char* policy, const char* rules, const QStringList& expected,
+                            const char* others = "") {
+            const QString text = "table inet filter {\n%1\tchain input {\n\t\ttype filter hook input priority 0;"
+                                 " policy %2;\n%3\t}\n}\n"_s;
+            QTest::addRow("nft, %s", name) << text.arg(others, policy, rules) << expected;
+        };
+        QTest::newRow("nothing") << "" << QStringList();
+        QTest::newRow("iptables, another table") << "*nat\n:INPUT DROP [0:0]\nCOMMIT\n" << QStringList();
+        iptables("all in", "ACCEPT", "", {});
+        iptables("nothing in", "DROP", "-A INPUT -i lo -j ACCEPT\n", all);
+        iptables("one port out", "ACCEPT", "-A INPUT -p udp -m udp --dport 1900 -j DROP\n", all.mid(0, 1));
+        iptables("ports in", "DROP",
+                 "-A INPUT -p udp -m udp --dport 1900 -j ACCEPT\n"
+                 "-A INPUT -p udp -m multiport --dports 49152:65534 -j ACCEPT\n-A INPUT -p tcp -j ACCEPT\n",
+                 {});
+        iptables("a drop that depends", "ACCEPT", "-A INPUT -s 1.2.3.4/32 -j DROP\n", {});
+        nft("policy", "drop", "\t\tct state established,related accept\n", all);
+        nft("a rule", "accept", "\t\tudp dport { 53, 1900 } drop\n", all.mid(0, 1));
+        nft("ports in", "drop", "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n",
             {});
-        add("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", {});
-        add("iptables, a drop that depends",
-            "*filter\n:INPUT ACCEPT [0:0]\n-A INPUT -s 1.2.3.4/32 -j DROP\nCOMMIT\n", {});
-        add("nft, policy",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-            "\t\tct state established,related accept\n\t}\n}\n",
-            all);
-        add("nft, a rule",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n"
-            "\t\tudp dport { 53, 1900 } drop\n\t}\n}\n",
-            all.mid(0, 1));
-        add("nft, ports in",
-            "table inet filter {\n\tchain input {\n\t\ttype filter hook input priority 0; policy drop;\n"
-            "\t\tudp dport { 1900, 49152-65534 } accept\n\t\ttcp dport 32768-60999 accept\n\t}\n}\n",
-            {});
-        add("nft, another hook",
-            "table inet filter {\n\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n"
-            "\tchain input {\n\t\ttype filter hook input priority 0; policy accept;\n\t}\n}\n",
-            {});
+        nft("another hook", "accept", "", {},
+            "\tchain forward {\n\t\ttype filter hook forward priority 0; policy drop;\n\t}\n");
     }
 
     void findsRulesThatDrop()
@@ -427,7 +380,7 @@ private Q_SLOTS:
         const QStringList drops = droppingRules(rules, {{1900, 49152}, {40000}});
         QCOMPARE(drops.size(), expected.size());
         for (int i = 0; i < expected.size(); ++i)
-            QVERIFY2(drops.at(i).startsWith(expected.at(i) + QLatin1Char(':')), qPrintable(drops.at(i)));
+            QVERIFY2(drops.at(i).startsWith(expected.at(i) + ":"), qPrintable(drops.at(i)));
     }
 };
 

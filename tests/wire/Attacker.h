@@ -111,6 +111,8 @@ public:
     /// Connects to it.
     static std::unique_ptr<PlainConnection> connectTo(const Callback& callback);
 
+    std::string seen; ///< What is worth a note beside the measurements.
+
     static std::string reply(const std::string& body, const std::string& headers = std::string());
     static std::string deviceDescription(const std::string& services);
     static std::string serviceDescription(const std::string& variables);

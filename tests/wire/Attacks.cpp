@@ -2,6 +2,8 @@
 
 #include <tests/support/NamesAlike.h>
 
+#include <QtCore/QByteArray>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -23,10 +25,12 @@ using Clock = std::chrono::steady_clock;
 const size_t KB = 1024;
 const size_t MB = 1024 * KB;
 const size_t DOCUMENT_SIZE = 4 * MB;
+const int QUICK = Attack::Quick;
+const int MANY = Attack::ManyRecords;
 const int SHORT_GAP = 300;
 const int LONG_GAP = 6000;
 const int LONGEST_GAP = 15000;
-const char OK[] = "HTTP/1.1 200 OK\r\n";
+const char SUBSCRIBED[] = "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n";
 
 int millisecondsSince(Clock::time_point begin)
 {
@@ -35,11 +39,7 @@ int millisecondsSince(Clock::time_point begin)
 
 std::string repeated(const std::string& text, size_t times)
 {
-    std::string result;
-    result.reserve(text.size() * times);
-    for (size_t i = 0; i < times; ++i)
-        result += text;
-    return result;
+    return QByteArray::fromStdString(text).repeated(static_cast<int>(times)).toStdString();
 }
 
 /// Before the number of the repetition and after it, until the text is as long as a document.
@@ -56,6 +56,17 @@ std::string filled(const std::string& text, size_t size = DOCUMENT_SIZE)
     return repeated(text, size / text.size());
 }
 
+/// The beginning of a reply, and @p rest.
+std::string ok(const std::string& rest = std::string())
+{
+    return "HTTP/1.1 200 OK\r\n" + rest;
+}
+
+std::string chunked(const std::string& rest = std::string())
+{
+    return ok("Transfer-Encoding: chunked\r\n\r\n" + rest);
+}
+
 /// A device description around @p content.
 std::string root(const std::string& content)
 {
@@ -69,7 +80,6 @@ Attack datagram(const char* name, const std::string& bytes, int traits = 0)
     return {name, traits, SHORT_GAP, 0, [bytes](Attacker& attacker) {
                 attacker.sendDatagram(bytes);
                 attacker.waitForDatagrams();
-                return std::string();
             }};
 }
 
@@ -79,42 +89,69 @@ Attack locations(const char* name, const std::vector<std::string>& all, int trai
                 for (const std::string& location : all)
                     attacker.sendLocation(location);
                 attacker.waitForDatagrams();
-                return std::string();
             }};
 }
 
-std::string sendLocations(Attacker& attacker, int count, int atOnce)
+Attack manyLocations(const char* name, int traits, int count, int atOnce)
 {
-    for (int i = 0; i < count; ++i) {
-        attacker.sendLocation(Attacker::url("/many/" + std::to_string(i)));
-        if ((i + 1) % atOnce == 0)
-            attacker.waitForDatagrams();
-    }
-    return std::string();
+    return {name, traits, LONG_GAP, count, [count, atOnce](Attacker& attacker) {
+                for (int i = 1; i <= count; ++i) {
+                    attacker.sendLocation(Attacker::url("/many/" + std::to_string(i)));
+                    if (i % atOnce == 0)
+                        attacker.waitForDatagrams();
+                }
+            }};
 }
 
 // HTTP
 
-/// The description is what @p handler sends.
-Attack http(const char* name, const Attacker::Handler& handler, int traits = 0)
+using Handler = Attacker::Handler;
+
+Handler sends(const std::string& bytes)
 {
-    return {name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
-                attacker.serve("GET /d.xml ", handler);
-                attacker.sendLocation(Attacker::url("/d.xml"));
-                attacker.waitForAnswer("GET /d.xml ");
-                return std::string();
+    return [bytes](PlainConnection& connection, const std::string&) { connection.send(bytes); };
+}
+
+Handler sendsFor(int milliseconds, const std::string& bytes, int pause = 0)
+{
+    return
+        [=](PlainConnection& connection, const std::string&) { connection.sendFor(milliseconds, bytes, pause); };
+}
+
+Handler resetsAfter(const std::string& bytes)
+{
+    return [bytes](PlainConnection& connection, const std::string&) {
+        connection.send(bytes);
+        connection.flush();
+        connection.reset();
+    };
+}
+
+/// The device is found, and answers so many requests that begin with @p request.
+void beAskedFor(Attacker& attacker, const char* request, int count = 1)
+{
+    attacker.sendLocation(Attacker::url("/d.xml"));
+    attacker.waitForAnswer(request, count);
+}
+
+/// The device is found, and @p handler answers the request that begins so.
+Attack answered(const char* name, const char* request, const Handler& handler, int traits, int gap = SHORT_GAP)
+{
+    return {name, traits, gap, 1, [request, handler](Attacker& attacker) {
+                attacker.serve(request, handler);
+                beAskedFor(attacker, request);
             }};
 }
 
-Attack httpReply(const char* name, const std::string& bytes, int traits = 0)
+Attack http(const char* name, const Handler& handler, int traits = 0)
 {
-    return http(
-        name, [bytes](PlainConnection& connection, const std::string&) { connection.send(bytes); }, traits);
+    return answered(name, "GET /d.xml ", handler, traits);
 }
 
 /// A reply begins with @p head and goes on with @p bytes for as long as the host takes them. The same comes
 /// from as many devices at once, each at a port of its own.
-Attack endlessReply(const char* name, const std::string& head, const std::string& bytes, int devices, int traits)
+Attack endlessReply(const std::string& name, const std::string& head, const std::string& bytes, int devices,
+                    int traits)
 {
     return {name, traits, SHORT_GAP, devices, [head, bytes, devices](Attacker& attacker) {
                 attacker.serve("GET /d.xml ", [head, bytes](PlainConnection& connection, const std::string&) {
@@ -125,56 +162,38 @@ Attack endlessReply(const char* name, const std::string& head, const std::string
                 for (int i = 0; i < devices; ++i)
                     attacker.sendLocation(Attacker::url("/d.xml", i));
                 attacker.waitForAnswer("GET /d.xml ", devices);
-                return std::string();
             }};
-}
-
-void addEndlessReplies(std::vector<Attack>& all)
-{
-    const std::string status = OK;
-    const std::string much(65536, 'x');
-    const auto add = [&all](const char* name, const char* nameOfMany, const std::string& head,
-                            const std::string& bytes, int traits) {
-        all.push_back(endlessReply(name, head, bytes, 1, traits));
-        all.push_back(endlessReply(nameOfMany, head, bytes, 20, traits));
-    };
-    const int prompt = Attack::Quick | Attack::Prompt;
-    add("HTTP head without an end", "HTTP head without an end, 20 times", status,
-        repeated("X-Header: value\r\n", 1000), prompt);
-    add("HTTP header line without an end", "HTTP header line without an end, 20 times",
-        status + "X-Header: ", much, prompt);
-    add("HTTP status line without an end", "HTTP status line without an end, 20 times", "HTTP/1.1 200 ", much,
-        prompt);
-    add("HTTP chunk length without an end", "HTTP chunk length without an end, 20 times",
-        status + "Transfer-Encoding: chunked\r\n\r\n", std::string(65536, '0'), prompt);
-    add("HTTP of interim replies without an end", "HTTP of interim replies without an end, 20 times", "",
-        repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000), prompt);
-    add("HTTP trailers without an end", "HTTP trailers without an end, 20 times",
-        status + "Transfer-Encoding: chunked\r\n\r\n0\r\n", repeated("X-Header: value\r\n", 1000), prompt);
-    add("HTTP body without an end", "HTTP body without an end, 20 times", status + "\r\n", much, Attack::Quick);
 }
 
 // Documents
 
-/// @p make makes the device description, so that only the process that sends it has it in memory.
-Attack document(const char* name, const std::function<std::string()>& make, int traits = 0)
+/// Makes a document where it is sent, so that no other process has it in memory.
+using Maker = std::function<std::string()>;
+
+Handler sendsDocument(const Maker& make)
 {
-    return {name, traits, traits & Attack::Oversized ? LONGEST_GAP : LONG_GAP, 1, [make](Attacker& attacker) {
-                attacker.serveDocument("/d.xml", make());
-                attacker.sendLocation(Attacker::url("/d.xml"));
-                attacker.waitForAnswer("GET /d.xml ");
-                return std::string();
-            }};
+    return [make](PlainConnection& connection, const std::string&) { connection.send(Attacker::reply(make())); };
 }
 
-Attack serviceDocument(const char* name, const std::function<std::string()>& make, int traits = 0)
+/// A device description.
+Attack document(const char* name, const Maker& make, int traits = 0)
 {
-    return {name, traits, LONG_GAP, 1, [make](Attacker& attacker) {
-                attacker.serveDocument("/scpd.xml", make());
-                attacker.sendLocation(Attacker::url("/d.xml"));
-                attacker.waitForAnswer("GET /scpd.xml ");
-                return std::string();
-            }};
+    const int gap = traits & Attack::Oversized ? LONGEST_GAP : LONG_GAP;
+    return answered(name, "GET /d.xml ", sendsDocument(make), traits, gap);
+}
+
+/// A device description of 4 MB that repeats @p text.
+Attack filledDocument(const char* name, const char* text, int traits = 0)
+{
+    const auto make = [text] { return root(filled(text)); };
+    return document(name, make, traits);
+}
+
+/// A service description with what @p make makes for its variables.
+Attack serviceDocument(const char* name, const Maker& make, int traits)
+{
+    const auto whole = [make] { return Attacker::serviceDescription(make()); };
+    return answered(name, "GET /scpd.xml ", sendsDocument(whole), traits, LONG_GAP);
 }
 
 std::string variables(int count)
@@ -185,12 +204,17 @@ std::string variables(int count)
     return result;
 }
 
+std::string services(const std::string& service, size_t count)
+{
+    return Attacker::deviceDescription(repeated(service, count));
+}
+
 std::string withEntities()
 {
     std::string result = "<!DOCTYPE root [<!ENTITY a0 \"" + std::string(4000, 'x') + "\">";
     for (int i = 1; i < 8; ++i) {
-        result +=
-            "<!ENTITY a" + std::to_string(i) + " \"" + repeated("&a" + std::to_string(i - 1) + ";", 10) + "\">";
+        const std::string name = "&a" + std::to_string(i - 1) + ";";
+        result += "<!ENTITY a" + std::to_string(i) + " \"" + repeated(name, 10) + "\">";
     }
     return result + "]>" + root(filled("&a7;"));
 }
@@ -203,38 +227,78 @@ std::string withDefaults()
 std::string inUtf16(const std::string& text)
 {
     std::string result = "\xff\xfe";
-    for (const char character : text) {
-        result += character;
-        result += '\0';
-    }
+    for (const char character : text)
+        result.append(1, character).append(1, '\0');
     return result;
 }
 
 // Subscriptions
 
-Attack subscription(const char* name, const Attacker::Handler& handler, int traits = 0)
+Attack subscription(const char* name, const Handler& handler, int traits = 0)
 {
-    return {name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
-                attacker.serve("SUBSCRIBE ", handler);
-                attacker.sendLocation(Attacker::url("/d.xml"));
-                attacker.waitForAnswer("SUBSCRIBE ");
-                return std::string();
-            }};
+    return answered(name, "SUBSCRIBE ", handler, traits);
+}
+
+void replyOneByteAtATime(PlainConnection& connection, const std::string&)
+{
+    for (const char byte : std::string(SUBSCRIBED)) {
+        if (!connection.send(std::string(1, byte)))
+            return;
+        connection.flush();
+    }
+}
+
+void replyBeforeTheRequest(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection, const std::string&) {
+        attacker.greet(SUBSCRIBED);
+        connection.send(Attacker::reply(Attacker::serviceDescription("<stateVariable/>")));
+    });
+    beAskedFor(attacker, "GET /scpd.xml ");
+}
+
+void replyWithLines(Attacker& attacker)
+{
+    attacker.serveDocument("/scpd.xml", Attacker::serviceDescription(variables(50)));
+    attacker.serve("SUBSCRIBE ", sends(ok(filled("SID\n", MB))));
+    beAskedFor(attacker, "SUBSCRIBE ", 50);
+}
+
+void refuseSubscriptions(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection, const std::string&) {
+        attacker.stopListening();
+        connection.send(Attacker::reply(Attacker::serviceDescription(variables(900))));
+    });
+    beAskedFor(attacker, "GET /scpd.xml ");
+}
+
+void neverAnswer(Attacker& attacker)
+{
+    attacker.serve("SUBSCRIBE ", [](PlainConnection& connection, const std::string&) { connection.waitForEnd(); });
+    attacker.sendLocation(Attacker::url("/d.xml"));
+    attacker.waitForRequests("SUBSCRIBE ");
+}
+
+void describeADeviceAsAService(Attacker& attacker)
+{
+    attacker.serveDocument("/scpd.xml", Attacker::deviceDescription(Attacker::keyObjectService()));
+    attacker.sendLocation(Attacker::url("/d.xml"));
+    // Each asks for the next one, for as long as the discovery lasts.
+    attacker.waitForRequests("GET /scpd.xml ", 1000);
+    attacker.seen = "1,000 requests, one after the other";
 }
 
 // Events
 
-/// What an attack with the path of its own subscription does with a connection to the event server.
-using EventHandler = std::function<void(PlainConnection&, const std::string& path)>;
-
-Attack eventConnection(const char* name, const EventHandler& handler, int traits = 0)
+/// @p handler gets a connection to the event server, and the path of the subscription.
+Attack eventConnection(const char* name, const Handler& handler, int traits = 0)
 {
     return {name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
                 const Attacker::Callback callback = attacker.beSubscribedTo();
                 const auto connection = Attacker::connectTo(callback);
                 handler(*connection, callback.path);
                 attacker.waitForDatagrams();
-                return std::string();
             }};
 }
 
@@ -244,37 +308,53 @@ void expectEnd(PlainConnection& connection)
         throw std::runtime_error("the host keeps the connection");
 }
 
+/// Sends @p bytes, and expects the end of the connection.
+Handler endsAfter(const std::string& bytes)
+{
+    return [bytes](PlainConnection& connection, const std::string&) {
+        connection.send(bytes);
+        expectEnd(connection);
+    };
+}
+
+/// Sends the head of an event, and after the gap @p body.
+void sendInTwoParts(PlainConnection& connection, const std::string& path, const std::string& length,
+                    const std::string& body)
+{
+    connection.send(Attacker::eventHead(path, length));
+    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
+    connection.send(body);
+}
+
 /// Sends an event as a device does. Returns how long the host takes for its body, in milliseconds.
 int sendEvent(const Attacker::Callback& callback, const std::string& body)
 {
     const auto connection = Attacker::connectTo(callback);
-    connection->send(Attacker::eventHead(callback.path, std::to_string(body.size())));
-    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
+    sendInTwoParts(*connection, callback.path, std::to_string(body.size()), std::string());
     const Clock::time_point begin = Clock::now();
     connection->send(body);
     expectEnd(*connection);
     return millisecondsSince(begin);
 }
 
-std::string sendLongEvents(Attacker& attacker)
+void sendLongEvents(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
     const auto event = [](size_t size) { return Attacker::event("12,34;" + std::string(size, ' ')); };
     const int quarter = sendEvent(callback, event(16 * MB));
     const int whole = sendEvent(callback, event(64 * MB));
-    std::string times = "16 MB took " + std::to_string(quarter) + " ms, 64 MB " + std::to_string(whole) + " ms";
+    attacker.seen = "16 MB took " + std::to_string(quarter) + " ms, 64 MB " + std::to_string(whole) + " ms";
     // Four times the length is four times the work; its square would be sixteen.
     if (whole > 10 * quarter + 1000)
-        throw std::runtime_error("not linear: " + times);
-    return times;
+        throw std::runtime_error("not linear: " + attacker.seen);
 }
 
-Attack eventBody(const char* name, const std::function<std::string()>& make, int traits = 0)
+/// An event whose body comes after its head.
+Attack eventBody(const char* name, const Maker& make, int traits = 0)
 {
     return {name, traits, LONG_GAP, 1, [make](Attacker& attacker) {
                 const std::string body = make();
                 sendEvent(attacker.beSubscribedTo(), body);
-                return std::string();
             }};
 }
 
@@ -302,7 +382,7 @@ void waitForTheGoodDevice(const Attacker::Callback& callback)
     }
 }
 
-std::string useUpDescriptors(Attacker& attacker)
+void useUpDescriptors(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
     // Nobody gets a connection after these.
@@ -314,10 +394,9 @@ std::string useUpDescriptors(Attacker& attacker)
         connections.push_back(Attacker::connectTo(callback));
     // The host has accepted all that it could when it ends the last one.
     expectEnd(*connections.back());
-    return std::string();
 }
 
-std::string connectWithoutAWord(Attacker& attacker)
+void connectWithoutAWord(Attacker& attacker)
 {
     const int count = 1000;
     const Attacker::Callback callback = attacker.beSubscribedTo();
@@ -339,280 +418,255 @@ std::string connectWithoutAWord(Attacker& attacker)
     if (milliseconds > 900)
         throw std::runtime_error("a SYN was lost: all took " + std::to_string(milliseconds) + " ms");
     attacker.waitForDatagrams();
-    return std::to_string(count) + " connected within " + std::to_string(milliseconds) + " ms";
+    attacker.seen = std::to_string(count) + " connected within " + std::to_string(milliseconds) + " ms";
 }
 
-std::vector<Attack> makeAttacks()
+void sendEventBeforeTheReply(PlainConnection& connection, const std::string& request)
 {
-    using Connection = PlainConnection;
-    const std::string status = OK;
-    const std::string body = root("");
-    std::vector<Attack> all = {
-        {"No attack", Attack::Quick, SHORT_GAP, 0, [](Attacker&) { return std::string(); }},
-        datagram("Datagram of 0 bytes", "", Attack::Quick),
+    const Attacker::Callback callback = Attacker::callbackOf(request);
+    const auto early = Attacker::connectTo(callback);
+    const std::string text = Attacker::event("1,1");
+    sendInTwoParts(*early, callback.path, std::to_string(text.size()), text);
+    early->waitForEnd();
+    connection.send(SUBSCRIBED);
+}
+
+void sendManyProperties(Attacker& attacker)
+{
+    const std::string services = repeated("<service/>", 100000) + Attacker::keyObjectService();
+    attacker.serveDocument("/d.xml", Attacker::deviceDescription(services));
+    sendEvent(attacker.beSubscribedTo(), properties(std::vector<std::string>(100000, "A")));
+}
+
+void sendPipelinedEvents(PlainConnection& connection, const std::string& path)
+{
+    const std::string text = Attacker::event("1,1");
+    connection.send(repeated(Attacker::eventHead(path, std::to_string(text.size())) + text, 100));
+    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
+    connection.send(text);
+    expectEnd(connection);
+}
+
+void locateTheEventServer(Attacker& attacker)
+{
+    const Attacker::Callback callback = attacker.beSubscribedTo();
+    attacker.sendLocation("http://" + callback.address + ":" + std::to_string(callback.port) + "/d.xml");
+    attacker.waitForDatagrams();
+}
+
+std::vector<Attack> datagramAttacks()
+{
+    const std::string foreign = "LOCATION: http://10.77.1.2:8000/x";
+    return {
+        {"No attack", QUICK, SHORT_GAP, 0, [](Attacker&) {}},
+        datagram("Datagram of 0 bytes", "", QUICK),
         datagram("Datagram of 1 byte", "L"),
-        datagram("Datagram of 65,507 bytes", std::string(65507, 'x'), Attack::Quick),
+        datagram("Datagram of 65,507 bytes", std::string(65507, 'x'), QUICK),
         datagram("Datagram of 65,507 line feeds", std::string(65507, '\n')),
-        datagram("Datagram without an empty line", "NOTIFY * HTTP/1.1\r\nLOCATION: http://10.77.1.2:8000/x"),
-        datagram("Datagram with zero bytes", std::string(2, '\0') + "LOCATION: http://10.77.1.2:8000/x\r\n"),
-        datagram("Datagram without a colon", "HTTP/1.1 200 OK\r\nLOCATION http//10.77.1.2/x\r\n\r\n"),
-        locations("Location of 60 KB", {Attacker::url("/" + std::string(60 * KB, 'x'))}, Attack::Quick),
+        datagram("Datagram without an empty line", "NOTIFY * HTTP/1.1\r\n" + foreign),
+        datagram("Datagram with zero bytes", std::string(2, '\0') + foreign + "\r\n"),
+        datagram("Datagram without a colon", ok("LOCATION http//10.77.1.2/x\r\n\r\n")),
+        locations("Location of 60 KB", {Attacker::url("/" + std::string(60 * KB, 'x'))}, QUICK),
         locations("Location that is relative", {"/d.xml", "d.xml", "../d.xml", "//10.77.1.2:8000/d.xml"}),
         locations("Location without a host", {"http:///d.xml", "http://", "http:", ":", "http://:80/"}),
         locations("Location with port 0 or 99999", {"http://10.77.1.2:0/d.xml", "http://10.77.1.2:99999/d.xml"}),
         locations("Location of another scheme",
-                  {"file:///etc/hostname", "data:text/xml,<root/>", "ftp://10.77.1.2/x", "https://10.77.1.2:8000/x",
-                   "gopher://10.77.1.2/", "qrc:/x", "preconnect-http://10.77.1.2:8000"},
-                  Attack::Quick),
+                  {"file:///etc/hostname", "data:text/xml,<root/>", "ftp://10.77.1.2/x",
+                   "https://10.77.1.2:8000/x", "gopher://10.77.1.2/", "qrc:/x",
+                   "preconnect-http://10.77.1.2:8000"},
+                  QUICK),
         locations("Location that is /dev/zero", {"file:///dev/zero"}),
-        locations("Location with an IPv6 address", {"http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml"}),
-        {"Location that is the host's own event server", Attack::Quick, SHORT_GAP, 2,
-         [](Attacker& attacker) {
-             const Attacker::Callback callback = attacker.beSubscribedTo();
-             attacker.sendLocation("http://" + callback.address + ":" + std::to_string(callback.port) + "/d.xml");
-             attacker.waitForDatagrams();
-             return std::string();
-         }},
-        {"10,000 different Locations", Attack::ManyRecords, LONG_GAP, 10000,
-         [](Attacker& attacker) { return sendLocations(attacker, 10000, 100); }},
-        {"2,000 datagrams in a burst, the host busy for 400 ms", Attack::Quick | Attack::Stalled, LONG_GAP, 2000,
-         [](Attacker& attacker) { return sendLocations(attacker, 2000, 2000); }},
+        locations("Location with an IPv6 address",
+                  {"http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml"}),
+        {"Location that is the host's own event server", QUICK, SHORT_GAP, 2, locateTheEventServer},
+        manyLocations("10,000 different Locations", MANY, 10000, 100),
+        manyLocations("2,000 datagrams in a burst, the host busy for 400 ms", QUICK | Attack::Stalled, 2000, 2000),
+    };
+}
 
+std::vector<Attack> httpAttacks()
+{
+    const std::string body = root("");
+    const std::string chunk = "\r\n" + body + "\r\n0\r\n\r\n";
+    const auto withLength = [&body](const char* name, const std::string& length, int traits = 0) {
+        return http(name, sends(ok("Content-Length: " + length + "\r\n\r\n" + body)), traits);
+    };
+    const auto withHeaders = [&body](const char* name, const std::string& headers, int traits = 0) {
+        return http(name, sends(Attacker::reply(body, headers)), traits);
+    };
+    return {
         locations("HTTP refused", {"http://10.77.1.2:9/d.xml"}),
-        http(
-            "HTTP silent", [](Connection& connection, const std::string&) { connection.sendFor(500, "", 100); },
-            Attack::Quick),
-        http("HTTP of 1 byte a second",
-             [](Connection& connection, const std::string&) { connection.sendFor(4000, "H", 1000); }),
-        http(
-            "HTTP reset in the head",
-            [status](Connection& connection, const std::string&) {
-                connection.send(status);
-                connection.reset();
-            },
-            Attack::Quick),
-        http("HTTP reset in the body",
-             [status, body](Connection& connection, const std::string&) {
-                 connection.send(status + "Content-Length: 1000\r\n\r\n" + body);
-                 connection.flush();
-                 connection.reset();
-             }),
-        httpReply("HTTP Content-Length too small", status + "Content-Length: 10\r\n\r\n" + body),
-        httpReply("HTTP Content-Length too large", status + "Content-Length: 100000\r\n\r\n" + body),
-        httpReply("HTTP Content-Length of 2^63 - 1", status + "Content-Length: 9223372036854775807\r\n\r\n" + body,
-                  Attack::Quick),
-        httpReply("HTTP Content-Length of 2^64 and more", status + "Content-Length: 99999999999999999999\r\n\r\n" + body),
-        httpReply("HTTP Content-Length negative", status + "Content-Length: -1\r\n\r\n" + body),
-        httpReply("HTTP chunk length that is no number",
-                  status + "Transfer-Encoding: chunked\r\n\r\nZZZ\r\n" + body + "\r\n0\r\n\r\n", Attack::Quick),
-        httpReply("HTTP chunk length negative",
-                  status + "Transfer-Encoding: chunked\r\n\r\n-5\r\n" + body + "\r\n0\r\n\r\n"),
-        httpReply("HTTP chunk length of 2^63 - 1",
-                  status + "Transfer-Encoding: chunked\r\n\r\n7fffffffffffffff\r\n" + body + "\r\n0\r\n\r\n"),
-        httpReply("HTTP body in a coding that was not requested", Attacker::reply(body, "Content-Encoding: gzip\r\n")),
-        httpReply("HTTP with 101 headers", Attacker::reply(body, numbered("X-", ": v\r\n", 905)), Attack::Quick),
-        httpReply("HTTP with 1,500 cookies", Attacker::reply(body, numbered("Set-Cookie: c", "=v\r\n", 29 * KB)),
-                  Attack::Quick),
-        httpReply("HTTP with a header of 110 KB",
-                  Attacker::reply(body, "X-Header: " + std::string(110 * KB, 'x') + "\r\n")),
-        httpReply("HTTP redirect to itself",
-                  "HTTP/1.1 302 Found\r\nLocation: /d.xml\r\nContent-Length: 0\r\n\r\n", Attack::Quick),
+        http("HTTP silent", sendsFor(500, "", 100), QUICK),
+        http("HTTP of 1 byte a second", sendsFor(4000, "H", 1000)),
+        http("HTTP reset in the head", resetsAfter(ok()), QUICK),
+        http("HTTP reset in the body", resetsAfter(ok("Content-Length: 1000\r\n\r\n" + body))),
+        withLength("HTTP Content-Length too small", "10"),
+        withLength("HTTP Content-Length too large", "100000"),
+        withLength("HTTP Content-Length of 2^63 - 1", "9223372036854775807", QUICK),
+        withLength("HTTP Content-Length of 2^64 and more", "99999999999999999999"),
+        withLength("HTTP Content-Length negative", "-1"),
+        http("HTTP chunk length that is no number", sends(chunked("ZZZ" + chunk)), QUICK),
+        http("HTTP chunk length negative", sends(chunked("-5" + chunk))),
+        http("HTTP chunk length of 2^63 - 1", sends(chunked("7fffffffffffffff" + chunk))),
+        withHeaders("HTTP body in a coding that was not requested", "Content-Encoding: gzip\r\n"),
+        withHeaders("HTTP with 101 headers", numbered("X-", ": v\r\n", 905), QUICK),
+        withHeaders("HTTP with 1,500 cookies", numbered("Set-Cookie: c", "=v\r\n", 29 * KB), QUICK),
+        withHeaders("HTTP with a header of 110 KB", "X-Header: " + std::string(110 * KB, 'x') + "\r\n"),
+        http("HTTP redirect to itself",
+             sends("HTTP/1.1 302 Found\r\nLocation: /d.xml\r\nContent-Length: 0\r\n\r\n"), QUICK),
+    };
+}
 
-        document("Document of 4 MB, deep", [] { return root(filled("<a>")); }, Attack::Quick),
+std::vector<Attack> documentAttacks()
+{
+    const size_t half = DOCUMENT_SIZE / 2;
+    const auto doctype = [](const std::string& declarations) {
+        return "<!DOCTYPE root [" + declarations + "]>" + root("");
+    };
+    return {
+        filledDocument("Document of 4 MB, deep", "<a>", QUICK),
         document("Document of 4 MB, deep and well-formed",
-                 [] { return root(filled("<a>", DOCUMENT_SIZE / 2) + filled("</a>", DOCUMENT_SIZE / 2)); }),
-        document("Document of 4 MB, wide", [] { return root(filled("<a/>")); }, Attack::Quick),
-        document("Document of 16 MB, wide", [] { return root(filled("<a/>", 16 * MB - KB)); },
-                 Attack::ManyRecords | Attack::Oversized),
+                 [] { return root(filled("<a>", half) + filled("</a>", half)); }),
+        filledDocument("Document of 4 MB, wide", "<a/>", QUICK),
+        document(
+            "Document of 16 MB, wide", [] { return root(filled("<a/>", 16 * MB - KB)); },
+            MANY | Attack::Oversized),
         document("Document of 4 MB, 128 levels again and again",
                  [] { return root(filled(repeated("<a>", 127) + repeated("</a>", 127))); }),
-        document("Document of 4 MB, attributes of one element",
-                 [] { return root("<a" + numbered(" a", "=\"\"") + "/>"); }, Attack::Quick),
+        document(
+            "Document of 4 MB, attributes of one element",
+            [] { return root("<a" + numbered(" a", "=\"\"") + "/>"); }, QUICK),
         document("Document of 4 MB, 256 attributes for every element",
                  [] { return root(filled("<a" + numbered(" a", "=\"\"", 1938) + "/>")); }),
         document("Document of 4 MB, name-space declarations",
                  [] { return root("<a" + numbered(" xmlns:a", "=\"u\"") + "/>"); }),
-        document("Document of 4 MB, comments", [] { return root(filled("<!---->")); }),
+        filledDocument("Document of 4 MB, comments", "<!---->"),
         document("Document of 4 MB, one comment", [] { return root("<!--" + filled("- ") + "-->"); }),
-        document("Document of 4 MB, comments without an end", [] { return root(filled("<!-- ")); }),
-        document("Document of 4 MB, processing instructions", [] { return root(filled("<?p?>")); }),
+        filledDocument("Document of 4 MB, comments without an end", "<!-- "),
+        filledDocument("Document of 4 MB, processing instructions", "<?p?>"),
         document("Document of 4 MB, XML declarations", [] { return filled("<?xml ?>"); }),
-        document("Document of 4 MB, CDATA sections", [] { return root(filled("<![CDATA[]]>")); }),
-        document("Document of 4 MB, text", [] { return root(filled("text ")); }),
-        document("Document of 4 MB, character references", [] { return root(filled("&#65;")); }),
-        document("Document of 4 MB, entities in entities", withEntities, Attack::Quick),
+        filledDocument("Document of 4 MB, CDATA sections", "<![CDATA[]]>"),
+        filledDocument("Document of 4 MB, text", "text "),
+        filledDocument("Document of 4 MB, character references", "&#65;"),
+        document("Document of 4 MB, entities in entities", withEntities, QUICK),
         document("Document of 4 MB, parameter entities",
-                 [] { return "<!DOCTYPE root [<!ENTITY % a \"x\">" + filled("%a;") + "]>" + root(""); }),
+                 [doctype] { return doctype("<!ENTITY % a \"x\">" + filled("%a;")); }),
         document("Document of 4 MB, <!ELEMENT a ((((",
-                 [] { return "<!DOCTYPE root [<!ELEMENT a " + filled("(") + "]>" + root(""); }),
+                 [doctype] { return doctype("<!ELEMENT a " + filled("(")); }),
         document("Document of 4 MB, <!ATTLIST> defaults", withDefaults),
         document("Document of 4 MB, unclosed", [] { return "<root>" + filled("<a/>"); }),
         document("Document of 4 MB, unclosed attribute", [] { return "<root a=\"" + filled("x"); }),
         document("Document of 4 MB, one name", [] { return "<" + filled("a") + "/>"; }),
         document("Document of 4 MB, less-than signs", [] { return filled("<"); }),
-        document("Document of 4 MB, end tags", [] { return root(filled("</a>")); }),
-        document("Document of 4 MB in UTF-16 with byte order mark", [] { return inUtf16(root(filled("<a/>", DOCUMENT_SIZE / 2))); }),
+        filledDocument("Document of 4 MB, end tags", "</a>"),
+        document("Document of 4 MB in UTF-16 with byte order mark",
+                 [] { return inUtf16(root(filled("<a/>", half))); }),
         document("Document of 4 MB, zero bytes", [] { return std::string(DOCUMENT_SIZE, '\0'); }),
-        document("100,000 services",
-                 [] { return Attacker::deviceDescription(repeated("<service><SCPDURL>/s</SCPDURL></service>", 100000)); },
-                 Attack::ManyRecords),
-        document("10,000 key-object services",
-                 [] { return Attacker::deviceDescription(repeated(Attacker::keyObjectService(), 10000)); },
-                 Attack::ManyRecords | Attack::Unending),
-        serviceDocument("100,000 state variables, 1,024 descriptors",
-                        [] { return Attacker::serviceDescription(numbered("<stateVariable><name>", "</name></stateVariable>")); },
-                        Attack::ManyRecords | Attack::FewDescriptors),
-        serviceDocument("Names with line feeds and %1",
-                        [] {
-                            return Attacker::serviceDescription(repeated("<stateVariable><name>%1%2\n%n&#10;%s</name></stateVariable>", 20));
-                        },
-                        Attack::Quick),
-        document("Service description in place of a device's", [] { return Attacker::serviceDescription("<stateVariable/>"); }),
-        {"Device description in place of a service's", Attack::Unending, SHORT_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serveDocument("/scpd.xml", Attacker::deviceDescription(Attacker::keyObjectService()));
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             // Each asks for the next one, for as long as the discovery lasts.
-             attacker.waitForRequests("GET /scpd.xml ", 1000);
-             return std::string("1,000 requests, one after the other");
-         }},
-
-        subscription("SUBSCRIBE reply empty", [](Connection&, const std::string&) {}, Attack::Quick),
-        subscription("SUBSCRIBE reply without an end",
-                     [](Connection& connection, const std::string&) { connection.sendFor(5000, std::string(65536, 'x')); }),
-        subscription("SUBSCRIBE reply of one byte at a time",
-                     [status](Connection& connection, const std::string&) {
-                         for (const char byte : status + "SID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n") {
-                             if (!connection.send(std::string(1, byte)))
-                                 return;
-                             connection.flush();
-                         }
-                     }),
-        {"SUBSCRIBE reply before the request", Attack::Quick, SHORT_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serve("GET /scpd.xml ", [&attacker](Connection& connection, const std::string&) {
-                 attacker.greet("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
-                 connection.send(Attacker::reply(Attacker::serviceDescription("<stateVariable/>")));
-             });
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             attacker.waitForAnswer("GET /scpd.xml ");
-             return std::string();
-         }},
-        {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", Attack::Quick, SHORT_GAP, 1,
-         [status](Attacker& attacker) {
-             const std::string lines = filled("SID\n", MB);
-             attacker.serveDocument("/scpd.xml", Attacker::serviceDescription(variables(50)));
-             attacker.serve("SUBSCRIBE ", [status, lines](Connection& connection, const std::string&) {
-                 connection.send(status + lines);
-             });
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             attacker.waitForAnswer("SUBSCRIBE ", 50);
-             return std::string();
-         }},
-        {"900 state variables, connections refused, 1,024 descriptors", Attack::Quick | Attack::FewDescriptors,
-         SHORT_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serve("GET /scpd.xml ", [&attacker](Connection& connection, const std::string&) {
-                 attacker.stopListening();
-                 connection.send(Attacker::reply(Attacker::serviceDescription(variables(900))));
-             });
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             attacker.waitForAnswer("GET /scpd.xml ");
-             return std::string();
-         }},
-        {"SUBSCRIBE that is never answered", Attack::Unending, SHORT_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serve("SUBSCRIBE ", [](Connection& connection, const std::string&) { connection.waitForEnd(); });
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             attacker.waitForRequests("SUBSCRIBE ");
-             return std::string();
-         }},
-
-        {"Event before the SUBSCRIBE reply", Attack::Quick, SHORT_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serve("SUBSCRIBE ", [](Connection& connection, const std::string& request) {
-                 const Attacker::Callback callback = Attacker::callbackOf(request);
-                 const auto early = Attacker::connectTo(callback);
-                 const std::string text = Attacker::event("1,1");
-                 early->send(Attacker::eventHead(callback.path, std::to_string(text.size())));
-                 std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-                 early->send(text);
-                 early->waitForEnd();
-                 connection.send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
-             });
-             attacker.sendLocation(Attacker::url("/d.xml"));
-             attacker.waitForAnswer("SUBSCRIBE ");
-             return std::string();
-         }},
-        eventConnection("Event with an unknown identifier",
-                        [](Connection& connection, const std::string&) {
-                            connection.send(Attacker::eventHead("/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4", "100"));
-                            expectEnd(connection);
-                        },
-                        Attack::Quick),
-        eventConnection("Event with the null identifier",
-                        [](Connection& connection, const std::string&) {
-                            connection.send(Attacker::eventHead("/00000000-0000-0000-0000-000000000000_%4", "100"));
-                            expectEnd(connection);
-                        }),
-        eventConnection("Event with the identifier in upper case",
-                        [](Connection& connection, const std::string& path) {
-                            std::string upper = path;
-                            std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
-                            connection.send(Attacker::eventHead(upper, "5"));
-                            std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-                            connection.send("<a/>\n");
-                            expectEnd(connection);
-                        }),
-        eventBody("Event of 20,000 names that Qt 5 hashes alike", [] { return properties(namesAlike(20000)); },
-                  Attack::Quick),
-        {"Event of 100,000 properties after 100,000 services", Attack::ManyRecords, LONG_GAP, 1,
-         [](Attacker& attacker) {
-             attacker.serveDocument("/d.xml", Attacker::deviceDescription(repeated("<service/>", 100000) + Attacker::keyObjectService()));
-             sendEvent(attacker.beSubscribedTo(), properties(std::vector<std::string>(100000, "A")));
-             return std::string();
-         }},
-        eventConnection("Event head of 1 MB of lines without a colon",
-                        [](Connection& connection, const std::string& path) {
-                            connection.send("NOTIFY " + path + " HTTP/1.1\r\n" + filled("CONTENT-LENGTH\n", MB));
-                            expectEnd(connection);
-                        },
-                        Attack::Quick),
-        {"1,100 event connections, 1,024 descriptors", Attack::Quick | Attack::FewDescriptors, 2000, 1, useUpDescriptors},
-        {"1,000 event connections that stay silent", Attack::Quick, SHORT_GAP, 1, connectWithoutAWord},
-        {"Event bodies of 16 and 64 MB", Attack::ManyRecords, LONG_GAP, 1, sendLongEvents},
-        eventBody("Event body of 4 MB, deep", [] { return filled("<a>"); }),
-        eventConnection("Event body length of 2147483647",
-                        [](Connection& connection, const std::string& path) {
-                            connection.send(Attacker::eventHead(path, "2147483647"));
-                            std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-                            connection.sendFor(1000, std::string(1024, 'x'), 1);
-                        },
-                        Attack::Quick),
-        eventConnection("Event body length of -2147483648",
-                        [](Connection& connection, const std::string& path) {
-                            connection.sendFor(1000, Attacker::eventHead(path, "-2147483648"), 1);
-                        },
-                        Attack::Quick),
-        eventConnection("Events pipelined in one connection",
-                        [](Connection& connection, const std::string& path) {
-                            const std::string text = Attacker::event("1,1");
-                            connection.send(repeated(Attacker::eventHead(path, std::to_string(text.size())) + text, 100));
-                            std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-                            connection.send(text);
-                            expectEnd(connection);
-                        }),
-        eventConnection("Event reset in the middle",
-                        [](Connection& connection, const std::string& path) {
-                            connection.send(Attacker::eventHead(path, "1000"));
-                            std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-                            connection.send("<e:propertyset>");
-                            connection.flush();
-                            connection.reset();
-                        },
-                        Attack::Quick),
+        document(
+            "100,000 services", [] { return services("<service><SCPDURL>/s</SCPDURL></service>", 100000); }, MANY),
+        document(
+            "10,000 key-object services", [] { return services(Attacker::keyObjectService(), 10000); },
+            MANY | Attack::Unending),
+        serviceDocument(
+            "100,000 state variables, 1,024 descriptors",
+            [] { return numbered("<stateVariable><name>", "</name></stateVariable>"); },
+            MANY | Attack::FewDescriptors),
+        serviceDocument(
+            "Names with line feeds and %1",
+            [] { return repeated("<stateVariable><name>%1%2\n%n&#10;%s</name></stateVariable>", 20); }, QUICK),
+        document("Service description in place of a device's",
+                 [] { return Attacker::serviceDescription("<stateVariable/>"); }),
+        {"Device description in place of a service's", Attack::Unending, SHORT_GAP, 1, describeADeviceAsAService},
     };
-    addEndlessReplies(all);
+}
+
+std::vector<Attack> subscriptionAttacks()
+{
+    return {
+        subscription("SUBSCRIBE reply empty", sends(""), QUICK),
+        subscription("SUBSCRIBE reply without an end", sendsFor(5000, std::string(65536, 'x'))),
+        subscription("SUBSCRIBE reply of one byte at a time", replyOneByteAtATime),
+        {"SUBSCRIBE reply before the request", QUICK, SHORT_GAP, 1, replyBeforeTheRequest},
+        {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, SHORT_GAP, 1, replyWithLines},
+        {"900 state variables, connections refused, 1,024 descriptors", QUICK | Attack::FewDescriptors, SHORT_GAP,
+         1, refuseSubscriptions},
+        {"SUBSCRIBE that is never answered", Attack::Unending, SHORT_GAP, 1, neverAnswer},
+    };
+}
+
+std::vector<Attack> eventAttacks()
+{
+    return {
+        subscription("Event before the SUBSCRIBE reply", sendEventBeforeTheReply, QUICK),
+        eventConnection("Event with an unknown identifier",
+                        endsAfter(Attacker::eventHead("/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4", "100")), QUICK),
+        eventConnection("Event with the null identifier",
+                        endsAfter(Attacker::eventHead("/00000000-0000-0000-0000-000000000000_%4", "100"))),
+        eventConnection("Event with the identifier in upper case",
+                        [](PlainConnection& connection, std::string path) {
+                            std::transform(path.begin(), path.end(), path.begin(), ::toupper);
+                            sendInTwoParts(connection, path, "5", "<a/>\n");
+                            expectEnd(connection);
+                        }),
+        eventBody(
+            "Event of 20,000 names that Qt 5 hashes alike", [] { return properties(namesAlike(20000)); }, QUICK),
+        {"Event of 100,000 properties after 100,000 services", MANY, LONG_GAP, 1, sendManyProperties},
+        eventConnection(
+            "Event head of 1 MB of lines without a colon",
+            [](PlainConnection& connection, const std::string& path) {
+                connection.send("NOTIFY " + path + " HTTP/1.1\r\n" + filled("CONTENT-LENGTH\n", MB));
+                expectEnd(connection);
+            },
+            QUICK),
+        {"1,100 event connections, 1,024 descriptors", QUICK | Attack::FewDescriptors, 2000, 1, useUpDescriptors},
+        {"1,000 event connections that stay silent", QUICK, SHORT_GAP, 1, connectWithoutAWord},
+        {"Event bodies of 16 and 64 MB", MANY, LONG_GAP, 1, sendLongEvents},
+        eventBody("Event body of 4 MB, deep", [] { return filled("<a>"); }),
+        eventConnection(
+            "Event body length of 2147483647",
+            [](PlainConnection& connection, const std::string& path) {
+                sendInTwoParts(connection, path, "2147483647", "");
+                connection.sendFor(1000, std::string(1024, 'x'), 1);
+            },
+            QUICK),
+        eventConnection(
+            "Event body length of -2147483648",
+            [](PlainConnection& connection, const std::string& path) {
+                connection.sendFor(1000, Attacker::eventHead(path, "-2147483648"), 1);
+            },
+            QUICK),
+        eventConnection("Events pipelined in one connection", sendPipelinedEvents),
+        eventConnection(
+            "Event reset in the middle",
+            [](PlainConnection& connection, const std::string& path) {
+                sendInTwoParts(connection, path, "1000", "<e:propertyset>");
+                connection.flush();
+                connection.reset();
+            },
+            QUICK),
+    };
+}
+
+/// What goes on for as long as the host takes it, from one device and from twenty.
+std::vector<Attack> endlessReplies()
+{
+    const std::string headers = repeated("X-Header: value\r\n", 1000);
+    const std::string interim = repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000);
+    const std::string much(65536, 'x');
+    const int prompt = QUICK | Attack::Prompt;
+    std::vector<Attack> all;
+    const auto add = [&all](const std::string& what, const std::string& head, const std::string& bytes,
+                            int traits) {
+        all.push_back(endlessReply("HTTP " + what + " without an end", head, bytes, 1, traits));
+        all.push_back(endlessReply("HTTP " + what + " without an end, 20 times", head, bytes, 20, traits));
+    };
+    add("head", ok(), headers, prompt);
+    add("header line", ok("X-Header: "), much, prompt);
+    add("status line", "HTTP/1.1 200 ", much, prompt);
+    add("chunk length", chunked(), std::string(65536, '0'), prompt);
+    add("of interim replies", "", interim, prompt);
+    add("trailers", chunked("0\r\n"), headers, prompt);
+    add("body", ok("\r\n"), much, QUICK);
     return all;
 }
 
@@ -620,7 +674,13 @@ std::vector<Attack> makeAttacks()
 
 const std::vector<Attack>& attacks()
 {
-    static const std::vector<Attack> all = makeAttacks();
+    static const std::vector<Attack> all = [] {
+        std::vector<Attack> result;
+        for (const auto& kind : {datagramAttacks(), httpAttacks(), documentAttacks(), subscriptionAttacks(),
+                                 eventAttacks(), endlessReplies()})
+            result.insert(result.end(), kind.begin(), kind.end());
+        return result;
+    }();
     return all;
 }
 

@@ -23,7 +23,7 @@ struct Attack
         Prompt = 0x40 ///< Delays neither the good device nor the end of the controller by 100 ms.
     };
 
-    const char* name;
+    std::string name;
     int traits;
     /// How long the good device pauses at most between head and body of its event, in milliseconds; longer
     /// than the host may be busy, since head and body that are read together are dropped. The pause ends
@@ -31,8 +31,8 @@ struct Attack
     int eventGap;
     /// Records of devices that the host has to have in the end.
     int devices;
-    /// Does it, after the host has searched. Returns what the attacker has seen; throws if it failed.
-    std::function<std::string(Attacker&)> run;
+    /// Does it, after the host has searched; throws if it failed.
+    std::function<void(Attacker&)> run;
 };
 
 /// The first one does nothing.

@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -104,6 +106,20 @@ std::string DeviceProcess::readReport() const
     if (n <= 0)
         throw std::runtime_error("no report");
     return std::string(buffer, static_cast<size_t>(n));
+}
+
+int runAgainst(const DeviceProcess::Body& body, int addresses, const std::function<int(DeviceProcess&)>& test)
+{
+    try {
+        PrivateNetwork network;
+        network.addLink("10.77.0.1/16", "10.77.1.1/16", addresses);
+        DeviceProcess devices(network, body);
+        return test(devices);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "no private network: %s\n", error.what());
+        const char* const required = std::getenv("VELMORA_REQUIRE_NETWORK");
+        return required && std::atoi(required) != 0 ? 1 : 77;
+    }
 }
 
 } // namespace Tests

@@ -46,9 +46,13 @@ private:
     void obey(const Body& body);
     int command(int number);
 
-    int commands[2];
-    int reports[2];
+    int commands[2] = {-1, -1};
+    int reports[2] = {-1, -1};
 };
+
+/// Runs @p test against @p body on the device side of a private network, where the devices have @p addresses
+/// from 10.77.1.1 on. Returns its status, or that of a skipped test where there can be no private network.
+int runAgainst(const DeviceProcess::Body& body, int addresses, const std::function<int(DeviceProcess&)>& test);
 
 } // namespace Tests
 } // namespace Velmora

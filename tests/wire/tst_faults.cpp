@@ -15,7 +15,6 @@ namespace {
 // No test waits for the time-out.
 const int LONGEST_TEST = 60 * 60 * 1000;
 
-const char NO_LINE[] = "";
 const char UNPARSED_REPLY[] = "1|void Velmora::SSDP::SsdpManager::handleServerResponse(QNetworkReply*)|"
                               "Could not parse server response|";
 const char UNPARSED_EVENT[] = "1|void Velmora::SSDP::SsdpManager::updateStateVariables("
@@ -34,6 +33,50 @@ class FaultsTest : public WireTest
 public:
     using WireTest::WireTest;
 
+private:
+    std::unique_ptr<SimulatedDevice> start(int number, DeviceOptions options)
+    {
+        options.address = QHostAddress("10.77.1.%1"_s.arg(number));
+        options.univocalCode = number;
+        options.responseDelayMax = 0;
+        auto result = std::make_unique<SimulatedDevice>(group.get(), options);
+        if (!result->start())
+            qFatal("%s", qPrintable(result->errorString()));
+        return result;
+    }
+
+    void startBoth(const DeviceOptions& options)
+    {
+        {
+            const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
+            group = std::make_unique<SsdpGroup>();
+        }
+        sound = start(3, DeviceOptions());
+        faulty = start(2, options);
+        connect(faulty.get(), &SimulatedDevice::message, this,
+                [this](bool, const QString&, const QByteArray& text) { transcript += text; });
+        ssdp = newController(LONGEST_TEST);
+    }
+
+    void startBoth(const QString& fault)
+    {
+        DeviceOptions options;
+        QCOMPARE(options.addFault(fault), QString());
+        tried.insert(options.faults.firstKey());
+        startBoth(options);
+    }
+
+    bool faultWasShown() const { return faulty->hasShown(faulty->options().faults.firstKey()); }
+
+    static QStringList errors() { return log().filter(QRegularExpression("^1\\|")); }
+    static QStringList locations() { return log().filter("0|Ssdp device|http://10.77.1.2"); }
+
+    std::unique_ptr<SsdpGroup> group;
+    std::unique_ptr<SimulatedDevice> faulty;
+    std::unique_ptr<SimulatedDevice> sound;
+    QByteArray transcript; ///< What the faulty device got and sent.
+    QSet<Fault::Id> tried;
+
 private Q_SLOTS:
 
     void cleanup()
@@ -49,12 +92,23 @@ private Q_SLOTS:
     void deviceIsFoundDespiteTheFault_data()
     {
         QTest::addColumn<QString>("fault");
-        for (const char* const fault :
-             {"duplicate-responses", "duplicate-responses=20", "slow-http=5000", "wrong-length=100", "no-sid",
-              "late-sid", "event-many-chunks", "event-no-length", "event-length=-20", "event-url",
-              "announce-only=50", "slow-answer=50", "die-after=event"}) {
-            QTest::newRow(fault) << QString::fromLatin1(fault);
-        }
+        const auto add = [](Fault::Id fault, const char* value = nullptr) {
+            const QString text = Fault::text(fault, value);
+            QTest::newRow(qPrintable(text)) << text;
+        };
+        add(Fault::DuplicateResponses);
+        add(Fault::DuplicateResponses, "20");
+        add(Fault::SlowHttp, "5000");
+        add(Fault::WrongLength, "100");
+        add(Fault::NoSid);
+        add(Fault::LateSid);
+        add(Fault::EventManyChunks);
+        add(Fault::EventNoLength);
+        add(Fault::EventLength, "-20");
+        add(Fault::EventUrl);
+        add(Fault::AnnounceOnly, "50");
+        add(Fault::SlowAnswer, "50");
+        add(Fault::DieAfter, "event");
     }
 
     void deviceIsFoundDespiteTheFault()
@@ -62,12 +116,13 @@ private Q_SLOTS:
         QFETCH(QString, fault);
         startBoth(fault);
         ssdp->discover();
-        VERIFY_SOON(reports.contains(QLatin1String(FAULTY_REPORT)));
-        VERIFY_SOON(reports.contains(QLatin1String(SOUND_REPORT)));
+        VERIFY_SOON(reports.contains(FAULTY_REPORT));
+        VERIFY_SOON(reports.contains(SOUND_REPORT));
         QCOMPARE(reports.size(), 2);
         QCOMPARE(locations().size(), 1);
         QCOMPARE(faulty->count(SimulatedDevice::Described), 1);
         QCOMPARE(errors(), QStringList());
+        QVERIFY(faultWasShown());
     }
 
     void deviceIsNotFound_data()
@@ -75,45 +130,46 @@ private Q_SLOTS:
         QTest::addColumn<QString>("fault");
         QTest::addColumn<QByteArray>("lastMessage");
         QTest::addColumn<QString>("line");
-        const auto add = [](const char* fault, const char* lastMessage, const char* line) {
-            QTest::newRow(fault) << QString::fromLatin1(fault) << QByteArray(lastMessage)
-                                 << QString::fromLatin1(line);
+        const auto add = [](Fault::Id fault, const char* lastMessage, const char* line = "",
+                            const char* value = nullptr) {
+            const QString text = Fault::text(fault, value);
+            QTest::newRow(qPrintable(text)) << text << QByteArray(lastMessage) << QString(line);
         };
-        add("location-garbage", "LOCATION: no location", UNPARSED_REPLY);
-        add("location-other-host", "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
-        add("no-location", "HTTP/1.1 200 OK", NO_LINE);
-        add("silent-http", "GET /description.xml", NO_LINE);
-        add("reset-mid-body", "<root", UNPARSED_REPLY);
-        add("wrong-length", "<root", UNPARSED_REPLY);
-        add("truncated-xml", "<root", UNPARSED_REPLY);
-        add("deep-xml", "<root", UNPARSED_REPLY);
-        add("html-instead", "Welcome", UNPARSED_REPLY);
-        add("redirect", "302 Found", UNPARSED_REPLY);
-        add("error-500", "500 Internal", UNPARSED_REPLY);
-        add("namespace", "<root xmlns=\"urn:example-org:other\"", NO_LINE);
-        add("root-element", "</document>", NO_LINE);
-        add("description-prefix", "</d:root>", NO_LINE);
-        add("no-service", "</serviceList>", NO_LINE);
-        add("service-type", "keyobjects:2", NO_LINE);
-        add("embedded-service", "</deviceList>", NO_LINE);
-        add("scpd-url", "404 Not Found", UNPARSED_REPLY);
-        add("no-variable", "</scpd>", NO_LINE);
-        add("refuse-subscribe", "412 Precondition", NO_LINE);
-        add("standard-subscribe-only", "400 Bad Request", NO_LINE);
-        add("never-answer-subscribe", "SUBSCRIBE ", NO_LINE);
-        add("no-event", "SID: ", NO_LINE);
-        add("event-one-chunk", "</e:propertyset>", NO_LINE);
-        add("event-unknown-path", "NOTIFY /", NO_LINE);
-        add("event-bad-xml", "</KO>", UNPARSED_EVENT);
-        add("event-length", "</e:propertyset>", NO_LINE);
-        add("event-prefix", "</ev:propertyset>", NO_LINE);
-        add("event-no-ko", "</e:propertyset>", NO_LINE);
-        add("ko-malformed", "<KO>12</KO>", NO_LINE);
-        add("die-after=search", "HTTP/1.1 200 OK", UNPARSED_REPLY);
-        add("die-after=description", "<root", UNPARSED_REPLY);
-        add("die-after=scpd", "<scpd", NO_LINE);
-        add("die-after=subscribe", "SID: ", NO_LINE);
-        add("die-after=event-head", "NOTIFY /", NO_LINE);
+        add(Fault::LocationGarbage, "LOCATION: no location", UNPARSED_REPLY);
+        add(Fault::LocationOtherHost, "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
+        add(Fault::NoLocation, "HTTP/1.1 200 OK");
+        add(Fault::SilentHttp, "GET /description.xml");
+        add(Fault::ResetMidBody, "<root", UNPARSED_REPLY);
+        add(Fault::WrongLength, "<root", UNPARSED_REPLY);
+        add(Fault::TruncatedXml, "<root", UNPARSED_REPLY);
+        add(Fault::DeepXml, "<root", UNPARSED_REPLY);
+        add(Fault::HtmlInstead, "Welcome", UNPARSED_REPLY);
+        add(Fault::Redirect, "302 Found", UNPARSED_REPLY);
+        add(Fault::Error500, "500 Internal", UNPARSED_REPLY);
+        add(Fault::Namespace, "<root xmlns=\"urn:example-org:other\"");
+        add(Fault::RootElement, "</document>");
+        add(Fault::DescriptionPrefix, "</d:root>");
+        add(Fault::NoService, "</serviceList>");
+        add(Fault::ServiceType, "keyobjects:2");
+        add(Fault::EmbeddedService, "</deviceList>");
+        add(Fault::ScpdUrl, "404 Not Found", UNPARSED_REPLY);
+        add(Fault::NoVariable, "</scpd>");
+        add(Fault::RefuseSubscribe, "412 Precondition");
+        add(Fault::StandardSubscribeOnly, "400 Bad Request");
+        add(Fault::NeverAnswerSubscribe, "SUBSCRIBE ");
+        add(Fault::NoEvent, "SID: ");
+        add(Fault::EventOneChunk, "</e:propertyset>");
+        add(Fault::EventUnknownPath, "NOTIFY /");
+        add(Fault::EventBadXml, "</KO>", UNPARSED_EVENT);
+        add(Fault::EventLength, "</e:propertyset>");
+        add(Fault::EventPrefix, "</ev:propertyset>");
+        add(Fault::EventNoKo, "</e:propertyset>");
+        add(Fault::KoMalformed, "<KO>12</KO>");
+        add(Fault::DieAfter, "HTTP/1.1 200 OK", UNPARSED_REPLY, "search");
+        add(Fault::DieAfter, "<root", UNPARSED_REPLY, "description");
+        add(Fault::DieAfter, "<scpd", "", "scpd");
+        add(Fault::DieAfter, "SID: ", "", "subscribe");
+        add(Fault::DieAfter, "NOTIFY /", "", "event-head");
     }
 
     void deviceIsNotFound()
@@ -124,7 +180,7 @@ private Q_SLOTS:
         startBoth(fault);
         ssdp->discover();
         VERIFY_SOON(transcript.contains(lastMessage));
-        VERIFY_SOON(reports.contains(QLatin1String(SOUND_REPORT)));
+        VERIFY_SOON(reports.contains(SOUND_REPORT));
         if (!line.isEmpty())
             VERIFY_SOON(!errors().isEmpty());
 
@@ -132,41 +188,46 @@ private Q_SLOTS:
         const auto before = reports.size();
         sound->sendEvents();
         VERIFY_SOON(reports.size() > before);
-        QVERIFY2(!reports.contains(QLatin1String(FAULTY_REPORT)), transcript.constData());
+        QVERIFY2(!reports.contains(FAULTY_REPORT), transcript.constData());
         QCOMPARE(errors().size(), line.isEmpty() ? 0 : 1);
-        QVERIFY2(line.isEmpty() || errors().constFirst().startsWith(line), qPrintable(errors().join(QString())));
+        QVERIFY2(line.isEmpty() || errors().constFirst().startsWith(line), qPrintable(errors().join("")));
+        QVERIFY(faultWasShown());
     }
 
     void silentDeviceIsFoundByItsAnnouncement()
     {
-        startBoth("ignore-search"_s);
+        startBoth(Fault::text(Fault::IgnoreSearch));
         ssdp->discover();
-        VERIFY_SOON(reports.contains(QLatin1String(SOUND_REPORT)));
+        VERIFY_SOON(reports.contains(SOUND_REPORT));
         QCOMPARE(locations(), QStringList());
+        QVERIFY(faultWasShown());
         faulty->sayGoodbye();
         faulty->announce();
-        VERIFY_SOON(reports.contains(QLatin1String(FAULTY_REPORT)));
+        VERIFY_SOON(reports.contains(FAULTY_REPORT));
         QCOMPARE(locations().size(), 1);
     }
 
     void deviceAnswersAnotherSearchOnly_data()
     {
+        QTest::addColumn<QString>("fault");
         QTest::addColumn<QString>("target");
         QTest::addColumn<QByteArray>("lineEnd");
-        QTest::newRow("crlf-search-only") << "239.255.255.250"
-                                          << "\r\n"_ba;
-        QTest::newRow("unicast-search-only") << "10.77.1.2"
-                                             << "\n"_ba;
+        QTest::newRow("line ends") << Fault::text(Fault::CrlfSearchOnly) << "239.255.255.250"
+                                   << "\r\n"_ba;
+        QTest::newRow("address") << Fault::text(Fault::UnicastSearchOnly) << "10.77.1.2"
+                                 << "\n"_ba;
     }
 
     void deviceAnswersAnotherSearchOnly()
     {
+        QFETCH(QString, fault);
         QFETCH(QString, target);
         QFETCH(QByteArray, lineEnd);
-        startBoth(QString::fromLatin1(QTest::currentDataTag()));
+        startBoth(fault);
         ssdp->discover();
-        VERIFY_SOON(reports.contains(QLatin1String(SOUND_REPORT)));
+        VERIFY_SOON(reports.contains(SOUND_REPORT));
         QCOMPARE(faulty->count(SimulatedDevice::Searched), 0);
+        QVERIFY(faultWasShown());
 
         QUdpSocket socket;
         QVERIFY(socket.bind(QHostAddress("10.77.0.1")));
@@ -174,21 +235,17 @@ private Q_SLOTS:
         socket.writeDatagram(text, QHostAddress(target), 1900);
         VERIFY_SOON(faulty->count(SimulatedDevice::Searched) == 1);
         // One that is sent to an address is for the device there alone.
-        const bool isForAll = QHostAddress(target).isMulticast();
-        if (isForAll)
-            VERIFY_SOON(sound->count(SimulatedDevice::Searched) == 2);
-        QCOMPARE(sound->count(SimulatedDevice::Searched), isForAll ? 2 : 1);
+        const int soundSearches = QHostAddress(target).isMulticast() ? 2 : 1;
+        COMPARE_SOON(sound->count(SimulatedDevice::Searched), soundSearches);
     }
 
     void eventWithATailIsComplete()
     {
-        startBoth(QString());
-        faulty.reset();
         DeviceOptions options;
         options.eventTail = true;
-        faulty = start(2, options);
+        startBoth(options);
         ssdp->discover();
-        VERIFY_SOON(reports.contains(QLatin1String(FAULTY_REPORT)));
+        VERIFY_SOON(reports.contains(FAULTY_REPORT));
         QCOMPARE(errors(), QStringList());
     }
 
@@ -197,49 +254,8 @@ private Q_SLOTS:
         if (QTest::currentAppName() && QCoreApplication::arguments().size() > 1)
             QSKIP("only some of the tests were run");
         for (const Fault& fault : SimulatedDevice::faults())
-            QVERIFY2(tried.contains(QString::fromLatin1(fault.name)), fault.name);
+            QVERIFY2(tried.contains(fault.id), fault.name);
     }
-
-private:
-    std::unique_ptr<SimulatedDevice> start(int number, const DeviceOptions& given)
-    {
-        DeviceOptions options = given;
-        options.address = QHostAddress("10.77.1.%1"_s.arg(number));
-        options.univocalCode = number;
-        options.responseDelayMax = 0;
-        auto result = std::make_unique<SimulatedDevice>(group.get(), options);
-        if (!result->start())
-            qFatal("%s", qPrintable(result->errorString()));
-        return result;
-    }
-
-    void startBoth(const QString& fault)
-    {
-        {
-            const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
-            group = std::make_unique<SsdpGroup>();
-        }
-        DeviceOptions options;
-        if (!fault.isEmpty()) {
-            QCOMPARE(options.addFault(fault), QString());
-            tried.insert(fault.section(QLatin1Char('='), 0, 0));
-        }
-        sound = start(3, DeviceOptions());
-        faulty = start(2, options);
-        connect(faulty.get(), &SimulatedDevice::message, this,
-                [this](bool, const QString&, const QByteArray& text) { transcript += text; });
-        ssdp = newController(LONGEST_TEST);
-    }
-
-    QStringList errors() const { return log().filter(QRegularExpression("^1\\|"_s)); }
-
-    QStringList locations() const { return log().filter("0|Ssdp device|http://10.77.1.2"); }
-
-    std::unique_ptr<SsdpGroup> group;
-    std::unique_ptr<SimulatedDevice> faulty;
-    std::unique_ptr<SimulatedDevice> sound;
-    QByteArray transcript; ///< What the faulty device got and sent.
-    QSet<QString> tried;
 };
 
 VELMORA_WIRE_TEST_MAIN(FaultsTest)

@@ -2,12 +2,7 @@
 #include <tests/wire/Attacks.h>
 #include <tests/wire/DeviceProcess.h>
 
-#include <simulator/PrivateNetwork.h>
-
 #include <QtCore/QCoreApplication>
-#include <QtCore/QElapsedTimer>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
 #include <QtTest/QtTest>
 
@@ -18,9 +13,7 @@
 #include <thread>
 #include <unistd.h>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
-using Simulator::PrivateNetwork;
 
 namespace {
 
@@ -56,25 +49,11 @@ bool isPrintable(const QByteArray& text)
                        [](char byte) { return byte == '\n' || (byte >= ' ' && byte <= '~'); });
 }
 
-/// Lets the doctor meet one attacker. Says on standard output what was wrong.
-int meet(int number, int argc, char** argv)
+/// Lets the doctor meet the attacker. Says on standard output what was wrong.
+int examine()
 {
-    std::unique_ptr<PrivateNetwork> network;
-    std::unique_ptr<DeviceProcess> devices;
-    try {
-        network = std::make_unique<PrivateNetwork>();
-        network->addLink("10.77.0.1/16", "10.77.1.1/16", 2);
-        devices = std::make_unique<DeviceProcess>(*network, runAttacker);
-    } catch (const std::exception& error) {
-        std::printf("no private network: %s\n", error.what());
-        return SKIPPED;
-    }
-    const QCoreApplication application(argc, argv);
-    devices->start(number);
-    devices->readReport();
-
     QProcess doctor;
-    doctor.start(QStringLiteral(SSDP_DOCTOR), {"--timeout"_s, "2000"_s});
+    doctor.start(SSDP_DOCTOR, {"--timeout", "2000"});
     if (!doctor.waitForFinished(PATIENCE)) {
         std::puts("it does not end");
         doctor.kill();
@@ -83,14 +62,13 @@ int meet(int number, int argc, char** argv)
     }
     const QByteArray out = doctor.readAllStandardOutput();
     const QByteArray err = doctor.readAllStandardError();
-    if (doctor.exitStatus() != QProcess::NormalExit || doctor.exitCode() > 3 || doctor.exitCode() == 2
-        || !isPrintable(out) || !isPrintable(err) || out.isEmpty()) {
-        std::printf("status %d, signalled %d: %s%s\n", doctor.exitCode(),
-                    doctor.exitStatus() != QProcess::NormalExit, out.left(2000).constData(),
-                    err.left(2000).constData());
-        return FAILED;
-    }
-    return SURVIVED;
+    const bool hasEnded = doctor.exitStatus() == QProcess::NormalExit;
+    const int status = doctor.exitCode();
+    if (hasEnded && status <= 3 && status != 2 && isPrintable(out) && isPrintable(err) && !out.isEmpty())
+        return SURVIVED;
+    std::printf("status %d, signalled %d: %s%s\n", status, !hasEnded, out.left(2000).constData(),
+                err.left(2000).constData());
+    return FAILED;
 }
 
 } // namespace
@@ -106,10 +84,9 @@ private Q_SLOTS:
     {
         const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS");
         QList<int> numbers;
-        for (int i = 0; i < static_cast<int>(attacks().size()); ++i) {
-            const int traits = attacks()[static_cast<size_t>(i)].traits;
-            if (all || (traits & Attack::Quick))
-                numbers << i;
+        for (size_t i = 0; i < attacks().size(); ++i) {
+            if (all || (attacks()[i].traits & Attack::Quick))
+                numbers << static_cast<int>(i);
         }
         QMap<int, std::shared_ptr<QProcess>> running;
         while (!numbers.isEmpty() || !running.isEmpty()) {
@@ -117,12 +94,12 @@ private Q_SLOTS:
                 const auto process = std::make_shared<QProcess>();
                 const int number = numbers.takeFirst();
                 process->setProcessChannelMode(QProcess::MergedChannels);
-                process->start(QCoreApplication::applicationFilePath(), {"--attack"_s, QString::number(number)});
+                process->start(QCoreApplication::applicationFilePath(), {"--attack", QString::number(number)});
                 running.insert(number, process);
             }
             const int number = running.firstKey();
             const std::shared_ptr<QProcess> process = running.take(number);
-            const char* const name = attacks()[static_cast<size_t>(number)].name;
+            const char* const name = attacks()[static_cast<size_t>(number)].name.c_str();
             QVERIFY2(process->waitForFinished(2 * PATIENCE), name);
             if (process->exitCode() == SKIPPED && qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") == 0)
                 QSKIP(process->readAll().constData());
@@ -134,11 +111,17 @@ private Q_SLOTS:
 
 int main(int argc, char** argv)
 {
-    if (argc == 3 && qstrcmp(argv[1], "--attack") == 0)
-        return meet(QByteArray(argv[2]).toInt(), argc, argv);
-    const QCoreApplication application(argc, argv);
-    HostileDoctorTest test;
-    return QTest::qExec(&test, argc, argv);
+    if (argc != 3 || qstrcmp(argv[1], "--attack") != 0) {
+        const QCoreApplication application(argc, argv);
+        HostileDoctorTest test;
+        return QTest::qExec(&test, argc, argv);
+    }
+    return runAgainst(runAttacker, 2, [&](DeviceProcess& devices) {
+        const QCoreApplication application(argc, argv);
+        devices.start(QByteArray(argv[2]).toInt());
+        devices.readReport();
+        return examine();
+    });
 }
 
 #include "tst_hostiledoctor.moc"

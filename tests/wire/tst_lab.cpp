@@ -18,30 +18,37 @@ private Q_SLOTS:
 
     void initTestCase()
     {
-        ignoring = std::make_unique<Program>(
-            QStringLiteral(SSDP_LAB),
-            words("--devices 0 -- bash -c")
-                << "read -r left < <(trap '' TERM; echo $BASHPID; exec sleep 1000); echo $left; exit 3"_s);
+        ignoring = startLab("--devices 0 -- bash -c",
+                            "read -r left < <(trap '' TERM; echo $BASHPID; exec sleep 1000); echo $left; exit 3");
     }
 
     void endsWithTheStatusOfTheCommand_data()
     {
-        QTest::addColumn<QStringList>("command");
+        QTest::addColumn<QString>("command");
+        QTest::addColumn<QString>("argument");
         QTest::addColumn<int>("status");
-        QTest::newRow("success") << words("true") << 0;
-        QTest::newRow("status") << QStringList{"sh", "-c", "exit 7"} << 7;
-        QTest::newRow("signal") << QStringList{"sh", "-c", "kill -9 $$"} << 128 + SIGKILL;
-        QTest::newRow("no such command") << words("no-such-command") << 127;
-        QTest::newRow("a folder") << words("/usr") << 126;
-        QTest::newRow("no program") << words("/etc/passwd") << 126;
-        QTest::newRow("below a file") << words("/etc/passwd/program") << 126;
+        QTest::newRow("success") << "true"
+                                 << "" << 0;
+        QTest::newRow("status") << "sh -c"
+                                << "exit 7" << 7;
+        QTest::newRow("signal") << "sh -c"
+                                << "kill -9 $$" << 128 + SIGKILL;
+        QTest::newRow("no such command") << "no-such-command"
+                                         << "" << 127;
+        QTest::newRow("a folder") << "/usr"
+                                  << "" << 126;
+        QTest::newRow("no program") << "/etc/passwd"
+                                    << "" << 126;
+        QTest::newRow("below a file") << "/etc/passwd/program"
+                                      << "" << 126;
     }
 
     void endsWithTheStatusOfTheCommand()
     {
-        QFETCH(QStringList, command);
+        QFETCH(QString, command);
+        QFETCH(QString, argument);
         QFETCH(int, status);
-        QCOMPARE(run(SSDP_LAB, words("--devices 2 --") + command).status, status);
+        QCOMPARE(lab("--devices 2 -- " + command, argument).status, status);
     }
 
     void commandSeesThePrivateNetworkOnly()
@@ -56,11 +63,10 @@ private Q_SLOTS:
 
     void endsTheSimulatorWhenItIsEnded()
     {
-        Program program(QStringLiteral(SSDP_LAB),
-                        words("--devices 2 --verbose -- sh -c") << "echo started; exec sleep 60"_s);
-        QVERIFY(program.waitFor("started"));
-        program.signal(SIGTERM);
-        const Run result = program.finish();
+        const Running program = startLab("--devices 2 --verbose -- sh -c", "echo started; exec sleep 60");
+        QVERIFY(program->waitFor("started"));
+        program->signal(SIGTERM);
+        const Run result = program->finish();
         QCOMPARE(result.status, 128 + SIGTERM);
         // Its last line, which it prints when it has said byebye.
         QVERIFY2(result.err.contains("answered 0 searches"), qPrintable(result.err));
@@ -77,15 +83,14 @@ private Q_SLOTS:
     void endsWhatTheCommandLeaves()
     {
         QFETCH(int, signal);
-        Program program(QStringLiteral(SSDP_LAB),
-                        words("-- sh -c")
-                            << "setsid sleep 1000 & echo $! left; %1"_s.arg(signal == 0 ? "exit 1"_s : "wait"_s));
-        QVERIFY(program.waitFor("left\n"));
+        const QString end = signal == 0 ? "exit 1" : "wait";
+        const Running program = startLab("-- sh -c", "setsid sleep 1000 & echo $! left; " + end);
+        QVERIFY(program->waitFor("left\n"));
         if (signal != 0)
-            program.signal(signal);
-        const Run result = program.finish();
+            program->signal(signal);
+        const Run result = program->finish();
         QCOMPARE(result.status, signal == 0 ? 1 : 128 + signal);
-        const pid_t left = result.out.section(QLatin1Char(' '), 0, 0).toInt();
+        const pid_t left = result.out.section(" ", 0, 0).toInt();
         QVERIFY(left > 0);
         const auto hasEnded = [left] { return kill(left, 0) == -1 && errno == ESRCH; };
         if (signal == SIGKILL)
@@ -96,8 +101,8 @@ private Q_SLOTS:
 
     void mayBeStartedWithChildrenIgnored()
     {
-        QCOMPARE(shell("exec env --ignore-signal=CHLD $lab -- sh -c 'exit 7'"_s).status, 7);
-        const Run result = shell("exec env --ignore-signal=CHLD $lab --rate fast -- true"_s);
+        QCOMPARE(shell("exec env --ignore-signal=CHLD $lab -- sh -c 'exit 7'").status, 7);
+        const Run result = shell("exec env --ignore-signal=CHLD $lab --rate fast -- true");
         QCOMPARE(result.status, 125);
         QVERIFY2(result.err.contains("ssdp-lab: 'tc qdisc add"), qPrintable(result.err));
     }
@@ -105,56 +110,55 @@ private Q_SLOTS:
     void leavesThePathOfTheCommand()
     {
         const QTemporaryDir folder;
-        QFile own(folder.filePath("ssdp-discover"_s));
+        QFile own(folder.filePath("ssdp-discover"));
         QVERIFY(own.open(QIODevice::WriteOnly));
         QVERIFY(own.write("#!/bin/sh\necho own\n") > 0);
         QVERIFY(own.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner));
         own.close();
         const QString command = "PATH=%1:/usr/bin:/bin; $lab -- ssdp-discover --version"_s;
-        QCOMPARE(shell(command.arg(folder.path())).out, "own\n"_s);
+        QCOMPARE(shell(command.arg(folder.path())).out, "own\n");
         // Only what is nowhere else is looked for beside ssdp-lab.
         QVERIFY(own.remove());
         const Run result = shell(command.arg(folder.path()));
         QVERIFY2(result.out.startsWith("ssdp-discover "), qPrintable(result.err));
     }
 
-    void findsSystemProgramsByItself()
+    void worksWithLittle_data()
     {
-        const Run result = shell("PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started"_s);
-        QCOMPARE(result.err, QString());
-        QCOMPARE(result.out, "started\n"_s);
+        QTest::addColumn<QString>("script");
+        QTest::newRow("no path") << "PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started";
+        QTest::newRow("root without capabilities")
+            << "$lab --devices 0 -- setpriv --bounding-set=-sys_admin,-net_admin $lab --devices 2 -- echo started";
+        QTest::newRow("no place for files")
+            << "$lab --devices 0 -- unshare --mount sh -c '"
+               "mount --bind /tmp /tmp && mount -o remount,bind,ro /tmp || exit 9\n"
+               "touch /tmp/file 2>/dev/null && exit 8\n"
+               "exec \"$0\" --devices 2 -- echo started' $lab";
     }
 
-    void worksForRootWithoutCapabilities()
+    void worksWithLittle()
     {
-        const Run result = shell(
-            "$lab --devices 0 -- setpriv --bounding-set=-sys_admin,-net_admin $lab --devices 2 -- echo in"_s);
+        QFETCH(QString, script);
+        const Run result = shell(script);
         QCOMPARE(result.err, QString());
-        QCOMPARE(result.out, "in\n"_s);
+        QCOMPARE(result.out, "started\n");
+    }
+
+    void saysWhichCapabilitiesItNeeds()
+    {
         // Without any, the kernel does not give root a user namespace either.
-        const Run neither = shell("$lab --devices 0 -- setpriv --bounding-set=-all $lab -- echo in"_s);
-        QCOMPARE(neither.status, 125);
-        QVERIFY2(neither.err.startsWith("ssdp-lab: a private network needs the capabilities "
-                                        "CAP_SYS_ADMIN and CAP_NET_ADMIN, which are missing here, or"_s),
-                 qPrintable(neither.err));
-        QVERIFY2(neither.err.contains("Operation not permitted"), qPrintable(neither.err));
-    }
-
-    void worksWithoutWritingToTmp()
-    {
-        const Run result = shell("$lab --devices 0 -- unshare --mount sh -c '"
-                                 "mount --bind /tmp /tmp && mount -o remount,bind,ro /tmp || exit 9\n"
-                                 "touch /tmp/file 2>/dev/null && exit 8\n"
-                                 "exec \"$0\" --devices 2 -- echo started' $lab"_s);
-        QCOMPARE(result.err, QString());
-        QCOMPARE(result.out, "started\n"_s);
+        const Run result = shell("$lab --devices 0 -- setpriv --bounding-set=-all $lab -- echo in");
+        QCOMPARE(result.status, 125);
+        const QString begin =
+            "ssdp-lab: a private network needs the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN, "
+            "which are missing here, or"_s;
+        QVERIFY2(result.err.startsWith(begin), qPrintable(result.err));
+        QVERIFY2(result.err.contains("Operation not permitted"), qPrintable(result.err));
     }
 
     void printsToATerminalThatStopsBackgroundOutput()
     {
-        const Run result = run(
-            "script",
-            {"-qec"_s, QStringLiteral("stty tostop; exec " SSDP_LAB " --verbose -- echo started"), "/dev/null"_s});
+        const Run result = startOnTerminal("stty tostop; exec $lab --verbose -- echo started")->finish();
         QCOMPARE(result.status, 0);
         QVERIFY2(result.out.contains("ssdp-simulator: 1 device at 10.77.1.1\r\n"), qPrintable(result.out));
     }
@@ -164,7 +168,7 @@ private Q_SLOTS:
         QTest::addColumn<QString>("options");
         QTest::addColumn<QString>("message");
         const auto row = [](const char* options, const char* message) {
-            QTest::newRow(options) << QString::fromLatin1(options) << QString::fromLatin1(message);
+            QTest::newRow(options) << QString(options) << QString(message);
         };
         row("--devices 2", "give the command after '--'");
         row("--devices two -- true", "--devices takes a number from 0 to 10000, not 'two'");
@@ -193,7 +197,7 @@ private Q_SLOTS:
     {
         QFETCH(QString, options);
         QFETCH(QString, message);
-        const Run result = run(SSDP_LAB, options.split(QLatin1Char(' ')));
+        const Run result = lab(options);
         QVERIFY2(result.err.contains(message), qPrintable(result.err));
         QCOMPARE(result.status, message.isEmpty() ? 0 : 2);
     }
@@ -206,15 +210,15 @@ private Q_SLOTS:
 
     void saysWhenTheCommandIsMissingEvenIfNobodyHears()
     {
-        QCOMPARE(shell("$lab --devices 0 -- no-such-command 2>/dev/full"_s).status, 127);
+        QCOMPARE(shell("$lab --devices 0 -- no-such-command 2>/dev/full").status, 127);
     }
 
     void saysWhenItCannotWrite()
     {
         for (const char* const option : {"--help", "--version"}) {
-            const Run result = shell("$lab %1 >/dev/full"_s.arg(QLatin1String(option)));
+            const Run result = shell("$lab %1 >/dev/full"_s.arg(option));
             QCOMPARE(result.status, 125);
-            QCOMPARE(result.err, "ssdp-lab: cannot write: No space left on device\n"_s);
+            QCOMPARE(result.err, "ssdp-lab: cannot write: No space left on device\n");
         }
     }
 
@@ -228,17 +232,9 @@ private Q_SLOTS:
     }
 
 private:
-    std::unique_ptr<Program> ignoring; // runs for seconds
+    Running ignoring; ///< Runs for seconds.
 };
 
-int main(int argc, char** argv)
-{
-    const int status = prepareTools();
-    if (status != 0)
-        return status;
-    const QCoreApplication application(argc, argv);
-    LabTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+VELMORA_TOOL_TEST_MAIN(LabTest)
 
 #include "tst_lab.moc"

@@ -4,25 +4,24 @@
 #include <ssdp/Ssdp.h>
 #include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
+#include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QDir>
 #include <QtCore/QFile>
 #include <QtCore/QLoggingCategory>
 #include <QtCore/QSet>
 #include <QtTest/QtTest>
 
-#include <cstdio>
 #include <malloc.h>
 #include <memory>
-#include <stdexcept>
 #include <unistd.h>
 #include <vector>
 
 using namespace Velmora;
 using namespace Velmora::Tests;
 using Simulator::DeviceOptions;
+using Simulator::Fault;
 using Simulator::PrivateNetwork;
 using Simulator::SimulatedDevice;
 using Simulator::SsdpGroup;
@@ -50,7 +49,7 @@ int runDevices(int, const DeviceProcess& process)
         DeviceOptions options;
         options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
         options.functionCode = i + 1;
-        options.variables = QStringList({"KO"_s, "Other"_s});
+        options.variables = QStringList{"KO", "Other"};
         options.responseDelayMax = 0;
         // The library searches once, and a busy kernel may lose that datagram.
         options.announceEvery = 1000;
@@ -58,9 +57,9 @@ int runDevices(int, const DeviceProcess& process)
         // are dropped.
         options.eventGap = 300;
         if (i == DEVICES - 2)
-            options.addFault("never-answer-subscribe"_s);
+            options.addFault(Fault::NeverAnswerSubscribe);
         if (i == DEVICES - 1)
-            options.addFault("reset-mid-body"_s);
+            options.addFault(Fault::ResetMidBody);
         devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
         if (!devices.back()->start())
             return 1;
@@ -81,10 +80,9 @@ Holdings holdingsOf(SSDP::Ssdp& ssdp)
 {
     malloc_trim(0);
     ManagerAccess manager(*ssdp.findChild<SSDP::SsdpManager*>());
-    QFile file("/proc/self/statm"_s);
+    QFile file("/proc/self/statm");
     const qint64 pages = file.open(QIODevice::ReadOnly) ? file.readAll().split(' ').at(1).toLongLong() : 0;
-    const QDir descriptors("/proc/self/fd"_s);
-    return {static_cast<int>(descriptors.entryList(QDir::NoDotAndDotDot | QDir::AllEntries | QDir::System).size()),
+    return {ProcessState::descriptors(),
             static_cast<int>(ssdp.findChildren<QObject*>().size() + manager.networkManager().children().size()
                              + manager.eventServer().children().size()),
             static_cast<int>(manager.requestSockets().size()), pages * sysconf(_SC_PAGESIZE) / 1024};
@@ -111,7 +109,7 @@ private Q_SLOTS:
 
     void discoveriesLeaveNothingBehind()
     {
-        QLoggingCategory::setFilterRules("velmora.ssdp=false"_s);
+        QLoggingCategory::setFilterRules("velmora.ssdp=false");
         const int wanted = qEnvironmentVariableIntValue("VELMORA_SOAK");
         const int discoveries = wanted > WARM_UP ? wanted : 30;
         devices.start(0);
@@ -170,19 +168,13 @@ private:
 
 int main(int argc, char** argv)
 {
-    try {
-        PrivateNetwork network;
-        network.addLink("10.77.0.1/16", std::string(FIRST_ADDRESS) + "/16", DEVICES);
-        DeviceProcess devices(network, runDevices);
+    return runAgainst(runDevices, DEVICES, [&](DeviceProcess& devices) {
         const QCoreApplication application(argc, argv);
         // A thousand discoveries take longer than the five minutes that QtTest gives a function.
         qputenv("QTEST_FUNCTION_TIMEOUT", "3600000");
         SoakTest test(devices);
         return QTest::qExec(&test, argc, argv);
-    } catch (const std::exception& error) {
-        std::fprintf(stderr, "no private network: %s\n", error.what());
-        return qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") ? 1 : 77;
-    }
+    });
 }
 
 #include "tst_soak.moc"

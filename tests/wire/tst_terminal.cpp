@@ -2,73 +2,64 @@
 #include <tests/wire/ToolRun.h>
 
 #include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
 #include <QtCore/QTemporaryDir>
 #include <QtTest/QtTest>
 
 using namespace Velmora::Tests;
-
-namespace {
-
-/// What a shell on a terminal does with @p script; script(1) gives it one.
-std::unique_ptr<Program> onTerminal(const QString& script)
-{
-    return std::make_unique<Program>(
-        "script"_s, QStringList{"-qec"_s, QStringLiteral("lab=" SSDP_LAB "; ") + script, "/dev/null"_s});
-}
-
-/// What of @p printed is in the lines of a terminal, without the means of colouring and moving.
-QStringList shownLines(const QString& printed)
-{
-    static const QRegularExpression sequence("\033\\[[0-9]*[a-zA-Z]"_s);
-    static const QRegularExpression end("[\r\n]+"_s);
-    return QString(printed).remove(sequence).split(end, Qt::SkipEmptyParts);
-}
-
-} // namespace
 
 /// The tools on terminals of all kinds, and what they do for the shell.
 class TerminalTest : public QObject
 {
     Q_OBJECT
 
+private:
+    /// What of @p printed is in the lines of a terminal, without the means of colouring and moving.
+    static QStringList shownLines(const QString& printed)
+    {
+        static const QRegularExpression sequence("\033\\[[0-9]*[a-zA-Z]");
+        static const QRegularExpression end("[\r\n]+");
+        return QString(printed).remove(sequence).split(end, Qt::SkipEmptyParts);
+    }
+
 private Q_SLOTS:
 
     void showsProgressOnATerminalOnly()
     {
         const QString command = " $lab --response-delay 500-500 -- ssdp-discover --first"_s;
-        const Run coloured = onTerminal("env -u NO_COLOR TERM=xterm"_s + command)->finish();
+        const Running onColour = startOnTerminal("env -u NO_COLOR TERM=xterm" + command);
+        const Running onPlain = startOnTerminal("env NO_COLOR=1 TERM=xterm" + command);
+        const Run piped = shell(command);
+        const Run coloured = onColour->finish();
         QCOMPARE(coloured.status, 0);
         QVERIFY2(coloured.out.contains(" left, 0 devices so far\r"), qPrintable(coloured.out));
         QVERIFY(coloured.out.contains("\033[J"));
         QVERIFY(coloured.out.contains("\033[1m"));
-        const Run plain = onTerminal("env NO_COLOR=1 TERM=xterm"_s + command)->finish();
+        const Run plain = onPlain->finish();
         QVERIFY(plain.out.contains("\033[J"));
         QVERIFY(!plain.out.contains("\033[1m"));
-
-        const Run piped = lab("--response-delay 500-500 -- ssdp-discover --first");
-        QVERIFY(!piped.out.contains(QLatin1Char('\033')));
-        QVERIFY(!piped.out.contains(QLatin1Char('\r')));
+        QCOMPARE(piped.status, 0);
+        QVERIFY(!piped.out.contains("\033"));
+        QVERIFY(!piped.out.contains("\r"));
     }
 
     void printsNothingButTextOnADumbTerminal_data()
     {
-        QTest::addColumn<QString>("environment");
-        QTest::newRow("dumb") << "TERM=dumb";
-        QTest::newRow("unknown") << "-u TERM";
-        QTest::newRow("empty") << "TERM=";
+        QTest::addColumn<Running>("terminal");
+        for (const char* const environment : {"TERM=dumb", "-u TERM", "TERM="}) {
+            QTest::newRow(environment) << startOnTerminal("env -u NO_COLOR %1 $lab --response-delay 300-300 -- "
+                                                          "ssdp-discover --first"_s.arg(environment));
+        }
     }
 
     void printsNothingButTextOnADumbTerminal()
     {
-        QFETCH(QString, environment);
-        const Run result =
-            onTerminal(
-                "env -u NO_COLOR %1 $lab --response-delay 300-300 -- ssdp-discover --first"_s.arg(environment))
-                ->finish();
+        QFETCH(Running, terminal);
+        const Run result = terminal->finish();
         QCOMPARE(result.status, 0);
-        QVERIFY(!result.out.contains(QLatin1Char('\033')));
-        QVERIFY(!result.out.contains(QLatin1Char('\b')));
-        QCOMPARE(result.out.count(QLatin1Char('\r')), result.out.count("\r\n"));
+        QVERIFY(!result.out.contains("\033"));
+        QVERIFY(!result.out.contains("\b"));
+        QCOMPARE(result.out.count("\r"), result.out.count("\r\n"));
         QCOMPARE(result.lines().size(), 4);
     }
 
@@ -86,11 +77,11 @@ private Q_SLOTS:
     {
         QFETCH(int, columns);
         QFETCH(QString, row);
-        const auto program =
-            onTerminal("stty cols %1; TERM=xterm; export TERM\n"
-                       "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s.arg(columns));
+        const Running program =
+            startOnTerminal("stty cols %1; TERM=xterm; export TERM\n"
+                            "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s.arg(columns));
         QVERIFY(program->waitFor("10.77.1.1"));
-        QVERIFY(program->waitFor("1 device so far"));
+        QVERIFY(program->waitFor(" left, 1 device so"));
         program->write("\003"); // Ctrl-C
         const QStringList lines = shownLines(program->finish().out);
         const QStringList rows = lines.filter("10.77.1.1");
@@ -105,41 +96,55 @@ private Q_SLOTS:
 
     void followsTheWidthOfTheTerminal()
     {
-        const auto program = onTerminal(
+        const Running program = startOnTerminal(
             "stty cols 80; TERM=xterm; export TERM\n"
             "exec $lab --devices 0 -- sh -c 'ssdp-discover --first --timeout 60000 & discover=$!;"
-            "read -r line; stty cols 20; ssdp-simulator --first-address 10.77.0.1 --quiet & wait $discover'"_s);
+            "read -r line; stty cols 20; ssdp-simulator --first-address 10.77.0.1 --quiet & wait $discover'");
         QVERIFY(program->waitFor("left, 0 devices so far"));
         program->write("\n");
         QVERIFY(program->waitFor("1 device found"));
         const QStringList lines = shownLines(program->finish().out);
-        QVERIFY2(lines.contains("1 1 10.77.0.1"), qPrintable(lines.join(QLatin1Char('|'))));
+        QVERIFY2(lines.contains("1 1 10.77.0.1"), qPrintable(lines.join("|")));
     }
 
     void helpsWithinEightyColumns_data()
     {
         QTest::addColumn<QString>("tool");
         for (const char* const tool : {"ssdp-discover", "ssdp-lab", "ssdp-simulator"})
-            QTest::newRow(tool) << QString::fromLatin1(tool);
+            QTest::newRow(tool) << QString(tool);
     }
 
     void helpsWithinEightyColumns()
     {
         QFETCH(QString, tool);
-        const Run result = shell(tool + " --help"_s);
+        const Run result = shell(tool + " --help");
         QCOMPARE(result.status, 0);
-        QVERIFY(result.lines().size() > 10);
         const QStringList lines = result.lines();
+        QVERIFY(lines.size() > 10);
         for (const QString& line : lines)
             QVERIFY2(line.size() < 80, qPrintable(line));
     }
 
     void completes_data()
     {
-        QTest::addColumn<QString>("typed");
+        const QString completion = "/usr/share/bash-completion/bash_completion"_s;
+        if (!QFile::exists(completion))
+            QSKIP("bash-completion is not installed");
+        QFile settings(folder.filePath("bashrc"));
+        QVERIFY(settings.open(QIODevice::WriteOnly));
+        const QString text = ". %1\n"
+                             "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
+                             "typed() { printf '<%s>' \"$@\"; exit; }\n"_s.arg(completion, COMPLETIONS);
+        settings.write(text.toUtf8());
+        settings.close();
+
+        QTest::addColumn<Running>("bash");
         QTest::addColumn<QString>("completed");
-        const auto row = [](const char* typed, const char* completed) {
-            QTest::newRow(typed) << QString::fromLatin1(typed) << QString::fromLatin1(completed);
+        const auto row = [&](const char* typed, const char* completed) {
+            const Running bash = startOnTerminal("TERM=xterm exec bash --rcfile %1 -i"_s.arg(settings.fileName()));
+            // A tabulator completes, and Ctrl-A goes to the beginning of the line.
+            bash->write("%1\t\001typed \n"_s.arg(typed));
+            QTest::newRow(typed) << bash << QString(completed);
         };
         row("ssdp-simulator --fault slow-h", "<ssdp-simulator><--fault><slow-http>");
         row("ssdp-simulator --fault 2:slow-h", "<ssdp-simulator><--fault><2:slow-http>");
@@ -154,36 +159,16 @@ private Q_SLOTS:
 
     void completes()
     {
-        QFETCH(QString, typed);
+        QFETCH(Running, bash);
         QFETCH(QString, completed);
-        const QString completion = "/usr/share/bash-completion/bash_completion"_s;
-        if (!QFile::exists(completion))
-            QSKIP("bash-completion is not installed");
-        const QTemporaryDir folder;
-        QFile settings(folder.filePath("bashrc"_s));
-        QVERIFY(settings.open(QIODevice::WriteOnly));
-        settings.write(". %1\n"
-                       "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
-                       "typed() { printf '<%s>' \"$@\"; exit; }\n"_s.arg(completion, QStringLiteral(COMPLETIONS))
-                           .toUtf8());
-        settings.close();
-
-        const auto program = onTerminal("TERM=xterm exec bash --rcfile %1 -i"_s.arg(settings.fileName()));
-        // A tabulator completes, and Ctrl-A goes to the beginning of the line.
-        program->write((typed + "\t\001typed \n"_s).toUtf8().constData());
-        const Run result = program->finish();
+        const Run result = bash->finish();
         QVERIFY2(result.out.contains(completed), qPrintable(result.out));
     }
+
+private:
+    const QTemporaryDir folder;
 };
 
-int main(int argc, char** argv)
-{
-    const int status = prepareTools();
-    if (status != 0)
-        return status;
-    const QCoreApplication application(argc, argv);
-    TerminalTest test;
-    return QTest::qExec(&test, argc, argv);
-}
+VELMORA_TOOL_TEST_MAIN(TerminalTest)
 
 #include "tst_terminal.moc"
