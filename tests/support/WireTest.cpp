@@ -93,6 +93,12 @@ ManagerAccess WireTest::manager() const
     return ManagerAccess(*ssdp->findChild<SSDP::SsdpManager*>());
 }
 
+bool WireTest::nothingIsListed() const
+{
+    return manager().requestSockets().isEmpty() && manager().requestSocketServices().isEmpty()
+        && manager().responseContentLengths().isEmpty() && manager().responseBuffers().isEmpty();
+}
+
 QStringList WireTest::log()
 {
     return CapturedLog::all();

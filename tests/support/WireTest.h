@@ -68,6 +68,9 @@ protected:
     /// What the controller's first control point holds.
     ManagerAccess manager() const;
 
+    /// Whether the first control point has no connection of a subscription or an event.
+    bool nothingIsListed() const;
+
     /// The log so far: "0|piece|piece" and so on, one text for each line.
     static QStringList log();
 

@@ -41,12 +41,6 @@ private:
         return manager().devices().at(0)->services.at(0)->stateVariables;
     }
 
-    bool nothingIsListed() const
-    {
-        return manager().requestSockets().isEmpty() && manager().requestSocketServices().isEmpty()
-            && manager().responseContentLengths().isEmpty() && manager().responseBuffers().isEmpty();
-    }
-
     Connection* connectToServer() { return device->connectTo(callback().host, callback().port); }
 
     /// Sends @p bytes on a connection and returns it. Null if they were not read.
@@ -372,10 +366,7 @@ private Q_SLOTS:
         if (chunks == 2)
             QVERIFY(send(connection, bodyOf(118)));
         QCOMPARE(manager().requestSockets().size(), chunks == 0 ? 0 : 1);
-        if (hard)
-            connection->reset();
-        else
-            connection->close();
+        connection->end(hard);
         VERIFY_SOON(nothingIsListed());
         QVERIFY(sendLastEvent());
         QCOMPARE(reports, QStringList{LAST_REPORT});

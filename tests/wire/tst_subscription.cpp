@@ -109,8 +109,7 @@ private Q_SLOTS:
         subscription(0)->send(answer);
         VERIFY_SOON(!subscription(0)->isOpen());
         QCOMPARE(service()->subscriptionId, identifier);
-        QVERIFY(manager().requestSockets().isEmpty());
-        QVERIFY(manager().requestSocketServices().isEmpty());
+        QVERIFY(nothingIsListed());
         QCOMPARE(log().filter("1|"), QStringList());
 
         // The subscription is what counts, not its answer.
@@ -171,10 +170,7 @@ private Q_SLOTS:
     {
         QFETCH(const bool, hard);
         QVERIFY(subscribe({"KO"}));
-        if (hard)
-            subscription(0)->reset();
-        else
-            subscription(0)->close();
+        subscription(0)->end(hard);
         QTcpSocket* const socket = manager().requestSockets().at(0);
         VERIFY_SOON(socket->state() == QAbstractSocket::UnconnectedState);
         QCOMPARE(manager().requestSockets(), QList<QTcpSocket*>{socket});
