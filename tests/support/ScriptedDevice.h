@@ -102,7 +102,7 @@ public:
     /// Returns the connection that fills it, which is the device's own at both ends.
     const Connection* holdConnections();
 
-    /// Answers them again; the peer's kernel tries anew every second or two.
+    /// Answers them again; the peer's kernel tries again every second or two.
     void takeConnections();
 
     QHostAddress address;

@@ -116,16 +116,17 @@ private Q_SLOTS:
     {
         ssdp = newController(50);
         QStringList logInTheSlot;
-        bool stoppedInTheSlot = false;
+        bool idleInTheSlot = false;
         const QObject context;
-        connect(ssdp.get(), &Ssdp::timeoutExpired, &context, [&] {
-            logInTheSlot = log();
-            stoppedInTheSlot = isIdle();
+        connect(ssdp.get(), &Ssdp::timeoutExpired, &context, [this, lines = &logInTheSlot, idle = &idleInTheSlot] {
+            *lines = log();
+            *idle = isIdle();
         });
         QVERIFY(search());
         const QString port = QString::number(manager().eventServer().serverPort());
         VERIFY_SOON(timeouts > 0);
-        QVERIFY(stoppedInTheSlot);
+        QCOMPARE(timeouts, 1);
+        QVERIFY(idleInTheSlot);
         QCOMPARE(logInTheSlot, (QStringList{"0|Ssdp Server bound to " + port, TIMEOUT_LINE}));
         QVERIFY(search());
         VERIFY_SOON(timeouts > 1);
