@@ -133,7 +133,7 @@ bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
     if (!connection)
         return false;
     connection->send(body);
-    return waitUntil([&] { return !connection->isOpen(); });
+    return waitUntil([&] { return !connection->isOpen(); }) && connection->received.isEmpty();
 }
 
 bool WireTest::sendLastEvent()

@@ -125,6 +125,14 @@ private Q_SLOTS:
                              "|Could not parse server response|Not %1 found"});
     }
 
+    void documentOfAnotherNamespaceIsNotLogged()
+    {
+        find("<root xmlns=\"urn:other\"/>");
+        find("<other xmlns=\"urn:schemas-upnp-org:device-1-0\"/>");
+        find("<root/>");
+        QCOMPARE(CapturedLog::all(), QStringList{"0|Ssdp device|none:/%1"});
+    }
+
     void eventThatDoesNotParseIsLogged()
     {
         SsdpService service;
