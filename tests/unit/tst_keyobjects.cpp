@@ -102,6 +102,7 @@ private Q_SLOTS:
         QTest::newRow("a space before") << " 34" << 34;
         QTest::newRow("a space after") << "34 " << 34;
         QTest::newRow("a line feed after") << "34\n" << 34;
+        QTest::newRow("a no-break space before") << "\xa0\x33\x34"_s << 34;
         QTest::newRow("a space inside") << "3 4" << 0;
         QTest::newRow("a space alone") << " " << 0;
         QTest::newRow("letters") << "x" << 0;
