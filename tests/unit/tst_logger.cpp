@@ -128,7 +128,9 @@ private Q_SLOTS:
         QFETCH(const QString, piece);
         QFETCH(const QString, text);
         Logger(Logger::Error) << piece;
+        Logger(Logger::Information) << piece;
         QCOMPARE(messages().constFirst().text, text);
+        QCOMPARE(messages().constLast().text, text);
     }
 
     void plainCharacterStringIsEscapedLatin1()
