@@ -1,5 +1,4 @@
 #include <tests/support/CapturedLog.h>
-#include <tests/support/Literals.h>
 
 #include <log/Logger.h>
 
@@ -62,17 +61,7 @@ QStringList CapturedLog::all()
 {
     QStringList result;
     for (const LogLine& line : captured())
-        result << (QStringList(QString::number(line.severity)) + line.pieces).join(QLatin1Char('|'));
-    return result;
-}
-
-QStringList CapturedLog::joined(int severity)
-{
-    QStringList result;
-    for (const LogLine& line : captured()) {
-        if (line.severity == severity)
-            result << line.pieces.join("|"_s);
-    }
+        result << (QStringList(QString::number(line.severity)) + line.pieces).join("|");
     return result;
 }
 

@@ -23,9 +23,6 @@ public:
 
     /// Every line as its severity and its pieces, joined by "|": "0|Ssdp device|http://10.77.1.1/d.xml".
     static QStringList all();
-
-    /// The lines with this severity, each as its pieces joined by "|".
-    static QStringList joined(int severity);
 };
 
 } // namespace Tests

@@ -9,6 +9,40 @@
 namespace Velmora {
 namespace Tests {
 
+namespace Access {
+
+template <typename Name, auto Member> struct Granted
+{
+    friend constexpr auto memberOf(Name) { return Member; }
+};
+
+// An explicit instantiation may name a private member.
+#define VELMORA_GRANT(member)                                                                                     \
+    struct member                                                                                                 \
+    {                                                                                                             \
+        friend constexpr auto memberOf(member);                                                                   \
+    };                                                                                                            \
+    template struct Granted<member, &SSDP::SsdpManager::member>;
+
+VELMORA_GRANT(multicastSocket)
+VELMORA_GRANT(unicastSocket)
+VELMORA_GRANT(networkManager)
+VELMORA_GRANT(eventServer)
+VELMORA_GRANT(devices)
+VELMORA_GRANT(deviceReplies)
+VELMORA_GRANT(serviceReplies)
+VELMORA_GRANT(requestSockets)
+VELMORA_GRANT(requestSocketServices)
+VELMORA_GRANT(responseContentLengths)
+VELMORA_GRANT(responseBuffers)
+VELMORA_GRANT(addSsdpDevice)
+VELMORA_GRANT(getServiceFromHeader)
+VELMORA_GRANT(updateStateVariables)
+
+#undef VELMORA_GRANT
+
+} // namespace Access
+
 /**
  * What a control point keeps to itself, for the tests that feed it without a network or count what it
  * holds. The private slots are called through the meta-object; private members are reached through
@@ -25,149 +59,55 @@ namespace Tests {
  */
 class ManagerAccess
 {
+    SSDP::SsdpManager& manager;
+
+    template <typename Name> auto& of(Name name) { return manager.*memberOf(name); }
+
 public:
     explicit ManagerAccess(SSDP::SsdpManager& manager)
         : manager(manager)
     {
     }
 
-    SSDP::MulticastSocket*& multicastSocket();
-    QUdpSocket*& unicastSocket();
-    QNetworkAccessManager& networkManager();
-    QTcpServer& eventServer();
-    QList<SSDP::SsdpDevice*>& devices();
-    QHash<QNetworkReply*, SSDP::SsdpDevice*>& deviceReplies();
-    QHash<QNetworkReply*, SSDP::SsdpService*>& serviceReplies();
-    QList<QTcpSocket*>& requestSockets();
-    QHash<QTcpSocket*, SSDP::SsdpService*>& requestSocketServices();
-    QHash<QTcpSocket*, int>& responseContentLengths();
-    QHash<QTcpSocket*, QString>& responseBuffers();
+    SSDP::MulticastSocket*& multicastSocket() { return of(Access::multicastSocket()); }
+    QUdpSocket*& unicastSocket() { return of(Access::unicastSocket()); }
+    QNetworkAccessManager& networkManager() { return of(Access::networkManager()); }
+    QTcpServer& eventServer() { return of(Access::eventServer()); }
+    QList<SSDP::SsdpDevice*>& devices() { return of(Access::devices()); }
+    QHash<QNetworkReply*, SSDP::SsdpDevice*>& deviceReplies() { return of(Access::deviceReplies()); }
+    QHash<QNetworkReply*, SSDP::SsdpService*>& serviceReplies() { return of(Access::serviceReplies()); }
+    QList<QTcpSocket*>& requestSockets() { return of(Access::requestSockets()); }
+    QHash<QTcpSocket*, SSDP::SsdpService*>& requestSocketServices() { return of(Access::requestSocketServices()); }
+    QHash<QTcpSocket*, int>& responseContentLengths() { return of(Access::responseContentLengths()); }
+    QHash<QTcpSocket*, QString>& responseBuffers() { return of(Access::responseBuffers()); }
 
-    void addSsdpDevice(const QHostAddress& address, const QString& location);
-    SSDP::SsdpService* getServiceFromHeader(const QString& header);
-    void updateStateVariables(SSDP::SsdpService* service, const QString& xml);
+    void addSsdpDevice(const QHostAddress& address, const QString& location)
+    {
+        (manager.*memberOf(Access::addSsdpDevice()))(address, location);
+    }
+
+    SSDP::SsdpService* getServiceFromHeader(const QString& header)
+    {
+        return (manager.*memberOf(Access::getServiceFromHeader()))(header);
+    }
+
+    void updateStateVariables(SSDP::SsdpService* service, const QString& xml)
+    {
+        (manager.*memberOf(Access::updateStateVariables()))(service, xml);
+    }
 
     /// Handles @p reply as if the manager's network access had finished it.
-    void onReplyFinished(QNetworkReply* reply);
+    void onReplyFinished(QNetworkReply* reply)
+    {
+        QMetaObject::invokeMethod(&manager, "onReplyFinished", Qt::DirectConnection, Q_ARG(QNetworkReply*, reply));
+    }
+
     /// Reads one datagram from the unicast socket.
-    void onUnicastMessageReceived();
-
-private:
-    SSDP::SsdpManager& manager;
+    void onUnicastMessageReceived()
+    {
+        QMetaObject::invokeMethod(&manager, "onUnicastMessageReceived", Qt::DirectConnection);
+    }
 };
-
-namespace Access {
-
-template <typename Name, auto Member> struct Granted
-{
-    friend constexpr auto memberOf(Name) { return Member; }
-};
-
-#define VELMORA_GRANT(Name, member)                                                                               \
-    struct Name                                                                                                   \
-    {                                                                                                             \
-        friend constexpr auto memberOf(Name);                                                                     \
-    };                                                                                                            \
-    template struct Granted<Name, &SSDP::SsdpManager::member>;
-
-VELMORA_GRANT(MulticastSocketMember, multicastSocket)
-VELMORA_GRANT(UnicastSocketMember, unicastSocket)
-VELMORA_GRANT(NetworkManagerMember, networkManager)
-VELMORA_GRANT(EventServerMember, eventServer)
-VELMORA_GRANT(DevicesMember, devices)
-VELMORA_GRANT(DeviceRepliesMember, deviceReplies)
-VELMORA_GRANT(ServiceRepliesMember, serviceReplies)
-VELMORA_GRANT(RequestSocketsMember, requestSockets)
-VELMORA_GRANT(RequestSocketServicesMember, requestSocketServices)
-VELMORA_GRANT(ResponseContentLengthsMember, responseContentLengths)
-VELMORA_GRANT(ResponseBuffersMember, responseBuffers)
-VELMORA_GRANT(AddSsdpDeviceMember, addSsdpDevice)
-VELMORA_GRANT(GetServiceFromHeaderMember, getServiceFromHeader)
-VELMORA_GRANT(UpdateStateVariablesMember, updateStateVariables)
-
-#undef VELMORA_GRANT
-
-} // namespace Access
-
-inline SSDP::MulticastSocket*& ManagerAccess::multicastSocket()
-{
-    return manager.*memberOf(Access::MulticastSocketMember());
-}
-
-inline QUdpSocket*& ManagerAccess::unicastSocket()
-{
-    return manager.*memberOf(Access::UnicastSocketMember());
-}
-
-inline QNetworkAccessManager& ManagerAccess::networkManager()
-{
-    return manager.*memberOf(Access::NetworkManagerMember());
-}
-
-inline QTcpServer& ManagerAccess::eventServer()
-{
-    return manager.*memberOf(Access::EventServerMember());
-}
-
-inline QList<SSDP::SsdpDevice*>& ManagerAccess::devices()
-{
-    return manager.*memberOf(Access::DevicesMember());
-}
-
-inline QHash<QNetworkReply*, SSDP::SsdpDevice*>& ManagerAccess::deviceReplies()
-{
-    return manager.*memberOf(Access::DeviceRepliesMember());
-}
-
-inline QHash<QNetworkReply*, SSDP::SsdpService*>& ManagerAccess::serviceReplies()
-{
-    return manager.*memberOf(Access::ServiceRepliesMember());
-}
-
-inline QList<QTcpSocket*>& ManagerAccess::requestSockets()
-{
-    return manager.*memberOf(Access::RequestSocketsMember());
-}
-
-inline QHash<QTcpSocket*, SSDP::SsdpService*>& ManagerAccess::requestSocketServices()
-{
-    return manager.*memberOf(Access::RequestSocketServicesMember());
-}
-
-inline QHash<QTcpSocket*, int>& ManagerAccess::responseContentLengths()
-{
-    return manager.*memberOf(Access::ResponseContentLengthsMember());
-}
-
-inline QHash<QTcpSocket*, QString>& ManagerAccess::responseBuffers()
-{
-    return manager.*memberOf(Access::ResponseBuffersMember());
-}
-
-inline void ManagerAccess::addSsdpDevice(const QHostAddress& address, const QString& location)
-{
-    (manager.*memberOf(Access::AddSsdpDeviceMember()))(address, location);
-}
-
-inline SSDP::SsdpService* ManagerAccess::getServiceFromHeader(const QString& header)
-{
-    return (manager.*memberOf(Access::GetServiceFromHeaderMember()))(header);
-}
-
-inline void ManagerAccess::updateStateVariables(SSDP::SsdpService* service, const QString& xml)
-{
-    (manager.*memberOf(Access::UpdateStateVariablesMember()))(service, xml);
-}
-
-inline void ManagerAccess::onReplyFinished(QNetworkReply* reply)
-{
-    QMetaObject::invokeMethod(&manager, "onReplyFinished", Qt::DirectConnection, Q_ARG(QNetworkReply*, reply));
-}
-
-inline void ManagerAccess::onUnicastMessageReceived()
-{
-    QMetaObject::invokeMethod(&manager, "onUnicastMessageReceived", Qt::DirectConnection);
-}
 
 } // namespace Tests
 } // namespace Velmora

@@ -20,6 +20,13 @@ inline QByteArray searchReply(const QByteArray& location)
     return "HTTP/1.1 200 OK\r\nLOCATION: " + location + "\r\nST: upnp:rootdevice\r\n\r\n";
 }
 
+/// An announcement to the group.
+inline QByteArray announcement(const QByteArray& location)
+{
+    return "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=1800\r\nLOCATION: "
+        + location + "\r\nNT: upnp:rootdevice\r\nNTS: ssdp:alive\r\nUSN: uuid:1::upnp:rootdevice\r\n\r\n";
+}
+
 /// A reply of HTTP 200 with @p body.
 inline QByteArray reply(const QByteArray& body)
 {

@@ -32,6 +32,9 @@ public:
     /// Ends it with RST, as a device does that loses its power and comes back.
     void reset();
 
+    /// Ends it with RST if @p hard, else with FIN.
+    void end(bool hard) { hard ? reset() : close(); }
+
     bool isOpen() const;
 
     /// Whether the library has taken everything that was sent out of the kernel's receive queue and
@@ -99,7 +102,7 @@ public:
     /// Returns the connection that fills it, which is the device's own at both ends.
     const Connection* holdConnections();
 
-    /// Answers them again; the peer's kernel tries anew every second or two.
+    /// Answers them again; the peer's kernel tries again every second or two.
     void takeConnections();
 
     QHostAddress address;

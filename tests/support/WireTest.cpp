@@ -93,6 +93,12 @@ ManagerAccess WireTest::manager() const
     return ManagerAccess(*ssdp->findChild<SSDP::SsdpManager*>());
 }
 
+bool WireTest::nothingIsListed() const
+{
+    return manager().requestSockets().isEmpty() && manager().requestSocketServices().isEmpty()
+        && manager().responseContentLengths().isEmpty() && manager().responseBuffers().isEmpty();
+}
+
 QStringList WireTest::log()
 {
     return CapturedLog::all();
@@ -127,7 +133,7 @@ bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
     if (!connection)
         return false;
     connection->send(body);
-    return waitUntil([&] { return !connection->isOpen(); });
+    return waitUntil([&] { return !connection->isOpen(); }) && connection->received.isEmpty();
 }
 
 bool WireTest::sendLastEvent()

@@ -68,6 +68,9 @@ protected:
     /// What the controller's first control point holds.
     ManagerAccess manager() const;
 
+    /// Whether the first control point has no connection of a subscription or an event.
+    bool nothingIsListed() const;
+
     /// The log so far: "0|piece|piece" and so on, one text for each line.
     static QStringList log();
 
@@ -86,7 +89,7 @@ protected:
     /// Opens an event connection, sends the head and waits until it was read. Null if it was not.
     Connection* sendHead(const Callback& to, const QByteArray& contentLength);
 
-    /// Sends an event as devices do, in two chunks, and waits for the library to close the connection.
+    /// Sends an event as devices do, in two chunks. Returns whether the library closed it without an answer.
     bool sendEvent(const Callback& to, const QByteArray& body);
 
     /// Sends an event with KO = 77,1 and waits for its report: what was sent before it has had its turn.

@@ -11,39 +11,25 @@ using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-// The controller runs no discovery here, and reports all the same.
+/// What a controller reports of a key object. It runs no discovery, and reports all the same.
 class KeyObjectsTest : public QObject
 {
     Q_OBJECT
 
 private:
-    struct Report
-    {
-        int functionCode;
-        int univocalCode;
-        QHostAddress address;
-    };
-
     const QHostAddress address = QHostAddress("192.168.1.20");
-    QList<Report> reports;
-    QStringList loggedBefore;
+    QStringList reports;
+    QStringList logAtReport;
     Ssdp controller{60000};
     SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
     QScopedPointer<SsdpDevice> device;
     SsdpService* service = nullptr;
 
-    void setKeyObject(const QString& value) { service->stateVariables.insert("KO", value); }
-
-    void change(const QString& name = "KO"_s) { Q_EMIT manager.valueChanged(device.data(), service, name); }
-
-    QStringList reported() const
+    /// Sets the key object and lets the control point say so.
+    void change(const QString& value)
     {
-        QStringList result;
-        for (const Report& report : reports) {
-            result
-                << "%1,%2,%3"_s.arg(report.functionCode).arg(report.univocalCode).arg(report.address.toString());
-        }
-        return result;
+        service->stateVariables.insert("KO", value);
+        Q_EMIT manager.valueChanged(device.data(), service, "KO");
     }
 
 private Q_SLOTS:
@@ -53,8 +39,9 @@ private Q_SLOTS:
                         &controller, SLOT(valueChanged(const SsdpDevice*, const SsdpService*, QString))));
         connect(&controller, &Ssdp::discovered, this,
                 [this](int functionCode, int univocalCode, const QHostAddress& from) {
-                    loggedBefore = CapturedLog::joined(0);
-                    reports.append({functionCode, univocalCode, from});
+                    logAtReport = CapturedLog::all();
+                    QCOMPARE(from, address);
+                    reports << "%1,%2"_s.arg(functionCode).arg(univocalCode);
                 });
     }
 
@@ -62,7 +49,6 @@ private Q_SLOTS:
     {
         CapturedLog::clear();
         reports.clear();
-        loggedBefore.clear();
         device.reset(new SsdpDevice);
         device->address = address;
         service = new SsdpService;
@@ -72,32 +58,37 @@ private Q_SLOTS:
     void firstWellFormedEntryIsReported_data()
     {
         QTest::addColumn<QString>("value");
-        QTest::addColumn<int>("functionCode");
-        QTest::addColumn<int>("univocalCode");
-        QTest::newRow("one entry") << "12,34" << 12 << 34;
-        QTest::newRow("two entries") << "12,34;56,78" << 12 << 34;
-        QTest::newRow("many entries") << "1,2;3,4;5,6;7,8;9,10;11,12" << 1 << 2;
-        QTest::newRow("behind one and three parts") << "7;1,2,3;4,5" << 4 << 5;
-        QTest::newRow("behind many malformed entries") << "a;;1;,,;1,2,3;;b;x;4,5;6,7" << 4 << 5;
-        QTest::newRow("before an empty entry") << "1,2;" << 1 << 2;
-        QTest::newRow("behind an empty entry") << ";1,2" << 1 << 2;
-        QTest::newRow("no first part") << ",5" << 0 << 5;
-        QTest::newRow("no second part") << "5," << 5 << 0;
-        QTest::newRow("no part") << "," << 0 << 0;
-        QTest::newRow("an entry of no numbers counts") << "x,y;1,2" << 0 << 0;
+        QTest::addColumn<QStringList>("expected");
+        const auto add = [](const char* name, const QString& value, const QStringList& expected) {
+            QTest::newRow(name) << value << expected;
+        };
+        add("one entry", "12,34", {"12,34"});
+        add("two entries", "12,34;56,78", {"12,34"});
+        add("many entries", "1,2;3,4;5,6;7,8;9,10;11,12", {"1,2"});
+        add("after one and three parts", "7;1,2,3;4,5", {"4,5"});
+        add("after many malformed entries", "a;;1;,,;1,2,3;;b;x;4,5;6,7", {"4,5"});
+        add("before an empty entry", "1,2;", {"1,2"});
+        add("after an empty entry", ";1,2", {"1,2"});
+        add("no first part", ",5", {"0,5"});
+        add("no second part", "5,", {"5,0"});
+        add("no part", ",", {"0,0"});
+        add("an entry of no numbers counts", "x,y;1,2", {"0,0"});
+        add("null", QString(), {});
+        add("empty", "", {});
+        add("one part", "12", {});
+        add("three parts", "1,2,3", {});
+        add("empty entries", ";;", {});
+        add("another separator", "1:2", {});
+        add("entries of one part", "1;2", {});
     }
 
     void firstWellFormedEntryIsReported()
     {
         QFETCH(const QString, value);
-        QFETCH(const int, functionCode);
-        QFETCH(const int, univocalCode);
-        setKeyObject(value);
-        change();
-        QCOMPARE(reports.size(), qsizetype(1));
-        QCOMPARE(reports.constFirst().functionCode, functionCode);
-        QCOMPARE(reports.constFirst().univocalCode, univocalCode);
-        QCOMPARE(reports.constFirst().address, address);
+        QFETCH(const QStringList, expected);
+        change(value);
+        QCOMPARE(reports, expected);
+        QCOMPARE(CapturedLog::all().size(), expected.size());
     }
 
     void partIsADecimalIntOrZero_data()
@@ -108,13 +99,14 @@ private Q_SLOTS:
         QTest::newRow("leading zeros") << "0012" << 12;
         QTest::newRow("a plus") << "+8" << 8;
         QTest::newRow("a minus") << "-7" << -7;
-        QTest::newRow("a blank before") << " 34" << 34;
-        QTest::newRow("a blank behind") << "34 " << 34;
-        QTest::newRow("a line feed behind") << "34\n" << 34;
-        QTest::newRow("a blank inside") << "3 4" << 0;
-        QTest::newRow("a blank alone") << " " << 0;
+        QTest::newRow("a space before") << " 34" << 34;
+        QTest::newRow("a space after") << "34 " << 34;
+        QTest::newRow("a line feed after") << "34\n" << 34;
+        QTest::newRow("a no-break space before") << "\xa0\x33\x34"_s << 34;
+        QTest::newRow("a space inside") << "3 4" << 0;
+        QTest::newRow("a space alone") << " " << 0;
         QTest::newRow("letters") << "x" << 0;
-        QTest::newRow("letters behind digits") << "12abc" << 0;
+        QTest::newRow("letters after digits") << "12abc" << 0;
         QTest::newRow("a fraction") << "1.5" << 0;
         QTest::newRow("hexadecimal") << "0x10" << 0;
         QTest::newRow("a sign alone") << "-" << 0;
@@ -131,42 +123,9 @@ private Q_SLOTS:
     {
         QFETCH(const QString, part);
         QFETCH(const int, code);
-        setKeyObject(part + ",41"_s);
-        change();
-        setKeyObject("42,"_s + part);
-        change();
-        QCOMPARE(reported(), (QStringList{"%1,41,192.168.1.20"_s.arg(code), "42,%1,192.168.1.20"_s.arg(code)}));
-    }
-
-    void valueWithoutWellFormedEntryIsNotReported_data()
-    {
-        QTest::addColumn<QString>("value");
-        QTest::newRow("null") << QString();
-        QTest::newRow("empty") << "";
-        QTest::newRow("one part") << "12";
-        QTest::newRow("three parts") << "1,2,3";
-        QTest::newRow("empty entries") << ";;";
-        QTest::newRow("another separator") << "1:2";
-        QTest::newRow("entries of one part") << "1;2";
-    }
-
-    void valueWithoutWellFormedEntryIsNotReported()
-    {
-        QFETCH(const QString, value);
-        setKeyObject(value);
-        change();
-        QCOMPARE(reported(), QStringList());
-        QVERIFY(CapturedLog::lines().isEmpty());
-    }
-
-    void tableWithoutKeyObjectIsNotReported()
-    {
-        change();
-        service->stateVariables.insert("ko", "1,2"_s);
-        change();
-        QCOMPARE(reported(), QStringList());
-        QVERIFY(CapturedLog::lines().isEmpty());
-        QVERIFY(!service->stateVariables.contains("KO"));
+        change(part + ",41");
+        change("42," + part);
+        QCOMPARE(reports, (QStringList{"%1,41"_s.arg(code), "42,%1"_s.arg(code)}));
     }
 
     void anotherNameIsIgnored_data()
@@ -174,10 +133,10 @@ private Q_SLOTS:
         QTest::addColumn<QString>("name");
         QTest::newRow("lower case") << "ko";
         QTest::newRow("mixed case") << "Ko";
-        QTest::newRow("a digit behind") << "KO1";
-        QTest::newRow("a blank behind") << "KO ";
-        QTest::newRow("a blank before") << " KO";
-        QTest::newRow("a zero behind") << QString::fromLatin1("KO\0", 3);
+        QTest::newRow("a digit after") << "KO1";
+        QTest::newRow("a space after") << "KO ";
+        QTest::newRow("a space before") << " KO";
+        QTest::newRow("a zero after") << "KO\0"_s;
         QTest::newRow("a prefix") << "e:KO";
         QTest::newRow("one letter") << "K";
         QTest::newRow("empty") << "";
@@ -187,69 +146,45 @@ private Q_SLOTS:
     void anotherNameIsIgnored()
     {
         QFETCH(const QString, name);
-        setKeyObject("12,34"_s);
-        service->stateVariables.insert(name, "56,78"_s);
-        change(name);
-        QCOMPARE(reported(), QStringList());
-        QVERIFY(CapturedLog::lines().isEmpty());
+        service->stateVariables.insert(name, "56,78");
+        // The table has no key object, and then it has one.
+        Q_EMIT manager.valueChanged(device.data(), service, "KO");
+        QVERIFY(!service->stateVariables.contains("KO"));
+        service->stateVariables.insert("KO", "12,34");
+        Q_EMIT manager.valueChanged(device.data(), service, name);
+        QCOMPARE(reports + CapturedLog::all(), QStringList());
     }
 
-    void nullDeviceIsIgnored()
+    void nullRecordsAreIgnored()
     {
-        setKeyObject("12,34"_s);
-        Q_EMIT manager.valueChanged(nullptr, service, "KO"_s);
-        QCOMPARE(reported(), QStringList());
-    }
-
-    void nullServiceIsIgnored()
-    {
-        Q_EMIT manager.valueChanged(device.data(), nullptr, "KO"_s);
-        QCOMPARE(reported(), QStringList());
-    }
-
-    void deviceWithoutAddressIsNotReported()
-    {
+        service->stateVariables.insert("KO", "12,34");
+        Q_EMIT manager.valueChanged(nullptr, service, "KO");
+        Q_EMIT manager.valueChanged(device.data(), nullptr, "KO");
         device->address = QHostAddress();
-        setKeyObject("12,34;56,78"_s);
-        change();
-        QCOMPARE(reported(), QStringList());
-        QVERIFY(CapturedLog::lines().isEmpty());
-    }
-
-    void sameEventTwiceGivesTwoReports()
-    {
-        setKeyObject("12,34"_s);
-        change();
-        change();
-        const QString report = "12,34,192.168.1.20"_s;
-        const QString line = "Device with FC:12 and UC:34 found at 192.168.1.20"_s;
-        QCOMPARE(reported(), (QStringList{report, report}));
-        QCOMPARE(CapturedLog::joined(0), (QStringList{line, line}));
+        change("12,34;56,78");
+        QCOMPARE(reports + CapturedLog::all(), QStringList());
     }
 
     void serviceNeedNotBeTheDevices()
     {
         SsdpService other;
-        other.stateVariables.insert("KO", "5,6"_s);
-        Q_EMIT manager.valueChanged(device.data(), &other, "KO"_s);
-        QCOMPARE(reported(), QStringList{"5,6,192.168.1.20"});
+        other.stateVariables.insert("KO", "5,6");
+        Q_EMIT manager.valueChanged(device.data(), &other, "KO");
+        QCOMPARE(reports, QStringList{"5,6"});
     }
 
     void everyReportIsLoggedBeforeItIsSent()
     {
-        setKeyObject("-12,34"_s);
-        change();
-        QCOMPARE(loggedBefore, QStringList{"Device with FC:-12 and UC:34 found at 192.168.1.20"});
-        QCOMPARE(CapturedLog::lines().size(), qsizetype(1));
-        QCOMPARE(CapturedLog::lines().constFirst().pieces.size(), qsizetype(1));
-    }
+        change("-12,34");
+        const QString line = "0|Device with FC:-12 and UC:34 found at 192.168.1.20";
+        QCOMPARE(logAtReport, QStringList{line});
+        change("-12,34");
+        QCOMPARE(reports, (QStringList{"-12,34", "-12,34"}));
+        QCOMPARE(logAtReport, (QStringList{line, line}));
+        QCOMPARE(CapturedLog::all(), logAtReport);
 
-    void tableAndTheDeviceAreOnlyRead()
-    {
-        setKeyObject("12,34"_s);
-        const QHash<QString, QString> before = service->stateVariables;
-        change();
-        QCOMPARE(service->stateVariables, before);
+        // The records are only read.
+        QCOMPARE(service->stateVariables, (QHash<QString, QString>{{"KO", "-12,34"}}));
         QCOMPARE(device->address, address);
     }
 };

@@ -1,11 +1,18 @@
 #include <ssdp/SsdpDevice.h>
+#include <ssdp/SsdpManager.h>
 #include <ssdp/SsdpService.h>
+#include <tests/support/Literals.h>
+#include <tests/support/ManagerAccess.h>
 
 #include <QtTest/QtTest>
 
+#include <algorithm>
+#include <functional>
+#include <memory>
 #include <type_traits>
 
 using namespace Velmora;
+using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
 namespace {
@@ -29,110 +36,151 @@ private:
 /// Whether each address is above the one before.
 bool ascends(const QList<const void*>& addresses)
 {
-    for (qsizetype i = 1; i < addresses.size(); ++i) {
-        if (addresses.at(i) <= addresses.at(i - 1))
-            return false;
-    }
-    return true;
+    return std::adjacent_find(addresses.cbegin(), addresses.cend(), std::greater_equal<>()) == addresses.cend();
 }
 
 } // namespace
 
+/// Devices and their services, and the control point that owns them.
 class RecordsTest : public QObject
 {
     Q_OBJECT
 
+private:
+    std::unique_ptr<SsdpManager> manager;
+    QList<int> deletions;
+
+    SsdpDevice* addDevice(const QList<SsdpService*>& services)
+    {
+        SsdpDevice* const device = new SsdpDevice;
+        device->services = services;
+        ManagerAccess(*manager).devices().append(device);
+        return device;
+    }
+
+    SsdpService* noted(int number) { return new NotedService(number, deletions); }
+
 private Q_SLOTS:
-    void freshDeviceHasTheNullIdentifier() { QCOMPARE(SsdpDevice().id, QUuid()); }
+    void init()
+    {
+        manager = std::make_unique<SsdpManager>(QHostAddress(QHostAddress::LocalHost));
+        deletions.clear();
+    }
 
-    void freshDeviceHasANullAddress() { QVERIFY(SsdpDevice().address.isNull()); }
+    void freshDeviceIsNull()
+    {
+        const SsdpDevice device;
+        QCOMPARE(device.id, QUuid());
+        QVERIFY(device.address.isNull());
+        QVERIFY(device.location.isNull());
+        QVERIFY(device.services.isEmpty());
+    }
 
-    void freshDeviceHasANullLocation() { QVERIFY(SsdpDevice().location.isNull()); }
-
-    void freshDeviceHasNoServices() { QVERIFY(SsdpDevice().services.isEmpty()); }
-
-    void freshServiceHasNullIdentifiers()
+    void freshServiceIsNull()
     {
         const SsdpService service;
         QCOMPARE(service.subscriptionId, QUuid());
         QCOMPARE(service.id, QUuid());
-    }
-
-    void freshServiceHasNullTexts()
-    {
-        const SsdpService service;
         QVERIFY(service.serviceType.isNull());
         QVERIFY(service.serviceId.isNull());
         QVERIFY(service.controlUrl.isNull());
         QVERIFY(service.eventSubUrl.isNull());
         QVERIFY(service.scpdUrl.isNull());
+        QVERIFY(service.stateVariables.isEmpty());
     }
 
-    void freshServiceHasNoStateVariables() { QVERIFY(SsdpService().stateVariables.isEmpty()); }
-
-    void deletingADeviceDeletesItsServicesFirstToLastThroughTheirVirtualDestructor()
+    void deviceDeletesItsServicesFirstToLast()
     {
-        QList<int> deletions;
-        SsdpDevice* const device = new SsdpDevice;
-        for (int number = 1; number <= 3; ++number)
-            device->services.append(new NotedService(number, deletions));
-        delete device;
-        QCOMPARE(deletions, (QList<int>{1, 2, 3}));
-    }
-
-    void deletingADeviceWithoutServicesDeletesNothingElse()
-    {
-        QList<int> deletions;
         SsdpDevice other;
-        other.services.append(new NotedService(1, deletions));
+        other.services.append(noted(4));
         delete new SsdpDevice;
-        QCOMPARE(deletions, QList<int>());
-        QCOMPARE(other.services.size(), qsizetype(1));
+        SsdpDevice* const device = new SsdpDevice;
+        device->services = {noted(1), noted(2), noted(3), nullptr};
+        delete device->services.takeAt(1);
+        QCOMPARE(deletions, QList<int>{2});
+        delete device;
+        QCOMPARE(deletions, (QList<int>{2, 1, 3}));
     }
 
-    void deviceMayListANullService()
+    void interfaceHasOneVirtualDestructorAndNoCopies()
     {
-        SsdpDevice device;
-        device.services.append(nullptr);
-        QCOMPARE(device.services.size(), qsizetype(1));
-    }
-
-    void deletingAServiceLeavesTheOthersOfItsDevice()
-    {
-        QList<int> deletions;
-        SsdpDevice device;
-        device.services.append(new NotedService(1, deletions));
-        device.services.append(new NotedService(2, deletions));
-        delete device.services.takeFirst();
-        QCOMPARE(deletions, (QList<int>{1}));
-    }
-
-    void deviceHasNoVirtualOperations() { QVERIFY(!std::is_polymorphic_v<SsdpDevice>); }
-
-    void serviceHasAVirtualDestructor() { QVERIFY(std::has_virtual_destructor_v<SsdpService>); }
-
-    void recordsAreNotCopied()
-    {
+        QVERIFY(!std::is_polymorphic_v<SsdpDevice>);
+        QVERIFY(std::has_virtual_destructor_v<SsdpService>);
         QVERIFY(!std::is_copy_constructible_v<SsdpDevice>);
         QVERIFY(!std::is_copy_assignable_v<SsdpDevice>);
         QVERIFY(!std::is_copy_constructible_v<SsdpService>);
         QVERIFY(!std::is_copy_assignable_v<SsdpService>);
     }
 
-    void fieldsOfADeviceStandInTheirOrder()
+    void fieldsAreInTheirOrder()
     {
         const SsdpDevice device;
         QVERIFY(ascends({&device.id, &device.address, &device.location, &device.services}));
         QCOMPARE(static_cast<const void*>(&device), static_cast<const void*>(&device.id));
-    }
 
-    void fieldsOfAServiceStandInTheirOrder()
-    {
         const SsdpService service;
         QVERIFY(ascends({&service, &service.subscriptionId, &service.id, &service.serviceType, &service.serviceId,
                          &service.controlUrl, &service.eventSubUrl, &service.scpdUrl, &service.stateVariables}));
     }
+
+    void controlPointDeletesItsDevicesInListOrder_data()
+    {
+        QTest::addColumn<bool>("isDestroyed");
+        QTest::newRow("when it is destroyed") << true;
+        QTest::newRow("in clearDevices()") << false;
+    }
+
+    void controlPointDeletesItsDevicesInListOrder()
+    {
+        QFETCH(const bool, isDestroyed);
+        addDevice({noted(1), noted(2)});
+        addDevice({});
+        addDevice({noted(3)});
+        if (isDestroyed) {
+            manager.reset();
+        } else {
+            manager->clearDevices();
+            QVERIFY(ManagerAccess(*manager).devices().isEmpty());
+            manager->clearDevices();
+        }
+        QCOMPARE(deletions, (QList<int>{1, 2, 3}));
+    }
+
+    void serviceIsFoundInItsDevice()
+    {
+        SsdpService* const services[] = {new SsdpService, new SsdpService, new SsdpService, new SsdpService};
+        addDevice({});
+        const SsdpDevice* const second = addDevice({services[0]});
+        const SsdpDevice* const third = addDevice({services[1], services[2], services[3]});
+        QCOMPARE(manager->getDeviceForService(services[0]), second);
+        for (int i = 1; i <= 3; ++i)
+            QCOMPARE(manager->getDeviceForService(services[i]), third);
+    }
+
+    void firstDeviceThatListsAServiceHasIt()
+    {
+        SsdpService* const shared = new SsdpService;
+        const SsdpDevice* const first = addDevice({shared});
+        SsdpDevice* const second = addDevice({shared});
+        QCOMPARE(manager->getDeviceForService(shared), first);
+        second->services.clear();
+    }
+
+    void unknownServiceHasNoDevice()
+    {
+        SsdpService service;
+        QCOMPARE(manager->getDeviceForService(&service), nullptr);
+        QCOMPARE(manager->getDeviceForService(nullptr), nullptr);
+        SsdpService* const listed = new SsdpService;
+        listed->id = QUuid::createUuid();
+        addDevice({});
+        addDevice({listed});
+        // A service is known by its pointer alone.
+        service.id = listed->id;
+        QCOMPARE(manager->getDeviceForService(&service), nullptr);
+        QCOMPARE(manager->getDeviceForService(nullptr), nullptr);
+    }
 };
 
-QTEST_APPLESS_MAIN(RecordsTest)
+QTEST_GUILESS_MAIN(RecordsTest)
 #include "tst_records.moc"

@@ -1,27 +1,100 @@
+#include <ssdp/MulticastSocket.h>
+#include <tests/support/KernelTables.h>
 #include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <QtNetwork/QNetworkInterface>
 
 #include <algorithm>
+#include <netinet/in.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Velmora::Tests;
 using Velmora::Simulator::PrivateNetwork;
 using Velmora::SSDP::SsdpManager;
 
-namespace {
-
-const char SIGNATURE[] = "1|void Velmora::SSDP::SsdpManager::initialize()|";
-
-} // namespace
-
-/// On which addresses the library works, and what it does when it cannot.
+/// On which addresses and ports the library works, and what it does when it cannot.
 class AddressesTest : public WireTest
 {
     Q_OBJECT
 
 public:
     using WireTest::WireTest;
+
+private:
+    std::vector<int> held;
+
+    void host(const QString& command)
+    {
+        std::vector<std::string> words;
+        for (const QString& word : command.split(QLatin1Char(' ')))
+            words.push_back(word.toStdString());
+        network.run(PrivateNetwork::HostSide, words);
+    }
+
+    void setOnHost(const char* setting, const char* value)
+    {
+        network.setSetting(PrivateNetwork::HostSide, setting, value);
+    }
+
+    /// A link with 10.77.0.1 on the host, a route to the groups, and a device. Returns the host's interface.
+    QString addUsualLink()
+    {
+        const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
+        host("ip route add 224.0.0.0/4 dev "_s + link);
+        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
+        return link;
+    }
+
+    /// A socket of another program of the host, which shares nothing.
+    static std::unique_ptr<QUdpSocket> occupy(const QHostAddress& address, quint16 port)
+    {
+        auto socket = std::make_unique<QUdpSocket>();
+        return socket->bind(address, port, QUdpSocket::DontShareAddress) ? std::move(socket) : nullptr;
+    }
+
+    /// Holds the search ports to @p last until cleanup(), with plain sockets because there are many.
+    bool holdEveryPortTo(int last)
+    {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        for (int port = 49152 + static_cast<int>(held.size()); port <= last; ++port) {
+            sockaddr_in address = {};
+            address.sin_family = AF_INET;
+            address.sin_port = htons(static_cast<uint16_t>(port));
+            held.push_back(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+            if (::bind(held.back(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+                return false;
+        }
+        return true;
+    }
+
+    /// The addresses of the control points, in their order.
+    QStringList addresses() const
+    {
+        QStringList result;
+        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
+            result << ManagerAccess(*controlPoint).eventServer().serverAddress().toString();
+        return result;
+    }
+
+    /// What is logged when the event servers have their ports.
+    QStringList boundLines() const
+    {
+        QStringList result;
+        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
+            result << "0|Ssdp Server bound to %1"_s.arg(ManagerAccess(*controlPoint).eventServer().serverPort());
+        return result;
+    }
+
+    static QString failure(const QString& text)
+    {
+        return "1|void Velmora::SSDP::SsdpManager::initialize()|"_s + text;
+    }
 
 private Q_SLOTS:
     void initTestCase() { }
@@ -37,34 +110,46 @@ private Q_SLOTS:
     void cleanup()
     {
         WireTest::cleanup();
-        // Their names count on over all tests.
+        for (const int descriptor : held)
+            close(descriptor);
+        held.clear();
+        setOnHost("net/ipv4/igmp_max_memberships", "20");
+        setOnHost("net/ipv4/ip_local_port_range", "32768 60999");
+        // The names of interfaces count on over all tests.
         for (const QNetworkInterface& interface : QNetworkInterface::allInterfaces()) {
             if (interface.name().startsWith("host"))
                 host("ip link del "_s + interface.name());
         }
+        QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners(), QStringList());
     }
 
-    void onlyLoopbackGivesOneControlPoint()
+    void loopbackIsTakenOnlyWhereItIsAlone()
     {
+        host("ip addr add 10.99.0.1/32 dev lo"_s);
+        const auto end = qScopeGuard([this] { host("ip addr del 10.99.0.1/32 dev lo"_s); });
         QCOMPARE(ssdp->discover(), 3);
         QCOMPARE(addresses(), QStringList{"127.0.0.1"});
-        QCOMPARE(log(), QStringList{"0|Ssdp Server bound to %1"_s.arg(manager().eventServer().serverPort())});
-        QVERIFY(manager().eventServer().serverPort() != 0);
-    }
+        QCOMPARE(log(), boundLines());
 
-    void interfaceThatIsDownIsSkipped()
-    {
-        const QString down = addLink("10.77.0.1/16", "10.77.1.1/16");
-        addLink("10.78.0.1/16", "10.78.1.1/16");
-        host("ip link set %1 down"_s.arg(down));
+        addLink("10.77.0.1/16", "10.77.1.1/16");
+        ssdp = newController(60000);
         ssdp->discover();
-        QCOMPARE(addresses(), QStringList{"10.78.0.1"});
+        QCOMPARE(addresses(), QStringList{"10.77.0.1"});
     }
 
-    void interfaceWithIPv6OnlyGivesNoControlPoint()
+    void interfaceThatIsDownOrHasIPv6OnlyIsSkipped_data()
     {
-        const QString link = addLink("", "10.77.1.1/16");
-        host("ip addr add fd00::1/64 dev %1 nodad"_s.arg(link));
+        QTest::addColumn<bool>("hasIPv4");
+        QTest::addColumn<QString>("command");
+        QTest::newRow("down") << true << "ip link set %1 down";
+        QTest::newRow("IPv6 only") << false << "ip addr add fd00::1/64 dev %1 nodad";
+    }
+
+    void interfaceThatIsDownOrHasIPv6OnlyIsSkipped()
+    {
+        QFETCH(const bool, hasIPv4);
+        QFETCH(const QString, command);
+        host(command.arg(addLink(hasIPv4 ? "10.77.0.1/16" : "", "10.77.1.1/16")));
         ssdp->discover();
         QCOMPARE(addresses(), QStringList{"127.0.0.1"});
 
@@ -78,33 +163,23 @@ private Q_SLOTS:
     {
         addLink("10.77.0.1/16", "10.77.1.1/16");
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        addLink("10.79.0.1/16", "10.79.1.1/16");
+        // An address of two interfaces is taken twice.
+        addLink("10.78.0.1/16", "10.78.1.2/16");
         ssdp->discover();
-        QCOMPARE(addresses(), (QStringList{"10.79.0.1", "10.78.0.1", "10.77.0.1"}));
-        QStringList lines;
-        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
-            lines << "0|Ssdp Server bound to %1"_s.arg(ManagerAccess(*controlPoint).eventServer().serverPort());
-        QCOMPARE(log(), lines);
+        QCOMPARE(addresses(), (QStringList{"10.78.0.1", "10.78.0.1", "10.77.0.1"}));
+        QCOMPARE(log(), boundLines());
     }
 
     void everyAddressOfAnInterfaceIsTakenInOrder()
     {
         const QString link = addLink("10.77.0.3/16", "10.77.1.1/16");
-        host("ip addr add 10.77.0.1/16 dev %1"_s.arg(link));
+        host("ip addr add 10.77.0.1/16 dev "_s + link);
         host("ip addr add fd00::1/64 dev %1 nodad"_s.arg(link));
-        host("ip addr add 10.77.0.2/24 dev %1"_s.arg(link));
+        host("ip addr add 10.77.0.2/24 dev "_s + link);
         addLink("10.78.0.1/16", "10.78.1.1/16");
         ssdp->discover();
         // The kernel lists the first address of each network before the others.
         QCOMPARE(addresses(), (QStringList{"10.78.0.1", "10.77.0.3", "10.77.0.2", "10.77.0.1"}));
-    }
-
-    void addressOfTwoInterfacesIsTakenTwice()
-    {
-        addLink("10.77.0.1/16", "10.77.1.1/16");
-        addLink("10.77.0.1/16", "10.77.1.2/16");
-        ssdp->discover();
-        QCOMPARE(addresses(), (QStringList{"10.77.0.1", "10.77.0.1"}));
     }
 
     void addressThatComesLaterIsNotTaken()
@@ -119,10 +194,57 @@ private Q_SLOTS:
         QCOMPARE(addresses(), QStringList{"10.77.0.1"});
     }
 
+    void everyControlPointHasTwoSocketsAndAServer()
+    {
+        const QString link = addUsualLink();
+        ssdp->discover();
+        QCOMPARE(KernelTables::udpSockets(), (QStringList{"0.0.0.0:1900", "10.77.0.1:49152"}));
+        QCOMPARE(KernelTables::tcpListeners(),
+                 QStringList{"10.77.0.1:%1"_s.arg(manager().eventServer().serverPort())});
+        QCOMPARE(KernelTables::groupMembers(), QStringList{link + " x 1"});
+
+        SsdpManager* const controlPoint = ssdp->findChild<SsdpManager*>();
+        QCOMPARE(controlPoint->parent(), ssdp.get());
+        QCOMPARE(manager().multicastSocket()->parent(), controlPoint);
+        QCOMPARE(manager().unicastSocket()->parent(), controlPoint);
+        QCOMPARE(manager().eventServer().parent(), nullptr);
+        QCOMPARE(manager().networkManager().parent(), nullptr);
+
+        // Others may work on the same address. What is initialized again keeps its old sockets.
+        const auto other = newController(60000);
+        other->discover();
+        controlPoint->initialize();
+        QCOMPARE(KernelTables::udpSockets(),
+                 (QStringList{"0.0.0.0:1900", "0.0.0.0:1900", "0.0.0.0:1900", "10.77.0.1:49152", "10.77.0.1:49153",
+                              "10.77.0.1:49154"}));
+        QCOMPARE(KernelTables::groupMembers(), QStringList{link + " x 3"});
+        QCOMPARE(log().filter("1|"), QStringList{failure("Could not bind local Ssdp server")});
+    }
+
+    void socketsOfEveryAddressAreReleased()
+    {
+        addLink("10.77.0.1/16", "10.77.1.1/16");
+        addLink("10.78.0.1/16", "10.78.1.1/16");
+        ssdp->discover();
+        const QList<SsdpManager*> controlPoints = ssdp->findChildren<SsdpManager*>();
+        QCOMPARE(KernelTables::groupMembers().size(), 2);
+        ssdp->stop();
+        QCOMPARE(KernelTables::udpSockets() + KernelTables::groupMembers(), QStringList());
+        QCOMPARE(ssdp->findChildren<SsdpManager*>(), controlPoints);
+        QCOMPARE(KernelTables::tcpListeners().size(), 2);
+
+        ssdp->discover();
+        CapturedLog::clear();
+        ssdp.reset();
+        QCOMPARE(KernelTables::udpSockets() + KernelTables::groupMembers(), QStringList());
+        QCOMPARE(KernelTables::tcpListeners(), QStringList());
+        QCOMPARE(log(), QStringList());
+    }
+
     void everyControlPointSearchesFromItsAddress()
     {
         const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
-        host("ip addr add 10.77.0.2/16 dev %1"_s.arg(link));
+        host("ip addr add 10.77.0.2/16 dev "_s + link);
         addLink("10.78.0.1/16", "10.78.1.1/16");
         const ScriptedDevice one(network, "10.77.1.1"_s, 8080);
         const ScriptedDevice other(network, "10.78.1.1"_s, 8080);
@@ -138,18 +260,16 @@ private Q_SLOTS:
 
     void announcementReachesEveryControlPoint()
     {
-        addLink("10.77.0.1/16", "10.77.1.1/16");
+        addUsualLink();
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
         scriptDevice();
         ssdp->discover();
-        device->announce(
-            "NOTIFY * HTTP/1.1\r\nLOCATION: http://10.77.1.1:8080/desc.xml\r\nNTS: ssdp:alive\r\n\r\n");
+        device->announce(announcement("http://10.77.1.1:8080/desc.xml"));
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
         QCOMPARE(device->requestsFor("GET /desc.xml ").size(), 2);
         QCOMPARE(log().filter("Ssdp device").size(), 2);
 
-        // Each is told by the device on its own, and each reports.
+        // The device sends its events to each, and each reports.
         for (const ScriptedDevice::Request& request : device->requestsFor("SUBSCRIBE "))
             QVERIFY(sendEvent(callbackOf(request.bytes), eventBody("KO", "12,34")));
         QCOMPARE(reports, (QStringList{"12,34 at 10.77.1.1", "12,34 at 10.77.1.1"}));
@@ -157,9 +277,8 @@ private Q_SLOTS:
 
     void answerReachesTheControlPointThatSearched()
     {
-        addLink("10.77.0.1/16", "10.77.1.1/16");
+        addUsualLink();
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
         scriptDevice();
         ssdp->discover();
         const auto fromThere = [](const ScriptedDevice::Datagram& datagram) {
@@ -168,93 +287,100 @@ private Q_SLOTS:
         VERIFY_SOON(std::any_of(device->searches.cbegin(), device->searches.cend(), fromThere));
         while (!fromThere(device->searches.last()))
             device->searches.removeLast();
-        QVERIFY(answerSearch());
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
+        QVERIFY(beFound());
         QCOMPARE(callback().host, QHostAddress("10.77.0.1"));
         QVERIFY(sendLastEvent());
         QCOMPARE(device->requestsFor("GET ").size(), 2);
         QCOMPARE(reports.size(), 1);
     }
 
-    void searchGoesOutFromTheFirstFreePort()
+    void searchLeavesFromTheFirstFreePort()
     {
-        addLink("10.77.0.1/16", "10.77.1.1/16");
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
+        addUsualLink();
         const auto first = occupy(QHostAddress("10.77.0.1"), 49152);
         const auto second = occupy(QHostAddress(QHostAddress::AnyIPv4), 49153);
-        QVERIFY(first && second);
+        const auto fourth = occupy(QHostAddress(QHostAddress::AnyIPv4), 49155);
+        QVERIFY(first && second && fourth);
         QVERIFY(search());
         QCOMPARE(device->searches.at(0).port, quint16(49154));
-        QCOMPARE(log().filter("1|"), QStringList());
+        QCOMPARE(log(), boundLines());
     }
 
-    void searchGoesOutWhenThePortIsTaken()
+    void lastSearchPortIs65534()
     {
-        const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
-        host("ip route add 224.0.0.0/4 dev %1"_s.arg(link));
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
-        const auto occupied = occupy(QHostAddress(QHostAddress::AnyIPv4), 1900);
-        QVERIFY(occupied);
+        addUsualLink();
+        QVERIFY(holdEveryPortTo(65533));
         QVERIFY(search());
-        QCOMPARE(log(), QStringList{QLatin1String(SIGNATURE) + "Failed to bind multicast socket for listening"_s});
-        QCOMPARE(CapturedLog::lines().at(0).pieces.size(), 2);
+        QCOMPARE(device->searches.at(0).port, quint16(65534));
+        QCOMPARE(log(), boundLines());
+        ssdp.reset();
+
+        // Nothing is logged where none is free, and the system chooses the port.
+        QVERIFY(holdEveryPortTo(65534));
+        CapturedLog::clear();
+        ssdp = newController(60000);
+        QVERIFY(search());
+        QVERIFY(device->searches.at(1).port < 49152);
+        QCOMPARE(log(), boundLines());
+        QVERIFY(manager().eventServer().isListening());
+    }
+
+    void discoveryRunsWithoutTheSocketOfTheGroup_data()
+    {
+        QTest::addColumn<bool>("portIsTaken");
+        QTest::addColumn<QString>("text");
+        QTest::newRow("port taken") << true << "Failed to bind multicast socket for listening";
+        QTest::newRow("no memberships") << false << "Could n``ot join 239.255.255.250";
+    }
+
+    void discoveryRunsWithoutTheSocketOfTheGroup()
+    {
+        QFETCH(const bool, portIsTaken);
+        QFETCH(const QString, text);
+        addUsualLink();
+        auto other = portIsTaken ? occupy(QHostAddress(QHostAddress::AnyIPv4), 1900) : nullptr;
+        setOnHost("net/ipv4/igmp_max_memberships", portIsTaken ? "20" : "0");
+        setOnHost("net/ipv4/ip_local_port_range", "32768 40000");
+        QVERIFY(search());
+        QCOMPARE(log(), QStringList{failure(text)});
         QVERIFY(device->searches.at(0).bytes.startsWith("M-SEARCH * HTTP/1.1\nHOST: 239.255.255.250:1900\n"));
         QCOMPARE(device->searches.at(0).sender, QHostAddress("10.77.0.1"));
-        QVERIFY(!manager().eventServer().isListening());
-    }
+        QVERIFY(device->searches.at(0).port <= 40000);
+        QCOMPARE(KernelTables::udpSockets().constFirst(), "0.0.0.0:1900"_s);
+        QCOMPARE(KernelTables::tcpListeners() + KernelTables::groupMembers(), QStringList());
+        QVERIFY(ssdp->findChild<QTimer*>()->isActive());
+        QCOMPARE(ssdp->discover(), 3);
 
-    void searchGoesOutWhenTheGroupCannotBeJoined()
-    {
-        const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
-        host("ip route add 224.0.0.0/4 dev %1"_s.arg(link));
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
-        network.setSetting(PrivateNetwork::HostSide, "net/ipv4/igmp_max_memberships", "0");
-        const bool searched = search();
-        network.setSetting(PrivateNetwork::HostSide, "net/ipv4/igmp_max_memberships", "20");
-        QVERIFY(searched);
-        QCOMPARE(log(), QStringList{QLatin1String(SIGNATURE) + "Could n``ot join 239.255.255.250"_s});
-        QCOMPARE(CapturedLog::lines().at(0).pieces.size(), 2);
-        QVERIFY(device->searches.at(0).bytes.startsWith("M-SEARCH * HTTP/1.1\nHOST: 239.255.255.250:1900\n"));
-        QVERIFY(!manager().eventServer().isListening());
-    }
-
-    void failedBindIsTriedAgainByTheNextDiscovery()
-    {
-        const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
-        host("ip route add 224.0.0.0/4 dev %1"_s.arg(link));
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
-        auto occupied = occupy(QHostAddress(QHostAddress::AnyIPv4), 1900);
-        QVERIFY(search());
+        QCOMPARE(ssdp->findChildren<QUdpSocket*>().size(), 2);
         ssdp->stop();
-        occupied.reset();
+        QCOMPARE(ssdp->findChildren<QUdpSocket*>().size(), 0);
+        QCOMPARE(KernelTables::udpSockets(), portIsTaken ? QStringList{"0.0.0.0:1900"} : QStringList());
+
+        // The next discovery tries again.
+        other.reset();
+        setOnHost("net/ipv4/igmp_max_memberships", "20");
         QVERIFY(findDevice());
         QVERIFY(sendLastEvent());
         QCOMPARE(device->searches.last().port, quint16(49152));
     }
 
-private:
-    void host(const QString& command)
+    void addressOfAnotherHostCannotJoin()
     {
-        std::vector<std::string> words;
-        for (const QString& word : command.split(QLatin1Char(' ')))
-            words.push_back(word.toStdString());
-        network.run(PrivateNetwork::HostSide, words);
+        addUsualLink();
+        SsdpManager other(QHostAddress("10.77.1.1"));
+        other.initialize();
+        QCOMPARE(log(), QStringList{failure("Could n``ot join 239.255.255.250")});
     }
 
-    /// A socket of another program of the host, which shares nothing.
-    static std::unique_ptr<QUdpSocket> occupy(const QHostAddress& address, quint16 port)
+    void discoveryRunsWithoutTheEventServer()
     {
-        auto socket = std::make_unique<QUdpSocket>();
-        return socket->bind(address, port, QUdpSocket::DontShareAddress) ? std::move(socket) : nullptr;
-    }
-
-    /// The addresses of the control points, in their order.
-    QStringList addresses() const
-    {
-        QStringList result;
-        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
-            result << ManagerAccess(*controlPoint).eventServer().serverAddress().toString();
-        return result;
+        addUsualLink();
+        setOnHost("net/ipv4/ip_local_port_range", "50000 50000");
+        QTcpServer other;
+        QVERIFY(other.listen(QHostAddress("10.77.0.1"), 50000));
+        QVERIFY(search());
+        QCOMPARE(log(), (QStringList{failure("Could not bind local Ssdp server"), "0|Ssdp Server bound to 0"}));
+        QCOMPARE(device->searches.at(0).port, quint16(49152));
     }
 };
 

@@ -1,17 +1,20 @@
+#include <tests/support/KernelTables.h>
 #include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 using namespace Velmora::Tests;
+using Velmora::SSDP::Ssdp;
 using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
 namespace {
 
 const char LAST[] = "http://10.77.1.1:8080/last";
+const char TIMEOUT_LINE[] = "0|SSDP timeout expired not found";
 
 } // namespace
 
-/// How a discovery ends, and what is left of it for the next one.
+/// How a discovery begins and ends, and what is left of it for the next one.
 class DiscoveryTest : public WireTest
 {
     Q_OBJECT
@@ -19,34 +22,144 @@ class DiscoveryTest : public WireTest
 public:
     using WireTest::WireTest;
 
+private:
+    bool restart()
+    {
+        ssdp->stop();
+        return search();
+    }
+
+    QTimer* timer() const { return ssdp->findChild<QTimer*>(); }
+
+    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
+
+    bool isDiscovering() const
+    {
+        return timer()->isActive() && KernelTables::udpSockets() == QStringList{"0.0.0.0:1900", "10.77.0.1:49152"};
+    }
+
+    bool isIdle() const { return !timer()->isActive() && KernelTables::udpSockets().isEmpty(); }
+
 private Q_SLOTS:
+    void idleControllerDoesNothing()
+    {
+        QCOMPARE(ssdp->findChildren<QTimer*>().size(), 1);
+        QVERIFY(!timer()->isSingleShot());
+        ssdp->stop();
+        ssdp->stop();
+        QVERIFY(!ssdp->findChild<SsdpManager*>());
+        QVERIFY(isIdle());
+        QCOMPARE(log(), QStringList());
+
+        QVERIFY(search());
+        ssdp->stop();
+        const QStringList before = log();
+        ssdp->stop();
+        QCOMPARE(log(), before);
+        QCOMPARE(timeouts, 0);
+        QVERIFY(search());
+        QCOMPARE(device->searches.size(), 2);
+    }
+
+    void controlPointDoesNothingBeforeInitialize()
+    {
+        SsdpManager idle(QHostAddress("10.77.0.1"));
+        idle.discover();
+        idle.stop();
+        idle.stop();
+        QCOMPARE(idle.children(), QObjectList());
+        QCOMPARE(ManagerAccess(idle).multicastSocket(), nullptr);
+        QCOMPARE(ManagerAccess(idle).unicastSocket(), nullptr);
+        QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners() + log(), QStringList());
+
+        idle.initialize();
+        const QStringList sockets = KernelTables::udpSockets() + KernelTables::tcpListeners();
+        idle.clearDevices();
+        QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners(), sockets);
+        idle.discover();
+        idle.stop();
+        QCOMPARE(idle.children(), QObjectList());
+        QCOMPARE(ManagerAccess(idle).multicastSocket(), nullptr);
+        QCOMPARE(ManagerAccess(idle).unicastSocket(), nullptr);
+        idle.discover();
+
+        ssdp->discover();
+        VERIFY_SOON(device->searches.size() >= 2);
+        QVERIFY(answerSearch(LAST));
+        QCOMPARE(device->searches.size(), 2);
+    }
+
+    void secondDiscoverDoesNothing()
+    {
+        QCOMPARE(ssdp->discover(), 3);
+        QVERIFY(isDiscovering());
+        QCOMPARE(timer()->interval(), 60000);
+        QVERIFY(!timer()->isSingleShot());
+
+        // To start it again would set the time-out of the controller.
+        timer()->start(50000);
+        const QStringList lines = log();
+        QCOMPARE(ssdp->discover(), 3);
+        QVERIFY(isDiscovering());
+        QCOMPARE(timer()->interval(), 50000);
+        QCOMPARE(log(), lines);
+        VERIFY_SOON(!device->searches.isEmpty());
+        QVERIFY(answerSearch(LAST));
+        QCOMPARE(device->searches.size(), 1);
+
+        ssdp->stop();
+        QCOMPARE(ssdp->discover(), 3);
+        QCOMPARE(timer()->interval(), 60000);
+    }
 
     void timeoutIsLoggedAndSignalledOnce()
     {
         ssdp = newController(50);
-        connect(ssdp.get(), &Velmora::SSDP::Ssdp::timeoutExpired, this, [this] {
-            logInTheSlot = log();
-            stoppedInTheSlot =
-                ssdp->findChildren<QUdpSocket*>().isEmpty() && !ssdp->findChild<QTimer*>()->isActive();
+        QStringList logInTheSlot;
+        bool idleInTheSlot = false;
+        const QObject context;
+        connect(ssdp.get(), &Ssdp::timeoutExpired, &context, [this, lines = &logInTheSlot, idle = &idleInTheSlot] {
+            *lines = log();
+            *idle = isIdle();
         });
         QVERIFY(search());
         const QString port = QString::number(manager().eventServer().serverPort());
         VERIFY_SOON(timeouts > 0);
         QCOMPARE(timeouts, 1);
-        QVERIFY(stoppedInTheSlot);
-        QCOMPARE(logInTheSlot,
-                 (QStringList{"0|Ssdp Server bound to "_s + port, "0|SSDP timeout expired not found"_s}));
+        QVERIFY(idleInTheSlot);
+        QCOMPARE(logInTheSlot, (QStringList{"0|Ssdp Server bound to " + port, TIMEOUT_LINE}));
+        QVERIFY(search());
+        VERIFY_SOON(timeouts > 1);
+        QCOMPARE(timeouts, 2);
         QVERIFY(manager().eventServer().isListening());
     }
 
-    void timeoutComesAlsoAfterAReport()
+    void hostMayDiscoverAgainAtEveryTimeout()
     {
-        ssdp = newController(2000);
+        ssdp = newController(0);
+        connect(ssdp.get(), &Ssdp::timeoutExpired, this, [this] {
+            if (timeouts < 3)
+                QCOMPARE(ssdp->discover(), 3);
+        });
+        QCOMPARE(ssdp->discover(), 3);
+        QCOMPARE(timeouts, 0);
+        VERIFY_SOON(timeouts == 3 && device->searches.size() == 3);
+        QVERIFY(isIdle());
+        QCOMPARE(ssdp->findChildren<SsdpManager*>().size(), 1);
+    }
+
+    void reportDoesNotEndADiscovery()
+    {
         QVERIFY(findDevice());
         QVERIFY(sendLastEvent());
+        QVERIFY(isDiscovering());
+        const QStringList lines = log();
+        QCOMPARE(ssdp->discover(), 3);
+        QCOMPARE(log(), lines);
         QCOMPARE(timeouts, 0);
+        timer()->start(0);
         VERIFY_SOON(timeouts == 1);
-        QCOMPARE(log().constLast(), "0|SSDP timeout expired not found"_s);
+        QCOMPARE(log(), lines + QStringList{TIMEOUT_LINE});
         QCOMPARE(reports.size(), 1);
     }
 
@@ -55,50 +168,23 @@ private Q_SLOTS:
         QVERIFY(findDevice());
         const QStringList before = log();
         ssdp->stop();
+        QVERIFY(isIdle());
+        QCOMPARE(KernelTables::groupMembers(), QStringList());
         QVERIFY(ssdp->findChildren<QUdpSocket*>().isEmpty());
-        QVERIFY(!ssdp->findChild<QTimer*>()->isActive());
         QVERIFY(manager().eventServer().isListening());
         QCOMPARE(manager().devices().size(), 1);
         QCOMPARE(log(), before);
         QCOMPARE(timeouts, 0);
     }
 
-    void stopOfAnIdleControllerDoesNothing()
-    {
-        ssdp->stop();
-        QVERIFY(!ssdp->findChild<SsdpManager*>());
-        QVERIFY(search());
-        ssdp->stop();
-        const QStringList before = log();
-        ssdp->stop();
-        QCOMPARE(log(), before);
-        QCOMPARE(timeouts, 0);
-        QCOMPARE(ssdp->discover(), 3);
-    }
-
-    void secondDiscoverLeavesTheTimerRunning()
-    {
-        const QTimer* const timer = ssdp->findChild<QTimer*>();
-        QVERIFY(search());
-        VERIFY_SOON(timer->remainingTime() < 59500);
-        ssdp->discover();
-        QVERIFY(timer->remainingTime() < 59500);
-        QCOMPARE(timer->interval(), 60000);
-        QVERIFY(!timer->isSingleShot());
-
-        ssdp->stop();
-        ssdp->discover();
-        QVERIFY(timer->remainingTime() >= 59500);
-    }
-
-    void nextDiscoveryStartsAnew_data()
+    void nextDiscoveryKnowsNoDevice_data()
     {
         QTest::addColumn<bool>("stopped");
         QTest::newRow("after stop()") << true;
         QTest::newRow("after the time-out") << false;
     }
 
-    void nextDiscoveryStartsAnew()
+    void nextDiscoveryKnowsNoDevice()
     {
         QFETCH(const bool, stopped);
         QVERIFY(findDevice());
@@ -108,7 +194,7 @@ private Q_SLOTS:
         if (stopped) {
             ssdp->stop();
         } else {
-            ssdp->findChild<QTimer*>()->start(0);
+            timer()->start(0);
             VERIFY_SOON(timeouts == 1);
         }
         CapturedLog::clear();
@@ -116,18 +202,17 @@ private Q_SLOTS:
 
         QCOMPARE(ssdp->discover(), 3);
         QCOMPARE(log(),
-                 (QStringList{"1|void Velmora::SSDP::SsdpManager::initialize()|"
-                              "Could not bind local Ssdp server"_s,
-                              "0|Ssdp Server bound to "_s + port}));
-        QCOMPARE(CapturedLog::lines().at(0).pieces.size(), 2);
+                 (QStringList{"1|void Velmora::SSDP::SsdpManager::initialize()|Could not bind local Ssdp server",
+                              "0|Ssdp Server bound to " + port}));
         QCOMPARE(ssdp->findChildren<SsdpManager*>(), controlPoints);
         QVERIFY(manager().devices().isEmpty());
+        QVERIFY(isDiscovering());
+        QCOMPARE(KernelTables::tcpListeners(), QStringList{"10.77.0.1:" + port});
 
         VERIFY_SOON(device->searches.size() == 2);
         QCOMPARE(device->searches.at(1).bytes, device->searches.at(0).bytes);
         QCOMPARE(device->searches.at(1).port, quint16(49152));
-        QVERIFY(answerSearch());
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
+        QVERIFY(beFound());
         QVERIFY(sendLastEvent());
         QCOMPARE(device->requestsFor("GET /desc.xml ").size(), 2);
         QCOMPARE(reports, QStringList{"77,1 at 10.77.1.1"});
@@ -142,18 +227,19 @@ private Q_SLOTS:
         device->announce(datagram);
         QVERIFY(search());
         QVERIFY(answerSearch(LAST));
-        QCOMPARE(log().filter("Ssdp device"), QStringList{"0|Ssdp device|"_s + QLatin1String(LAST)});
+        QCOMPARE(log().filter("Ssdp device"), QStringList{"0|Ssdp device|"_s + LAST});
     }
 
     void descriptionOfAnEarlierDiscoveryIsDropped_data()
     {
         QTest::addColumn<QByteArray>("pending");
         QTest::addColumn<QByteArray>("begun");
-        QTest::newRow("description, silent") << "GET /desc.xml "_ba << QByteArray();
-        QTest::newRow("description, begun") << "GET /desc.xml "_ba << reply(deviceDescription()).chopped(20);
-        QTest::newRow("service description, silent") << "GET /scpd.xml "_ba << QByteArray();
-        QTest::newRow("service description, begun")
-            << "GET /scpd.xml "_ba << reply(serviceDescription()).chopped(20);
+        const QByteArray description = "GET /desc.xml ";
+        const QByteArray service = "GET /scpd.xml ";
+        QTest::newRow("description, silent") << description << QByteArray();
+        QTest::newRow("description, begun") << description << reply(deviceDescription()).chopped(20);
+        QTest::newRow("service description, silent") << service << QByteArray();
+        QTest::newRow("service description, begun") << service << reply(serviceDescription()).chopped(20);
     }
 
     void descriptionOfAnEarlierDiscoveryIsDropped()
@@ -162,20 +248,18 @@ private Q_SLOTS:
         QFETCH(const QByteArray, begun);
         device->script("GET /desc.xml ", reply(deviceDescription()));
         device->script(pending, begun);
-        QVERIFY(search());
-        QVERIFY(answerSearch());
+        QVERIFY(search() && answerSearch());
         VERIFY_SOON(device->requestsFor(pending).size() == 1);
         const QPointer<Connection> connection = device->requestsFor(pending).at(0).connection;
         VERIFY_SOON(connection->wasRead());
         QCOMPARE(manager().deviceReplies().size(), 1);
 
         CapturedLog::clear();
-        restart();
+        QVERIFY(restart());
         QVERIFY(manager().deviceReplies().isEmpty());
         QVERIFY(manager().serviceReplies().isEmpty());
         VERIFY_SOON(!connection->isOpen());
 
-        VERIFY_SOON(device->searches.size() == 2);
         scriptDevice();
         QVERIFY(beFound());
         QVERIFY(sendLastEvent());
@@ -189,10 +273,9 @@ private Q_SLOTS:
     {
         QVERIFY(search());
         // No such scheme: the reply has its end queued already.
-        manager().addSsdpDevice(QHostAddress("10.77.1.1"), "coap://10.77.1.1/"_s);
+        manager().addSsdpDevice(QHostAddress("10.77.1.1"), "coap://10.77.1.1/");
         QCOMPARE(manager().deviceReplies().size(), 1);
-        restart();
-        VERIFY_SOON(device->searches.size() == 2);
+        QVERIFY(restart());
         QVERIFY(answerSearch(LAST));
         QCOMPARE(log().filter("handleServerResponse"), QStringList());
     }
@@ -224,8 +307,7 @@ private Q_SLOTS:
         const auto lines = log().size();
         connection->send(body.mid(sent));
         VERIFY_SOON(!connection->isOpen());
-        VERIFY_SOON(manager().requestSockets().isEmpty());
-        QVERIFY(manager().responseBuffers().isEmpty());
+        VERIFY_SOON(nothingIsListed());
         QCOMPARE(log().size(), lines);
         QVERIFY(service()->stateVariables.value("KO").isNull());
         QVERIFY(sendLastEvent());
@@ -241,7 +323,7 @@ private Q_SLOTS:
         QVERIFY(callback().path != earlier.path);
         QCOMPARE(callback().port, earlier.port);
         Connection* const connection = device->connectTo(earlier.host, earlier.port);
-        connection->send("NOTIFY " + earlier.path + " HTTP/1.1\r\nCONTENT-LENGTH: 120\r\n\r\n");
+        connection->send(eventHead(earlier.path, "120"));
         VERIFY_SOON(!connection->isOpen());
         QVERIFY(sendLastEvent());
         QCOMPARE(reports, QStringList{"77,1 at 10.77.1.1"});
@@ -251,13 +333,9 @@ private Q_SLOTS:
     {
         scriptDevice();
         device->script("SUBSCRIBE ", "");
-        QVERIFY(search());
-        QVERIFY(answerSearch());
+        QVERIFY(search() && answerSearch());
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
-
-        restart();
-        VERIFY_SOON(device->searches.size() == 2);
-        QVERIFY(answerSearch());
+        QVERIFY(restart() && answerSearch());
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
         QCOMPARE(manager().requestSockets().size(), 2);
         QTcpSocket* const earlier = manager().requestSockets().at(0);
@@ -267,21 +345,19 @@ private Q_SLOTS:
         bool signalled = false;
         const QObject context;
         connect(earlier, &QTcpSocket::readyRead, &context, [flag = &signalled] { *flag = true; });
-        device->requestsFor("SUBSCRIBE ")
-            .at(0)
-            .connection->send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
+        Connection* const connection = device->requestsFor("SUBSCRIBE ").at(0).connection;
+        connection->send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
         VERIFY_SOON(signalled);
         QVERIFY(service()->subscriptionId.isNull());
         QCOMPARE(manager().requestSockets().size(), 2);
-        QVERIFY(device->requestsFor("SUBSCRIBE ").at(0).connection->isOpen());
+        QVERIFY(connection->isOpen());
         QVERIFY(sendLastEvent());
     }
 
     void connectionOfAnEarlierDiscoverySendsNothing()
     {
         device->script("GET /desc.xml ", reply(deviceDescription()));
-        QVERIFY(search());
-        QVERIFY(answerSearch());
+        QVERIFY(search() && answerSearch());
         VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
         device->holdConnections();
         device->requestsFor("GET /scpd.xml ").at(0).connection->send(reply(serviceDescription()));
@@ -289,28 +365,15 @@ private Q_SLOTS:
         QTcpSocket* const earlier = manager().requestSockets().at(0);
         QCOMPARE(earlier->state(), QAbstractSocket::ConnectingState);
 
-        restart();
+        QVERIFY(restart());
         device->takeConnections();
         VERIFY_SOON(earlier->state() == QAbstractSocket::ConnectedState);
-        VERIFY_SOON(device->searches.size() == 2);
         scriptDevice();
         QVERIFY(beFound());
         QVERIFY(sendLastEvent());
         QCOMPARE(device->requestsFor("SUBSCRIBE ").size(), 1);
         QCOMPARE(manager().requestSockets(), QList<QTcpSocket*>{earlier});
     }
-
-private:
-    void restart()
-    {
-        ssdp->stop();
-        ssdp->discover();
-    }
-
-    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
-
-    QStringList logInTheSlot;
-    bool stoppedInTheSlot = false;
 };
 
 VELMORA_WIRE_TEST_MAIN(DiscoveryTest)

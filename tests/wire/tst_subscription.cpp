@@ -1,9 +1,8 @@
 #include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
-#include <sys/utsname.h>
-
 using namespace Velmora::Tests;
+using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
 /// The subscriptions: what they say, and what becomes of the answer.
@@ -14,90 +13,55 @@ class SubscriptionTest : public WireTest
 public:
     using WireTest::WireTest;
 
-private Q_SLOTS:
+private:
+    /// Finds a device with these state variables that does not answer its subscriptions.
+    bool subscribe(const QList<QByteArray>& names)
+    {
+        scriptDevice();
+        device->script("GET /scpd.xml ", reply(serviceDescription(names)));
+        device->script("SUBSCRIBE ", "");
+        return search() && answerSearch()
+            && waitUntil([&] { return device->requestsFor("SUBSCRIBE ").size() == names.size(); });
+    }
 
-    void subscriptionIsSevenLinesEachEndedByALineFeed_data()
+    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
+
+    Connection* subscription(int index) const { return device->requestsFor("SUBSCRIBE ").at(index).connection; }
+
+private Q_SLOTS:
+    void subscriptionNamesTheEventServer_data()
     {
         QTest::addColumn<QByteArray>("authority");
         QTest::addColumn<quint16>("port");
         QTest::addColumn<QByteArray>("host");
-        QTest::newRow("port 80") << "10.77.1.2:80"_ba << quint16(80) << "10.77.1.2:P"_ba;
         QTest::newRow("no port") << "10.77.1.2"_ba << quint16(80) << "10.77.1.2:P"_ba;
         QTest::newRow("port 8080") << "10.77.1.2:8080"_ba << quint16(8080) << "10.77.1.2:\x90"_ba;
-        QTest::newRow("port 49152") << "10.77.1.2:49152"_ba << quint16(49152) << QByteArray("10.77.1.2:\0", 11);
-        QTest::newRow("port 65535") << "10.77.1.2:65535"_ba << quint16(65535) << "10.77.1.2:\xff"_ba;
+        QTest::newRow("port 49152") << "10.77.1.2:49152"_ba << quint16(49152) << "10.77.1.2:\0"_ba;
     }
 
-    void subscriptionIsSevenLinesEachEndedByALineFeed()
+    void subscriptionNamesTheEventServer()
     {
         QFETCH(const QByteArray, authority);
         QFETCH(const quint16, port);
         QFETCH(const QByteArray, host);
-        utsname system = {};
-        QCOMPARE(uname(&system), 0);
         device = std::make_unique<ScriptedDevice>(network, "10.77.1.2"_s, port);
         scriptDevice();
+        device->script("GET /desc.xml ",
+                       reply(deviceDescription(serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", "a b?\xe9=%1"))));
         device->script("SUBSCRIBE ", "");
-        QVERIFY(search());
-        QVERIFY(answerSearch("http://" + authority + "/desc.xml"));
+        QVERIFY(search() && answerSearch("http://" + authority + "/desc.xml"));
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
 
-        const QString bound = log().at(0);
-        QVERIFY(bound.startsWith("0|Ssdp Server bound to "));
-        const QByteArray eventPort = bound.mid(23).toLatin1();
-        const QByteArray id = service()->id.toByteArray().mid(1, 36);
-        const QByteArray expected = "SUBSCRIBE /event HTTP/1.1\n"
-                                    "HOST: "
-            + host
-            + "\n"
-              "USER-AGENT: "
-            + QByteArray(system.sysname) + "/" + QByteArray(system.release)
-            + " UPnP/1.1 SSDP/1.0\n"
-              "CALLBACK: <http://10.77.0.1:"
-            + eventPort + "/" + id
-            + "_%4>\n"
-              "NT: upnp:event\n"
-              "TIMEOUT: Second-120\n"
-              "\n";
+        const QByteArray expected = "SUBSCRIBE /a b?\xe9=%1 HTTP/1.1\nHOST: " + host + "\nUSER-AGENT: "
+            + SsdpManager::getSystemInfo().toLatin1() + " UPnP/1.1 SSDP/1.0\nCALLBACK: <http://10.77.0.1:"
+            + QByteArray::number(manager().eventServer().serverPort()) + "/"
+            + service()->id.toByteArray(QUuid::WithoutBraces) + "_%4>\nNT: upnp:event\nTIMEOUT: Second-120\n\n";
         QCOMPARE(subscription(0)->received.toPercentEncoding(), expected.toPercentEncoding());
 
-        // The device is the one that ends it: nothing comes behind the empty line.
+        // The device is the one that ends it: nothing comes after the empty line.
         subscription(0)->close();
         QVERIFY(answerSearch("http://" + authority + "/last"));
         QCOMPARE(device->requestsFor("SUBSCRIBE ").at(0).bytes, expected);
-    }
-
-    void targetIsThePathOfTheDescription_data()
-    {
-        QTest::addColumn<QByteArray>("url");
-        QTest::addColumn<QByteArray>("target");
-        QTest::newRow("absolute path") << "/a/event"_ba
-                                       << "/a/event"_ba;
-        QTest::newRow("relative path") << "event?x=1"_ba
-                                       << "/event?x=1"_ba;
-        QTest::newRow("full URL") << "http://10.77.1.2/event"_ba
-                                  << "/http://10.77.1.2/event"_ba;
-        QTest::newRow("empty") << QByteArray() << "/"_ba;
-        QTest::newRow("blank") << "/a b"_ba
-                               << "/a b"_ba;
-        QTest::newRow("the character 0xe9") << "/\xe9"_ba
-                                            << "/\xe9"_ba;
-        QTest::newRow("a placeholder") << "/%1/%2"_ba
-                                       << "/%1/%2"_ba;
-    }
-
-    void targetIsThePathOfTheDescription()
-    {
-        QFETCH(const QByteArray, url);
-        QFETCH(const QByteArray, target);
-        scriptDevice();
-        device->script("GET /desc.xml ",
-                       reply(deviceDescription(serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", url))));
-        QVERIFY(search());
-        QVERIFY(answerSearch());
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
-        QCOMPARE(device->requestsFor("SUBSCRIBE ").at(0).bytes.split('\n').at(0),
-                 "SUBSCRIBE " + target + " HTTP/1.1");
     }
 
     void everyStateVariableSendsTheSameSubscription()
@@ -113,31 +77,26 @@ private Q_SLOTS:
     {
         QTest::addColumn<QByteArray>("answer");
         QTest::addColumn<QUuid>("identifier");
-        const QUuid known("{2fac1234-31f8-11b4-a222-08002b34c003}"_s);
-
-        QTest::newRow("with uuid:")
-            << "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n"_ba << known;
-        QTest::newRow("without uuid:") << "HTTP/1.1 200 OK\r\nSID: 2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n"_ba
-                                       << known;
-        QTest::newRow("uuid: twice") << "SID: uuid:uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"_ba << known;
-        QTest::newRow("UUID:") << "SID: UUID:2fac1234-31f8-11b4-a222-08002b34c003\r\n"_ba << QUuid();
-        QTest::newRow("lower-case header")
-            << "HTTP/1.1 200 OK\nsid:uuid:2fac1234-31f8-11b4-a222-08002b34c003\n\n"_ba << known;
-        QTest::newRow("upper-case identifier") << "SID: uuid:2FAC1234-31F8-11B4-A222-08002B34C003\r\n"_ba << known;
-        QTest::newRow("longer header") << "SIDE: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"_ba << known;
-        QTest::newRow("the first of two") << "SID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
-                                             "SID: uuid:00000000-0000-0000-0000-000000000001\r\n"_ba
-                                          << known;
-        QTest::newRow("error status")
-            << "HTTP/1.1 412 Precondition Failed\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n"_ba
-            << known;
+        const QByteArray status = "HTTP/1.1 200 OK\r\n";
+        const QByteArray known = "2fac1234-31f8-11b4-a222-08002b34c003";
+        const QByteArray sid = "SID: uuid:" + known + "\r\n";
+        const QUuid set(QString::fromLatin1(known));
+        QTest::newRow("with uuid:") << status + sid + "\r\n" << set;
+        QTest::newRow("without uuid:") << status + "SID: " + known + "\r\n\r\n" << set;
+        QTest::newRow("uuid: twice") << "SID: uuid:uuid:" + known + "\r\n" << set;
+        QTest::newRow("UUID:") << "SID: UUID:" + known + "\r\n" << QUuid();
+        QTest::newRow("lower-case header") << "HTTP/1.1 200 OK\nsid:uuid:" + known + "\n\n" << set;
+        QTest::newRow("upper-case identifier") << "SID: uuid:" + known.toUpper() + "\r\n" << set;
+        QTest::newRow("longer header") << "SIDE: uuid:" + known + "\r\n" << set;
+        QTest::newRow("first of two") << sid + "SID: uuid:00000000-0000-0000-0000-000000000001\r\n" << set;
+        QTest::newRow("error status") << "HTTP/1.1 412 Precondition Failed\r\n" + sid + "\r\n" << set;
         QTest::newRow("missing") << "HTTP/1.1 503 Service Unavailable\r\n\r\n"_ba << QUuid();
         QTest::newRow("no identifier") << "SID: uuid:none\r\n"_ba << QUuid();
         QTest::newRow("cut identifier") << "SID: uuid:2fac1234-31f8\r\n"_ba << QUuid();
-        QTest::newRow("behind a zero byte")
-            << "X: "_ba + '\0' + "\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
-            << QUuid();
+        QTest::newRow("after a zero byte") << "X: \0\r\n"_ba + sid << QUuid();
         QTest::newRow("one byte") << "H"_ba << QUuid();
+        // What comes later is not read.
+        QTest::newRow("status alone") << status << QUuid();
     }
 
     void answerSetsTheIdentifier()
@@ -150,21 +109,11 @@ private Q_SLOTS:
         subscription(0)->send(answer);
         VERIFY_SOON(!subscription(0)->isOpen());
         QCOMPARE(service()->subscriptionId, identifier);
-        QVERIFY(manager().requestSockets().isEmpty());
-        QVERIFY(manager().requestSocketServices().isEmpty());
+        QVERIFY(nothingIsListed());
         QCOMPARE(log().filter("1|"), QStringList());
 
         // The subscription is what counts, not its answer.
         QVERIFY(sendLastEvent());
-    }
-
-    void onlyTheFirstChunkOfTheAnswerCounts()
-    {
-        QVERIFY(subscribe({"KO"}));
-        subscription(0)->send("HTTP/1.1 200 OK\r\n");
-        VERIFY_SOON(!subscription(0)->isOpen());
-        QCOMPARE(service()->subscriptionId, QUuid());
-        QVERIFY(manager().requestSockets().isEmpty());
     }
 
     void laterAnswerReplacesTheIdentifier()
@@ -187,11 +136,9 @@ private Q_SLOTS:
     {
         ScriptedDevice other(network, "10.77.1.2"_s, 8080);
         scriptDevice();
-        device->script(
-            "GET /desc.xml ",
-            reply(deviceDescription(serviceElement().replace("/event<", "http://10.77.1.2:8080/event<"))));
-        QVERIFY(search());
-        QVERIFY(answerSearch());
+        const QByteArray service = serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", "http://10.77.1.2:8080/event");
+        device->script("GET /desc.xml ", reply(deviceDescription(service)));
+        QVERIFY(search() && answerSearch());
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
         QVERIFY(sendLastEvent());
         QVERIFY(other.accepted.isEmpty());
@@ -200,8 +147,7 @@ private Q_SLOTS:
     void refusedConnectionStaysListed()
     {
         device->script("GET /desc.xml ", reply(deviceDescription()));
-        QVERIFY(search());
-        QVERIFY(answerSearch());
+        QVERIFY(search() && answerSearch());
         VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
         device->stopListening();
         device->requestsFor("GET /scpd.xml ").at(0).connection->send(reply(serviceDescription()));
@@ -224,10 +170,7 @@ private Q_SLOTS:
     {
         QFETCH(const bool, hard);
         QVERIFY(subscribe({"KO"}));
-        if (hard)
-            subscription(0)->reset();
-        else
-            subscription(0)->close();
+        subscription(0)->end(hard);
         QTcpSocket* const socket = manager().requestSockets().at(0);
         VERIFY_SOON(socket->state() == QAbstractSocket::UnconnectedState);
         QCOMPARE(manager().requestSockets(), QList<QTcpSocket*>{socket});
@@ -235,21 +178,6 @@ private Q_SLOTS:
         QCOMPARE(device->requestsFor("SUBSCRIBE ").size(), 1);
         QVERIFY(sendLastEvent());
     }
-
-private:
-    /// Finds a device with these state variables that does not answer its subscriptions.
-    bool subscribe(const QList<QByteArray>& names)
-    {
-        scriptDevice();
-        device->script("GET /scpd.xml ", reply(serviceDescription(names)));
-        device->script("SUBSCRIBE ", "");
-        return search() && answerSearch()
-            && waitUntil([&] { return device->requestsFor("SUBSCRIBE ").size() == names.size(); });
-    }
-
-    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
-
-    Connection* subscription(int index) const { return device->requestsFor("SUBSCRIBE ").at(index).connection; }
 };
 
 VELMORA_WIRE_TEST_MAIN(SubscriptionTest)

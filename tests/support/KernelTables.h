@@ -1,5 +1,5 @@
-#ifndef VELMORA_TESTS_UNIT_KERNELTABLES_H
-#define VELMORA_TESTS_UNIT_KERNELTABLES_H
+#ifndef VELMORA_TESTS_SUPPORT_KERNELTABLES_H
+#define VELMORA_TESTS_SUPPORT_KERNELTABLES_H
 
 #include <tests/support/Literals.h>
 
@@ -11,16 +11,13 @@
 namespace Velmora {
 namespace Tests {
 
-/**
- * What the kernel says of the IPv4 sockets in the network namespace of the calling thread, each as
- * "10.77.0.1:49152" and all sorted.
- */
+/// The IPv4 sockets in the network namespace of the calling thread, each as "10.77.0.1:49152", all sorted.
 namespace KernelTables {
 
-/// A file of the namespace, as its lines.
+/// The lines of a file of the namespace.
 inline QList<QByteArray> linesOf(const char* name)
 {
-    QFile file("/proc/thread-self/net/"_s + QLatin1String(name));
+    QFile file("/proc/thread-self/net/"_s + name);
     return file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>();
 }
 
@@ -33,14 +30,13 @@ inline QString addressOf(const QByteArray& hexadecimal)
 inline QStringList socketsOf(const char* table, const QByteArray& state)
 {
     QStringList result;
-    const QList<QByteArray> lines = linesOf(table);
-    for (const QByteArray& line : lines) {
+    for (const QByteArray& line : linesOf(table)) {
         // number: local address:port, remote address:port, state, ...
         const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() < 4 || fields.at(3) != state)
+        if (fields.value(3) != state)
             continue;
         const QList<QByteArray> local = fields.at(1).split(':');
-        result << addressOf(local.first()) + QLatin1Char(':') + QString::number(local.last().toUInt(nullptr, 16));
+        result << "%1:%2"_s.arg(addressOf(local.first())).arg(local.last().toUInt(nullptr, 16));
     }
     result.sort();
     return result;
@@ -58,20 +54,17 @@ inline QStringList tcpListeners()
     return socketsOf("tcp", "0A");
 }
 
-/// How many sockets are members of @p group on an interface, as "host0 x 1" for each interface.
-inline QStringList membersOf(const QHostAddress& group)
+/// How many sockets are members of the group of SSDP, as "host0 x 1" for each interface.
+inline QStringList groupMembers()
 {
     QStringList result;
     QString interface;
-    const QList<QByteArray> lines = linesOf("igmp");
-    for (const QByteArray& line : lines) {
+    for (const QByteArray& line : linesOf("igmp")) {
         const QList<QByteArray> fields = line.simplified().split(' ');
-        if (fields.size() < 2)
-            continue;
         if (!line.startsWith('\t'))
-            interface = QString::fromLatin1(fields.at(1));
-        else if (addressOf(fields.at(0)) == group.toString())
-            result << interface + " x "_s + QString::fromLatin1(fields.at(1));
+            interface = fields.value(1);
+        else if (addressOf(fields.at(0)) == "239.255.255.250")
+            result << interface + " x " + fields.value(1);
     }
     return result;
 }
