@@ -166,6 +166,23 @@ private Q_SLOTS:
         second->services.clear();
     }
 
+    void recordsAreFoundHoweverTheyCameIntoTheList()
+    {
+        const QHostAddress address("10.77.1.1");
+        SsdpService* const service = new SsdpService;
+        service->id = QUuid::createUuid();
+        addDevice({})->location = "none:/a";
+        addDevice({service});
+        ManagerAccess access(*manager);
+        access.addSsdpDevice(address, "none:/a");
+        QCOMPARE(access.devices().size(), 2);
+        access.addSsdpDevice(address, "none:/b");
+        access.addSsdpDevice(address, "none:/b");
+        QCOMPARE(access.devices().size(), 3);
+        QCOMPARE(access.getServiceFromHeader("NOTIFY /" + service->id.toString() + " HTTP/1.1"), service);
+        QCOMPARE(access.getServiceFromHeader("NOTIFY /" + QUuid::createUuid().toString() + " HTTP/1.1"), nullptr);
+    }
+
     void unknownServiceHasNoDevice()
     {
         SsdpService service;

@@ -221,6 +221,38 @@ private Q_SLOTS:
         QCOMPARE(log().filter("1|"), QStringList{failure("Could not bind local Ssdp server")});
     }
 
+    void searchSocketsHaveALargeReceiveBuffer()
+    {
+        const auto bufferOf = [](const QUdpSocket& socket) {
+            int size = 0;
+            socklen_t length = sizeof size;
+            getsockopt(static_cast<int>(socket.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &size, &length);
+            return size;
+        };
+        QUdpSocket usual;
+        QUdpSocket large;
+        QVERIFY(usual.bind() && large.bind());
+        const int wanted = 4 * 1024 * 1024;
+        setsockopt(static_cast<int>(large.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+        // The kernel has a limit, which is above its default.
+        QVERIFY(bufferOf(large) > bufferOf(usual));
+
+        addUsualLink();
+        ssdp->discover();
+        QCOMPARE(bufferOf(*manager().multicastSocket()), bufferOf(large));
+        QCOMPARE(bufferOf(*manager().unicastSocket()), bufferOf(large));
+    }
+
+    void eventServerQueuesMoreConnectionsThanQtDoes()
+    {
+        addUsualLink();
+        ssdp->discover();
+        // Nothing is accepted meanwhile, since no event is handled. connectTo() fails if a connection is not
+        // queued.
+        for (int i = 0; i < 100; ++i)
+            QVERIFY(device->connectTo(QHostAddress("10.77.0.1"), manager().eventServer().serverPort())->isOpen());
+    }
+
     void socketsOfEveryAddressAreReleased()
     {
         addLink("10.77.0.1/16", "10.77.1.1/16");

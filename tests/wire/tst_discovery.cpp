@@ -45,6 +45,7 @@ private Q_SLOTS:
     {
         QCOMPARE(ssdp->findChildren<QTimer*>().size(), 1);
         QVERIFY(!timer()->isSingleShot());
+        QCOMPARE(timer()->timerType(), Qt::PreciseTimer);
         ssdp->stop();
         ssdp->stop();
         QVERIFY(!ssdp->findChild<SsdpManager*>());
@@ -67,6 +68,8 @@ private Q_SLOTS:
         idle.discover();
         idle.stop();
         idle.stop();
+        ManagerAccess(idle).onUnicastMessageReceived();
+        QMetaObject::invokeMethod(&idle, "onResponseSocketDisconnected", Qt::DirectConnection);
         QCOMPARE(idle.children(), QObjectList());
         QCOMPARE(ManagerAccess(idle).multicastSocket(), nullptr);
         QCOMPARE(ManagerAccess(idle).unicastSocket(), nullptr);
