@@ -96,8 +96,8 @@ class LinearTest : public QObject
 private:
     static void row(const char* group, const QByteArray& shape, int size, const Maker& maker)
     {
-        const QByteArray name = QByteArray(shape).replace('\n', "\\n").replace('\r', "\\r").replace('\x1b', "\\e");
-        QTest::newRow((group + ": "_ba + name).constData()) << size << maker;
+        const std::unique_ptr<char[]> name(QTest::toString(shape));
+        QTest::addRow("%s: %s", group, name.get()) << size << maker;
     }
 
     static void texts(const char* group, int size, const QList<QByteArray>& shapes,
