@@ -2,39 +2,10 @@
 #include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 
-#include <QtCore/QMutex>
 #include <QtNetwork/QNetworkRequest>
 
 namespace Velmora {
 namespace Tests {
-
-namespace {
-
-/// What Qt has warned of, in any thread.
-struct Warnings
-{
-    QMutex mutex;
-    QStringList texts;
-};
-
-Warnings& warnings()
-{
-    static Warnings instance;
-    return instance;
-}
-
-QtMessageHandler printMessage = nullptr;
-
-void noteWarning(QtMsgType type, const QMessageLogContext& context, const QString& text)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg) {
-        const QMutexLocker locker(&warnings().mutex);
-        warnings().texts << text;
-    }
-    printMessage(type, context, text);
-}
-
-} // namespace
 
 const QByteArray HttpTest::BODY("<a>b</a>");
 
@@ -155,14 +126,14 @@ void HttpTest::init()
     device->forget();
     served = 0;
     allowedDescriptors = ProcessState::descriptors();
-    warnings().texts.clear();
-    printMessage = qInstallMessageHandler(noteWarning);
+    messages = std::make_unique<KeptMessages>();
 }
 
 void HttpTest::cleanup()
 {
-    qInstallMessageHandler(printMessage);
-    QCOMPARE(warnings().texts, QStringList());
+    const QStringList printed = messages->texts();
+    messages.reset();
+    QCOMPARE(printed, QStringList());
     if (device)
         device->forget();
     COMPARE_SOON(qMax(ProcessState::descriptors(), allowedDescriptors), allowedDescriptors);

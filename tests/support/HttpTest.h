@@ -1,6 +1,7 @@
 #ifndef VELMORA_TESTS_SUPPORT_HTTPTEST_H
 #define VELMORA_TESTS_SUPPORT_HTTPTEST_H
 
+#include <tests/support/KeptMessages.h>
 #include <tests/support/WireTest.h>
 
 #include <QtCore/QUrl>
@@ -55,7 +56,7 @@ private:
 
 /**
  * The library's HTTP client against a device that sends what the test says. Each test fails when Qt
- * prints a warning, or when a descriptor stays open after it.
+ * prints anything, or when a descriptor stays open after it.
  */
 class HttpTest : public WireTest
 {
@@ -107,6 +108,9 @@ protected:
 
     /// How many descriptors may be open after the test.
     int allowedDescriptors = 0;
+
+private:
+    std::unique_ptr<KeptMessages> messages;
 };
 
 } // namespace Tests
