@@ -68,8 +68,7 @@ private Q_SLOTS:
             ssdp->stop();
             QVERIFY(search());
             for (const ScriptedDevice::Request& request : device->requestsFor("SUBSCRIBE ").mid(5 * (round - 1))) {
-                request.connection->send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
-                                         "TIMEOUT: Second-120\r\nCONTENT-LENGTH: 0\r\n\r\n");
+                request.connection->send(subscriptionReply());
                 request.connection->close();
             }
             VERIFY_SOON(std::all_of(
