@@ -126,7 +126,8 @@ private Q_SLOTS:
     {
         utsname kernel;
         QCOMPARE(uname(&kernel), 0);
-        QCOMPARE(SsdpManager::getSystemInfo().toLatin1(), QByteArray(kernel.sysname) + "/" + kernel.release);
+        QCOMPARE(SsdpManager::getSystemInfo().toLatin1(),
+                 QByteArray(kernel.sysname) + "/" + QByteArray(kernel.release));
     }
 
     void headerIsTheFirstLineThatBeginsWithIt_data()
