@@ -67,10 +67,9 @@ void readReply(const QByteArray& bytes, int segment)
 }
 
 /// A control point that gets one event with @p names as its variables.
-Work eventWork(const QStringList& names)
+Work eventWork(const QList<QByteArray>& names)
 {
-    const QString event = "<e:propertyset><e:property><" + names.join("/></e:property><e:property><")
-        + "/></e:property></e:propertyset>";
+    const QString event = eventOf(names);
     return [event] {
         SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
         ManagerAccess access(manager);
@@ -250,20 +249,11 @@ private:
 
     static void controlPointRows()
     {
-        row("event", "many variables", 500, [](int size) {
-            QStringList names;
-            for (int i = 0; i < size; ++i)
-                names << "N%1"_s.arg(i);
-            return eventWork(names);
-        });
-        row("event", "variables that Qt 5 hashes alike", 500, [](int size) {
-            QStringList names;
-            for (const std::string& name : namesAlike(static_cast<size_t>(size)))
-                names << QString::fromStdString(name);
-            return eventWork(names);
-        });
+        row("event", "many variables", 500, [](int size) { return eventWork(manyNames(size)); });
+        row("event", "variables that Qt 5 hashes alike", 500,
+            [](int size) { return eventWork(manyNames(size, true)); });
         row("event", "one variable again and again", 500, [](int size) {
-            QStringList names;
+            QList<QByteArray> names;
             for (int i = 0; i < size; ++i)
                 names << "KO";
             return eventWork(names);

@@ -20,30 +20,6 @@ enum Deletion {
     InTheSlotForAnotherEvent, ///< that arrives in an event loop of the slot
 };
 
-QList<QByteArray> differentNames(int count)
-{
-    QList<QByteArray> result;
-    for (int i = 0; i < count; ++i)
-        result << 'N' + QByteArray::number(i);
-    return result;
-}
-
-QList<QByteArray> namesThatQt5HashesAlike(int count)
-{
-    QList<QByteArray> result;
-    for (const std::string& name : namesAlike(static_cast<size_t>(count)))
-        result << QByteArray::fromStdString(name);
-    return result;
-}
-
-QString eventOf(const QList<QByteArray>& names)
-{
-    QByteArray properties;
-    for (const QByteArray& name : names)
-        properties += eventProperty(name, "");
-    return propertySet(properties);
-}
-
 } // namespace
 
 /// One test for each defect that was found in the control point.
@@ -117,8 +93,8 @@ private Q_SLOTS:
         QTest::addColumn<int>("entries");
         // Without a bound, so many names that hash alike would take minutes.
         const int alike = QT_VERSION_MAJOR == 5 ? 64 : 20000;
-        QTest::newRow("different names") << differentNames(20000) << 20000;
-        QTest::newRow("names that Qt 5 hashes alike") << namesThatQt5HashesAlike(20000) << alike;
+        QTest::newRow("different names") << manyNames(20000) << 20000;
+        QTest::newRow("names that Qt 5 hashes alike") << manyNames(20000, true) << alike;
     }
 
     void everyNameIsAnEntry()
