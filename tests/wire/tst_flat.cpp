@@ -239,7 +239,8 @@ private Q_SLOTS:
                 ssdp->stop();
                 QVERIFY(search());
                 connection->send(late);
-                VERIFY_SOON(connection->wasRead() || !connection->isOpen());
+                if (late.size() > 64 * 1024)
+                    VERIFY_SOON(connection->wasRead());
                 // The library leaves this to the device when it has forgotten the subscription.
                 if (request == "SUBSCRIBE ")
                     connection->close();

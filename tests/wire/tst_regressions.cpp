@@ -32,31 +32,6 @@ public:
 
 private Q_SLOTS:
 
-    void lateReplyToASubscriptionClosesItsConnection()
-    {
-        scriptDevice();
-        device->script("GET /scpd.xml ", reply(serviceDescription({"KO", "A", "B", "C", "D"})));
-        device->script("SUBSCRIBE ", "");
-        int before = -1;
-        for (int round = 1; round <= 3; ++round) {
-            QVERIFY(search() && answerSearch());
-            VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 5 * round);
-            ssdp->stop();
-            QVERIFY(search());
-            for (const ScriptedDevice::Request& request : device->requestsFor("SUBSCRIBE ").mid(5 * (round - 1))) {
-                request.connection->send(subscriptionReply());
-                request.connection->close();
-            }
-            VERIFY_SOON(std::all_of(
-                manager().requestSockets().cbegin(), manager().requestSockets().cend(),
-                [](const QTcpSocket* socket) { return socket->state() == QAbstractSocket::UnconnectedState; }));
-            if (before == -1)
-                before = ProcessState::descriptors();
-            COMPARE_SOON(ProcessState::descriptors(), before);
-            ssdp->stop();
-        }
-    }
-
     void serverAcceptsAgainAfterItsFirstAcceptHadNoDescriptor()
     {
         QVERIFY(findDevice());
