@@ -45,9 +45,10 @@ Segments inSegmentsOf(const QByteArray& bytes, int size)
     return result;
 }
 
-void row(const char* name, const Segments& segments, HttpTest::End end, const QByteArray& body = HttpTest::BODY)
+void row(const char* name, const Segments& segments, HttpTest::End end, const QByteArray& body = HttpTest::BODY,
+         bool fails = false)
 {
-    QTest::newRow(name) << segments << static_cast<int>(end) << body;
+    QTest::newRow(name) << segments << static_cast<int>(end) << body << fails;
 }
 
 /// A server that keeps the connection open, so the reply has to say where its body ends.
@@ -60,6 +61,12 @@ void complete(const char* name, const QByteArray& reply, const QByteArray& body 
 void closed(const char* name, const QByteArray& reply, const QByteArray& body = HttpTest::BODY)
 {
     row(name, {reply}, HttpTest::Close, body);
+}
+
+/// A reply that fails, with what was read of its body.
+void broken(const char* name, const QByteArray& reply, HttpTest::End end, const QByteArray& body = "")
+{
+    row(name, {reply}, end, body, true);
 }
 
 } // namespace
@@ -87,6 +94,7 @@ private Q_SLOTS:
         QTest::addColumn<Segments>("segments");
         QTest::addColumn<int>("end");
         QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("fails");
         complete("length", OK + rest());
         complete("length 0", OK + "Content-Length: 0\r\n\r\n", "");
         complete("chunks", CHUNKED + "3\r\n<a>\r\n5\r\nb</a>\r\n0\r\nX: y\r\n\r\n");
@@ -95,7 +103,7 @@ private Q_SLOTS:
         closed("until the end of the connection", OK + "\r\n" + BODY);
         closed("until the end of the connection, no body", OK + "\r\n", "");
         closed("interim reply, then until the end of the connection", INTERIM + OK + "\r\n" + BODY);
-        closed("interim reply alone", INTERIM, "");
+        broken("interim reply alone", INTERIM, Close);
         complete("interim reply", INTERIM + OK + rest());
         row("interim replies in segments of their own", {INTERIM, INTERIM, OK + rest()}, Stay);
         row("last chunk in a segment of its own", {CHUNKED + "8\r\n" + BODY + "\r\n", "0\r\n\r\n"}, Stay);
@@ -103,11 +111,11 @@ private Q_SLOTS:
         complete("surplus", OK + rest() + "surplus");
         complete("a second reply", OK + rest() + OK + rest());
         complete("a body where there is none", "HTTP/1.1 204 No Content\r\n" + rest(), "");
-        complete("not HTTP", "<a>\r\n<b/>\r\n\r\n</a>\r\n", "");
-        closed("not HTTP, nor a line", BODY, "");
-        complete("ICY", "ICY 200 OK\r\n" + rest(), "");
-        complete("malformed chunk", CHUNKED + "8\r\n" + BODY + "\r\nzz\r\n\r\n");
-        closed("shorter than its length", OK + "Content-Length: 9\r\n\r\n" + BODY);
+        broken("not HTTP", "<a>\r\n<b/>\r\n\r\n</a>\r\n", Stay);
+        broken("not HTTP, nor a line", BODY, Close);
+        broken("ICY", "ICY 200 OK\r\n" + rest(), Stay);
+        broken("malformed chunk", CHUNKED + "8\r\n" + BODY + "\r\nzz\r\n\r\n", Stay, BODY);
+        broken("shorter than its length", OK + "Content-Length: 9\r\n\r\n" + BODY, Close, BODY);
         const QByteArray large = "0123456789abcde\n"_ba.repeated(65536);
         complete("1 MiB", OK + "Content-Length: 1048576\r\n\r\n" + large, large);
         complete("1 MiB, chunk", CHUNKED + "100000\r\n" + large + "\r\n0\r\n\r\n", large);
@@ -142,11 +150,13 @@ private Q_SLOTS:
         QFETCH(const Segments, segments);
         QFETCH(const int, end);
         QFETCH(const QByteArray, body);
+        QFETCH(const bool, fails);
         Fetcher fetcher;
         Fetch fetch(fetcher.network, url());
         QVERIFY(!fetch.finishedInGet);
         QVERIFY(serve(segments, static_cast<End>(end), fetch));
         QCOMPARE(fetch.body, body);
+        QCOMPARE(fetch.failed, fails);
         QVERIFY(hasFinishedOnce(fetch));
         QCOMPARE(device->requestsFor("GET /elsewhere").size(), 0);
     }
