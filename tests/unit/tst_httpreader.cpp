@@ -146,7 +146,7 @@ private:
                     "HTTP/1.1 200 OK\nContent-Length: 8\r\n\r\n", "HTTP/1.1 200 OK\r\nContent-Length: 8\n\n",
                     "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\n", "HTTP/1.1 200 OK\nContent-Length: 8\n\r\n",
                     "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n \r\n\r\n"));
-        each(whole, "*" + OK + LENGTH, listOf("\r\n", "\n", "\r\n\r\n\r\n", "\r\n\n", " "));
+        each(whole, "*" + OK + LENGTH, listOf("\r\n", "\n", "\r\n\r\n\r\n", "\r\n\n", " ", " \t\r\n"));
         cut("nothing", "", HttpReader::ReadingHead, 0);
         cut("no head", BODY, HttpReader::ReadingHead, 0);
         cut("a status line without an end", "HTTP/1.1 200", HttpReader::ReadingHead, 0);
@@ -270,16 +270,16 @@ private:
         complete("404, chunked", QByteArray(CHUNKED + CHUNKS).replace("200", "404"), BODY, 404);
         complete("surplus after the last chunk", CHUNKED + CHUNKS + "HTTP/1.1", BODY, 200, 8);
         each(whole, OK + "*\r\n\r\n" + CHUNKS,
-             listOf("Transfer-Encoding: Chunked", "TRANSFER-ENCODING: CHUNKED", "Transfer-Encoding:chunked",
-                    "Transfer-Encoding:   chunked   ", "Transfer-Encoding:\r\n chunked",
-                    "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked",
-                    "Transfer-Encoding: chunked, chunked", "Transfer-Encoding: chunked;q=1",
-                    "Transfer-Encoding: identity, chunked", "Transfer-Encoding: x, CHUNKED",
-                    "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked",
-                    "Transfer-Encoding: gzip, chunked", "Transfer-Encoding: chunked, gzip",
-                    "Content-Length: 3\r\nTransfer-Encoding: chunked",
-                    "Transfer-Encoding: chunked\r\nContent-Length: 300",
-                    "Content-Length: 8\r\nTransfer-Encoding: chunked"));
+             listOf(
+                 "Transfer-Encoding: Chunked", "TRANSFER-ENCODING: CHUNKED", "Transfer-Encoding:chunked",
+                 "Transfer-Encoding:   chunked   ", "Transfer-Encoding:\r\n chunked",
+                 "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked", "Transfer-Encoding: chunked, chunked",
+                 "Transfer-Encoding: chunked;q=1", "Transfer-Encoding: identity, chunked",
+                 "Transfer-Encoding: x, CHUNKED", "Transfer-Encoding: chunked\r\nTransfer-Encoding: identity",
+                 "Transfer-Encoding: identity\r\nTransfer-Encoding: chunked", "Transfer-Encoding: gzip, chunked",
+                 "Transfer-Encoding: chunked, gzip", "Content-Length: 3\r\nTransfer-Encoding: chunked",
+                 "Transfer-Encoding: chunked\r\nContent-Length: 300",
+                 "Content-Length: 8\r\nTransfer-Encoding: chunked"));
         last("chunks and the end of the connection",
              OK + "Connection: close\r\n" + CHUNKED.mid(OK.size()) + CHUNKS);
         last("chunks of HTTP/1.0", QByteArray(CHUNKED + CHUNKS).replace("1.1", "1.0"));
