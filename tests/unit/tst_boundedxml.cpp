@@ -65,7 +65,7 @@ private Q_SLOTS:
                 {"an instruction with start tags", "<a><?b " + "<b>"_s.repeated(500) + "?></a>"},
                 {"a comment with 1,000 quotes", "<a><!-- <b " + "\"x\" "_s.repeated(1000) + "--></a>"},
                 {"text with 1,000 quotes", "<a>" + "\"x\""_s.repeated(1000) + "</a>"},
-                {"a text of 4 MB", "<a>" + "x"_s.repeated(4 * 1024 * 1024) + "</a>"},
+                {"a text of 4 MB", "<a>" + "x"_s.repeated(4000000) + "</a>"},
             },
             listOf(
                 "<a/>", "<a>x</a>", "<?xml version=\"1.0\"?><a/>", "<?xml version='1.0' encoding='utf-8'?>\n<a/>",

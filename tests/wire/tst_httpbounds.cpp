@@ -165,6 +165,8 @@ private Q_SLOTS:
         // Six connections go to one host and port.
         std::vector<std::unique_ptr<ScriptedDevice>> devices;
         std::vector<std::unique_ptr<Fetch>> fetches;
+        devices.reserve(20);
+        fetches.reserve(20);
         Fetcher fetcher;
         for (quint16 port = 8081; port <= 8100; ++port) {
             devices.push_back(std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, port));

@@ -8,16 +8,16 @@
 
 using namespace Velmora::Tests;
 
+inline const QByteArray OK("HTTP/1.1 200 OK\r\n");
+inline const QByteArray CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
+inline const QByteArray INTERIM("HTTP/1.1 103 Early Hints\r\nX: y\n\n");
+
 namespace {
 
 using Segments = QList<QByteArray>;
 
 /// A reply: pieces of its framing and of its body in turns.
 using Pieces = QList<QByteArray>;
-
-const QByteArray OK("HTTP/1.1 200 OK\r\n");
-const QByteArray CHUNKED = OK + "Transfer-Encoding: chunked\r\n\r\n";
-const QByteArray INTERIM("HTTP/1.1 103 Early Hints\r\nX: y\n\n");
 
 /// The rest of a reply with a short body, after the status line and any fields.
 QByteArray rest()
@@ -491,6 +491,7 @@ private Q_SLOTS:
         device->script("GET ", reply(BODY));
         Fetcher fetcher;
         std::vector<std::unique_ptr<Fetch>> fetches;
+        fetches.reserve(1000);
         for (int i = 0; i < 1000; ++i)
             fetches.push_back(std::make_unique<Fetch>(fetcher.network, url()));
         for (const std::unique_ptr<Fetch>& fetch : fetches) {
