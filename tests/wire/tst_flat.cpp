@@ -218,7 +218,7 @@ private Q_SLOTS:
         add("rest of a description", "GET /desc.xml ", description.chopped(20), description.right(20), 0);
         add("service description", "GET /scpd.xml ", "", reply(serviceDescription()), 0);
         add("subscription", "SUBSCRIBE ", "", subscriptionReply(), 1);
-        add("subscription, too long", "SUBSCRIBE ", "", subscriptionReply() + QByteArray(100 * 1000, 'x'), 1);
+        add("subscription, too long", "SUBSCRIBE ", "", subscriptionReply() + QByteArray(100000, 'x'), 1);
     }
 
     void lateReplyLeavesNothingBehind()
@@ -239,7 +239,7 @@ private Q_SLOTS:
                 ssdp->stop();
                 QVERIFY(search());
                 connection->send(late);
-                if (late.size() > 64 * 1024)
+                if (late.size() > 65536)
                     VERIFY_SOON(connection->wasRead());
                 // The library leaves this to the device when it has forgotten the subscription.
                 if (request == "SUBSCRIBE ")
