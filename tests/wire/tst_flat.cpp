@@ -17,7 +17,7 @@ const int DISCOVERIES = 20;
 
 // What a connection that stays listed may take, and what all else may differ by, in bytes.
 const int KEPT_BYTES = 4 * 1024;
-const int SLACK = 12 * 1024;
+const int SLACK = 16 * 1024;
 
 const char FOUND[] = "Device with FC:1 ";
 const char NOT_PARSED[] = "Could not parse server response";
