@@ -21,6 +21,15 @@ using Velmora::Simulator::PrivateNetwork;
 
 namespace {
 
+sockaddr_in loopback(uint16_t port)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
 void drop(QtMsgType, const QMessageLogContext&, const QString&) { }
 
 [[noreturn]] void skip(const char* reason)
@@ -70,6 +79,21 @@ QUuid serviceId()
     return QUuid("6f9619ff-8b86-d011-b42d-00c04fc964ff");
 }
 
+QByteArray bytesOf(const uint8_t* data, size_t size, size_t offset)
+{
+    return QByteArray(reinterpret_cast<const char*>(data) + offset, static_cast<int>(size - offset));
+}
+
+SSDP::SsdpManager& listeningManager()
+{
+    static SSDP::SsdpManager* const manager = [] {
+        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
+        result->initialize();
+        return result;
+    }();
+    return *manager;
+}
+
 SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& location)
 {
     auto* const device = new SSDP::SsdpDevice;
@@ -109,10 +133,7 @@ qint64 FinishedReply::readData(char* data, qint64 size)
 Peer::Peer(uint16_t port)
     : Peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), 0)
 {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const sockaddr_in address = loopback(port);
     require(TEMP_FAILURE_RETRY(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address))
                 == 0,
             "the server takes the connection");
@@ -151,6 +172,29 @@ void Peer::reset()
     if (descriptor != -1)
         close(descriptor);
     descriptor = -1;
+}
+
+Server::Server()
+    : port(0)
+    , descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
+{
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    require(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(descriptor, 8) == 0
+                && getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0,
+            "there is a server");
+    port = ntohs(address.sin_port);
+}
+
+bool Server::closeNext()
+{
+    const int connection = next();
+    return connection != -1 && close(connection) == 0;
+}
+
+int Server::next()
+{
+    return TEMP_FAILURE_RETRY(::accept(descriptor, nullptr, nullptr));
 }
 
 } // namespace Fuzz

@@ -33,8 +33,15 @@ void require(bool holds, const char* what);
 /// Lets the event loop do everything that is due, deferred deletions included.
 void settle();
 
+/// The bytes of an input after the first @p offset.
+QByteArray bytesOf(const uint8_t* data, size_t size, size_t offset = 0);
+
+/// A control point that listens on the loopback, the same for all inputs.
+SSDP::SsdpManager& listeningManager();
+
 /// Gives @p manager a device at @p location with one service of the identifier serviceId().
-SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& location);
+SSDP::SsdpService* addService(SSDP::SsdpManager& manager,
+                              const QString& location = "http://127.0.0.1:9/description.xml");
 
 /// The one identifier that the seeds use.
 QUuid serviceId();
@@ -64,8 +71,6 @@ class Peer
 public:
     /// Connects to @p port of 127.0.0.1.
     explicit Peer(uint16_t port);
-    /// Takes over a connection that was accepted.
-    static Peer accepted(int descriptor) { return Peer(descriptor, 0); }
     ~Peer();
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
@@ -76,7 +81,27 @@ public:
     void reset();
 
 private:
+    friend class Server;
     Peer(int descriptor, int);
+
+    int descriptor;
+};
+
+/// A server for connections from this process to itself.
+class Server
+{
+public:
+    Server();
+
+    uint16_t port;
+
+    /// Takes a connection, which has to be there.
+    Peer accept() { return Peer(next(), 0); }
+    /// Takes a connection and closes it. Returns false if there is none.
+    bool closeNext();
+
+private:
+    int next();
 
     int descriptor;
 };

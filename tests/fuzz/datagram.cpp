@@ -14,16 +14,6 @@ using namespace Velmora;
 
 namespace {
 
-SSDP::SsdpManager& listeningManager()
-{
-    static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
-        result->initialize();
-        return result;
-    }();
-    return *manager;
-}
-
 QByteArray lineOf(const QByteArray& datagram, const QByteArray& header)
 {
     const QByteArray text(datagram.constData());
@@ -41,7 +31,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size > 65507)
         return 0;
-    SSDP::SsdpManager& manager = listeningManager();
+    SSDP::SsdpManager& manager = Fuzz::listeningManager();
     Tests::ManagerAccess access(manager);
 
     static const int sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
@@ -54,8 +44,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                   "the datagram goes out");
     access.onUnicastMessageReceived();
 
-    const QByteArray line =
-        lineOf(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)), "location");
+    const QByteArray line = lineOf(Fuzz::bytesOf(data, size), "location");
     const QString location = QString::fromLatin1(line.mid(line.indexOf(':') + 1)).trimmed();
     Fuzz::require(access.devices().size() == (location.isEmpty() ? 0 : 1), "a device for every location");
     if (!location.isEmpty()) {

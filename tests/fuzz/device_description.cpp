@@ -5,20 +5,17 @@
 
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
-using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     static auto* const manager = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
     Tests::ManagerAccess access(*manager);
-    Fuzz::addService(*manager, "http://127.0.0.1:9/description.xml"_s);
+    Fuzz::addService(*manager);
     SSDP::SsdpDevice* const device = access.devices().constFirst();
-    auto* const reply =
-        new Fuzz::FinishedReply(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    auto* const reply = new Fuzz::FinishedReply(Fuzz::bytesOf(data, size));
     access.deviceReplies().insert(reply, device);
     access.onReplyFinished(reply);
 

@@ -4,7 +4,6 @@
 #include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpService.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QTcpSocket>
@@ -12,7 +11,6 @@
 #include <algorithm>
 #include <vector>
 
-using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -20,18 +18,12 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const size_t cuts = size > 0 ? data[0] & 7 : 0;
     if (size < 2 + cuts)
         return 0;
-    static SSDP::SsdpService* service = nullptr;
-    static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
-        result->initialize();
-        service = Fuzz::addService(*result, "http://127.0.0.1:9/description.xml"_s);
-        return result;
-    }();
-    Tests::ManagerAccess access(*manager);
+    static SSDP::SsdpService* const service = Fuzz::addService(Fuzz::listeningManager());
+    Tests::ManagerAccess access(Fuzz::listeningManager());
     service->stateVariables.clear();
 
     const auto lengthError = static_cast<int8_t>(data[1]);
-    const QByteArray body(reinterpret_cast<const char*>(data) + 2 + cuts, static_cast<int>(size - 2 - cuts));
+    const QByteArray body = Fuzz::bytesOf(data, size, 2 + cuts);
     std::vector<int> ends;
     for (size_t i = 0; i < cuts; ++i)
         ends.push_back(static_cast<int>(body.size() * data[2 + i] / 255));

@@ -4,28 +4,22 @@
 #include <tests/fuzz/Harness.h>
 
 #include <ssdp/SsdpService.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QTcpSocket>
 
-using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 1)
         return 0;
-    static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
-        result->initialize();
-        Fuzz::addService(*result, "http://127.0.0.1:9/description.xml"_s);
-        return result;
-    }();
-    Tests::ManagerAccess access(*manager);
+    static const SSDP::SsdpService* const service = Fuzz::addService(Fuzz::listeningManager());
+    Fuzz::require(service, "there is a service for the events");
+    Tests::ManagerAccess access(Fuzz::listeningManager());
 
     Fuzz::Peer device(access.eventServer().serverPort());
-    const QByteArray bytes(reinterpret_cast<const char*>(data) + 1, static_cast<int>(size - 1));
+    const QByteArray bytes = Fuzz::bytesOf(data, size, 1);
     const int cut = static_cast<int>(bytes.size() - (bytes.size() * (data[0] & 15)) / 16);
     device.send(bytes.left(cut));
     Fuzz::settle();

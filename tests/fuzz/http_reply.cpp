@@ -9,10 +9,6 @@
 
 #include <QtNetwork/QNetworkRequest>
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 using namespace Velmora::Tests;
 using namespace Velmora;
 
@@ -21,20 +17,6 @@ namespace {
 const int MAX_BODY = 16 * 1024 * 1024;
 
 enum End { Closes, Resets, StaysOpen };
-
-sockaddr_in listen(int* listener)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    *listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    Fuzz::require(bind(*listener, reinterpret_cast<sockaddr*>(&address), length) == 0
-                      && ::listen(*listener, 8) == 0
-                      && getsockname(*listener, reinterpret_cast<sockaddr*>(&address), &length) == 0,
-                  "there is a server");
-    return address;
-}
 
 /// What the bytes mean when they come at once, and the connection is closed after them.
 QByteArray wholeBody(const QByteArray& bytes, bool* hasHead)
@@ -54,10 +36,9 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 3)
         return 0;
-    static int listener = -1;
-    static const sockaddr_in address = listen(&listener);
+    static Fuzz::Server server;
     const End end = static_cast<End>(data[0] % 3);
-    const QByteArray answer(reinterpret_cast<const char*>(data) + 3, static_cast<int>(size - 3));
+    const QByteArray answer = Fuzz::bytesOf(data, size, 3);
     const int first = data[1];
     const int second = first + data[2];
 
@@ -65,35 +46,33 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     QNetworkAccessManager& network = Tests::ManagerAccess(manager).networkManager();
     // The control point would read the reply and let it go.
     QObject::disconnect(&network, nullptr, &manager, nullptr);
-    const QUrl url(QString("http://127.0.0.1:%1/d.xml"_s).arg(ntohs(address.sin_port)));
+    const QUrl url("http://127.0.0.1:%1/d.xml"_s.arg(server.port));
     QNetworkReply* const reply = network.get(QNetworkRequest(url));
     int finishes = 0;
     QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });
     Fuzz::settle();
 
     {
-        Fuzz::Peer server = Fuzz::Peer::accepted(TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr)));
-        server.send(answer.left(first));
+        Fuzz::Peer peer = server.accept();
+        peer.send(answer.left(first));
         Fuzz::settle();
-        server.send(answer.mid(first, second - first));
+        peer.send(answer.mid(first, second - first));
         Fuzz::settle();
-        server.send(answer.mid(second));
+        peer.send(answer.mid(second));
         if (end == Closes)
-            server.finish();
+            peer.finish();
         Fuzz::settle();
         if (end == StaysOpen && finishes == 0) {
             reply->abort();
             Fuzz::require(finishes == 1, "an aborted reply finishes");
         }
         if (end == Resets)
-            server.reset();
+            peer.reset();
         Fuzz::settle();
     }
     // A request without a reply is sent again, and nobody answers it either.
-    for (int connection = -1; (connection = TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr))) != -1;) {
-        close(connection);
+    while (server.closeNext())
         Fuzz::settle();
-    }
 
     Fuzz::require(finishes == 1, "the reply finishes once");
     Fuzz::require(reply->bytesAvailable() <= MAX_BODY, "the body has a bound");

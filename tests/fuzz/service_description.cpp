@@ -4,10 +4,8 @@
 
 #include <ssdp/SsdpDevice.h>
 #include <ssdp/SsdpService.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
 
-using namespace Velmora::Tests;
 using namespace Velmora;
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
@@ -15,9 +13,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     // A new one for every input, since a subscription that fails stays listed with its manager.
     SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
     Tests::ManagerAccess access(manager);
-    SSDP::SsdpService* const service = Fuzz::addService(manager, "http://127.0.0.1:9/description.xml"_s);
-    auto* const reply =
-        new Fuzz::FinishedReply(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    SSDP::SsdpService* const service = Fuzz::addService(manager);
+    auto* const reply = new Fuzz::FinishedReply(Fuzz::bytesOf(data, size));
     access.deviceReplies().insert(reply, access.devices().constFirst());
     access.serviceReplies().insert(reply, service);
     access.onReplyFinished(reply);

@@ -7,56 +7,31 @@
 #include <ssdp/SsdpService.h>
 #include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
-
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <tests/support/Messages.h>
 
 using namespace Velmora::Tests;
 using namespace Velmora;
-
-namespace {
-
-const char DESCRIPTION[] = "<scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
-                           "<stateVariable><name>KO</name></stateVariable></serviceStateTable></scpd>";
-
-sockaddr_in listen(int* listener)
-{
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    *listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    Fuzz::require(bind(*listener, reinterpret_cast<sockaddr*>(&address), length) == 0
-                      && ::listen(*listener, 8) == 0
-                      && getsockname(*listener, reinterpret_cast<sockaddr*>(&address), &length) == 0,
-                  "there is a device");
-    return address;
-}
-
-} // namespace
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
     if (size < 2)
         return 0;
-    static int listener = -1;
-    static const sockaddr_in address = listen(&listener);
+    static Fuzz::Server server;
 
     SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
     Tests::ManagerAccess access(manager);
     SSDP::SsdpService* const service =
-        Fuzz::addService(manager, QString("http://127.0.0.1:%1/description.xml"_s).arg(ntohs(address.sin_port)));
-    auto* const description = new Fuzz::FinishedReply(QByteArray(DESCRIPTION));
+        Fuzz::addService(manager, "http://127.0.0.1:%1/description.xml"_s.arg(server.port));
+    auto* const description = new Fuzz::FinishedReply(serviceDescription());
     access.deviceReplies().insert(description, access.devices().constFirst());
     access.serviceReplies().insert(description, service);
     access.onReplyFinished(description);
     Fuzz::require(access.requestSockets().size() == 1, "the service is subscribed to");
 
-    Fuzz::Peer device = Fuzz::Peer::accepted(TEMP_FAILURE_RETRY(accept(listener, nullptr, nullptr)));
+    Fuzz::Peer device = server.accept();
     if (data[0] & 1)
         Fuzz::settle();
-    const QByteArray answer(reinterpret_cast<const char*>(data) + 2, static_cast<int>(size - 2));
+    const QByteArray answer = Fuzz::bytesOf(data, size, 2);
     device.send(answer.left(data[1]));
     Fuzz::settle();
     device.send(answer.mid(data[1]));

@@ -75,7 +75,7 @@ Reading readSlowly(const QString& text)
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    const QByteArray text = expanded(QByteArray(reinterpret_cast<const char*>(data), static_cast<int>(size)));
+    const QByteArray text = expanded(Fuzz::bytesOf(data, size));
     const QString latin1 = QString::fromLatin1(text.constData());
     const Reading reading = readSlowly(latin1);
     const bool accepted = SSDP::isWithinXmlBounds(latin1);

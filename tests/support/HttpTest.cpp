@@ -1,39 +1,11 @@
 #include <tests/support/HttpTest.h>
 #include <tests/support/Literals.h>
+#include <tests/support/ProcessState.h>
 
-#include <QtCore/QMutex>
 #include <QtNetwork/QNetworkRequest>
 
 namespace Velmora {
 namespace Tests {
-
-namespace {
-
-/// What Qt has warned of, in any thread.
-struct Warnings
-{
-    QMutex mutex;
-    QStringList texts;
-};
-
-Warnings& warnings()
-{
-    static Warnings instance;
-    return instance;
-}
-
-QtMessageHandler printMessage = nullptr;
-
-void noteWarning(QtMsgType type, const QMessageLogContext& context, const QString& text)
-{
-    if (type != QtDebugMsg && type != QtInfoMsg) {
-        const QMutexLocker locker(&warnings().mutex);
-        warnings().texts << text;
-    }
-    printMessage(type, context, text);
-}
-
-} // namespace
 
 const QByteArray HttpTest::BODY("<a>b</a>");
 
@@ -92,12 +64,24 @@ bool HttpTest::serve(const QList<QByteArray>& segments, End end, const Fetch& fe
         } else {
             send(connection, segments);
         }
-        if (end == Close)
-            connection->close();
-        else if (end == Reset && connection->isOpen())
-            connection->reset();
+        endWith(connection, end);
     }
     return false;
+}
+
+Connection* HttpTest::requestFor(const char* path) const
+{
+    const QByteArray start = "GET "_ba + path + ' ';
+    const bool came = waitUntil([&] { return device->requestsFor(start).size() == 1; });
+    return came ? device->requestsFor(start).at(0).connection.data() : nullptr;
+}
+
+void HttpTest::endWith(Connection* connection, End end)
+{
+    if (end == Close)
+        connection->close();
+    else if (end == Reset && connection->isOpen())
+        connection->reset();
 }
 
 void HttpTest::send(Connection* connection, const QList<QByteArray>& segments)
@@ -118,6 +102,13 @@ bool HttpTest::allCloses() const
     });
 }
 
+bool HttpTest::hasFinishedOnce(const Fetch& fetch) const
+{
+    const bool allClosed = allCloses();
+    QCoreApplication::processEvents();
+    return allClosed && fetch.finishes == 1 && fetch.replyFinishes == 1;
+}
+
 void HttpTest::initTestCase()
 {
     WireTest::initTestCase();
@@ -134,14 +125,18 @@ void HttpTest::init()
         device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
     device->forget();
     served = 0;
-    warnings().texts.clear();
-    printMessage = qInstallMessageHandler(noteWarning);
+    allowedDescriptors = ProcessState::descriptors();
+    messages = std::make_unique<KeptMessages>();
 }
 
 void HttpTest::cleanup()
 {
-    qInstallMessageHandler(printMessage);
-    QCOMPARE(warnings().texts, QStringList());
+    const QStringList printed = messages->texts();
+    messages.reset();
+    QCOMPARE(printed, QStringList());
+    if (device)
+        device->forget();
+    COMPARE_SOON(qMax(ProcessState::descriptors(), allowedDescriptors), allowedDescriptors);
 }
 
 void HttpTest::cleanupTestCase()

@@ -1,6 +1,7 @@
 #ifndef VELMORA_TESTS_SUPPORT_HTTPTEST_H
 #define VELMORA_TESTS_SUPPORT_HTTPTEST_H
 
+#include <tests/support/KeptMessages.h>
 #include <tests/support/WireTest.h>
 
 #include <QtCore/QUrl>
@@ -55,7 +56,7 @@ private:
 
 /**
  * The library's HTTP client against a device that sends what the test says. Each test fails when Qt
- * prints a warning.
+ * prints anything, or when a descriptor stays open after it.
  */
 class HttpTest : public WireTest
 {
@@ -80,11 +81,20 @@ protected:
      */
     bool serve(const QList<QByteArray>& segments, End end, const Fetch& fetch);
 
+    /// The connection of the only request for @p path. Null if it never comes.
+    Connection* requestFor(const char* path = "/desc.xml") const;
+
+    /// Ends @p connection, unless @p end is Stay.
+    static void endWith(Connection* connection, End end);
+
     /// Sends @p segments, unless the library closes the connection meanwhile.
     static void send(Connection* connection, const QList<QByteArray>& segments);
 
     /// Waits until the library has closed every connection to the device.
     bool allCloses() const;
+
+    /// The same, and whether @p fetch has finished once by then.
+    bool hasFinishedOnce(const Fetch& fetch) const;
 
 protected Q_SLOTS:
     void initTestCase();
@@ -95,6 +105,12 @@ protected Q_SLOTS:
 protected:
     /// How many of the device's requests serve() has answered.
     int served = 0;
+
+    /// How many descriptors may be open after the test.
+    int allowedDescriptors = 0;
+
+private:
+    std::unique_ptr<KeptMessages> messages;
 };
 
 } // namespace Tests

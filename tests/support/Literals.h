@@ -1,9 +1,8 @@
 #ifndef VELMORA_TESTS_SUPPORT_LITERALS_H
 #define VELMORA_TESTS_SUPPORT_LITERALS_H
 
-#include <tests/support/Literals.h>
-
 #include <QtCore/QByteArray>
+#include <QtCore/QList>
 #include <QtCore/QString>
 
 namespace Velmora {
@@ -19,6 +18,12 @@ inline QString operator""_s(const char* text, size_t length)
 inline QByteArray operator""_ba(const char* bytes, size_t length)
 {
     return QByteArray(bytes, static_cast<int>(length));
+}
+
+/// Texts for rows that differ in nothing else. As arguments they fill a line, in braces each takes its own.
+template <typename... Text> QList<QByteArray> listOf(const Text&... texts)
+{
+    return {QByteArray(texts)...};
 }
 
 } // namespace Tests

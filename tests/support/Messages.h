@@ -60,6 +60,13 @@ inline QByteArray serviceDescription(const QList<QByteArray>& names = {"KO"})
         + variables + "</serviceStateTable></scpd>";
 }
 
+/// A reply to a subscription.
+inline QByteArray subscriptionReply()
+{
+    return "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\nTIMEOUT: Second-120\r\n"
+           "CONTENT-LENGTH: 0\r\n\r\n";
+}
+
 /// A property of an event.
 inline QByteArray eventProperty(const QByteArray& name, const QByteArray& value)
 {

@@ -1,6 +1,8 @@
 #ifndef VELMORA_TESTS_SUPPORT_NAMESALIKE_H
 #define VELMORA_TESTS_SUPPORT_NAMESALIKE_H
 
+#include <tests/support/Messages.h>
+
 #include <QtCore/QHash>
 #include <QtCore/QString>
 
@@ -55,6 +57,26 @@ inline std::vector<std::string> namesAlike(size_t count)
         names.push_back(changed(mask));
     }
     return names;
+}
+
+/// So many different names, which Qt 5 hashes alike if @p areAlike.
+inline QList<QByteArray> manyNames(int count, bool areAlike = false)
+{
+    QList<QByteArray> result;
+    for (int i = 0; i < count && !areAlike; ++i)
+        result << 'N' + QByteArray::number(i);
+    for (const std::string& name : namesAlike(static_cast<size_t>(areAlike ? count : 0)))
+        result << QByteArray::fromStdString(name);
+    return result;
+}
+
+/// An event with these names as its variables.
+inline QByteArray eventOf(const QList<QByteArray>& names)
+{
+    QByteArray properties;
+    for (const QByteArray& name : names)
+        properties += eventProperty(name, "");
+    return propertySet(properties);
 }
 
 } // namespace Tests

@@ -11,10 +11,8 @@ using Velmora::SSDP::parseXml;
 
 namespace {
 
-const int FOUR_MEGABYTES = 4 * 1024 * 1024;
-
 // A hundred times what the slowest build needs; whatever takes the square of the length needs hours.
-const qint64 LONGEST_DECISION_MS = 5000;
+const qint64 MAX_DECISION_MS = 5000;
 
 QString nested(int levels, const QString& innermost = QString())
 {
@@ -29,74 +27,6 @@ QString withAttributes(int number, char quote = '"')
     return result + "/>"_s;
 }
 
-/// @p pattern as often as it fits into four megabytes.
-QString fourMegabytesOf(const char* pattern)
-{
-    const QString text = QString::fromLatin1(pattern);
-    return text.repeated(static_cast<int>(FOUR_MEGABYTES / text.size()));
-}
-
-/// A decoy behind which deep nesting must still be seen.
-struct Decoy
-{
-    const char* name;
-    const char* text;
-};
-
-const Decoy DECOYS[] = {
-    {"a comment", "<!-- x -->"},
-    {"a comment with an end tag", "<!-- </r></a> -->"},
-    {"a comment with a quote", "<!-- \" -->"},
-    {"a comment with an apostrophe", "<!-- ' -->"},
-    {"a comment with '>'", "<!-- > -> - > -->"},
-    {"a comment with CDATA", "<!-- <![CDATA[ -->"},
-    {"a comment with '<?'", "<!-- <? -->"},
-    {"the shortest comment", "<!---->"},
-    {"CDATA", "<![CDATA[x]]>"},
-    {"CDATA with an end tag", "<![CDATA[</a></a></a>]]>"},
-    {"CDATA with a comment", "<![CDATA[<!--]]>"},
-    {"CDATA with a quote", "<![CDATA[\"]]>"},
-    {"CDATA with brackets", "<![CDATA[]]]]>"},
-    {"an instruction", "<?x y?>"},
-    {"an instruction with an end tag", "<?x </a></a>?>"},
-    {"an instruction with a comment", "<?x <!-- ?>"},
-    {"an instruction with a quote", "<?x \" ?>"},
-    {"an instruction with '>'", "<?x > ?>"},
-    {"an instruction like the declaration", "<?xml-stylesheet href=\"?>"},
-    {"a quoted '>'", "<b c=\">\"/>"},
-    {"a quoted '/>'", "<b c='/>'/>"},
-    {"a quoted apostrophe", "<b c=\"'\"/>"},
-    {"a quoted quote", "<b c='\"'/>"},
-    {"a quoted end tag", "<b c=\"</b>\"/>"},
-    {"a quoted comment", "<b c=\"<!--\"/>"},
-    {"a quoted bracket", "<b c='['/>"},
-    {"a quote in text", "x \" y"},
-    {"an apostrophe in text", "x ' y"},
-    {"'>' in text", "x > y"},
-    {"'/>' in text", "x /> y"},
-    {"end tags in text", "&lt;/a&gt;&lt;/a&gt;"},
-    {"an end tag with blanks", "<b></b \n>"},
-    {"an empty element with a blank", "<b />"},
-    {"an unquoted '/'", "<b / >"},
-    {"an end tag too many", "</b>"},
-    {"an element like a comment", "<!-x>"},
-    {"a short comment", "<!-->"},
-    {"another short comment", "<!--->"},
-    {"a double hyphen", "<!-- -- -->"},
-    {"three hyphens at the end", "<!-- --->"},
-    {"a declaration", "<!x>"},
-    {"an open CDATA", "<![CDATA[ ]>"},
-    {"an instruction that ends at once", "<?>"},
-    {"an instruction without name", "<? ?>"},
-    {"an end tag with an attribute", "</b c=\"'\">"},
-    {"an end tag with a quoted '>'", "<b></b c=\">\">"},
-    {"an attribute without value", "<b c/>"},
-    {"an attribute without quotes", "<b c=\\\"/>"},
-    {"a quote behind a tag name", "<b \">\"/>"},
-    {"a reference", "&amp;"},
-    {"a bad reference", "&<b;/>"},
-};
-
 } // namespace
 
 class BoundedXmlTest : public QObject
@@ -104,58 +34,46 @@ class BoundedXmlTest : public QObject
     Q_OBJECT
 
 private:
-    static void decide_data(const QList<QPair<const char*, QString>>& rows)
+    /// Rows with names, and rows of which the text is the name.
+    static void textRows(const QList<QPair<const char*, QString>>& rows, const QList<QByteArray>& texts = {})
     {
         QTest::addColumn<QString>("text");
         for (const auto& row : rows)
             QTest::newRow(row.first) << row.second;
-    }
-
-    static void addDecoys()
-    {
-        QTest::addColumn<QString>("decoy");
-        for (const Decoy& decoy : DECOYS)
-            QTest::newRow(decoy.name) << QString::fromLatin1(decoy.text);
+        for (const QByteArray& text : texts)
+            QTest::newRow(text.constData()) << QString(text);
     }
 
 private Q_SLOTS:
     void whatIsWithinTheBoundsIsParsedAsQtParsesIt_data()
     {
-        decide_data({
-            {"one element", "<a/>"_s},
-            {"text", "<a>x</a>"_s},
-            {"128 levels", nested(128)},
-            {"an empty element at level 128", nested(127, "<b/>"_s)},
-            {"128 levels twice", "<r>"_s + nested(127).repeated(2) + "</r>"_s},
-            {"128 levels with text", nested(128, "x"_s)},
-            {"many empty elements at level 128", nested(127, "<b/>"_s.repeated(1000))},
-            {"256 attributes", withAttributes(256)},
-            {"256 attributes in apostrophes", withAttributes(256, '\'')},
-            {"256 attributes twice", "<r>"_s + withAttributes(256).repeated(2) + "</r>"_s},
-            {"100,000 elements in a row", "<r>"_s + "<a/>"_s.repeated(100000) + "</r>"_s},
-            {"100,000 elements with text", "<r>"_s + "<a>x</a>"_s.repeated(100000) + "</r>"_s},
-            {"an XML declaration", "<?xml version=\"1.0\"?><a/>"_s},
-            {"an XML declaration with apostrophes", "<?xml version='1.0' encoding='utf-8'?>\n<a/>"_s},
-            {"a DOCTYPE", "<!DOCTYPE a><a/>"_s},
-            {"a DOCTYPE with a system identifier", "<!DOCTYPE a SYSTEM \"a.dtd\"><a/>"_s},
-            {"a DOCTYPE with a public identifier", "<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>"_s},
-            {"a DOCTYPE with a bracket in its identifier", "<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>"_s},
-            {"a comment with tags", "<a><!-- "_s + nested(500) + " --></a>"_s},
-            {"a comment with start tags only", "<a><!-- "_s + "<b>"_s.repeated(500) + " --></a>"_s},
-            {"CDATA with start tags", "<a><![CDATA["_s + "<b>"_s.repeated(500) + "]]></a>"_s},
-            {"an instruction with start tags", "<a><?b "_s + "<b>"_s.repeated(500) + "?></a>"_s},
-            {"a comment with a DOCTYPE", "<!-- <!DOCTYPE a [ --><a/>"_s},
-            {"CDATA with a DOCTYPE", "<a><![CDATA[<!DOCTYPE a []>]]></a>"_s},
-            {"an instruction with a DOCTYPE", "<?b <!DOCTYPE a [ ?><a/>"_s},
-            {"a comment with 1,000 quotes", "<a><!-- <b "_s + "\"x\" "_s.repeated(1000) + "--></a>"_s},
-            {"text with 1,000 quotes", "<a>"_s + "\"x\""_s.repeated(1000) + "</a>"_s},
-            {"a quoted '>' and many quotes", "<a b='>\">\">\"' c=\"'>'>'\">x</a>"_s},
-            {"'[' in text", "<a>[x]</a>"_s},
-            {"a prefix that is not declared", "<e:propertyset><e:property/></e:propertyset>"_s},
-            {"a default namespace", "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>"_s},
-            {"white space in tags", "<a\n b = 'x'\t>\n</a\n>"_s},
-            {"a text of 4 MB", "<a>"_s + QString(FOUR_MEGABYTES, QLatin1Char('x')) + "</a>"_s},
-        });
+        textRows(
+            {
+                {"128 levels", nested(128)},
+                {"an empty element at level 128", nested(127, "<b/>"_s)},
+                {"128 levels twice", "<r>" + nested(127).repeated(2) + "</r>"},
+                {"128 levels with text", nested(128, "x"_s)},
+                {"many empty elements at level 128", nested(127, "<b/>"_s.repeated(1000))},
+                {"256 attributes", withAttributes(256)},
+                {"256 attributes in apostrophes", withAttributes(256, '\'')},
+                {"256 attributes twice", "<r>" + withAttributes(256).repeated(2) + "</r>"},
+                {"100,000 elements in a row", "<r>" + "<a/>"_s.repeated(100000) + "</r>"},
+                {"100,000 elements with text", "<r>" + "<a>x</a>"_s.repeated(100000) + "</r>"},
+                {"a comment with tags", "<a><!-- " + nested(500) + " --></a>"},
+                {"a comment with start tags only", "<a><!-- " + "<b>"_s.repeated(500) + " --></a>"},
+                {"CDATA with start tags", "<a><![CDATA[" + "<b>"_s.repeated(500) + "]]></a>"},
+                {"an instruction with start tags", "<a><?b " + "<b>"_s.repeated(500) + "?></a>"},
+                {"a comment with 1,000 quotes", "<a><!-- <b " + "\"x\" "_s.repeated(1000) + "--></a>"},
+                {"text with 1,000 quotes", "<a>" + "\"x\""_s.repeated(1000) + "</a>"},
+                {"a text of 4 MB", "<a>" + "x"_s.repeated(4000000) + "</a>"},
+            },
+            listOf(
+                "<a/>", "<a>x</a>", "<?xml version=\"1.0\"?><a/>", "<?xml version='1.0' encoding='utf-8'?>\n<a/>",
+                "<!DOCTYPE a><a/>", "<!DOCTYPE a SYSTEM \"a.dtd\"><a/>",
+                "<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>", "<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>",
+                "<!-- <!DOCTYPE a [ --><a/>", "<a><![CDATA[<!DOCTYPE a []>]]></a>", "<?b <!DOCTYPE a [ ?><a/>",
+                "<a b='>\">\">\"' c=\"'>'>'\">x</a>", "<a>[x]</a>", "<e:propertyset><e:property/></e:propertyset>",
+                "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>", "<a\n b = 'x'\t>\n</a\n>"));
     }
 
     void whatIsWithinTheBoundsIsParsedAsQtParsesIt()
@@ -171,26 +89,22 @@ private Q_SLOTS:
 
     void whatIsOutOfBoundsIsNotParsed_data()
     {
-        decide_data({
-            {"129 levels", nested(129)},
-            {"an empty element at level 129", nested(128, "<b/>"_s)},
-            {"an empty element with a blank at level 129", nested(128, "<b />"_s)},
-            {"an element with attributes at level 129", nested(128, "<b c='d'/>"_s)},
-            {"129 levels behind a flat part", "<r>"_s + "<a/>"_s.repeated(1000) + nested(128) + "</r>"_s},
-            {"129 levels behind 128", "<r>"_s + nested(127) + nested(128) + "</r>"_s},
-            {"257 attributes", withAttributes(257)},
-            {"257 attributes in apostrophes", withAttributes(257, '\'')},
-            {"257 attributes deep inside", nested(100, withAttributes(257))},
-            {"a DOCTYPE with an empty internal subset", "<!DOCTYPE a []><a/>"_s},
-            {"a DOCTYPE with an entity", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>"_s},
-            {"a DOCTYPE with an element", "<!DOCTYPE a [<!ELEMENT a ANY>]><a/>"_s},
-            {"a DOCTYPE with attributes", "<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>"_s},
-            {"a DOCTYPE with a system identifier and a subset",
-             "<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>"_s},
-            {"a DOCTYPE with a subset on the next line", "<!DOCTYPE a\n[\n]\n>\n<a/>"_s},
-            {"a DOCTYPE with a subset behind a comment", "<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>"_s},
-            {"a DOCTYPE with a subset behind a declaration", "<?xml version=\"1.0\"?><!DOCTYPE a []><a/>"_s},
-        });
+        textRows(
+            {
+                {"129 levels", nested(129)},
+                {"an empty element at level 129", nested(128, "<b/>"_s)},
+                {"an empty element with a space at level 129", nested(128, "<b />"_s)},
+                {"an element with attributes at level 129", nested(128, "<b c='d'/>"_s)},
+                {"129 levels after a flat part", "<r>" + "<a/>"_s.repeated(1000) + nested(128) + "</r>"},
+                {"129 levels after 128", "<r>" + nested(127) + nested(128) + "</r>"},
+                {"257 attributes", withAttributes(257)},
+                {"257 attributes in apostrophes", withAttributes(257, '\'')},
+                {"257 attributes deep inside", nested(100, withAttributes(257))},
+            },
+            listOf("<!DOCTYPE a []><a/>", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>",
+                   "<!DOCTYPE a [<!ELEMENT a ANY>]><a/>", "<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>",
+                   "<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>", "<!DOCTYPE a\n[\n]\n>\n<a/>",
+                   "<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>", "<?xml version=\"1.0\"?><!DOCTYPE a []><a/>"));
     }
 
     void whatIsOutOfBoundsIsNotParsed()
@@ -203,136 +117,63 @@ private Q_SLOTS:
         QVERIFY(document.isNull());
     }
 
-    void textThatIsNotWellFormedIsNotParsed_data()
-    {
-        decide_data({
-            {"nothing", QString()},
-            {"empty", ""_s},
-            {"blanks", " \n "_s},
-            {"plain text", "404 Not Found"_s},
-            {"an open element", "<a>"_s},
-            {"the wrong end tag", "<a></b>"_s},
-            {"two elements", "<a/><b/>"_s},
-            {"an open comment", "<a/><!--"_s},
-            {"an open instruction", "<a/><?b"_s},
-            {"an open tag", "<a b=\"c"_s},
-            {"a lone '<'", "<"_s},
-            {"'<!' alone", "<!"_s},
-            {"'<?' alone", "<?"_s},
-            {"'</' alone", "</"_s},
-            {"'<?xml' alone", "<?xml"_s},
-            {"'<![CDATA[' alone", "<![CDATA["_s},
-        });
-    }
-
     void textThatIsNotWellFormedIsNotParsed()
     {
+        QDomDocument document;
+        QVERIFY(!parseXml(document, QString()));
+        const QList<QByteArray> texts =
+            listOf("", " \n ", "404 Not Found", "<a>", "<a></b>", "<a/><b/>", "<a/><!--", "<a/><?b", "<a b=\"c",
+                   "<", "<!", "<?", "</", "<?xml", "<![CDATA[");
+        for (const QByteArray& text : texts)
+            QVERIFY2(!parseXml(document, text), text.constData());
+    }
+
+    void decoyNeitherHidesNorFakesDepth_data()
+    {
+        textRows({},
+                 listOf("<!-- x -->", "<!-- </r></a> -->", "<!-- \" -->", "<!-- ' -->", "<!-- > -> - > -->",
+                        "<!-- <![CDATA[ -->", "<!-- <? -->", "<!---->", "<![CDATA[x]]>",
+                        "<![CDATA[</a></a></a>]]>", "<![CDATA[<!--]]>", "<![CDATA[\"]]>", "<![CDATA[]]]]>",
+                        "<?x y?>", "<?x </a></a>?>", "<?x <!-- ?>", "<?x \" ?>", "<?x > ?>",
+                        "<?xml-stylesheet href=\"?>", "<b c=\">\"/>", "<b c='/>'/>", "<b c=\"'\"/>", "<b c='\"'/>",
+                        "<b c=\"</b>\"/>", "<b c=\"<!--\"/>", "<b c='['/>", "x \" y", "x ' y", "x > y", "x /> y",
+                        "&lt;/a&gt;&lt;/a&gt;", "<b></b \n>", "<b />", "<b / >", "</b>", "<!-x>", "<!-->",
+                        "<!--->", "<!-- -- -->", "<!-- --->", "<!x>", "<![CDATA[ ]>", "<?>", "<? ?>",
+                        "</b c=\"'\">", "<b></b c=\">\">", "<b c/>", "<b c=\\\"/>", "<b \">\"/>", "&amp;",
+                        "&<b;/>"));
+    }
+
+    void decoyNeitherHidesNorFakesDepth()
+    {
         QFETCH(const QString, text);
         QDomDocument document;
-        QVERIFY(!parseXml(document, text));
-    }
+        const QString before = "<r>" + text + nested(128) + "</r>";
+        // What Qt's parser would take is refused before the parser.
+        if (static_cast<bool>(document.setContent(before)))
+            QVERIFY(!isWithinXmlBounds(before));
+        QVERIFY(!parseXml(document, before));
+        QVERIFY(!parseXml(document, "<a>"_s.repeated(60) + text + nested(69) + "</a>"_s.repeated(60)));
 
-    void decoyDoesNotHideDepth_data() { addDecoys(); }
-
-    void decoyDoesNotHideDepth()
-    {
-        QFETCH(const QString, decoy);
-        const QString text = "<r>"_s + decoy + nested(128) + "</r>"_s;
-        QDomDocument document;
-        // Some decoys are no XML at all. What Qt's parser takes for XML is to be refused before it.
-        if (static_cast<bool>(document.setContent(text)))
-            QVERIFY(!isWithinXmlBounds(text));
-        QVERIFY(!parseXml(document, text));
-    }
-
-    void decoyBetweenTheLevelsDoesNotHideDepth_data() { addDecoys(); }
-
-    void decoyBetweenTheLevelsDoesNotHideDepth()
-    {
-        QFETCH(const QString, decoy);
-        const QString text = "<a>"_s.repeated(60) + decoy + nested(69) + "</a>"_s.repeated(60);
-        QDomDocument document;
-        QVERIFY(!parseXml(document, text));
-    }
-
-    void decoyDoesNotFakeDepth_data() { addDecoys(); }
-
-    void decoyDoesNotFakeDepth()
-    {
-        QFETCH(const QString, decoy);
-        const QString text = "<r>"_s + decoy.repeated(1000) + nested(127) + "</r>"_s;
-        QDomDocument document;
-        QCOMPARE(parseXml(document, text), static_cast<bool>(QDomDocument().setContent(text)));
-    }
-
-    void declarationWithQuotedEndDoesNotHideDepth_data()
-    {
-        decide_data({
-            {"a comment inside", "<?xml version=\"?><!-- \"?>"_s + nested(129)},
-            {"a comment inside, closed behind", "<?xml version=\"?><!-- \"?>"_s + nested(129) + "<!-- -->"_s},
-            {"the encoding", "<?xml version='1.0' encoding='?><!-- '?>"_s + nested(129) + "<!-- -->"_s},
-            {"CDATA inside", "<?xml version=\"?><a><![CDATA[ \"?>"_s + nested(129) + "<!-- ]]></a> -->"_s},
-            {"a single quote", "<?xml version=\"1.0\" ' ?>"_s + nested(129)},
-        });
-    }
-
-    void declarationWithQuotedEndDoesNotHideDepth()
-    {
-        QFETCH(const QString, text);
-        // A parser that takes the quoted value would go into the depth before it finds an error.
-        QVERIFY(!isWithinXmlBounds(text));
-        QDomDocument document;
-        QVERIFY(!parseXml(document, text));
-    }
-
-    void fourMegabytesOfAnythingAreDecidedAtOnce_data()
-    {
-        decide_data({
-            {"start tags", fourMegabytesOf("<a>")},
-            {"end tags", fourMegabytesOf("</a>")},
-            {"'<'", fourMegabytesOf("<")},
-            {"'<' and quotes", fourMegabytesOf("<\"")},
-            {"open tags", fourMegabytesOf("<a ")},
-            {"open tags with both quotes", fourMegabytesOf("<a \"'")},
-            {"open comments", fourMegabytesOf("<!--")},
-            {"comments closed too soon", fourMegabytesOf("<!-->")},
-            {"open CDATA", fourMegabytesOf("<![CDATA[")},
-            {"open CDATA in an element", "<a>"_s + fourMegabytesOf("<![CDATA[]>")},
-            {"open instructions", fourMegabytesOf("<?")},
-            {"open declarations", fourMegabytesOf("<?xml ")},
-            {"declarations with quotes", fourMegabytesOf("<?xml \"?>")},
-            {"closed declarations with a quote behind", fourMegabytesOf("<?xml ?>\"")},
-            {"open DOCTYPEs", fourMegabytesOf("<!DOCTYPE ")},
-            {"DOCTYPEs", fourMegabytesOf("<!DOCTYPE a>")},
-            {"a DOCTYPE of brackets", "<!DOCTYPE a [<!ELEMENT a "_s + fourMegabytesOf("(")},
-            {"attributes", "<a"_s + fourMegabytesOf(" b=''")},
-            {"attributes without values", "<a"_s + fourMegabytesOf(" b")},
-            {"a single quote", "<a b=\""_s + QString(FOUR_MEGABYTES, QLatin1Char('<'))},
-            {"hyphens", "<!-"_s + fourMegabytesOf("-")},
-            {"empty elements", "<a>"_s + fourMegabytesOf("<b/>")},
-        });
-    }
-
-    void fourMegabytesOfAnythingAreDecidedAtOnce()
-    {
-        QFETCH(const QString, text);
-        QElapsedTimer timer;
-        timer.start();
-        isWithinXmlBounds(text);
-        const qint64 elapsed = timer.elapsed();
-        QVERIFY2(elapsed < LONGEST_DECISION_MS, QByteArray::number(elapsed).constData());
+        const QString often = "<r>" + text.repeated(1000) + nested(127) + "</r>";
+        QCOMPARE(parseXml(document, often), static_cast<bool>(QDomDocument().setContent(often)));
     }
 
     void hostileDocumentsAreRefusedBeforeTheParser_data()
     {
-        decide_data({
+        // A parser that takes a quoted value would go into the depth before it finds an error.
+        textRows({
+            {"a comment in the declaration", "<?xml version=\"?><!-- \"?>" + nested(129)},
+            {"a comment in the declaration, closed after it",
+             "<?xml version=\"?><!-- \"?>" + nested(129) + "<!-- -->"},
+            {"a comment in the encoding", "<?xml version='1.0' encoding='?><!-- '?>" + nested(129) + "<!-- -->"},
+            {"CDATA in the declaration", "<?xml version=\"?><a><![CDATA[ \"?>" + nested(129) + "<!-- ]]></a> -->"},
+            {"a single quote in the declaration", "<?xml version=\"1.0\" ' ?>" + nested(129)},
             {"a million levels", nested(1000000)},
             {"a million start tags", "<a>"_s.repeated(1000000)},
             {"400,000 attributes", withAttributes(400000)},
-            {"an element declaration of 100,000 brackets", "<!DOCTYPE a [<!ELEMENT a "_s + "("_s.repeated(100000)},
+            {"an element declaration of 100,000 brackets", "<!DOCTYPE a [<!ELEMENT a " + "("_s.repeated(100000)},
             {"an entity referenced 20,000 times",
-             "<!DOCTYPE a [<!ENTITY b '"_s + QString(4000, QLatin1Char('x')) + "'>]><a>"_s
-                 + "&b;"_s.repeated(20000) + "</a>"_s},
+             "<!DOCTYPE a [<!ENTITY b '" + "x"_s.repeated(4000) + "'>]><a>" + "&b;"_s.repeated(20000) + "</a>"},
         });
     }
 
@@ -341,9 +182,10 @@ private Q_SLOTS:
         QFETCH(const QString, text);
         QElapsedTimer timer;
         timer.start();
+        QVERIFY(!isWithinXmlBounds(text));
         QDomDocument document;
         QVERIFY(!parseXml(document, text));
-        QVERIFY(timer.elapsed() < LONGEST_DECISION_MS);
+        QVERIFY(timer.elapsed() < MAX_DECISION_MS);
     }
 };
 

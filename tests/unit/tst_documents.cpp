@@ -22,26 +22,21 @@ private:
         return document;
     }
 
-    /// Each as its texts in the order of the record, joined by "|".
-    static QStringList servicesOf(const QString& text)
+    /// Services as their texts in the order of the record, joined by "|"; then the names of state variables;
+    /// then properties as "name=value".
+    static QStringList allThatSays(const QDomDocument& document)
     {
         QStringList result;
-        const QList<Documents::Service> services = Documents::services(parsed(text));
+        const QList<Documents::Service> services = Documents::services(document);
         for (const Documents::Service& service : services) {
             result << QStringList(
                           {service.type, service.id, service.controlUrl, service.eventSubUrl, service.scpdUrl})
-                          .join(QLatin1Char('|'));
+                          .join('|');
         }
-        return result;
-    }
-
-    /// Each as "name=value".
-    static QStringList propertiesOf(const QString& text)
-    {
-        QStringList result;
-        const QList<Documents::Property> properties = Documents::properties(parsed(text));
+        result << Documents::stateVariables(document);
+        const QList<Documents::Property> properties = Documents::properties(document);
         for (const Documents::Property& property : properties)
-            result << property.name + QLatin1Char('=') + property.value;
+            result << property.name + '=' + property.value;
         return result;
     }
 
@@ -51,12 +46,13 @@ private Q_SLOTS:
         QTest::addColumn<QString>("text");
         QTest::addColumn<int>("kind");
         const auto add = [](const char* name, const char* text, Documents::Kind kind) {
-            QTest::newRow(name) << QString::fromLatin1(text) << int(kind);
+            QTest::newRow(name) << QString(text) << int(kind);
         };
         const auto device = Documents::DeviceDescription;
         const auto service = Documents::ServiceDescription;
         const auto other = Documents::Other;
         add("device", "<root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        add("device of another version", "<root xmlns=\"urn:schemas-upnp-org:device-7-5\"/>", device);
         add("device without a version", "<root xmlns='urn:schemas-upnp-org:device'/>", device);
         add("service", "<scpd xmlns='urn:schemas-upnp-org:service-1-0'/>", service);
         add("service without a version", "<scpd xmlns='urn:schemas-upnp-org:service'/>", service);
@@ -71,11 +67,12 @@ private Q_SLOTS:
         add("letter case of the element", "<Root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
         add("another element", "<html xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
         add("a prefix", "<d:root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
+        add("a prefix that the name space lacks", "<d:root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
         add("a name space with a prefix", "<root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
         add("root within another element", "<a><root xmlns='urn:schemas-upnp-org:device-1-0'/></a>", other);
         add("a comment before it", "<!-- x --><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
-        add("a declaration before it", "<?xml version='1.0'?><root xmlns='urn:schemas-upnp-org:device-1-0'/>",
-            device);
+        add("a declaration", "<?xml version='1.0'?><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        add("a DOCTYPE", "<!DOCTYPE root>\n<root xmlns='urn:schemas-upnp-org:device-1-0'/>\n", device);
     }
 
     void nameSpaceSaysTheKind()
@@ -89,145 +86,108 @@ private Q_SLOTS:
     {
         const QDomDocument empty;
         QCOMPARE(Documents::kindOf(empty), Documents::Other);
-        QCOMPARE(Documents::services(empty).size(), 0);
-        QCOMPARE(Documents::stateVariables(empty).size(), 0);
-        QCOMPARE(Documents::properties(empty).size(), 0);
+        QCOMPARE(allThatSays(empty), QStringList());
     }
 
-    void servicesOfADevice_data()
-    {
-        QTest::addColumn<QString>("list");
-        QTest::addColumn<QStringList>("expected");
-        const auto add = [](const char* name, const char* list, const QStringList& expected) {
-            QTest::newRow(name) << QString::fromLatin1(list) << expected;
-        };
-        add("none", "", {});
-        add("an empty one", "<service/>", {"||||"_s});
-        add("a whole one",
-            "<service><serviceType>t</serviceType><serviceId>i</serviceId><SCPDURL>s</SCPDURL>"
-            "<controlURL>c</controlURL><eventSubURL>e</eventSubURL></service>",
-            {"t|i|c|e|s"_s});
-        add("another order, and what else there is",
-            "<service><x/><eventSubURL>e</eventSubURL>text<SCPDURL>s</SCPDURL><!-- c -->"
-            "<serviceType>t</serviceType></service>",
-            {"t|||e|s"_s});
-        add("in document order",
-            "<service><serviceId>1</serviceId></service><service/><x/>"
-            "<service><serviceId>3</serviceId></service>",
-            {"|1|||"_s, "||||"_s, "|3|||"_s});
-        add("the first of two texts", "<service><serviceId>1</serviceId><serviceId>2</serviceId></service>",
-            {"|1|||"_s});
-        add("spaces are kept", "<service><serviceId> 1\t</serviceId></service>", {"| 1\t|||"_s});
-        add("text of all elements within", "<service><serviceId>a<b>b</b><![CDATA[c]]>&lt;</serviceId></service>",
-            {"|abc<|||"_s});
-        add("letter case", "<Service/><service><scpdurl>s</scpdurl></service>", {"||||"_s});
-        add("prefixes", "<u:service/><service><u:serviceId>1</u:serviceId></service>", {"||||"_s});
-        add("within another element", "<x><service/></x>", {});
-    }
-
-    void servicesOfADevice()
-    {
-        QFETCH(const QString, list);
-        QFETCH(const QStringList, expected);
-        QCOMPARE(servicesOf("<root><device><serviceList>"_s + list + "</serviceList></device></root>"_s),
-                 expected);
-    }
-
-    void servicesAreThoseOfTheFirstListOfTheRootDevice_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("count");
-        const auto add = [](const char* name, const char* text, int count) {
-            QTest::newRow(name) << QString::fromLatin1(text) << count;
-        };
-        add("two lists", "<root><device><serviceList/><serviceList><service/></serviceList></device></root>", 0);
-        add("two devices", "<root><device/><device><serviceList><service/></serviceList></device></root>", 0);
-        add("an embedded device",
-            "<root><device><serviceList><service/></serviceList><deviceList><device><serviceList><service/>"
-            "<service/></serviceList></device></deviceList></device></root>",
-            1);
-        add("a list of the embedded device only",
-            "<root><device><deviceList><device><serviceList><service/></serviceList></device></deviceList>"
-            "</device></root>",
-            0);
-        add("no device", "<root><serviceList><service/></serviceList></root>", 0);
-        add("no list", "<root><device><service/></device></root>", 0);
-        add("scpd in place of root", "<scpd><device><serviceList><service/></serviceList></device></scpd>", 0);
-    }
-
-    void servicesAreThoseOfTheFirstListOfTheRootDevice()
-    {
-        QFETCH(const QString, text);
-        QFETCH(const int, count);
-        QCOMPARE(servicesOf(text).size(), count);
-    }
-
-    void namesOfAServiceDescription_data()
+    void everyElementIsReadFromItsPlaceOnly_data()
     {
         QTest::addColumn<QString>("text");
         QTest::addColumn<QStringList>("expected");
-        const auto add = [](const char* name, const char* text, const QStringList& expected) {
-            QTest::newRow(name) << QString::fromLatin1(text) << expected;
+        const auto add = [](const char* name, const QString& text, const QStringList& expected) {
+            QTest::newRow(name) << text << expected;
         };
-        add("none", "<scpd><serviceStateTable/></scpd>", {});
-        add("no table", "<scpd><stateVariable><name>a</name></stateVariable></scpd>", {});
-        add("in document order, repeated ones too",
-            "<scpd><serviceStateTable><stateVariable><name>b</name></stateVariable><x/>"
-            "<stateVariable><name>a</name></stateVariable><stateVariable><name>b</name></stateVariable>"
-            "</serviceStateTable></scpd>",
-            {"b"_s, "a"_s, "b"_s});
-        add("without a name", "<scpd><serviceStateTable><stateVariable/></serviceStateTable></scpd>", {QString()});
-        add("the first of two names",
-            "<scpd><serviceStateTable><stateVariable><name>a</name><name>b</name></stateVariable>"
-            "</serviceStateTable></scpd>",
-            {"a"_s});
-        add("the first of two tables",
-            "<scpd><serviceStateTable/><serviceStateTable><stateVariable/></serviceStateTable></scpd>", {});
-        add("root in place of scpd", "<root><serviceStateTable><stateVariable/></serviceStateTable></root>", {});
-        add("letter case", "<scpd><serviceStateTable><StateVariable/></serviceStateTable></scpd>", {});
-        add("spaces are kept",
-            "<scpd><serviceStateTable><stateVariable><name> "
-            "KO\n</name></stateVariable></serviceStateTable></scpd>",
-            {" KO\n"_s});
+        const QStringList none;
+        const QStringList empty("||||");
+        const auto device = [&](const char* name, const QString& text, const QStringList& expected) {
+            add(name, "<root>" + text + "</root>", expected);
+        };
+        const QString list = "<serviceList><service/></serviceList>";
+        device("two lists", "<device><serviceList/>" + list + "</device>", none);
+        device("two devices", "<device/><device>" + list + "</device>", none);
+        device("an embedded device",
+               "<device>" + list + "<deviceList><device>" + list + "</device></deviceList></device>", empty);
+        device("an embedded device only",
+               "<device><deviceList><device>" + list + "</device></deviceList></device>", none);
+        device("other elements", "<specVersion/><device><friendlyName/>" + list + "</device>", empty);
+        device("no device", list, none);
+        device("no list", "<device><service/></device>", none);
+        device("a list in another element", "<device><x>" + list + "</x></device>", none);
+        add("scpd in place of root", "<scpd><device>" + list + "</device></scpd>", none);
+
+        const auto services = [&](const char* name, const QString& text, const QStringList& expected) {
+            device(name, "<device><serviceList>" + text + "</serviceList></device>", expected);
+        };
+        services("no service", "", none);
+        services("an empty one", "<service/>", empty);
+        services("a whole one",
+                 "<service><serviceType>t</serviceType><serviceId>i</serviceId><SCPDURL>s</SCPDURL>"
+                 "<controlURL>c</controlURL><eventSubURL>e</eventSubURL></service>",
+                 {"t|i|c|e|s"});
+        services("another order, and what else there is",
+                 "<service><x/><eventSubURL>e</eventSubURL>text<SCPDURL>s</SCPDURL><!-- c -->"
+                 "<serviceType>t</serviceType></service>",
+                 {"t|||e|s"});
+        services("services in document order",
+                 "<service><serviceId>1</serviceId></service><service/><x/>"
+                 "<service><serviceId>3</serviceId></service>",
+                 {"|1|||", "||||", "|3|||"});
+        const auto identifier = [&](const char* name, const QString& text, const QString& expected) {
+            services(name, "<service>" + text + "</service>", {'|' + expected + "|||"});
+        };
+        identifier("the first of two texts", "<serviceId>1</serviceId><serviceId>2</serviceId>", "1");
+        identifier("a text with spaces", "<serviceId> 1\t</serviceId>", " 1\t");
+        identifier("all text within", "<serviceId>a<b>b</b><![CDATA[c]]>&lt;</serviceId>", "abc<");
+        identifier("letter case of a text", "<ServiceId>s</ServiceId>", "");
+        identifier("a prefix of a text", "<u:serviceId>1</u:serviceId>", "");
+        services("letter case of a service", "<Service/>", none);
+        services("a prefix of a service", "<u:service/>", none);
+        services("a service in another element", "<x><service/></x>", none);
+
+        const QString ko = "<stateVariable><name>KO</name></stateVariable>";
+        const QString table = "<serviceStateTable>" + ko + "</serviceStateTable>";
+        add("two tables", "<scpd><serviceStateTable/>" + table + "</scpd>", none);
+        add("other elements of scpd", "<scpd><actionList><action/></actionList>" + table + "</scpd>", {"KO"});
+        add("no table", "<scpd>" + ko + "</scpd>", none);
+        add("root in place of scpd", "<root>" + table + "</root>", none);
+        const auto variables = [&](const char* name, const QString& text, const QStringList& expected) {
+            add(name, "<scpd><serviceStateTable>" + text + "</serviceStateTable></scpd>", expected);
+        };
+        variables("no variable", "", none);
+        variables("variables in document order, repeated ones too",
+                  "<stateVariable><name>b</name></stateVariable><x/>" + ko
+                      + "<stateVariable><name>b</name></stateVariable>",
+                  {"b", "KO", "b"});
+        variables("a variable without a name", "<stateVariable/>", {""});
+        variables("a variable of two names", "<stateVariable><name>a</name><name>b</name></stateVariable>", {"a"});
+        variables("a variable with more", "<stateVariable sendEvents='no'><x/><name>a</name></stateVariable>",
+                  {"a"});
+        variables("letter case of a variable", "<StateVariable/>", none);
+        variables("a name with spaces", "<stateVariable><name> KO\n</name></stateVariable>", {" KO\n"});
+
+        const auto properties = [&](const char* name, const QString& text, const QStringList& expected) {
+            add(name, "<e:propertyset>" + text + "</e:propertyset>", expected);
+        };
+        properties("no property", "", none);
+        properties("one property", "<e:property><KO>1,2</KO></e:property>", {"KO=1,2"});
+        properties("properties in document order, repeated ones too",
+                   "<e:property><B>1</B></e:property>text<x/><e:property><A>2</A></e:property>"
+                   "<e:property><B>3</B></e:property>",
+                   {"B=1", "A=2", "B=3"});
+        properties("a property without an element", "<e:property>text</e:property>", {"="});
+        properties("a property of two elements", "<e:property><A/><B>1</B></e:property>", {"A="});
+        properties("a prefix of the variable", "<e:property><u:A>1</u:A></e:property>", {"u:A=1"});
+        properties("a value with spaces", "<e:property><A> 1 </A></e:property>", {"A= 1 "});
+        properties("another prefix within", "<f:property><A/></f:property>", none);
+        add("another prefix", "<f:propertyset><f:property><A/></f:property></f:propertyset>", none);
+        add("no prefix", "<propertyset><property><A/></property></propertyset>", none);
+        add("a set within", "<a><e:propertyset><e:property><A/></e:property></e:propertyset></a>", none);
     }
 
-    void namesOfAServiceDescription()
+    void everyElementIsReadFromItsPlaceOnly()
     {
         QFETCH(const QString, text);
         QFETCH(const QStringList, expected);
-        QCOMPARE(Documents::stateVariables(parsed(text)), expected);
-    }
-
-    void propertiesOfAnEvent_data()
-    {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QStringList>("expected");
-        const auto add = [](const char* name, const char* text, const QStringList& expected) {
-            QTest::newRow(name) << QString::fromLatin1(text) << expected;
-        };
-        add("none", "<e:propertyset/>", {});
-        add("one", "<e:propertyset><e:property><KO>1,2</KO></e:property></e:propertyset>", {"KO=1,2"_s});
-        add("in document order, repeated ones too",
-            "<e:propertyset><e:property><B>1</B></e:property>text<x/><e:property><A>2</A></e:property>"
-            "<e:property><B>3</B></e:property></e:propertyset>",
-            {"B=1"_s, "A=2"_s, "B=3"_s});
-        add("without an element", "<e:propertyset><e:property>text</e:property></e:propertyset>", {"="_s});
-        add("the first of two elements", "<e:propertyset><e:property><A/><B>1</B></e:property></e:propertyset>",
-            {"A="_s});
-        add("a prefix of the variable", "<e:propertyset><e:property><u:A>1</u:A></e:property></e:propertyset>",
-            {"u:A=1"_s});
-        add("another prefix", "<f:propertyset><f:property><A/></f:property></f:propertyset>", {});
-        add("another prefix within", "<e:propertyset><f:property><A/></f:property></e:propertyset>", {});
-        add("no prefix", "<propertyset><property><A/></property></propertyset>", {});
-        add("another root", "<a><e:propertyset><e:property><A/></e:property></e:propertyset></a>", {});
-        add("spaces are kept", "<e:propertyset><e:property><A> 1 </A></e:property></e:propertyset>", {"A= 1 "_s});
-    }
-
-    void propertiesOfAnEvent()
-    {
-        QFETCH(const QString, text);
-        QFETCH(const QStringList, expected);
-        QCOMPARE(propertiesOf(text), expected);
+        QCOMPARE(allThatSays(parsed(text)), expected);
     }
 };
 

@@ -20,21 +20,15 @@ using Velmora::SSDP::SsdpManager;
 namespace {
 
 const char FIRST_ADDRESS[] = "10.77.1.1";
-const int MANY_DEVICES = 20;
-const int LONGEST_TEST = 60 * 60 * 1000;
+const int MAX_TEST_TIME = 60 * 60 * 1000;
 const char REFUSED[] = "1|Too few file descriptors are left; a connection was not opened";
 
-/// What the other side is.
+/// What the other side is, and how many devices that are.
 enum Devices {
-    ThreeDevices,
-    TwentyDevices,
-    DeviceOfManyVariables, ///< beside a good one
+    DeviceOfManyVariables = 2, ///< beside a good one
+    ThreeDevices = 3,
+    TwentyDevices = 20,
 };
-
-int countOf(Devices devices)
-{
-    return devices == ThreeDevices ? 3 : devices == TwentyDevices ? MANY_DEVICES : 2;
-}
 
 /// The function code of each is its number, counted from 1.
 int runDevices(int number, const DeviceProcess& process)
@@ -46,12 +40,11 @@ int runDevices(int number, const DeviceProcess& process)
 
     SsdpGroup group;
     std::vector<std::unique_ptr<SimulatedDevice>> devices;
-    const int count = countOf(static_cast<Devices>(number));
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < number; ++i) {
         DeviceOptions options;
         options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
         options.functionCode = i + 1;
-        options.variables = QStringList({"KO"_s, "Other"_s});
+        options.variables = QStringList({"KO", "Other"});
         options.responseDelayMax = 0;
         // The library searches once, and a busy kernel may lose that datagram.
         options.announceEvery = 500;
@@ -60,7 +53,7 @@ int runDevices(int number, const DeviceProcess& process)
         if (number == DeviceOfManyVariables && i == 1) {
             for (int variable = 0; variable < 300; ++variable)
                 options.variables << "V%1"_s.arg(variable);
-            options.addFault("never-answer-subscribe"_s);
+            options.addFault("never-answer-subscribe");
         }
         devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
         if (!devices.back()->start())
@@ -91,7 +84,7 @@ private Q_SLOTS:
     {
         found.clear();
         CapturedLog::clear();
-        ssdp = newController(LONGEST_TEST);
+        ssdp = newController(MAX_TEST_TIME);
         connect(ssdp.get(), &Ssdp::discovered, this, [this](int functionCode) { found << functionCode; });
     }
 
@@ -207,9 +200,9 @@ private Q_SLOTS:
         ssdp->discover();
         waitUntil([&] {
             most = qMax(most, ProcessState::threads());
-            return hasFound(MANY_DEVICES);
+            return hasFound(TwentyDevices);
         });
-        QVERIFY(hasFound(MANY_DEVICES));
+        QVERIFY(hasFound(TwentyDevices));
         QCOMPARE(most, before);
         ssdp->stop();
         QCOMPARE(ProcessState::threads(), before);
@@ -231,7 +224,7 @@ private:
 int main(int argc, char** argv)
 {
     const auto network = makeNetworkOrExit();
-    network->addLink("10.77.0.1/16", std::string(FIRST_ADDRESS) + "/16", MANY_DEVICES);
+    network->addLink("10.77.0.1/16", std::string(FIRST_ADDRESS) + "/16", TwentyDevices);
     DeviceProcess devices(*network, runDevices);
     const QCoreApplication application(argc, argv);
     LimitsTest test(*network, devices);
