@@ -166,6 +166,25 @@ private Q_SLOTS:
         VERIFY_SOON(hasFound(3));
     }
 
+    void connectionsForEventsLeaveTheLastDescriptors()
+    {
+        // This device is in the same process, so a connection takes two descriptors.
+        ScriptedDevice other(network, FIRST_ADDRESS, 8080);
+        const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 60);
+        ssdp->discover();
+        QTcpServer& server = manager().eventServer();
+        const Connection* last = nullptr;
+        int accepted = 0;
+        do {
+            last = other.connectTo(QHostAddress("10.77.0.1"), server.serverPort());
+            VERIFY_SOON(!last->isOpen() || server.findChildren<QTcpSocket*>().size() > accepted);
+            ++accepted;
+        } while (last->isOpen());
+        QVERIFY(accepted > 20);
+        QCOMPARE(log().count(REFUSED), 1);
+        ProcessState::nextDescriptor();
+    }
+
     void nameIsNotLookedUpForTheLastDescriptors()
     {
         // The server listens from now on.
