@@ -194,7 +194,6 @@ qint64 HttpReply::receive(const char* data, qint64 size)
 void HttpReply::end()
 {
     fetcher = nullptr;
-    setAttribute(QNetworkRequest::HttpStatusCodeAttribute, reader.statusCode());
     switch (reader.state()) {
     case HttpReader::Finished:
         finish();

@@ -346,6 +346,14 @@ private Q_SLOTS:
         close(watch);
     }
 
+    void otherOperationsAreThoseOfQt()
+    {
+        Fetcher fetcher;
+        const std::unique_ptr<QNetworkReply> reply(fetcher.network.head(QNetworkRequest(QUrl("data:,x"))));
+        QVERIFY(!reply->inherits("Velmora::SSDP::HttpReply"));
+        VERIFY_SOON(reply->isFinished());
+    }
+
     void connectionIsReused_data()
     {
         QTest::addColumn<QByteArray>("first");
