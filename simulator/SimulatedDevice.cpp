@@ -28,13 +28,13 @@ const int LONGEST_SUBSCRIPTION = 1800;
 const int LONGEST_REQUEST = 64 * 1024;
 const int MOST_SUBSCRIBERS = 10000;
 
-// libSsdp never answers an event and leaves open what it could not use.
+// libSsdp never answers an event. If the body is incomplete, it leaves the connection open.
 const int EVENT_PATIENCE = 10 * 1000;
 
-/// The name of the timers between the parts of what is sent.
+/// The name of the timers between the parts of a message.
 const char GAP[] = "gap";
 
-// How often slow-http sends another piece.
+// The interval at which slow-http sends a piece, in milliseconds.
 const int SLOW_INTERVAL = 100;
 
 const char* const STAGE_NAMES[SimulatedDevice::STAGES] = {"search",    "description", "scpd",
@@ -170,7 +170,7 @@ QString peerOf(const QTcpSocket* socket)
     return addressText(socket->peerAddress(), socket->peerPort());
 }
 
-/// The time-out in "Second-120", within what the device grants.
+/// Returns the number in a text like "Second-120", limited to the maximum of the device.
 int subscriptionSeconds(const QByteArray& timeout)
 {
     const int seconds = timeout.toLower().startsWith("second-") ? timeout.mid(7).toInt() : 0;
@@ -219,7 +219,7 @@ QString DeviceOptions::addFault(Fault::Id id, const QString& given)
 
     bool isNumber = false;
     QByteArray(fault.standard).toInt(&isNumber);
-    // The text of KO may be anything.
+    // A TEXT, such as that of KO, need not be a number.
     isNumber = isNumber && QLatin1String(fault.value) != QLatin1String("TEXT");
     bool isRight = true;
     if (isNumber) {
@@ -266,7 +266,7 @@ SimulatedDevice::SimulatedDevice(SsdpGroup* group, const DeviceOptions& options,
     , counts()
     , alive(false)
 {
-    // The same device after a restart, another one at another address.
+    // The identifier depends only on address and port, so it is the same after a restart.
     const QString name = addressText(settings.address, settings.port);
     uuid = QUuid::createUuidV5(QUuid(), name).toByteArray(QUuid::WithoutBraces);
     for (const QString& variable : std::as_const(settings.variables))
@@ -284,7 +284,7 @@ SimulatedDevice::SimulatedDevice(SsdpGroup* group, const DeviceOptions& options,
 
 SimulatedDevice::~SimulatedDevice()
 {
-    // A connection says that it is closed while it is destroyed, when no slot may run any more.
+    // The destructor of a socket emits disconnected(). Then no slot of this object may run.
     const QList<QTcpSocket*> open = connections();
     for (QTcpSocket* const socket : open) {
         socket->disconnect();
@@ -523,7 +523,7 @@ void SimulatedDevice::onRequestReadyRead(QTcpSocket* socket)
 {
     QByteArray& text = requests[socket];
     text += socket->readAll();
-    // One request at a time: control points wait for the answer before they send the next one.
+    // Only one request is read at a time, because control points wait for the answer before the next request.
     const int length = headLength(text);
     if (length == -1) {
         if (text.size() > LONGEST_REQUEST)
@@ -633,13 +633,13 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
             socket->disconnectFromHost();
         if (sent)
             sent();
-        // What the control point has sent meanwhile.
+        // The control point may have sent another request meanwhile.
         if (alive && !requests.value(socket).isEmpty())
             onRequestReadyRead(socket);
     });
 }
 
-/// Does to @p document, whose root is @p root in @p xmlns, what the faults of a document say.
+/// Returns @p document with the faults of documents. @p root is its root element, and @p xmlns its namespace.
 QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const
 {
     if (has(Fault::Namespace))
@@ -740,7 +740,7 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
         headers.prepend("SID: " + sid);
     if (has(Fault::LateSid)) {
         headers << "CONTENT-LENGTH: 0";
-        // The control point may close after the first part, and is subscribed all the same.
+        // The control point is subscribed even if it closes the connection after the first part.
         writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf(Fault::LateSid).toInt(), [] {});
         accepted();
     } else {
@@ -769,7 +769,7 @@ void SimulatedDevice::sendEvents()
 
 void SimulatedDevice::sendEvent(const QByteArray& sid)
 {
-    // By hand, since the "%4" in the path of libSsdp is no part of a valid URL.
+    // Not with QUrl, because "%4" in the path is not valid in a URL.
     const QByteArray url = subscribers.value(sid).callback.mid(7);
     const qsizetype slash = url.indexOf('/');
     const QByteArray host = url.left(slash);
@@ -788,7 +788,7 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
     }
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     const int duration = static_cast<int>(chunks.size()) * settings.eventGap;
-    // A child, so that nothing of it outlives the connection.
+    // The timer is a child of the socket, so it is deleted with the socket.
     QTimer* const patience = new QTimer(socket);
     patience->setSingleShot(true);
     connect(patience, &QTimer::timeout, socket, [socket] {
@@ -818,7 +818,7 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
     connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QTcpSocket::error), this,
             [this, socket, sid](QAbstractSocket::SocketError error) {
 #endif
-        // Nobody listens there any more.
+        // The control point no longer listens.
         if (error == QAbstractSocket::ConnectionRefusedError)
             subscribers.remove(sid);
         socket->deleteLater();
