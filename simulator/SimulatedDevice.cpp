@@ -639,7 +639,8 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
     });
 }
 
-/// Returns @p document with the faults of documents. @p root is its root element, and @p xmlns its namespace.
+/// Returns @p document with the faults that concern documents. @p root is its root element, and @p xmlns its
+/// namespace.
 QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const
 {
     if (has(Fault::Namespace))
@@ -769,7 +770,7 @@ void SimulatedDevice::sendEvents()
 
 void SimulatedDevice::sendEvent(const QByteArray& sid)
 {
-    // Not with QUrl, because "%4" in the path is not valid in a URL.
+    // QUrl is not used, because "%4" in the path is not valid in a URL.
     const QByteArray url = subscribers.value(sid).callback.mid(7);
     const qsizetype slash = url.indexOf('/');
     const QByteArray host = url.left(slash);

@@ -79,7 +79,8 @@ struct Fault
     Id id;
     const char* name; ///< The name on the command line.
     const char* value; ///< The meaning of the value. Null if the fault has no value.
-    const char* standard; ///< The default value. If it is a number, only numbers are valid, except for TEXT.
+    /// The default value. If it is a number and "value" is not "TEXT", only numbers are valid.
+    const char* standard;
     const char* explanation;
 
     /// Returns NAME or NAME=VALUE.

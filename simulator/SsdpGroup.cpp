@@ -49,7 +49,7 @@ bool SsdpGroup::join(const QHostAddress& address)
         socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, BUFFER_SIZE);
     }
 
-    // Not with QNetworkInterface, which lists all addresses of the host at each call.
+    // QNetworkInterface is not used, because it lists all addresses of the host at each call.
     ip_mreq membership = {};
     membership.imr_multiaddr.s_addr = htonl(ADDRESS.toIPv4Address());
     membership.imr_interface.s_addr = htonl(address.toIPv4Address());
@@ -100,7 +100,7 @@ QString SsdpGroup::errorString() const
 
 void SsdpGroup::send(const QHostAddress& from, const QHostAddress& to, quint16 port, const QByteArray& text)
 {
-    // Not with QNetworkDatagram::setSender(), which sets ipi_addr. The kernel ignores it when sending.
+    // QNetworkDatagram::setSender() is not used, because it sets ipi_addr, which the kernel ignores when sending.
     sockaddr_in destination = {};
     destination.sin_family = AF_INET;
     destination.sin_addr.s_addr = htonl(to.toIPv4Address());

@@ -45,7 +45,7 @@ int writeAll(int descriptor, const QByteArray& text)
     return 0;
 }
 
-/// Not with exit(): it destroys static objects, which a thread of Qt may still use.
+/// Ends the program, but not with exit(), which destroys static objects. A thread of Qt may still use them.
 [[noreturn]] void endWithoutReader()
 {
     _exit(READER_GONE);

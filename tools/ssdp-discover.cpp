@@ -272,8 +272,8 @@ private:
         pause.start(settings.repeat * 1000);
     }
 
-    /// Whether the discovery that has just ended would have found @p device if it were present. The device was
-    /// last found by a search from @p addresses.
+    /// Returns whether the last discovery would have found @p device if it were present. @p addresses are those of
+    /// the search that last found it.
     bool couldBeSeen(const Device& device, const QList<QHostAddress>& addresses) const
     {
         // A device that has answered is present, even if its description could not be read.

@@ -52,8 +52,9 @@ void addOptions(QCommandLineParser& parser)
     add("trace", "", "Prints each message, sent or received, on standard error.");
     parser.addPositionalArgument(
         QStringLiteral("ADDRESS"),
-        QStringLiteral("Examines only the devices at this address. If nothing comes from it, sends one search to it."
-                       " Can be repeated."),
+        QStringLiteral(
+            "Examines only the devices at this address. If nothing comes from it, sends one search to it."
+            " Can be repeated."),
         QStringLiteral("[ADDRESS...]"));
 }
 

@@ -80,7 +80,7 @@ struct Settings
     std::exit(USAGE_ERROR);
 }
 
-/// Returns whether argument @p i is the option @p name. Then sets @p value, from the same argument or the next
+/// Returns whether argument @p i is the option @p name. If so, sets @p value from the same argument or the next
 /// one, and sets @p i to the argument that has the value.
 bool takeValue(const std::vector<std::string>& arguments, size_t& i, const std::string& name, std::string& value)
 {

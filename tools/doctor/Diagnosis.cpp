@@ -21,7 +21,7 @@ namespace Protocol = SSDP::Protocol;
 
 namespace {
 
-// With a shorter pause between head and body, the library may or may not read them separately. In milliseconds.
+// In milliseconds. After a shorter pause between head and body, the library may read both together.
 const int SUFFICIENT_GAP = 5;
 
 Finding finding(const char* id, const QString& evidence = QString())
@@ -163,8 +163,7 @@ Finding judgeText(const char* stage, const QString& text, const char* root, cons
 /// Reads @p document into @p dom. Returns whether the library reads it as a document of @p kind.
 bool read(const DocumentSeen& document, Documents::Kind kind, QDomDocument& dom)
 {
-    // The library reads the received part even if the connection was closed early. With these endings, it reads
-    // nothing.
+    // With these endings, the library reads nothing. After any other ending, it reads the received part.
     if (document.ending == Ending::OutOfBounds || document.ending == Ending::Malformed
         || document.ending == Ending::Unfinished)
         return false;
@@ -523,7 +522,7 @@ QList<Finding> judgeEvent(const EventSeen& event)
     } else {
         const Finding text = judgeEventText(textUpToZero(reading.body));
         const bool isCut = text.id == "event.not-xml" && reading.sent > reading.body.size();
-        // Then the cause is the missing or too small length.
+        // In this case, the missing or too small length is the cause.
         if (!isCut)
             result.prepend(text);
         else if (!reading.hasLength)
