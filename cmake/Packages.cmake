@@ -1,4 +1,4 @@
-# The Debian packages, of Qt 6 with the preset "package", of Qt 5 with "package-qt5":
+# The Debian packages. These commands make those for Qt 6. For Qt 5, use the preset "package-qt5".
 #   cmake --preset package && cmake --build --preset package
 #   cpack -G DEB --config build/package/CPackConfig.cmake -B build/package
 #

@@ -59,7 +59,7 @@ constexpr std::array<Fault, Fault::Count> FAULTS = {{
     {Fault::SlowHttp, "slow-http", "BYTES", "500", "sends this many bytes of a document per second"},
     {Fault::ResetMidBody, "reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
     {Fault::WrongLength, "wrong-length", "DIFFERENCE", "-20",
-     "adds this to the announced length of a document, and closes after it"},
+     "adds this to the announced length of a document, and closes the connection"},
     {Fault::TruncatedXml, "truncated-xml", nullptr, nullptr,
      "sends the first half of a document as if it were whole"},
     {Fault::DeepXml, "deep-xml", "LEVELS", "20000", "sends this many levels of elements instead of a document"},

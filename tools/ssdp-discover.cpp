@@ -115,9 +115,9 @@ Settings readSettings(const QCommandLineParser& parser)
     settings.functionCode = code("function-code");
     settings.univocalCode = code("univocal-code");
     if (parser.isSet(QStringLiteral("first")) && parser.isSet(QStringLiteral("count")))
-        failUsage(QStringLiteral("--first and --count do not go together"));
+        failUsage(QStringLiteral("--first and --count cannot be used together"));
     if (settings.repeat > 0 && settings.count > 0)
-        failUsage(QStringLiteral("--repeat goes on until it is interrupted, without --count and --first"));
+        failUsage(QStringLiteral("--repeat cannot be used together with --count or --first"));
     if (parser.isSet(QStringLiteral("address"))) {
         const QString text = parser.value(QStringLiteral("address"));
         const QString address = text.section(QLatin1Char('/'), 0, 0);

@@ -110,7 +110,7 @@ void setVariables(DeviceOptions& options, const QString& text)
     options.variables = text.split(QLatin1Char(','));
     for (const QString& name : std::as_const(options.variables)) {
         if (!form.match(name).hasMatch())
-            failUsage(QStringLiteral("'%1' is no name of a state variable").arg(name));
+            failUsage(QStringLiteral("'%1' is not the name of a state variable").arg(name));
     }
 }
 
