@@ -1,7 +1,7 @@
-# cpack runs this when it has made the packages, and it makes each of them again. CPack 3.25
+# cpack runs this script after it has made the packages. The script makes each package again, because CPack 3.25
 # - has no setting for Multi-Arch,
 # - keeps the builder's umask in the folders, even with CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS,
-# - adds scripts that run ldconfig, although dpkg is asked for it by a trigger,
+# - adds scripts that run ldconfig, although the trigger does this,
 # - writes the builder's folder into the checksums of the packages with debug symbols.
 if(NOT CPACK_GENERATOR STREQUAL "DEB")
   return()
@@ -26,7 +26,7 @@ foreach(package IN LISTS CPACK_PACKAGE_FILES)
   endif()
   file(WRITE ${folder}/DEBIAN/control "${control}")
 
-  # Debian's policy wants the documents in every package; debhelper links to those of the library too.
+  # Debian's policy requires documents in every package. A link to those of the library is sufficient.
   if(name MATCHES "^(.*)-dbgsym_")
     file(MAKE_DIRECTORY ${folder}/usr/share/doc)
     file(CREATE_LINK ${CMAKE_MATCH_1} ${folder}/usr/share/doc/${CMAKE_MATCH_1}-dbgsym SYMBOLIC)

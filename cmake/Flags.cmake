@@ -1,4 +1,4 @@
-# What every target of the project is compiled with; nothing of it reaches the targets of a host.
+# The compiler options of every target of the project. The targets of a host do not get them.
 
 function(velmora_target_defaults target)
   target_compile_options(${target} PRIVATE -Wall -Wextra)
@@ -19,8 +19,8 @@ function(velmora_target_defaults target)
       -ffile-prefix-map=${PROJECT_SOURCE_DIR}=.
       -ffile-prefix-map=${PROJECT_BINARY_DIR}=build)
   endif()
-  # AUTOMOC_PATH_PREFIX and BUILD_RPATH_USE_ORIGIN: nothing that is built depends on where the build folder is.
-  # gnu++17, since the headers of Qt 4.8 are no strict C++.
+  # With AUTOMOC_PATH_PREFIX and BUILD_RPATH_USE_ORIGIN, the built files do not depend on the path of the build
+  # folder. CXX_EXTENSIONS stays on, because the headers of Qt 4.8 are not strict C++.
   set_target_properties(${target} PROPERTIES
     CXX_STANDARD 17
     CXX_STANDARD_REQUIRED ON
@@ -31,7 +31,7 @@ function(velmora_target_defaults target)
     VISIBILITY_INLINES_HIDDEN ON)
 endfunction()
 
-# velmora_limit_exports(target): exports what exports.map.in names, and nothing else.
+# velmora_limit_exports(target): exports only the symbols in exports.map.in.
 function(velmora_limit_exports target)
   set(map ${CMAKE_CURRENT_BINARY_DIR}/exports.map)
   configure_file(exports.map.in ${map} @ONLY)

@@ -1,17 +1,17 @@
-# What `cmake --install` lays out, beside the rules that stand next to each target.
+# The install rules that belong to no single target.
 #
-# Components, which become packages (cmake/Packages.cmake): log and ssdp, the two libraries; dev, what
-# building against them needs; tools, the programs with their manual pages and completions.
+# Each component becomes a package (cmake/Packages.cmake): log and ssdp are the two libraries; dev has the files
+# for building hosts; tools has the programs with their manual pages and completions.
 
 include(CMakePackageConfigHelpers)
 
-# Outside the system's own prefix the loader finds the libraries only relative to what needs them.
+# With a prefix other than /usr, the loader must find the libraries relative to the files that need them.
 if(VELMORA_SSDP_INSTALL AND NOT DEFINED CMAKE_INSTALL_RPATH AND NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   file(RELATIVE_PATH libraries_from_programs ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set(CMAKE_INSTALL_RPATH "$ORIGIN" "$ORIGIN/${libraries_from_programs}")
 endif()
 
-# Nor does the loader know the folder of a Qt that the system did not install.
+# The loader does not search the folder of a Qt that is not installed in the system.
 if(NOT DEFINED CMAKE_INSTALL_RPATH_USE_LINK_PATH)
   set(CMAKE_INSTALL_RPATH_USE_LINK_PATH ON)
 endif()
@@ -61,12 +61,13 @@ else()
   string(CONCAT pkgconfig_requires
     "Qt${QT_VERSION_MAJOR}Core >= ${VELMORA_QT_MINIMUM}, Qt${QT_VERSION_MAJOR}Network >= ${VELMORA_QT_MINIMUM}")
 endif()
-# Qt 5 refuses position-dependent code, and does not ask pkg-config for the flag.
+# The headers of Qt 5 require -fPIC, but its pkg-config files do not give this option.
 if(QT_VERSION_MAJOR EQUAL 5)
   set(pkgconfig_cflags "-fPIC ")
 endif()
 set(pkgconfig_folder ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
-# Folders below the prefix move with it; absolute ones do not, and then neither does the prefix.
+# If all folders are relative to the prefix, the installed files can be moved. If the folder of the libraries is
+# absolute, the prefix is absolute, too.
 if(IS_ABSOLUTE ${CMAKE_INSTALL_LIBDIR})
   string(REPLACE " " "\\ " pkgconfig_prefix "${CMAKE_INSTALL_PREFIX}")
 else()

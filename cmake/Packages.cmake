@@ -1,12 +1,13 @@
-# The Debian packages, of Qt 6 with the preset "package", of Qt 5 with "package-qt5":
+# The Debian packages. These commands make those for Qt 6. For Qt 5, use the preset "package-qt5".
 #   cmake --preset package && cmake --build --preset package
 #   cpack -G DEB --config build/package/CPackConfig.cmake -B build/package
 #
-# Their names carry the Qt. Those for another Qt have the same files, so they cannot be installed together.
+# Their names contain the version of Qt. Packages for Qt 5 and for Qt 6 have the same files, so they cannot be
+# installed together.
 #
-# liblog2-qt6 stands apart, since another logging library can take its place: a package that has
-# "Provides: liblog2-qt6", "Conflicts: liblog2-qt6" and "Replaces: liblog2-qt6", and a libLog.so.2 of its
-# own. The dependencies on it therefore name no version.
+# liblog2-qt6 is a separate package, because another package with a libLog.so.2 can replace it. That package has
+# "Provides: liblog2-qt6", "Conflicts: liblog2-qt6" and "Replaces: liblog2-qt6". So the dependencies on liblog2-qt6
+# have no version.
 
 if(NOT VELMORA_SSDP_INSTALL OR NOT VELMORA_SSDP_TOP_LEVEL OR QT_VERSION_MAJOR LESS 5)
   return()
@@ -20,7 +21,7 @@ set(debian ${PROJECT_SOURCE_DIR}/cmake/debian)
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "the libSsdp developers")
 set(CPACK_PACKAGE_CONTACT "the libSsdp developers <libssdp@example.org>")
-# Empty, so that each package's description begins with a line of its own.
+# It is empty, so the description of each package begins with the first line of its component.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL log ssdp dev)
@@ -38,25 +39,24 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SOURCE libssdp)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# The packages are made together: what one needs of the other is written below.
+# dpkg-shlibdeps must find these libraries. The dependencies between the packages are given below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/log ${PROJECT_BINARY_DIR}/ssdp)
-# Makes a -dbgsym package of each, and strips the others.
+# CPack makes a -dbgsym package for each package with programs or libraries, and strips those.
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 
 set(CPACK_DEBIAN_LOG_PACKAGE_NAME liblog2-${flavour})
 set(CPACK_DEBIAN_LOG_PACKAGE_SECTION libs)
 set(CPACK_COMPONENT_LOG_DESCRIPTION "log lines of libssdp2-${flavour}
-The logging library that libssdp2-${flavour} writes its lines through: it hands
-them to Qt's own logging. Another package that provides liblog2-${flavour} can
-take its place.")
+The logging library of libssdp2-${flavour}. It passes every line to Qt's logging.
+Another package that provides liblog2-${flavour} can replace it.")
 
 set(CPACK_DEBIAN_SSDP_PACKAGE_NAME libssdp2-${flavour})
 set(CPACK_DEBIAN_SSDP_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_SSDP_PACKAGE_DEPENDS liblog2-${flavour})
 set(CPACK_COMPONENT_SSDP_DESCRIPTION "finds the maker's devices on the local network (Qt ${QT_VERSION_MAJOR})
-A UPnP control point on Qt: it searches the local IPv4 network, reads what the
-devices describe, subscribes to their events and reports the codes and the
-address of every device that tells them.")
+A UPnP control point for Qt applications. It searches the local IPv4 network,
+reads the descriptions of the devices and subscribes to their events. It
+reports the codes and the address of each device.")
 
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libssdp-dev-${flavour})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
@@ -69,18 +69,18 @@ else()
 endif()
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libssdp2-${flavour} (= ${package_version}), liblog2-${flavour}, ${qt_dev}")
 set(CPACK_COMPONENT_DEV_DESCRIPTION "development files of libssdp2-${flavour}
-The headers of libssdp2-${flavour} and liblog2-${flavour}, what CMake and
-pkg-config need to find them, and two examples.")
+The headers of libssdp2-${flavour} and liblog2-${flavour}, their files for CMake
+and pkg-config, and two examples.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME ssdp-tools-${flavour})
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_DEPENDS "libssdp2-${flavour} (>= ${PROJECT_VERSION}), iproute2")
 set(CPACK_COMPONENT_TOOLS_DESCRIPTION "command-line tools of libssdp2-${flavour}
-ssdp-discover lists the maker's devices on the local network, ssdp-doctor says
-why one is not found, ssdp-simulator plays such devices, and ssdp-lab runs them
-in a private network.")
+ssdp-discover lists the maker's devices on the local network. ssdp-doctor says
+why a device is not found. ssdp-simulator simulates devices, and ssdp-lab runs
+them in a private network.")
 
-# dpkg asks that the loader's cache be renewed through this trigger, not by scripts.
+# This trigger makes dpkg update the loader's cache. No scripts are needed.
 file(CONFIGURE OUTPUT package/triggers CONTENT "activate-noawait ldconfig\n")
 file(CONFIGURE OUTPUT package/log/shlibs CONTENT "libLog ${PROJECT_VERSION_MAJOR} liblog2-${flavour}\n")
 file(CONFIGURE OUTPUT package/ssdp/shlibs
@@ -117,7 +117,7 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(CPACK_DEBIAN_${upper}_PACKAGE_CONFLICTS "${others}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_REPLACES "${others}")
 
-  # Without a component, `cmake --install` leaves these two out.
+  # `cmake --install` without a component does not install these two.
   install(
     FILES ${PROJECT_BINARY_DIR}/package/changelog.gz ${PROJECT_BINARY_DIR}/package/changelog.Debian.gz
       ${debian}/copyright
@@ -127,11 +127,11 @@ foreach(component IN LISTS CPACK_COMPONENTS_ALL)
   set(further_overrides "")
   if(component MATCHES "^(log|ssdp)$")
     string(CONCAT further_overrides
-      "# The name carries the Qt: libraries for different Qts have one soname.\n"
+      "# The name contains the version of Qt. The libraries for Qt 5 and Qt 6 have the same soname.\n"
       "${package}: package-name-doesnt-match-sonames *\n")
   elseif(package STREQUAL "libssdp-dev-qt5")
     string(CONCAT further_overrides
-      "# The headers of Qt 5 refuse code without -fPIC, and its own pkg-config files do not ask for it.\n"
+      "# The headers of Qt 5 require -fPIC, but its pkg-config files do not give this option.\n"
       "${package}: pkg-config-bad-directive -fPIC *\n")
   endif()
   configure_file(${debian}/lintian-overrides.in package/${component}/lintian-overrides @ONLY)

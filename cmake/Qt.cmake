@@ -1,5 +1,5 @@
-# Chooses the Qt to build with, from QT_VERSION_MAJOR (6, 5 or 4) or the newest that is installed, and
-# gives its modules one spelling: velmora_link_qt(target PUBLIC Core Network).
+# Chooses the version of Qt: QT_VERSION_MAJOR (6, 5 or 4), or the newest installed one.
+# velmora_link_qt(target PUBLIC Core Network) links its modules; it is the same for every version.
 
 if(NOT QT_VERSION_MAJOR)
   find_package(QT NAMES Qt6 Qt5 QUIET COMPONENTS Core)

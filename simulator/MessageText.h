@@ -7,14 +7,14 @@
 namespace Velmora {
 namespace Simulator {
 
-/// How many bytes of @p text the head of a message takes, its empty line included; -1 when there is
-/// no empty line yet. Lines end with or without a carriage return.
+/// Returns the size of the head of the message @p text, with its empty line. -1 if there is no empty line yet.
+/// Lines end with CR LF or LF.
 int headLength(const QByteArray& text);
 
-/// The value of the header @p name (without regard to case), trimmed; null when there is none.
+/// Returns the trimmed value of the header @p name, in upper or lower case. Null if there is none.
 QByteArray headerOf(const QByteArray& head, const char* name);
 
-/// The head that these lines make, each ended by CRLF, with its empty line.
+/// Returns the head with these lines and an empty line. Every line ends with CR LF.
 QByteArray headOf(const QList<QByteArray>& lines);
 
 } // namespace Simulator

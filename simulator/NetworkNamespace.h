@@ -4,7 +4,7 @@
 namespace Velmora {
 namespace Simulator {
 
-/// The network namespace in which the calling thread is when the object is made.
+/// The network namespace that the calling thread is in when it creates the object.
 class NetworkNamespace
 {
 public:
@@ -13,8 +13,8 @@ public:
     NetworkNamespace(const NetworkNamespace&) = delete;
     NetworkNamespace& operator=(const NetworkNamespace&) = delete;
 
-    /// In this namespace for as long as it lives, then back where the thread was. Costs nothing and
-    /// needs no privilege for a thread that is there already.
+    /// Takes the calling thread to the namespace, and back when it is destroyed. If the thread is already in this
+    /// namespace, nothing is done and no privilege is needed.
     class Scope
     {
     public:

@@ -44,7 +44,7 @@ void writeFile(const std::string& path, const std::string& text)
         fail("cannot write " + path);
 }
 
-/// Whether the calling process may make networks where it is.
+/// Returns whether the calling process may create networks in its user namespace.
 bool mayMakeNetworks()
 {
     __user_cap_header_struct header = {_LINUX_CAPABILITY_VERSION_3, 0};
@@ -97,7 +97,7 @@ std::string prefixOf(const std::string& addressWithPrefix)
     return slash == std::string::npos ? std::string("/32") : addressWithPrefix.substr(slash);
 }
 
-/// What happens to the links of the calling thread's network from now on.
+/// Receives the events of the links in the calling thread's network.
 class LinkEvents
 {
 public:
@@ -136,8 +136,8 @@ public:
     }
 
 private:
-    /// The index of a link. The kernel looks at its links once a second; newer ones also look at one
-    /// whose state they are asked for.
+    /// Returns the index of a link. It also reads the state of the link: newer kernels then update it at once.
+    /// Otherwise, the kernel updates it only once a second.
     int ask(const std::string& name)
     {
         ifreq request = {};
@@ -194,7 +194,7 @@ void PrivateNetwork::addLink(const std::string& hostAddress, const std::string& 
             + " dev " + device + "\n";
     }
     batch += "link set " + device + " up\n";
-    // The kernel drops, without an error, what is sent before it has noticed that both ends are up.
+    // Until the kernel has noticed that both ends are up, it drops packets without an error.
     LinkEvents hostEvents;
     std::unique_ptr<LinkEvents> deviceEvents;
     {
@@ -226,7 +226,7 @@ void PrivateNetwork::run(Side side, const std::vector<std::string>& command, con
         arguments.push_back(const_cast<char*>(argument.c_str()));
     arguments.push_back(nullptr);
 
-    // A file, since a pipe would block once the command reads slower than this writes.
+    // The input is in a file, because a pipe would block when it is full.
     const int file = memfd_create("input", MFD_CLOEXEC);
     if (file == -1 || write(file, input.data(), input.size()) != static_cast<ssize_t>(input.size())
         || lseek(file, 0, SEEK_SET) != 0)
@@ -236,7 +236,7 @@ void PrivateNetwork::run(Side side, const std::vector<std::string>& command, con
     if (child == -1)
         fail("cannot start " + command.front());
     if (child == 0) {
-        // Where a plain user's PATH does not look.
+        // The PATH of an ordinary user does not contain these folders.
         const char* const path = getenv("PATH");
         setenv("PATH", (std::string(path ? path : "/usr/bin:/bin") + ":/usr/local/sbin:/usr/sbin:/sbin").c_str(),
                1);

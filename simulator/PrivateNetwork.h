@@ -8,12 +8,12 @@ namespace Velmora {
 namespace Simulator {
 
 /**
- * A network of this process alone: a host side and a device side, two network namespaces joined by
- * veth pairs. Nothing in it can reach the machine's own interfaces, and all of it goes when the
- * process and its children end, however they end.
+ * A private network of this process. It has a host side and a device side. Each side is a network namespace, and
+ * veth pairs connect them. The private network is not connected to the machine's own interfaces. It is removed
+ * when the process and its children end, even if they are killed.
  *
- * Works with the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN, as root has them; without them in a user
- * namespace of its own, where the process is root of nothing but this network.
+ * With the capabilities CAP_SYS_ADMIN and CAP_NET_ADMIN, which root has, no user namespace is needed. Without
+ * them, the process creates a user namespace, in which it is root.
  *
  * @code
  * PrivateNetwork network;                                  // before the first thread is started
@@ -24,27 +24,27 @@ namespace Simulator {
  * }
  * @endcode
  *
- * A socket belongs to the side on which it was opened, a thread or a child process to the side on
- * which it was started. Failures throw std::runtime_error with a message for the user.
+ * A socket belongs to the side on which it was opened. A thread or a child process belongs to the side on which it
+ * was started. Failures throw std::runtime_error with a message for the user.
  */
 class PrivateNetwork
 {
 public:
     enum Side { HostSide, DeviceSide };
 
-    /// Makes both sides, each with nothing but a loopback, and takes the calling thread, which must
-    /// be the only one, to the host side.
+    /// Creates both sides, each with only a loopback interface, and takes the calling thread to the host side.
+    /// @warning The process must have no other thread.
     PrivateNetwork();
     ~PrivateNetwork();
     PrivateNetwork(const PrivateNetwork&) = delete;
     PrivateNetwork& operator=(const PrivateNetwork&) = delete;
 
     /**
-     * Joins the sides by a veth pair: host0 and device0 the first time, then host1 and device1, ...
-     * @param hostAddress the host's address on it with its prefix length; empty for none
-     * @param firstDeviceAddress the first of the devices' addresses, with its prefix length
-     * @param deviceAddresses how many consecutive ones there are
-     * @param rate how fast the device side may send, as tc(8) takes it ("1mbit"); empty for no limit
+     * Connects the sides with a veth pair: the first call creates host0 and device0, the second host1 and device1.
+     * @param hostAddress the address of the host side, with its prefix length; empty for none
+     * @param firstDeviceAddress the first address of the device side, with its prefix length
+     * @param deviceAddresses the number of consecutive addresses of the device side
+     * @param rate how fast the device side may send, in the format of tc(8), such as "1mbit"; empty for no limit
      */
     void addLink(const std::string& hostAddress, const std::string& firstDeviceAddress, int deviceAddresses = 1,
                  const std::string& rate = std::string());
@@ -52,16 +52,17 @@ public:
     /// Takes the calling thread to @p side.
     void enter(Side side);
 
-    /// Runs a command on @p side and waits for its success. The calling thread stays where it is.
+    /// Runs a command on @p side and waits until it ends. Throws if it fails. The calling thread stays on its
+    /// side.
     void run(Side side, const std::vector<std::string>& command, const std::string& input = std::string());
 
-    /// Writes a kernel setting of one side, as in setting(HostSide, "net/ipv4/igmp_max_memberships", "0").
+    /// Writes a kernel setting of one side, such as "net/ipv4/igmp_max_memberships".
     void setSetting(Side side, const std::string& name, const std::string& value);
 
-    /// The address @p index places after @p first; both without a prefix length.
+    /// Returns @p first plus @p index. Both addresses have no prefix length.
     static std::string addressAfter(const std::string& first, int index);
 
-    /// On one side for as long as it lives, then on the host side.
+    /// Takes the calling thread to one side, and to the host side when it is destroyed.
     class Scope
     {
     public:
@@ -70,7 +71,7 @@ public:
         {
             network.enter(side);
         }
-        // NOLINTNEXTLINE(bugprone-exception-escape): a thread on the wrong side must not go on.
+        // NOLINTNEXTLINE(bugprone-exception-escape): a thread on the wrong side must not continue.
         ~Scope() { network.enter(HostSide); }
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;

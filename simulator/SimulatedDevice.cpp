@@ -28,13 +28,13 @@ const int LONGEST_SUBSCRIPTION = 1800;
 const int LONGEST_REQUEST = 64 * 1024;
 const int MOST_SUBSCRIBERS = 10000;
 
-// libSsdp never answers an event and leaves open what it could not use.
+// libSsdp never answers an event. If the body is incomplete, it leaves the connection open.
 const int EVENT_PATIENCE = 10 * 1000;
 
-/// The name of the timers between the parts of what is sent.
+/// The name of the timers between the parts of a message.
 const char GAP[] = "gap";
 
-// How often slow-http sends another piece.
+// The interval at which slow-http sends a piece, in milliseconds.
 const int SLOW_INTERVAL = 100;
 
 const char* const STAGE_NAMES[SimulatedDevice::STAGES] = {"search",    "description", "scpd",
@@ -42,65 +42,66 @@ const char* const STAGE_NAMES[SimulatedDevice::STAGES] = {"search",    "descript
 
 // In the order of the enumeration.
 constexpr std::array<Fault, Fault::Count> FAULTS = {{
-    {Fault::IgnoreSearch, "ignore-search", nullptr, nullptr,
-     "answers no search; only its announcements tell of it"},
-    {Fault::DuplicateResponses, "duplicate-responses", "TIMES", "3", "answers each search that many times"},
+    {Fault::IgnoreSearch, "ignore-search", nullptr, nullptr, "answers no search; it only announces itself"},
+    {Fault::DuplicateResponses, "duplicate-responses", "TIMES", "3", "answers each search this many times"},
     {Fault::AnnounceOnly, "announce-only", "MS", "1000",
-     "answers no search, and announces itself again after that time"},
+     "answers no search, and announces itself again after this time"},
     {Fault::CrlfSearchOnly, "crlf-search-only", nullptr, nullptr,
-     "answers no search whose lines end with line feeds alone"},
+     "ignores searches whose lines end with line feeds alone"},
     {Fault::UnicastSearchOnly, "unicast-search-only", nullptr, nullptr,
-     "answers no search but one that is sent to its own address"},
-    {Fault::SlowAnswer, "slow-answer", "MS", "4000", "answers a search after that time, whatever its MX"},
+     "answers only searches that are sent to its own address"},
+    {Fault::SlowAnswer, "slow-answer", "MS", "4000",
+     "answers a search after this time, even if its MX is shorter"},
     {Fault::NoLocation, "no-location", nullptr, nullptr, "answers searches without a location"},
-    {Fault::LocationGarbage, "location-garbage", "TEXT", "no location", "names that text as its location"},
-    {Fault::LocationOtherHost, "location-other-host", "HOST", "192.0.2.1", "names that host in its location"},
-    {Fault::SilentHttp, "silent-http", nullptr, nullptr, "takes HTTP connections and never answers"},
-    {Fault::SlowHttp, "slow-http", "BYTES", "500", "sends that many bytes of a document per second"},
+    {Fault::LocationGarbage, "location-garbage", "TEXT", "no location", "sends this text as its location"},
+    {Fault::LocationOtherHost, "location-other-host", "HOST", "192.0.2.1", "names this host in its location"},
+    {Fault::SilentHttp, "silent-http", nullptr, nullptr, "accepts HTTP connections, but answers no GET"},
+    {Fault::SlowHttp, "slow-http", "BYTES", "500", "sends this many bytes of a document per second"},
     {Fault::ResetMidBody, "reset-mid-body", nullptr, nullptr, "resets the connection half-way through a document"},
     {Fault::WrongLength, "wrong-length", "DIFFERENCE", "-20",
-     "adds that to the length of a document, and then closes"},
+     "adds this to the announced length of a document, and closes the connection"},
     {Fault::TruncatedXml, "truncated-xml", nullptr, nullptr,
      "sends the first half of a document as if it were whole"},
-    {Fault::DeepXml, "deep-xml", "LEVELS", "20000", "sends elements nested that deeply for a document"},
-    {Fault::HtmlInstead, "html-instead", nullptr, nullptr, "sends a web page for a document"},
-    {Fault::Redirect, "redirect", "PATH", "/moved.xml", "redirects from a document to that path"},
-    {Fault::Error500, "error-500", nullptr, nullptr, "answers with an internal error for a document"},
-    {Fault::Namespace, "namespace", "TEXT", "urn:example-org:other", "declares that namespace in its documents"},
-    {Fault::RootElement, "root-element", "NAME", "document", "gives that name to the root of its documents"},
+    {Fault::DeepXml, "deep-xml", "LEVELS", "20000", "sends this many levels of elements instead of a document"},
+    {Fault::HtmlInstead, "html-instead", nullptr, nullptr, "sends a web page instead of a document"},
+    {Fault::Redirect, "redirect", "PATH", "/moved.xml", "redirects requests for a document to this path"},
+    {Fault::Error500, "error-500", nullptr, nullptr, "answers requests for a document with an internal error"},
+    {Fault::Namespace, "namespace", "TEXT", "urn:example-org:other", "declares this namespace in its documents"},
+    {Fault::RootElement, "root-element", "NAME", "document",
+     "gives this name to the root element of its documents"},
     {Fault::DescriptionPrefix, "description-prefix", "PREFIX", "d",
-     "writes the elements of its documents with that prefix"},
+     "writes the elements of its documents with this prefix"},
     {Fault::NoService, "no-service", nullptr, nullptr, "lists no service"},
     {Fault::ServiceType, "service-type", "TYPE", "urn:schemas-velmora-it:service:keyobjects:2",
-     "gives that type to its key-object service"},
+     "gives this type to its key-object service"},
     {Fault::EmbeddedService, "embedded-service", nullptr, nullptr,
-     "lists its services in an embedded device only"},
+     "lists its services only in an embedded device"},
     {Fault::ScpdUrl, "scpd-url", "URL", "http://10.77.1.1:49152/service1.xml",
-     "gives that SCPDURL to its services"},
+     "gives this SCPDURL to its services"},
     {Fault::EventUrl, "event-url", "URL", "http://10.77.1.1:49152/event",
-     "gives that eventSubURL to its services"},
+     "gives this eventSubURL to its services"},
     {Fault::NoVariable, "no-variable", nullptr, nullptr, "lists no state variable"},
-    {Fault::RefuseSubscribe, "refuse-subscribe", nullptr, nullptr, "refuses subscriptions with 412"},
+    {Fault::RefuseSubscribe, "refuse-subscribe", nullptr, nullptr, "refuses subscriptions with status 412"},
     {Fault::StandardSubscribeOnly, "standard-subscribe-only", nullptr, nullptr,
-     "refuses subscriptions with line feeds alone, or without a decimal port, with 400"},
+     "answers 400 to subscriptions with line feeds alone or without a decimal port"},
     {Fault::NeverAnswerSubscribe, "never-answer-subscribe", nullptr, nullptr,
-     "takes subscriptions without an answer or an event"},
-    {Fault::NoSid, "no-sid", nullptr, nullptr, "accepts subscriptions without giving a SID"},
-    {Fault::LateSid, "late-sid", "MS", "50", "gives the SID that long after the status line"},
-    {Fault::NoEvent, "no-event", nullptr, nullptr, "accepts subscriptions and sends no event"},
+     "receives subscriptions, but sends neither an answer nor an event"},
+    {Fault::NoSid, "no-sid", nullptr, nullptr, "accepts subscriptions, but sends no SID"},
+    {Fault::LateSid, "late-sid", "MS", "50", "sends the SID this long after the status line"},
+    {Fault::NoEvent, "no-event", nullptr, nullptr, "accepts subscriptions, but sends no event"},
     {Fault::EventOneChunk, "event-one-chunk", nullptr, nullptr, "sends head and body of an event in one write"},
     {Fault::EventManyChunks, "event-many-chunks", "PIECES", "10",
-     "sends the body of an event in about that many writes"},
+     "sends the body of an event in about this many writes"},
     {Fault::EventUnknownPath, "event-unknown-path", nullptr, nullptr,
-     "sends events to a path that nobody gave it"},
-    {Fault::EventBadXml, "event-bad-xml", nullptr, nullptr, "sends events whose body is no XML"},
+     "sends events to a path that is in no CALLBACK"},
+    {Fault::EventBadXml, "event-bad-xml", nullptr, nullptr, "sends events whose body is not XML"},
     {Fault::EventNoLength, "event-no-length", nullptr, nullptr, "sends events without a length"},
-    {Fault::EventLength, "event-length", "DIFFERENCE", "20", "adds that to the length of an event"},
-    {Fault::EventPrefix, "event-prefix", "PREFIX", "ev", "writes events with that prefix instead of e"},
+    {Fault::EventLength, "event-length", "DIFFERENCE", "20", "adds this to the announced length of an event"},
+    {Fault::EventPrefix, "event-prefix", "PREFIX", "ev", "writes events with this prefix instead of e"},
     {Fault::EventNoKo, "event-no-ko", nullptr, nullptr, "sends events without KO"},
-    {Fault::KoMalformed, "ko-malformed", "TEXT", "12", "sends that text as KO"},
+    {Fault::KoMalformed, "ko-malformed", "TEXT", "12", "sends this text as KO"},
     {Fault::DieAfter, "die-after", "STAGE", "description",
-     "closes down after search, description, scpd, subscribe, event-head or event"},
+     "shuts down after this stage: search, description, scpd, subscribe, event-head or event"},
 }};
 
 constexpr bool hasARowForEachFault()
@@ -169,7 +170,7 @@ QString peerOf(const QTcpSocket* socket)
     return addressText(socket->peerAddress(), socket->peerPort());
 }
 
-/// The time-out in "Second-120", within what the device grants.
+/// Returns the number in a text like "Second-120", limited to the maximum of the device.
 int subscriptionSeconds(const QByteArray& timeout)
 {
     const int seconds = timeout.toLower().startsWith("second-") ? timeout.mid(7).toInt() : 0;
@@ -218,7 +219,7 @@ QString DeviceOptions::addFault(Fault::Id id, const QString& given)
 
     bool isNumber = false;
     QByteArray(fault.standard).toInt(&isNumber);
-    // The text of KO may be anything.
+    // A TEXT, such as that of KO, need not be a number.
     isNumber = isNumber && QLatin1String(fault.value) != QLatin1String("TEXT");
     bool isRight = true;
     if (isNumber) {
@@ -265,7 +266,7 @@ SimulatedDevice::SimulatedDevice(SsdpGroup* group, const DeviceOptions& options,
     , counts()
     , alive(false)
 {
-    // The same device after a restart, another one at another address.
+    // The identifier depends only on address and port, so it is the same after a restart.
     const QString name = addressText(settings.address, settings.port);
     uuid = QUuid::createUuidV5(QUuid(), name).toByteArray(QUuid::WithoutBraces);
     for (const QString& variable : std::as_const(settings.variables))
@@ -283,7 +284,7 @@ SimulatedDevice::SimulatedDevice(SsdpGroup* group, const DeviceOptions& options,
 
 SimulatedDevice::~SimulatedDevice()
 {
-    // A connection says that it is closed while it is destroyed, when no slot may run any more.
+    // The destructor of a socket emits disconnected(). Then no slot of this object may run.
     const QList<QTcpSocket*> open = connections();
     for (QTcpSocket* const socket : open) {
         socket->disconnect();
@@ -522,7 +523,7 @@ void SimulatedDevice::onRequestReadyRead(QTcpSocket* socket)
 {
     QByteArray& text = requests[socket];
     text += socket->readAll();
-    // One request at a time: control points wait for the answer before they send the next one.
+    // Only one request is read at a time, because control points wait for the answer before the next request.
     const int length = headLength(text);
     if (length == -1) {
         if (text.size() > LONGEST_REQUEST)
@@ -632,13 +633,14 @@ void SimulatedDevice::respond(QTcpSocket* socket, const QByteArray& head, const 
             socket->disconnectFromHost();
         if (sent)
             sent();
-        // What the control point has sent meanwhile.
+        // The control point may have sent another request meanwhile.
         if (alive && !requests.value(socket).isEmpty())
             onRequestReadyRead(socket);
     });
 }
 
-/// Does to @p document, whose root is @p root in @p xmlns, what the faults of a document say.
+/// Returns @p document with the faults that concern documents. @p root is its root element, and @p xmlns its
+/// namespace.
 QByteArray SimulatedDevice::spoilt(QByteArray document, const QByteArray& root, const QByteArray& xmlns) const
 {
     if (has(Fault::Namespace))
@@ -739,7 +741,7 @@ void SimulatedDevice::answerSubscribe(QTcpSocket* socket, const QByteArray& head
         headers.prepend("SID: " + sid);
     if (has(Fault::LateSid)) {
         headers << "CONTENT-LENGTH: 0";
-        // The control point may close after the first part, and is subscribed all the same.
+        // The control point is subscribed even if it closes the connection after the first part.
         writeChunks(socket, {"HTTP/1.1 200 OK\r\n", headOf(headers)}, valueOf(Fault::LateSid).toInt(), [] {});
         accepted();
     } else {
@@ -768,7 +770,7 @@ void SimulatedDevice::sendEvents()
 
 void SimulatedDevice::sendEvent(const QByteArray& sid)
 {
-    // By hand, since the "%4" in the path of libSsdp is no part of a valid URL.
+    // QUrl is not used, because "%4" in the path is not valid in a URL.
     const QByteArray url = subscribers.value(sid).callback.mid(7);
     const qsizetype slash = url.indexOf('/');
     const QByteArray host = url.left(slash);
@@ -787,7 +789,7 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
     }
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     const int duration = static_cast<int>(chunks.size()) * settings.eventGap;
-    // A child, so that nothing of it outlives the connection.
+    // The timer is a child of the socket, so it is deleted with the socket.
     QTimer* const patience = new QTimer(socket);
     patience->setSingleShot(true);
     connect(patience, &QTimer::timeout, socket, [socket] {
@@ -817,7 +819,7 @@ void SimulatedDevice::sendEvent(const QByteArray& sid)
     connect(socket, QOverload<QAbstractSocket::SocketError>::of(&QTcpSocket::error), this,
             [this, socket, sid](QAbstractSocket::SocketError error) {
 #endif
-        // Nobody listens there any more.
+        // The control point no longer listens.
         if (error == QAbstractSocket::ConnectionRefusedError)
             subscribers.remove(sid);
         socket->deleteLater();

@@ -25,10 +25,10 @@ class QTcpSocket;
 namespace Velmora {
 namespace Simulator {
 
-/// A thing that a simulated device can do wrong.
+/// A mistake that a simulated device can make.
 struct Fault
 {
-    /// In the order in which a control point meets them.
+    /// In the order in which a control point notices them.
     enum Id {
         IgnoreSearch,
         DuplicateResponses,
@@ -73,51 +73,53 @@ struct Fault
         EventNoKo,
         KoMalformed,
         DieAfter,
-        Count ///< How many there are.
+        Count ///< The number of faults.
     };
 
     Id id;
-    const char* name; ///< As the programs take it.
-    const char* value; ///< What its value means; null for a fault that takes none.
-    const char* standard; ///< The value when none is given: a number if it has to be one, unless "value" is TEXT.
+    const char* name; ///< The name on the command line.
+    const char* value; ///< The meaning of the value. Null if the fault has no value.
+    /// The default value. If it is a number and "value" is not "TEXT", only numbers are valid.
+    const char* standard;
     const char* explanation;
 
-    /// NAME or NAME=VALUE.
+    /// Returns NAME or NAME=VALUE.
     static QString text(Id id, const char* value = nullptr);
 };
 
-/// How a simulated device is set up. All times are in milliseconds.
+/// The settings of a simulated device. All times are in milliseconds.
 struct DeviceOptions
 {
     QHostAddress address;
-    quint16 port = 49152; ///< Of its HTTP server.
+    quint16 port = 49152; ///< The port of the HTTP server.
     int functionCode = 1;
     int univocalCode = 1;
     QStringList variables = QStringList(QStringLiteral("KO")); ///< Of the key-object service, in order.
-    int services = 1; ///< How many it lists; the last one is the key-object service.
-    int eventGap = 50; ///< Between head and body of an event; 0 sends both in one write.
-    bool eventTail = false; ///< Whether CONTENT-LENGTH counts a CRLF sent one more gap after the body.
-    int responseDelayMin = 0; ///< A search is answered within these bounds,
-    int responseDelayMax = -1; ///< below 0: within the MX of the search.
-    int announceEvery = 0; ///< 0 announces at the start only.
-    int eventEvery = 0; ///< 0 sends the initial event only.
-    quint32 seed = 1; ///< Of the response delays.
-    QMap<Fault::Id, QString> faults; ///< What it does wrong, as addFault() sets it.
+    int services = 1; ///< The number of services. The last one is the key-object service.
+    int eventGap = 50; ///< The pause between head and body of an event. With 0, both are sent in one write.
+    bool eventTail = false; ///< Whether CONTENT-LENGTH includes a CR LF that is sent one more gap after the body.
+    int responseDelayMin = 0; ///< The minimum delay of an answer to a search.
+    int responseDelayMax = -1; ///< The maximum delay. If it is negative, the MX of the search is the maximum.
+    int announceEvery = 0; ///< The interval of announcements. 0: only at the start.
+    int eventEvery = 0; ///< The interval of events. 0: only the initial event.
+    quint32 seed = 1; ///< The seed of the random delays.
+    QMap<Fault::Id, QString> faults; ///< The values of the faults; see addFault().
 
-    /// Adds a fault; a null @p value is the standard one. Returns what is wrong with it, or an empty text.
+    /// Adds a fault. If @p value is null, the fault gets its default value. If the value is not valid, returns a
+    /// message; otherwise an empty string.
     QString addFault(Fault::Id fault, const QString& value = QString());
 
-    /// The same for a fault given as NAME or NAME=VALUE.
+    /// Does the same. @p text is NAME or NAME=VALUE.
     QString addFault(const QString& text);
 };
 
 /**
- * A device of the maker as a control point sees it from the network.
+ * A device of the maker, as a control point sees it.
  *
- * It announces itself, answers searches, serves its description and one service description per
- * service over HTTP, takes subscriptions both as libSsdp writes them (line feeds only, a HOST port of
- * one character, "%4" in the CALLBACK) and as other control points do, and sends each subscriber the
- * initial event: the head, after a pause the body, since libSsdp drops a body that comes with the head.
+ * It announces itself and answers searches. It serves its description, and one service description for each
+ * service. It accepts subscriptions in the form of libSsdp (lines that end with a line feed alone, a port of one
+ * character in HOST, "%4" in the CALLBACK) and in the standard form. It sends the initial event to each
+ * subscriber: first the head, and after a pause the body. libSsdp drops a body that comes with the head.
  *
  * @code
  * PrivateNetwork network;
@@ -134,14 +136,14 @@ struct DeviceOptions
  * device.start();
  * @endcode
  *
- * Its sockets belong to the network of its group. Everything happens in the event loop.
+ * Its sockets belong to the network namespace of its group. All work happens in the event loop.
  */
 class SimulatedDevice : public QObject
 {
     Q_OBJECT
 
 public:
-    /// How far a control point has got with the device; the names in stageName() are those of die-after.
+    /// The progress of a control point with the device. stageName() returns the names that die-after accepts.
     enum Stage {
         Searched, ///< A search was answered.
         Described, ///< The device description was sent.
@@ -155,59 +157,59 @@ public:
 
     static QString stageName(Stage stage);
 
-    /// Every fault that there is, each at its place in the enumeration.
+    /// Returns all faults, in the order of the enumeration.
     static const std::array<Fault, Fault::Count>& faults();
 
-    /// Makes a device that is off. The @p group must outlive it.
+    /// Constructs a device that is not running. @p group must exist longer than the device.
     SimulatedDevice(SsdpGroup* group, const DeviceOptions& options, QObject* parent = nullptr);
 
-    /// Closes every connection, without a byebye.
+    /// Closes every connection. Sends no ssdp:byebye.
     ~SimulatedDevice() override;
 
-    /// Listens and announces itself. Returns whether it could.
+    /// Starts the device, which announces itself. Returns whether it succeeded.
     bool start();
 
-    /// Why start() failed.
+    /// Returns why start() failed.
     QString errorString() const;
 
     const DeviceOptions& options() const;
 
-    /// The URL of its description.
+    /// Returns the URL of its description.
     QString location() const;
 
-    /// The path of the description of service @p number, counted from 1.
+    /// Returns the path of the description of service @p number. The first service has the number 1.
     static QString servicePath(int number);
 
     /// Sends ssdp:alive for the root device, the device, its type and the key-object service.
     void announce();
 
-    /// Sends ssdp:byebye for the same. The device stays on.
+    /// Sends ssdp:byebye for the same targets. The device continues to run.
     void sayGoodbye();
 
     /// Sends the current values to every subscriber.
     void sendEvents();
 
-    /// Sends the next part of every message that is sent in parts, if the kernel has the one before.
+    /// Sends the next part of every message that is sent in parts, if the kernel has taken the previous part.
     void endGaps();
 
-    /// Changes the value of one of the variables; the next event carries it.
+    /// Changes the value of a variable. The next event contains it.
     void setVariable(const QString& name, const QString& value);
 
-    /// How many subscriptions have not run out.
+    /// Returns the number of subscriptions that have not expired.
     int subscriptions() const;
 
-    /// How often a stage was reached.
+    /// Returns how often a stage was reached.
     int count(Stage stage) const;
 
-    /// Whether a fault that the device has took part in what it did.
+    /// Returns whether a fault of the device has had an effect.
     bool hasShown(Fault::Id fault) const;
 
 Q_SIGNALS:
-    /// A stage was reached, again at every search, request, subscription and event.
+    /// A stage was reached. Emitted for every search, request, subscription and event.
     void reached(Velmora::Simulator::SimulatedDevice::Stage stage);
 
-    /// A message, or the part of one that goes in one write, has come from or was sent to @p peer
-    /// ("10.0.0.1:1900").
+    /// A message was received from @p peer or sent to it, such as "10.0.0.1:1900". If a message is sent in parts,
+    /// the signal is emitted for each part.
     void message(bool sent, const QString& peer, const QByteArray& text);
 
 private:
@@ -225,7 +227,7 @@ private:
         QByteArray status;
         QList<QByteArray> headers;
         QByteArray body;
-        qint64 announced; ///< What CONTENT-LENGTH says.
+        qint64 announced; ///< The value of CONTENT-LENGTH.
     };
 
     bool has(Fault::Id fault) const;

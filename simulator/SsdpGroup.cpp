@@ -18,7 +18,7 @@ namespace Simulator {
 
 namespace {
 
-// A thousand devices answer one search; the kernel's default holds some 280 answers.
+// A thousand devices may answer one search. The default buffer of the kernel has room for some 280 answers.
 const int BUFFER_SIZE = 4 * 1024 * 1024;
 
 const int MULTICAST_TTL = 2;
@@ -49,7 +49,7 @@ bool SsdpGroup::join(const QHostAddress& address)
         socket.setSocketOption(QAbstractSocket::ReceiveBufferSizeSocketOption, BUFFER_SIZE);
     }
 
-    // By address rather than by QNetworkInterface, which lists all addresses of the host at each call.
+    // QNetworkInterface is not used, because it lists all addresses of the host at each call.
     ip_mreq membership = {};
     membership.imr_multiaddr.s_addr = htonl(ADDRESS.toIPv4Address());
     membership.imr_interface.s_addr = htonl(address.toIPv4Address());
@@ -84,7 +84,7 @@ bool SsdpGroup::readInterfaces()
     for (const ifaddrs* entry = list; entry; entry = entry->ifa_next) {
         if (entry->ifa_addr && entry->ifa_addr->sa_family == AF_INET) {
             const auto* const address = reinterpret_cast<const sockaddr_in*>(entry->ifa_addr);
-            // An alias has a name of its own, but not an index.
+            // An alias, such as "eth0:1", has the index of its interface.
             const QByteArray name = QByteArray(entry->ifa_name).split(':').constFirst();
             interfaces.insert(ntohl(address->sin_addr.s_addr), if_nametoindex(name.constData()));
         }
@@ -100,7 +100,7 @@ QString SsdpGroup::errorString() const
 
 void SsdpGroup::send(const QHostAddress& from, const QHostAddress& to, quint16 port, const QByteArray& text)
 {
-    // QNetworkDatagram::setSender() sets ipi_addr, of which the kernel takes no notice here.
+    // QNetworkDatagram::setSender() is not used, because it sets ipi_addr, which the kernel ignores when sending.
     sockaddr_in destination = {};
     destination.sin_family = AF_INET;
     destination.sin_addr.s_addr = htonl(to.toIPv4Address());

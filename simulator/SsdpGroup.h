@@ -12,25 +12,24 @@
 namespace Velmora {
 namespace Simulator {
 
-/// One M-SEARCH that came to the group.
+/// One M-SEARCH.
 struct Search
 {
     QByteArray text;
-    QByteArray target; ///< Its ST header.
-    int mx; ///< Within how many seconds an answer is expected; at least 1.
-    QHostAddress address; ///< Who searches,
-    quint16 port; ///< and where the answer goes.
-    uint interface; ///< The index of the one that it came by.
-    QHostAddress destination; ///< The group, or the address that was searched alone.
+    QByteArray target; ///< The value of ST.
+    int mx; ///< The value of MX, in seconds; at least 1.
+    QHostAddress address; ///< The address of the sender.
+    quint16 port; ///< The port of the sender.
+    uint interface; ///< The index of the interface that received it.
+    QHostAddress destination; ///< The group, or the one address to which it was sent.
 };
 
 /**
- * The SSDP side of any number of simulated devices: one socket on port 1900, a member of
- * 239.255.255.250 on every interface that a device is on, so that a thousand devices do not wake a
- * thousand sockets for every datagram.
+ * The SSDP socket of all simulated devices. It is bound to port 1900 and joins 239.255.255.250 on every interface
+ * that has a device. With one socket for all devices, a datagram wakes only one socket.
  *
- * Belongs to the network namespace in which it was made, like all that its devices open later,
- * wherever the thread is by then.
+ * The socket belongs to the network namespace in which the object was created. So do all sockets that its devices
+ * open later, even if the thread is in another namespace then.
  */
 class SsdpGroup : public QObject
 {
@@ -42,23 +41,23 @@ public:
 
     explicit SsdpGroup(QObject* parent = nullptr);
 
-    /// Listens to the group on the interface that has @p address. Returns whether it could.
+    /// Joins the group on the interface that has @p address. Returns whether it succeeded.
     bool join(const QHostAddress& address);
 
-    /// The index of the interface that has @p address, which has joined.
+    /// Returns the index of the interface that has @p address. Call join() first.
     uint interfaceOf(const QHostAddress& address) const;
 
-    /// Why join() failed.
+    /// Returns why join() failed.
     QString errorString() const;
 
     /// Sends one datagram from port 1900 of @p from, an address of this host.
     void send(const QHostAddress& from, const QHostAddress& to, quint16 port, const QByteArray& text);
 
-    /// Where it was made.
+    /// Returns the network namespace in which the object was created.
     const NetworkNamespace& network() const;
 
 Q_SIGNALS:
-    /// A search has come. Comes once per datagram, whatever it searches for.
+    /// An M-SEARCH was received, for any target. Emitted once per datagram.
     void searched(const Velmora::Simulator::Search& search);
 
 private:
@@ -67,7 +66,7 @@ private:
 
     NetworkNamespace home;
     QUdpSocket socket;
-    QHash<quint32, uint> interfaces; ///< By their addresses.
+    QHash<quint32, uint> interfaces; ///< The indices of the interfaces, by address.
     QString error;
 };
 

@@ -72,7 +72,7 @@ public:
      *
      * @note The first call chooses the local addresses for the lifetime of the object. It chooses every
      * IPv4 address of the interfaces that are up and are not loopback interfaces. If there is none, it
-     * chooses 127.0.0.1. Only a new object uses an interface that comes up later.
+     * chooses 127.0.0.1. To use an interface that comes up later, create a new object.
      *
      * @return 3, the state "a discovery is running"
      */

@@ -261,7 +261,7 @@ private:
 
     /// The connections of subscriptions, and the connections of events after their first data.
     QList<QTcpSocket*> requestSockets;
-    /// The service of each connection in requestSockets. It belongs to the subscription, or its identifier
+    /// For each connection in requestSockets: the service of the subscription, or the service whose identifier
     /// is in the path of the event. Null if there is no such service, or if its record was deleted.
     QHash<QTcpSocket*, SsdpService*> requestSocketServices;
 

@@ -18,7 +18,7 @@ void failUsage(const QString& text)
 
 void parseArguments(QCommandLineParser& parser, bool takesArguments)
 {
-    // Not addHelpOption(): newer versions of Qt add --help-all, which only their process() answers.
+    // Not addHelpOption(): newer versions of Qt also add --help-all, which only process() handles.
     const QCommandLineOption help({QStringLiteral("h"), QStringLiteral("help")},
                                   QStringLiteral("Shows this text."));
     parser.addOption(help);

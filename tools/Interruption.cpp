@@ -15,7 +15,7 @@ Interruption::Interruption(QObject* parent)
     sigset_t signals;
     sigemptyset(&signals);
     for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        // A shell script starts its background jobs with SIGINT ignored, which signalfd never sees.
+        // A shell script starts background jobs with SIGINT ignored. signalfd does not report an ignored signal.
         if (number != SIGHUP)
             std::signal(number, SIG_DFL);
         sigaddset(&signals, number);

@@ -34,7 +34,7 @@ void note(const QString& line)
 
 void handle(QtMsgType type, const QMessageLogContext& context, const QString& line)
 {
-    // The library logs in the main thread; Qt, whose warnings come here too, in any.
+    // The library logs only in the main thread. Warnings of Qt may come from any thread.
     if (context.category && std::strcmp(context.category, "velmora.ssdp") == 0)
         note(line);
     if (isVerbose)

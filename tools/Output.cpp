@@ -26,14 +26,15 @@ void waitUntilWritable(int descriptor)
     ppoll(&output, 1, nullptr, &none);
 }
 
-/// 0, or the error that kept some of @p text from being written.
+/// Writes @p text. Returns 0, or the error number if not all of it was written.
 int writeAll(int descriptor, const QByteArray& text)
 {
-    // As Qt does at its first connection: a write without a reader fails instead of ending the program.
+    // Qt does the same at its first connection. Without a reader, a write then fails instead of ending the
+    // program.
     std::signal(SIGPIPE, SIG_IGN);
     for (qsizetype done = 0; done < text.size();) {
         waitUntilWritable(descriptor);
-        // A pipe that is writable takes as much without blocking.
+        // A pipe that is writable accepts PIPE_BUF bytes without blocking.
         const size_t size = qMin<size_t>(static_cast<size_t>(text.size() - done), PIPE_BUF);
         const ssize_t written = write(descriptor, text.constData() + done, size);
         if (written >= 0)
@@ -44,7 +45,7 @@ int writeAll(int descriptor, const QByteArray& text)
     return 0;
 }
 
-/// Without the destructors: they would run while Qt's HTTP thread does.
+/// Ends the program, but not with exit(), which destroys static objects. A thread of Qt may still use them.
 [[noreturn]] void endWithoutReader()
 {
     _exit(READER_GONE);

@@ -40,7 +40,7 @@ bool isAnyAddress(const QHostAddress& address)
         || address == QHostAddress(QHostAddress::AnyIPv4);
 }
 
-/// Tries it with a datagram that never leaves this host.
+/// Sends a datagram that does not leave this host, to see whether sending is permitted.
 bool maySendFrom(const QHostAddress& address)
 {
     MulticastSocket socket;
@@ -111,7 +111,8 @@ QString Search::isolation() const
     return isConnected ? QString() : QStringLiteral("no network is connected to %1").arg(describe(from));
 }
 
-/// With an interface given: its addresses. Without: those that Ssdp chooses where it can.
+/// Returns the addresses of the chosen interface. If none was chosen, returns the addresses that are up and not
+/// loopback, as Ssdp does.
 QList<LocalAddress> Search::chosenAddresses() const
 {
     QList<LocalAddress> result;
@@ -124,7 +125,8 @@ QList<LocalAddress> Search::chosenAddresses() const
     return result;
 }
 
-/// The library only logs what fails; its sockets, children of their control points, show it too.
+/// Finds out which searches were sent. The library only logs failures, so this looks at its sockets, which are
+/// children of the control points.
 void Search::examine()
 {
     const QList<LocalAddress> chosen = chosenAddresses();
@@ -165,7 +167,7 @@ bool Search::examine(const SsdpManager* manager, QList<QHostAddress>& bound)
     }
     const QList<QUdpSocket*> sockets = manager->findChildren<QUdpSocket*>();
     for (const QUdpSocket* const socket : sockets) {
-        // Without the group, the library searches from no address in particular.
+        // If the library cannot join the group, it does not bind this socket to a local address.
         if (socket == listener || isAnyAddress(socket->localAddress()))
             continue;
         if (maySendFrom(socket->localAddress())) {

@@ -31,10 +31,10 @@ public:
     /// Returns the addresses from which the search was sent. Valid after start().
     QList<LocalAddress> addresses() const { return from; }
 
-    /// Returns, as text, why the search was not sent from other addresses. Valid after start().
+    /// Returns the reasons why the search was not sent from some addresses. Valid after start().
     QStringList failures() const { return problems; }
 
-    /// Returns, as text, why the search cannot reach another host although it was sent. Empty if it can.
+    /// Returns the reason why the search that was sent cannot reach another host. Empty if it can.
     QString isolation() const;
 
 Q_SIGNALS:

@@ -32,7 +32,8 @@ void Terminal::line(const QString& text)
 
 void Terminal::progress(const QString& text)
 {
-    // The cursor rests at the beginning: there it stays when a terminal that becomes narrower breaks the line.
+    // The cursor waits at the beginning of the line. It stays there even if the terminal becomes narrower and
+    // breaks the line.
     print("\r\033[J" + text.left(columns() - 1).toUtf8() + '\r');
     isProgressShown = true;
 }
@@ -40,7 +41,7 @@ void Terminal::progress(const QString& text)
 void Terminal::endProgress()
 {
     if (isProgressShown)
-        print("\r\033[J"); // with what was typed meanwhile, as ^C
+        print("\r\033[J"); // also removes typed characters, such as ^C
     isProgressShown = false;
 }
 

@@ -26,19 +26,19 @@ const int NOTHING_FOUND = 1;
 
 const int PROGRESS_INTERVAL = 100;
 
-// Devices answer within 3 s, and then have to be read.
+// Devices answer within 3 s. Then their descriptions are read, and their events come.
 const int SUFFICIENT_TIMEOUT = 5000;
 
 struct Settings
 {
     int timeout = 0;
-    int count = 0; ///< Of devices after which to stop; 0 for no such limit.
-    int repeat = 0; ///< Seconds between discoveries; 0 for one discovery only.
+    int count = 0; ///< Stop after this number of devices. 0: no limit.
+    int repeat = 0; ///< Seconds between two discoveries. 0: only one discovery.
     bool all = false;
     bool json = false;
     bool quiet = false;
     bool verbose = false;
-    QString interface; ///< Its name or its address; empty for all.
+    QString interface; ///< The name or address of the interface. Empty: all interfaces.
     std::optional<int> functionCode;
     std::optional<int> univocalCode;
     std::optional<QPair<QHostAddress, int>> subnet;
@@ -60,14 +60,15 @@ struct Device
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Finds the maker's devices on the local network and prints each once, when it\n"
-                       "reports.\n"
+        QStringLiteral("Finds the maker's devices on the local network. Prints each device once, when\n"
+                       "it reports.\n"
                        "\n"
-                       "Devices take up to 3 seconds to answer the search and then have to be read.\n"
+                       "Devices take up to 3 seconds to answer the search. Then the program reads\n"
+                       "their descriptions and waits for their events.\n"
                        "\n"
-                       "Exit status: 0 when a device was found, 1 when none was, 2 for a wrong option,\n"
-                       "3 when this host cannot search, 4 when the output cannot be written, 141 when\n"
-                       "nobody reads it any more."));
+                       "Exit status: 0 if a device was found, 1 if no device was found, 2 if an option\n"
+                       "is wrong, 3 if this host cannot search, 4 if the output cannot be written,\n"
+                       "141 if the reader of the output has ended."));
     const auto flag = [&parser](const char* name, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description)));
     };
@@ -76,17 +77,18 @@ void addOptions(QCommandLineParser& parser)
                                             QString::fromLatin1(value)));
     };
     value("timeout", "MS", "How long a discovery lasts (5000).");
-    value("count", "N", "Stops as soon as N devices were found.");
-    flag("first", "Stops at the first device, as --count 1.");
-    value("function-code", "CODE", "Only devices with this function code.");
-    value("univocal-code", "CODE", "Only devices with this univocal code.");
-    value("address", "ADDRESS", "Only devices with this address, or in this network as in 10.0.0.0/8.");
-    value("interface", "NAME|ADDRESS", "Searches from this interface of the host only.");
-    value("repeat", "SECONDS", "Discovers again and again, with that pause, and prints what came and went.");
-    flag("all", "Prints every report, also those of a device that is known.");
-    flag("json", "Prints a JSON object a line.");
-    flag("quiet", "Prints neither devices nor a summary; the exit status tells.");
-    flag("verbose", "Prints the library's log lines, with the time, on standard error.");
+    value("count", "N", "Stops when N devices were found.");
+    flag("first", "Stops at the first device, like --count 1.");
+    value("function-code", "CODE", "Reports only devices with this function code.");
+    value("univocal-code", "CODE", "Reports only devices with this univocal code.");
+    value("address", "ADDRESS", "Reports only devices with this address or in this network, such as 10.0.0.0/8.");
+    value("interface", "NAME|ADDRESS", "Searches only from this interface of the host.");
+    value("repeat", "SECONDS",
+          "Repeats the discovery after this pause, and prints which devices are new or gone.");
+    flag("all", "Prints every report, even if the device was printed before.");
+    flag("json", "Prints one JSON object per line.");
+    flag("quiet", "Prints only errors. The exit status says whether a device was found.");
+    flag("verbose", "Prints the library's log lines on standard error, each with its time.");
 }
 
 Settings readSettings(const QCommandLineParser& parser)
@@ -113,13 +115,13 @@ Settings readSettings(const QCommandLineParser& parser)
     settings.functionCode = code("function-code");
     settings.univocalCode = code("univocal-code");
     if (parser.isSet(QStringLiteral("first")) && parser.isSet(QStringLiteral("count")))
-        failUsage(QStringLiteral("--first and --count do not go together"));
+        failUsage(QStringLiteral("--first and --count cannot be used together"));
     if (settings.repeat > 0 && settings.count > 0)
-        failUsage(QStringLiteral("--repeat goes on until it is interrupted, without --count and --first"));
+        failUsage(QStringLiteral("--repeat cannot be used together with --count or --first"));
     if (parser.isSet(QStringLiteral("address"))) {
         const QString text = parser.value(QStringLiteral("address"));
         const QString address = text.section(QLatin1Char('/'), 0, 0);
-        // QHostAddress also takes short forms, in which 10.77 is 10.0.0.77.
+        // QHostAddress also accepts short forms: 10.77 means 10.0.0.77.
         const bool isWhole = QHostAddress(address).toString() == address;
         settings.subnet = QHostAddress::parseSubnet(text);
         if (!isWhole || settings.subnet->first.protocol() != QAbstractSocket::IPv4Protocol
@@ -134,7 +136,7 @@ QString seconds(qint64 milliseconds)
     return QString::number(static_cast<double>(milliseconds) / 1000, 'f', 1) + QStringLiteral(" s");
 }
 
-/// The columns of the devices: as wide as any number and address where the terminal has room for that.
+/// The table of devices. If the terminal is wide enough, every number and address fits its column.
 class Table
 {
 public:
@@ -190,7 +192,7 @@ public:
         connect(&pause, &QTimer::timeout, this, &Host::discover);
         connect(&progressTimer, &QTimer::timeout, this, &Host::showProgress);
         pause.setSingleShot(true);
-        // The log lines would break into it.
+        // Log lines would appear inside the progress line.
         if (terminal.showsProgress() && !settings.verbose)
             progressTimer.start(PROGRESS_INTERVAL);
         clock.start();
@@ -200,7 +202,7 @@ public:
     {
         seen.clear();
         clearTraces();
-        // A new one each time, for the addresses that the host has by now.
+        // A new object uses the addresses that the host has now.
         search = std::make_unique<Search>(settings.timeout, settings.interface);
         connect(search.get(), &Search::discovered, this, &Host::onDiscovered);
         connect(search.get(), &Search::finished, this, &Host::onFinished);
@@ -270,11 +272,11 @@ private:
         pause.start(settings.repeat * 1000);
     }
 
-    /// Whether the discovery that has just ended would have found @p device if it were there. It was last found
-    /// by a search from @p addresses.
+    /// Returns whether the last discovery would have found @p device if it were present. @p addresses are those of
+    /// the search that last found it.
     bool couldBeSeen(const Device& device, const QList<QHostAddress>& addresses) const
     {
-        // What has answered is there, even if it could not be read.
+        // A device that has answered is present, even if its description could not be read.
         if (settings.timeout < SUFFICIENT_TIMEOUT || traces().hosts.contains(device.address.toString()))
             return false;
         const QList<QHostAddress> searched = addressesOf(*search);
@@ -300,7 +302,7 @@ private:
         return result;
     }
 
-    /// Whatever stays as it was is told once.
+    /// Prints each failure, unless the previous discovery had the same one.
     void tellFailures(const QStringList& failures)
     {
         for (const QString& failure : failures) {
@@ -423,10 +425,10 @@ private:
     QTimer progressTimer;
     QElapsedTimer clock;
     QElapsedTimer round;
-    std::map<Device, QList<QHostAddress>> present; ///< And where the search went out from that found it.
-    std::set<Device> seen; ///< In the running discovery.
-    std::set<Device> found; ///< In any.
-    std::set<Device> others; ///< That the filters left out.
+    std::map<Device, QList<QHostAddress>> present; ///< With the local addresses of the search that found it.
+    std::set<Device> seen; ///< Found in the running discovery.
+    std::set<Device> found; ///< Found in any discovery.
+    std::set<Device> others; ///< Left out by the filters.
     QStringList toldFailures;
     QString toldAddresses;
     bool isFinished = false;

@@ -37,23 +37,24 @@ struct Settings
 void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
-        QStringLiteral("Says which of the maker's devices are found, why each other one is not, and\n"
-                       "what to change. The manual page lists everything that it can find.\n"
+        QStringLiteral("Lists the maker's devices that are found. For each other device, says what is\n"
+                       "wrong and what to change. The manual page lists all findings.\n"
                        "\n"
-                       "Exit status: 0 when every device that answered was found, 1 when one was not,\n"
-                       "2 for a wrong option, 3 when nothing answered, 4 when the output cannot be\n"
-                       "written, 141 when nobody reads it any more."));
+                       "Exit status: 0 if every device that answered was found, 1 if a device was not\n"
+                       "found, 2 if an option is wrong, 3 if nothing answered, 4 if the output cannot\n"
+                       "be written, 141 if the reader of the output has ended."));
     const auto add = [&parser](const char* name, const char* value, const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
                                             QString::fromLatin1(value)));
     };
-    add("timeout", "MS", "How long the host waits for its devices (5000).");
-    add("json", "", "Prints a JSON object a line: one for each device, one for this host.");
-    add("trace", "", "Prints each message in and out on standard error.");
+    add("timeout", "MS", "How long the discovery lasts (5000).");
+    add("json", "", "Prints one JSON object per line: one for each device, then one for this host.");
+    add("trace", "", "Prints each message, sent or received, on standard error.");
     parser.addPositionalArgument(
         QStringLiteral("ADDRESS"),
-        QStringLiteral("Looks at the device with this address only, and searches it alone\n"
-                       "too. May be given again."),
+        QStringLiteral(
+            "Examines only the devices at this address. If nothing comes from it, sends one search to it."
+            " Can be repeated."),
         QStringLiteral("[ADDRESS...]"));
 }
 
@@ -67,7 +68,7 @@ Settings readSettings(const QCommandLineParser& parser)
     const QStringList addresses = parser.positionalArguments();
     for (const QString& text : addresses) {
         const QHostAddress address(text);
-        // QHostAddress also takes short forms, in which 10.77 is 10.0.0.77.
+        // QHostAddress also accepts short forms: 10.77 means 10.0.0.77.
         if (address.protocol() != QAbstractSocket::IPv4Protocol || address.toString() != text
             || address.isMulticast() || address.isBroadcast() || address.isNull()
             || address == QHostAddress(QHostAddress::AnyIPv4))
@@ -109,7 +110,7 @@ public:
     {
         connect(&doctor, &Doctor::finished, this, &Screen::finish);
         connect(&progressTimer, &QTimer::timeout, this, &Screen::showProgress);
-        // The messages would break into it.
+        // Messages would appear inside the progress line.
         if (settings.trace)
             connect(&doctor.trace(), &Trace::message, this, &Screen::trace);
         else if (terminal.showsProgress())

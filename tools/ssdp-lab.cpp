@@ -26,40 +26,39 @@ using Velmora::Simulator::PrivateNetwork;
 
 namespace {
 
-const int FAILED = 125; // as env(1) and timeout(1): not the command's own status
+const int FAILED = 125; // as in env(1) and timeout(1), to differ from the statuses of COMMAND
 
-// How long the processes that COMMAND leaves, and the simulator, may take to end.
+// How long the simulator, and the processes that COMMAND left running, may take to end.
 const std::chrono::seconds PATIENCE(5);
 
 const char HELP[] = R"(Usage: ssdp-lab [options] [options of ssdp-simulator] -- COMMAND...
-Runs COMMAND in a private network with simulated devices, and ends with its
-exit status.
+Runs COMMAND in a private network with simulated devices. Its exit status is
+that of COMMAND.
 
-The network has a host side, where COMMAND runs, and a device side, where
-ssdp-simulator runs, joined by a pair of virtual interfaces. Nothing in it
-reaches the machine's own network. Processes that COMMAND leaves are ended
-when it has ended. It works as root, and without root where the kernel allows
-user namespaces.
+COMMAND runs on the host side of the network, and ssdp-simulator on the device
+side. A pair of virtual interfaces connects the two sides. The private network
+is not connected to the machine's network. When COMMAND has ended, the
+processes that it left running are ended. The program needs root, or a kernel
+that allows user namespaces.
 
 Options:
-  --devices N              How many devices (1); 0 leaves the device side
-                           empty.
-  --first-address ADDRESS  The first device's address (10.77.1.1); the host is
-                           .0.1 of the same /16.
-  --second-interface       A second pair in the next /16 (10.78.1.1), with as
-                           many devices again.
-  --rate RATE              How fast the devices may send, as tc(8) takes it,
-                           such as 1mbit.
-  --verbose                Shows what the simulator prints, on standard error.
+  --devices N              The number of devices (1). With 0, there are none.
+  --first-address ADDRESS  The address of the first device (10.77.1.1). The
+                           host has the address .0.1 of the same /16 network.
+  --second-interface       Adds a second pair of interfaces in the next /16
+                           network, with the same number of devices.
+  --rate RATE              Limits how fast the devices send. The format is
+                           that of tc(8), such as 1mbit.
+  --verbose                Prints the simulator's output on standard error.
   -h, --help               Shows this text.
   -v, --version            Shows the version.
-Every other option goes to ssdp-simulator, whose --trace is printed on
-standard error; 'ssdp-simulator --help' and 'ssdp-simulator --list-faults'
-explain them.
+All other options are passed on to ssdp-simulator. 'ssdp-simulator --help' and
+'ssdp-simulator --list-faults' explain them. The messages that --trace prints
+are on standard error.
 
-Exit status: that of COMMAND, 128 and the number of the signal that ended it,
-127 when there is no such command, 126 when it cannot be run, 2 for a wrong
-option, 125 when the network or the simulator could not be set up.
+Exit status: that of COMMAND; 128 + n if the signal with the number n ended
+COMMAND; 127 if there is no such command; 126 if it cannot be run; 2 if an
+option is wrong; 125 if the network or the simulator could not be set up.
 
 Example: ssdp-lab --devices 3 --fault 2:error-500 -- ssdp-discover
 )";
@@ -81,7 +80,8 @@ struct Settings
     std::exit(USAGE_ERROR);
 }
 
-/// The value of argument @p i when it is "--name=value" or "--name" and "value"; moves @p i on.
+/// Returns whether argument @p i is the option @p name. If so, sets @p value from the same argument or the next
+/// one, and sets @p i to the argument that has the value.
 bool takeValue(const std::vector<std::string>& arguments, size_t& i, const std::string& name, std::string& value)
 {
     const std::string& argument = arguments[i];
@@ -106,7 +106,7 @@ int numberOfDevices(const std::string& text)
     return static_cast<int>(number);
 }
 
-/// The address with these last two numbers in the /16 of @p address.
+/// Returns the address in the /16 network of @p address that ends in @p lastNumbers.
 std::string inNetworkOf(uint32_t address, const char* lastNumbers)
 {
     return std::to_string(address >> 24) + "." + std::to_string(address >> 16 & 0xff) + "." + lastNumbers;
@@ -120,7 +120,7 @@ uint32_t parseAddress(const std::string& text)
     return ntohl(address.s_addr);
 }
 
-/// Fails unless @p devices can have the addresses from @p firstAddress on, beside their host.
+/// Ends the program if the devices cannot have the addresses from @p firstAddress on.
 void checkAddresses(const std::string& firstAddress, int devices)
 {
     const uint32_t first = parseAddress(firstAddress);
@@ -186,14 +186,14 @@ std::string folderOfThisProgram()
     return program.substr(0, program.rfind('/'));
 }
 
-/// The simulator that was built with this program, wherever COMMAND's programs come from.
+/// Returns the simulator in the folder of this program. If there is none, it is searched for in PATH.
 std::string simulatorProgram()
 {
     const std::string here = folderOfThisProgram() + "/ssdp-simulator";
     return access(here.c_str(), X_OK) == 0 ? here : "ssdp-simulator";
 }
 
-/// What is not in the PATH is looked for beside this program, as in a build folder.
+/// A program that is not in PATH is searched for in the folder of this program, such as a build folder.
 void searchHereLast()
 {
     const char* const path = std::getenv("PATH");
@@ -210,7 +210,8 @@ sigset_t watchedSignals()
     return signals;
 }
 
-/// From now on @p parent's end sends SIGTERM. A new user namespace clears that.
+/// When @p parent ends, this process gets SIGTERM. Call this again after creating a user namespace, which clears
+/// the setting.
 void followParent(pid_t parent)
 {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
@@ -218,7 +219,7 @@ void followParent(pid_t parent)
         _exit(FAILED);
 }
 
-/// A new process that follows this one; 0 in that process.
+/// Starts a process that ends with this one. Returns 0 in the new process.
 pid_t startProcess()
 {
     const pid_t parent = getpid();
@@ -230,7 +231,7 @@ pid_t startProcess()
     return child;
 }
 
-/// Makes a started process into @p command.
+/// Replaces this process with @p command.
 [[noreturn]] void become(const std::vector<std::string>& command)
 {
     std::vector<char*> arguments;
@@ -249,7 +250,7 @@ int exitStatus(int status)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-/// Waits for the simulator to end, of which nothing else was expected.
+/// Waits for the simulator to end. If an option was wrong, ends this program, too.
 void waitForFailure(pid_t simulator)
 {
     int status = 0;
@@ -258,7 +259,7 @@ void waitForFailure(pid_t simulator)
         std::exit(USAGE_ERROR);
 }
 
-/// Lets the simulator complain of its options where it would not be started.
+/// Runs the simulator only to check its options. Used when there are no devices.
 void checkSimulatorOptions(const std::vector<std::string>& options)
 {
     const pid_t simulator = startProcess();
@@ -272,7 +273,7 @@ void checkSimulatorOptions(const std::vector<std::string>& options)
     waitForFailure(simulator);
 }
 
-/// Starts the simulator on the device side. Returns once its devices are on.
+/// Starts the simulator on the device side. Returns when its devices are running.
 pid_t startSimulator(PrivateNetwork& network, const Settings& settings)
 {
     int ready[2];
@@ -291,8 +292,8 @@ pid_t startSimulator(PrivateNetwork& network, const Settings& settings)
     const pid_t simulator = startProcess();
     if (simulator == 0) {
         network.enter(PrivateNetwork::DeviceSide);
-        // A key press that interrupts the command must not end its devices first. Outside the terminal's
-        // foreground, what they print could stop them.
+        // Ctrl+C must not end the devices before the command, so they are not in its process group. A process
+        // in the background gets SIGTTOU when it prints, and would stop.
         setpgid(0, 0);
         std::signal(SIGTTOU, SIG_IGN);
         fcntl(ready[1], F_SETFD, 0);
@@ -310,7 +311,7 @@ pid_t startSimulator(PrivateNetwork& network, const Settings& settings)
     throw std::runtime_error("the simulator did not start");
 }
 
-/// Waits for @p command to end, or for @p parent, and passes on to @p command the signals that this process gets.
+/// Waits until @p command or @p parent ends. Passes the signals that this process gets on to @p command.
 int waitFor(pid_t command, pid_t simulator, pid_t parent)
 {
     const sigset_t signals = watchedSignals();
@@ -327,7 +328,7 @@ int waitFor(pid_t command, pid_t simulator, pid_t parent)
         const int number = sigwaitinfo(&signals, &information);
         if (getppid() != parent)
             return FAILED;
-        // From the terminal the command has it already, like everything in the foreground.
+        // A signal from the terminal goes to all processes in the foreground, so the command has it already.
         if (number > 0 && number != SIGCHLD && information.si_code <= 0)
             kill(command, number);
     }
@@ -341,7 +342,7 @@ std::vector<pid_t> children()
         std::ifstream file("/proc/" + std::string(entry->d_name) + "/stat");
         std::string text;
         std::getline(file, text, '\0');
-        // The name of the program, in parentheses, may have anything in it.
+        // The name of the program, in parentheses, may contain any character.
         const size_t nameEnd = text.rfind(')');
         char state = 0;
         pid_t parent = 0;
@@ -354,7 +355,7 @@ std::vector<pid_t> children()
     return result;
 }
 
-/// Ends what COMMAND has left, and the simulator: lets them say goodbye, though not for ever.
+/// Ends the simulator and the processes that COMMAND left running: with SIGTERM, and after PATIENCE with SIGKILL.
 void endChildren()
 {
     sigset_t childEnded;
@@ -379,7 +380,7 @@ void endChildren()
     }
 }
 
-/// Makes the network and runs COMMAND in it, with the signals blocked that were before.
+/// Creates the network and runs COMMAND in it. COMMAND blocks the signals in @p blocked.
 int runCommand(const Settings& settings, const sigset_t& blocked, pid_t parent)
 {
     if (settings.devices == 0 && !settings.simulatorOptions.empty())
@@ -392,7 +393,7 @@ int runCommand(const Settings& settings, const sigset_t& blocked, pid_t parent)
     }
     const pid_t simulator = settings.devices > 0 ? startSimulator(network, settings) : 0;
 
-    // Until here a signal ends this process and with it the simulator; from here on it is the command's.
+    // Before this line, a signal ends this process and the simulator. After it, signals go to the command.
     const sigset_t signals = watchedSignals();
     sigprocmask(SIG_BLOCK, &signals, nullptr);
     const pid_t command = startProcess();
@@ -409,7 +410,8 @@ int runCommand(const Settings& settings, const sigset_t& blocked, pid_t parent)
 int main(int argc, char* argv[])
 {
     openStandardDescriptors();
-    // Some starters leave it ignored; then nobody learns how a child has ended.
+    // If the parent process ignored SIGCHLD, so does this one. Then waitpid() does not return the status of a
+    // child.
     std::signal(SIGCHLD, SIG_DFL);
     const Settings settings = readSettings(std::vector<std::string>(argv + 1, argv + argc));
 
@@ -419,7 +421,7 @@ int main(int argc, char* argv[])
     sigprocmask(SIG_BLOCK, &signals, &blocked);
     int status = FAILED;
     try {
-        // Two processes, each of which cleans up when the other is killed.
+        // There are two processes. If one is killed, the other cleans up.
         const pid_t keeper = startProcess();
         prctl(PR_SET_CHILD_SUBREAPER, 1);
         if (keeper == 0) {

@@ -37,42 +37,48 @@ void addOptions(QCommandLineParser& parser)
 {
     parser.setApplicationDescription(
         QStringLiteral("Simulates the maker's devices: answers searches, serves descriptions, sends\n"
-                       "events. Runs on addresses that this host has; 'ssdp-lab' gives it a private\n"
-                       "network of its own. Ends on SIGINT: the devices say byebye and a line tells\n"
-                       "what they saw.\n"
+                       "events. The addresses of the devices must be addresses of this host; 'ssdp-lab'\n"
+                       "runs the program in a private network. On SIGINT, the program sends ssdp:byebye\n"
+                       "for every device, prints a summary and ends.\n"
                        "\n"
-                       "Exit status: 0 after SIGINT or --exit-after, 1 when an address or a port cannot\n"
-                       "be used, 2 for a wrong option, 4 when the output cannot be written, 141 when\n"
-                       "nobody reads it any more."));
+                       "Exit status: 0 after SIGINT or --exit-after, 1 if an address or a port cannot\n"
+                       "be used, 2 if an option is wrong, 4 if the output cannot be written, 141 if the\n"
+                       "reader of the output has ended."));
     const auto add = [&parser](const char* name, const char* value, const char* standard,
                                const char* description) {
         parser.addOption(QCommandLineOption(QString::fromLatin1(name), QString::fromLatin1(description),
                                             QString::fromLatin1(value), QString::fromLatin1(standard)));
     };
-    add("devices", "N", "1", "How many devices, at consecutive addresses (1).");
+    add("devices", "N", "1", "The number of devices, at consecutive addresses (1).");
     add("first-address", "ADDRESS", "10.77.1.1",
-        "The first one's address (10.77.1.1). Given again: N more devices from that one on.");
-    add("port", "PORT", "49152", "Their HTTP port (49152).");
-    add("function-code", "CODE", "1", "Their function code (1).");
-    add("univocal-code", "CODE", "1", "The first one's univocal code (1), the others count up.");
-    add("variables", "NAMES", "KO", "The state variables of the key-object service, as in KO,A,B (KO).");
-    add("services", "N", "1", "How many services a device lists (1); the last is the key-object service.");
-    add("event-gap", "MS", "50", "Pause between head and body of an event (50); 0 sends both in one write.");
+        "The address of the first device (10.77.1.1). If repeated, each use adds N devices.");
+    add("port", "PORT", "49152", "The port of the devices' HTTP servers (49152).");
+    add("function-code", "CODE", "1", "The function code of all devices (1).");
+    add("univocal-code", "CODE", "1",
+        "The univocal code of the first device (1). Each further device has the next number.");
+    add("variables", "NAMES", "KO", "The state variables of the key-object service, such as KO,A,B (KO).");
+    add("services", "N", "1",
+        "The number of services of each device (1). The last one is the key-object service.");
+    add("event-gap", "MS", "50",
+        "The pause between head and body of an event (50). With 0, both are sent in one write.");
     parser.addOption(
         {QStringLiteral("event-tail"),
-         QStringLiteral("Ends an event with a CRLF that its length counts too, one more pause later.")});
-    add("response-delay", "MIN-MAX", "", "Answers a search after that many milliseconds (within its MX).");
-    add("seed", "NUMBER", "1", "Makes the delays repeatable (1).");
-    add("announce-every", "MS", "0", "Announces the devices again and again (0: at the start only).");
-    add("event-every", "MS", "0", "Sends events again and again (0: the initial one only).");
+         QStringLiteral(
+             "After the body and another pause, sends a CRLF that is included in the event's length.")});
+    add("response-delay", "MIN-MAX", "",
+        "Answers a search after a random delay between these values (0 to its MX).");
+    add("seed", "NUMBER", "1", "Makes the random delays repeatable (1).");
+    add("announce-every", "MS", "0", "Announces the devices at this interval (0: only at the start).");
+    add("event-every", "MS", "0", "Sends events at this interval (0: only the initial event).");
     add("fault", "FAULT", "",
-        "NAME or NAME=VALUE for all devices, 2:NAME=VALUE for the second only. May be given again.");
-    parser.addOption({QStringLiteral("list-faults"), QStringLiteral("Explains every fault and exits.")});
-    parser.addOption({QStringLiteral("trace"), QStringLiteral("Prints every message in and out.")});
-    parser.addOption({QStringLiteral("json"), QStringLiteral("Prints a JSON object a line instead of text.")});
-    parser.addOption({QStringLiteral("quiet"), QStringLiteral("Prints neither the first line nor the last.")});
-    add("ready-fd", "DESCRIPTOR", "", "Writes a line to that descriptor, and closes it, once all devices are on.");
-    add("exit-after", "MS", "0", "Ends as on SIGINT after that time (0: never).");
+        "NAME or NAME=VALUE for all devices, 2:NAME=VALUE for only the second. Can be repeated.");
+    parser.addOption({QStringLiteral("list-faults"), QStringLiteral("Lists and explains all faults.")});
+    parser.addOption({QStringLiteral("trace"), QStringLiteral("Prints every message that is sent or received.")});
+    parser.addOption({QStringLiteral("json"), QStringLiteral("Prints one JSON object per line instead of text.")});
+    parser.addOption({QStringLiteral("quiet"), QStringLiteral("Prints neither the first nor the last line.")});
+    add("ready-fd", "DESCRIPTOR", "",
+        "When all devices are running, writes a line to this descriptor and closes it.");
+    add("exit-after", "MS", "0", "Ends after this time, as on SIGINT (0: never).");
 }
 
 void listFaults()
@@ -104,7 +110,7 @@ void setVariables(DeviceOptions& options, const QString& text)
     options.variables = text.split(QLatin1Char(','));
     for (const QString& name : std::as_const(options.variables)) {
         if (!form.match(name).hasMatch())
-            failUsage(QStringLiteral("'%1' is no name of a state variable").arg(name));
+            failUsage(QStringLiteral("'%1' is not the name of a state variable").arg(name));
     }
 }
 
@@ -168,7 +174,7 @@ Settings readSettings(const QCommandLineParser& parser)
     return settings;
 }
 
-/// One line as it can be read, whatever bytes are in it.
+/// Returns @p line as printable text, without carriage returns. Other bytes are shown as \xNN.
 QString readable(const QByteArray& line)
 {
     QString result;
@@ -263,7 +269,7 @@ public:
 private:
     void closeReadyDescriptor() const
     {
-        // A standard descriptor stays open, or the next socket would become it.
+        // If a standard descriptor were closed, the next socket would get its number.
         const int nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
         if (settings.readyDescriptor > STDERR_FILENO)
             close(settings.readyDescriptor);
@@ -279,7 +285,7 @@ private:
                    {QStringLiteral("device"), device},
                    {QStringLiteral("direction"), sent ? QStringLiteral("out") : QStringLiteral("in")},
                    {QStringLiteral("peer"), peer},
-                   // With its length: Qt 5 ends a byte array's text at the zero byte that a port can put there.
+                   // HOST may contain a zero byte. Without the length, Qt 5 ends the text there.
                    {QStringLiteral("text"), QString::fromLatin1(text.constData(), text.size())}});
             return;
         }
@@ -300,7 +306,7 @@ private:
     std::vector<std::unique_ptr<SimulatedDevice>> devices;
 };
 
-/// A device takes a descriptor, and one more for every connection.
+/// Raises the limit of descriptors. A device needs one, and one more for every connection.
 void allowDescriptors()
 {
     rlimit limit = {};

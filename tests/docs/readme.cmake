@@ -1,4 +1,4 @@
-# The README shows the minimal example as it stands in the tree, where it is built and run.
+# The README must show the files of the minimal example exactly. Another test builds and runs them.
 file(READ ${SOURCE}/README.md readme)
 foreach(name IN ITEMS main.cpp CMakeLists.txt minimal.pro)
   file(READ ${SOURCE}/examples/minimal/${name} text)

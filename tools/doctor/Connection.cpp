@@ -99,7 +99,7 @@ void Connection::onWritable()
         if (written > 0)
             unsent.remove(0, static_cast<int>(written));
         else if (errno != EAGAIN)
-            unsent.clear(); // the reader finds out why
+            unsent.clear(); // onReadable() reports the error
     }
     writer->setEnabled(!unsent.isEmpty());
 }

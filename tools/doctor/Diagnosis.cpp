@@ -21,7 +21,7 @@ namespace Protocol = SSDP::Protocol;
 
 namespace {
 
-// A device has to pause between head and body; less is a matter of luck.
+// In milliseconds. After a shorter pause between head and body, the library may read both together.
 const int SUFFICIENT_GAP = 5;
 
 Finding finding(const char* id, const QString& evidence = QString())
@@ -29,7 +29,7 @@ Finding finding(const char* id, const QString& evidence = QString())
     return {QByteArray(id), evidence};
 }
 
-/// As "description.slow".
+/// The identifier is, for example, "description.slow".
 Finding finding(const char* stage, const char* what, const QString& evidence = QString())
 {
     return {QByteArray(stage) + '.' + what, evidence};
@@ -50,13 +50,13 @@ bool hasPrefix(const QString& tagName)
     return tagName.contains(QLatin1Char(':'));
 }
 
-/// Everything up to the last colon: a service type without its version.
+/// Returns the text before the last colon: a service type without its version.
 QString withoutVersion(const QString& type)
 {
     return type.left(type.lastIndexOf(QLatin1Char(':')));
 }
 
-/// How @p type misses the type of the key-object service; empty if it is another type.
+/// Returns the finding of a type that is almost the type of the key-object service. Empty for any other type.
 QByteArray missOf(const QString& type)
 {
     const QString wanted = keyObjectType();
@@ -92,7 +92,7 @@ QString lengths(const DocumentSeen& document)
         .arg(document.body.size() + document.excess);
 }
 
-/// How the exchange went wrong. The library reads the body all the same, so this alone decides nothing.
+/// Returns what was wrong with the exchange. The library may read the body all the same.
 QList<Finding> judgeExchange(const char* stage, const DocumentSeen& document)
 {
     switch (document.ending) {
@@ -129,7 +129,8 @@ QList<Finding> judgeExchange(const char* stage, const DocumentSeen& document)
     return result;
 }
 
-/// Why @p text is no document whose root is @p root with a namespace that begins with @p xmlns.
+/// Returns why the library does not read @p text. The root element must be @p root, and its namespace must begin
+/// with @p xmlns.
 Finding judgeText(const char* stage, const QString& text, const char* root, const char* xmlns)
 {
     if (!SSDP::isWithinXmlBounds(text))
@@ -159,10 +160,10 @@ Finding judgeText(const char* stage, const QString& text, const char* root, cons
                        : QStringLiteral("xmlns=\"%1\", not %2...").arg(readable(declared), QLatin1String(xmlns)));
 }
 
-/// Reads @p document into @p dom. Returns whether it is what the library takes for @p kind.
+/// Reads @p document into @p dom. Returns whether the library reads it as a document of @p kind.
 bool read(const DocumentSeen& document, Documents::Kind kind, QDomDocument& dom)
 {
-    // What came is handed on however the reply ended, except when nothing was kept of it.
+    // With these endings, the library reads nothing. After any other ending, it reads the received part.
     if (document.ending == Ending::OutOfBounds || document.ending == Ending::Malformed
         || document.ending == Ending::Unfinished)
         return false;
@@ -175,7 +176,7 @@ Finding judgeUnread(const char* stage, const DocumentSeen& document, const char*
     return exchange.isEmpty() ? judgeText(stage, textUpToZero(document.body), root, xmlns) : exchange.constFirst();
 }
 
-/// The next element in the order of the document, below @p root; null after the last one.
+/// Returns the next element below @p root, in document order. Null after the last one.
 QDomElement following(const QDomElement& element, const QDomElement& root)
 {
     const QDomElement child = element.firstChildElement();
@@ -189,7 +190,7 @@ QDomElement following(const QDomElement& element, const QDomElement& root)
     return QDomElement();
 }
 
-/// The first element below @p root that has a prefix and one of @p names; null if there is none.
+/// Returns the first element below @p root that has a prefix and one of @p names. Null if there is none.
 QDomElement firstPrefixed(const QDomElement& root, const QStringList& names)
 {
     for (QDomElement it = following(root, root); !it.isNull(); it = following(it, root)) {
@@ -199,7 +200,7 @@ QDomElement firstPrefixed(const QDomElement& root, const QStringList& names)
     return QDomElement();
 }
 
-/// Why the device description has no service of the right type where the library looks for it.
+/// Returns why the library finds no key-object service in the device description.
 Finding judgeServices(const QDomDocument& dom, const QList<Documents::Service>& services)
 {
     QStringList types;
@@ -238,7 +239,7 @@ bool isWholeUrl(const QString& url)
     return url.contains(QLatin1String("://"));
 }
 
-/// Where the head of an event ends in @p bytes, its empty line included; -1 if it does not.
+/// Returns the size of the head of an event, with its empty line. -1 if there is no empty line.
 qsizetype headEnd(const QByteArray& bytes)
 {
     const qsizetype standard = bytes.indexOf("\r\n\r\n");
@@ -248,14 +249,14 @@ qsizetype headEnd(const QByteArray& bytes)
     return plain == -1 ? standard + 4 : qMin(standard + 4, plain + 2);
 }
 
-/// What the library reads of an event: the first segment is the head, and the rest the body.
+/// What the library reads of an event: the head from the first segment, and the body from the others.
 struct EventReading
 {
     bool hasLength = false;
     int length = 0;
-    QByteArray body; ///< Up to where the library takes it for complete.
-    qint64 sent = 0; ///< How much of a body came, with the head or after it.
-    qint64 withHead = 0; ///< How much of it came with the head.
+    QByteArray body; ///< Ends where the library treats it as complete.
+    qint64 sent = 0; ///< How many bytes of the body came, with the head or after it.
+    qint64 withHead = 0; ///< How many of them came with the head.
     bool isComplete = false;
 };
 
@@ -315,7 +316,7 @@ Finding judgeEventText(const QString& text)
                                    : QStringLiteral("only ") + readable(names.join(QStringLiteral(", "))));
 }
 
-/// The first key object that the library takes from the body.
+/// Returns whether the library reads a key object from the body.
 bool hasKeyObject(const QByteArray& body)
 {
     QDomDocument document;
@@ -348,7 +349,7 @@ QList<Finding> judgeService(const ServiceSeen& service)
         return result;
 
     if (service.events.isEmpty()) {
-        // A refused subscription has no event, so that is what is wrong.
+        // If the subscription was refused, that explains why there is no event.
         if (service.subscription.status / 100 == 2)
             result << finding("event.none");
         return result;
@@ -357,7 +358,7 @@ QList<Finding> judgeService(const ServiceSeen& service)
     return result + judgeEvent(good == service.events.cend() ? service.events.constFirst() : *good);
 }
 
-/// Findings that leave the device found as a rule, so they explain nothing while there is another.
+/// Devices with these findings are usually found. So if there is another finding, that one is the explanation.
 bool isHarmless(const Finding& finding)
 {
     static const QList<QByteArray> ids = {"search.duplicates",   "search.after-mx",       "search.announces-only",
@@ -367,7 +368,7 @@ bool isHarmless(const Finding& finding)
     return ids.contains(finding.id);
 }
 
-/// Whether this process may have read together what the device had sent apart.
+/// Returns whether this process may have read two segments together that the device sent separately.
 bool mayBeOurDelay(const Finding& finding, const DeviceSeen& device)
 {
     if (finding.id != "event.one-segment" && finding.id != "event.no-body" && finding.id != "event.short-gap")
@@ -378,7 +379,7 @@ bool mayBeOurDelay(const Finding& finding, const DeviceSeen& device)
     });
 }
 
-/// Which stage took the longest, when all of them together took longer than the host waits.
+/// If all stages together took longer than the time-out, returns the finding of the longest stage.
 Finding judgeTime(const DeviceSeen& device, int timeout)
 {
     struct Part
@@ -514,14 +515,14 @@ QList<Finding> judgeEvent(const EventSeen& event)
         result << finding("event.short-gap", QStringLiteral("%1 ms").arg(gap));
     if (hasKeyObject(reading.body))
         return result;
-    // Cut, either by the length or by a part that came with the head, it is no XML any more.
+    // If the length is too small or a part came with the head, the body is incomplete and not well-formed.
     if (reading.withHead > 0) {
         result.prepend(
             finding("event.one-segment", QStringLiteral("%1 bytes with the head").arg(reading.withHead)));
     } else {
         const Finding text = judgeEventText(textUpToZero(reading.body));
         const bool isCut = text.id == "event.not-xml" && reading.sent > reading.body.size();
-        // The missing or short length is the cause then.
+        // In this case, the missing or too small length is the cause.
         if (!isCut)
             result.prepend(text);
         else if (!reading.hasLength)
@@ -548,7 +549,7 @@ QList<Finding> judgeSearch(const DeviceSeen& device, int timeout)
     const bool isSender = address == device.sender;
 
     if (search.answerDelay == -1 && search.announced == -1) {
-        // The library has not heard of it.
+        // The library received no message of the device.
         if (search.standardDelay != -1)
             result << finding("search.crlf-only",
                               QStringLiteral("answered after ") + seconds(search.standardDelay));

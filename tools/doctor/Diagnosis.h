@@ -20,7 +20,7 @@ struct Reading
     QStringList variables; ///< The state variables in a service description.
 };
 
-/// Returns whether @p location is an http URL with a host. Then sets @p address and @p port. If the host is a
+/// Returns whether @p location is an http URL with a host. If so, sets @p address and @p port. If the host is a
 /// name, @p address is null.
 bool isUsableLocation(const QString& location, QHostAddress* address, quint16* port);
 

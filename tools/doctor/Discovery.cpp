@@ -73,7 +73,7 @@ bool Discovery::hasPort() const
 
 void Discovery::watch(SsdpManager* manager)
 {
-    // The controller is connected first, so its report has come when the device is known.
+    // The slot of Ssdp was connected first. So it has already reported the codes when this slot gets the device.
     connect(manager, &SsdpManager::valueChanged, this, [this](const SsdpDevice* device) {
         if (hasReport)
             Q_EMIT found(device->location, device->address, functionCode, univocalCode);
@@ -86,7 +86,7 @@ void Discovery::watch(SsdpManager* manager)
     for (QUdpSocket* const socket : sockets) {
         const bool isListener = qobject_cast<MulticastSocket*>(socket) != nullptr;
         isBound = isBound && (!isListener || socket->state() == QAbstractSocket::BoundState);
-        // Without the group, the library searches from no address in particular.
+        // If the library cannot join the group, it does not bind this socket to a local address.
         if (!isListener && socket->localAddress() != QHostAddress(QHostAddress::AnyIPv4)
             && socket->localAddress() != QHostAddress(QHostAddress::Any)) {
             address = socket->localAddress();
@@ -101,7 +101,8 @@ void Discovery::watch(SsdpManager* manager)
 
 void Discovery::watchDatagrams(SsdpManager* manager, QUdpSocket* socket, bool isListener)
 {
-    // Slots run in the order in which they were connected, and the library's takes the datagram.
+    // Slots run in the order in which they were connected. The slot of the library removes the datagram, so it
+    // must run last.
     const char* const slot = isListener ? SLOT(onMulticastMessageReceived()) : SLOT(onUnicastMessageReceived());
     disconnect(socket, SIGNAL(readyRead()), manager, slot);
     connect(socket, &QUdpSocket::readyRead, this, [this, socket, isListener] { peek(socket, isListener); });
@@ -127,7 +128,7 @@ void Discovery::peek(const QUdpSocket* socket, bool isListener)
 bool Discovery::eventFilter(QObject* object, QEvent* event)
 {
     if (event->type() == QEvent::ChildAdded) {
-        // The child is still being made: what it is can be seen once the library is done with it.
+        // The constructor of the child still runs, so its class is not known yet.
         if (newChildren.isEmpty())
             QMetaObject::invokeMethod(this, &Discovery::watchNewSockets, Qt::QueuedConnection);
         newChildren.append({static_cast<SsdpManager*>(object), static_cast<QChildEvent*>(event)->child()});

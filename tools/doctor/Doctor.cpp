@@ -19,11 +19,11 @@ namespace Protocol = SSDP::Protocol;
 
 namespace {
 
-// After the library's search, so that no device has to answer two at once.
+// In milliseconds after the library's search, so that no device must answer two searches at once.
 const int STANDARD_SEARCH_AFTER = 1000;
 const int NAMED_SEARCH_AFTER = 1500;
 
-// Long enough for an answer to each of the searches, and to see one that comes later than MX.
+// Long enough for answers to every search, even if they come later than MX.
 const int SHORTEST_DISCOVERY = Protocol::MX * 1000 + 2000;
 
 const int LONGEST_STEP = 10 * 1000;
@@ -83,7 +83,7 @@ void Doctor::start()
         if (!server || !server->isListening())
             continue;
         address.eventPort = server->serverPort();
-        // From the host to itself: what drops this drops the events of devices too.
+        // A firewall that drops this connection of the host to itself also drops the events of devices.
         auto* const probe = Connection::open(server->serverAddress(), server->serverPort(), this);
         connect(probe, &Connection::connected, this, [this, i, probe] {
             hostSeen.addresses[i].isEventPortOpen = true;
@@ -134,7 +134,7 @@ DeviceSeen* Doctor::deviceOf(const QString& location, const QHostAddress& sender
 {
     if (!isWanted(location, sender))
         return nullptr;
-    // As the library has it, a location is a device.
+    // Each location is one device, as in the library.
     const QString key = location.isEmpty() ? sender.toString() : location;
     if (DeviceSeen* const known = byKey.value(key))
         return known;
@@ -220,7 +220,7 @@ void Doctor::searchAsOthersDo()
     QSet<QString> interfaces;
     for (const AddressSeen& address : std::as_const(hostSeen.addresses)) {
         QUdpSocket* const socket = searchSockets.value(address.address.toIPv4Address());
-        // A device hears the library once for every address, but this once for every interface.
+        // The library sends a search from every address. This search is sent only once from every interface.
         if (!socket || interfaces.contains(address.interface))
             continue;
         interfaces.insert(address.interface);
@@ -243,7 +243,7 @@ void Doctor::searchNamed()
         if (isHeard || unicastTargets.contains(target.toIPv4Address()))
             continue;
         unicastTargets.insert(target.toIPv4Address());
-        // Behind a router, the system chooses the address.
+        // If the target is in no local network, the system chooses the local address.
         const QHostAddress from =
             local == hostSeen.addresses.cend() ? QHostAddress(QHostAddress::AnyIPv4) : local->address;
         QUdpSocket* const socket = openSearchSocket(from, true);
@@ -310,7 +310,8 @@ void Doctor::onTimeout()
     finishIfDone();
 }
 
-/// Examines @p device, unless what is known of it says it all, or it would be to ask a stranger.
+/// Examines @p device if it was heard in time and has a usable location. The host in the location must have sent a
+/// message or be named on the command line, because nothing is sent to other hosts.
 void Doctor::request(DeviceSeen& device)
 {
     QHostAddress address;

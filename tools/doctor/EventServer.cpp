@@ -16,7 +16,7 @@ namespace {
 
 const int BEAT = 2;
 const int TOLERANCE = 4;
-// For what comes after the announced length.
+// How long to wait for bytes after the announced length, in milliseconds.
 const int LINGER = 150;
 
 const int MAX_CONNECTIONS = 256;

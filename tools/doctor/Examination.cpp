@@ -15,12 +15,12 @@ namespace Protocol = SSDP::Protocol;
 
 namespace {
 
-// More would be a flood, for the device and for the report.
+// More services would mean too many requests for the device, and too long a report.
 const int MAX_SERVICES = 3;
 
 const int LONGEST_SECOND_THOUGHT = 500;
 
-/// @p subscription as other control points write it.
+/// Returns @p subscription in the form of other control points: with CR LF and a decimal port.
 QByteArray standardForm(const QByteArray& subscription, const QHostAddress& address, quint16 port)
 {
     QList<QByteArray> lines = subscription.split('\n');
@@ -107,7 +107,7 @@ void Examination::subscribe()
 {
     identifier = QUuid::createUuid();
     service().libraryStatus = device.libraryStatus;
-    // Only one more is due to the device. The library's tells which form is worth trying.
+    // The device gets only one more SUBSCRIBE. If it refused the library's, this one has the other form.
     const bool isRefused = device.found == -1 && device.libraryStatus != -1 && device.libraryStatus / 100 != 2;
     service().subscription.isStandard = isRefused;
     QByteArray message = Protocol::subscribeMessage(service().eventUrl, device.location,
@@ -151,7 +151,7 @@ void Examination::onArrived(const QUuid& path, const QHostAddress& sender, const
     service().events.append(seen);
     if (service().subscription.ending == Ending::NotTried)
         return;
-    // After one to a wrong path, the right one may still come.
+    // After an event with a wrong path, one with the right path may still come.
     if (seen.isForSubscription)
         endEvents();
     else

@@ -31,7 +31,7 @@ namespace {
 const int LONGEST_LISTING = 3000;
 const int MAX_RULES = 1024 * 1024;
 
-/// The text of the attribute @p wanted in the @p length bytes from @p first; empty if it is not there.
+/// Returns the attribute @p wanted in the @p length bytes from @p first. Null if there is none.
 const rtattr* attribute(const rtattr* first, int length, int wanted)
 {
     for (const rtattr* it = first; RTA_OK(it, length); it = RTA_NEXT(it, length)) {
@@ -41,7 +41,7 @@ const rtattr* attribute(const rtattr* first, int length, int wanted)
     return nullptr;
 }
 
-/// What the kernel calls the kinds of the interfaces, by their numbers. Those of real hardware have none.
+/// Returns the kernel's names of the kinds of interfaces, by interface index. Real hardware has no kind.
 QHash<int, QString> linkKinds()
 {
     QHash<int, QString> result;
@@ -82,12 +82,12 @@ QHash<int, QString> linkKinds()
     return result;
 }
 
-/// Why the group cannot be joined on the interface of @p address; empty if it can.
+/// Returns why the group cannot be joined on the interface of @p address. Empty if it can.
 QString groupErrorOf(const QHostAddress& address)
 {
     SSDP::MulticastSocket socket;
     if (!socket.bind(Protocol::SSDP_PORT))
-        return QString(); // The port is what is wrong then.
+        return QString(); // This is a failure of the port, not of the group.
     if (socket.joinMulticastGroup(QHostAddress(QString::fromLatin1(Protocol::GROUP_ADDRESS)), address))
         return QString();
     return QString::fromLocal8Bit(std::strerror(errno));
@@ -99,7 +99,8 @@ QByteArray contentOf(const QString& name)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-/// The programs that hold one of the sockets, as in "avahi-daemon (712)", as far as this user may see them.
+/// Returns the programs that have one of the sockets, such as "avahi-daemon (712)". A user may not see all of
+/// them.
 QStringList holdersOf(const QList<QByteArray>& inodes)
 {
     QStringList result;
@@ -125,7 +126,7 @@ QStringList holdersOf(const QList<QByteArray>& inodes)
     return result;
 }
 
-/// Whether @p text, the number or the range of numbers in a rule, has @p port.
+/// Returns whether @p text, the ports in a rule, contains @p port. It may contain lists and ranges.
 bool hasPort(const QString& text, quint16 port)
 {
     static const QRegularExpression separator(QStringLiteral("[,{} ]+"));
@@ -137,15 +138,15 @@ bool hasPort(const QString& text, quint16 port)
     });
 }
 
-/// One rule of an input chain, as far as it is understood.
+/// The part of a rule of an input chain that the program understands.
 struct Rule
 {
     QString text;
-    QString protocol; ///< "udp", "tcp", or empty for every one.
-    QString ports; ///< Of the destination; empty for every one.
+    QString protocol; ///< "udp" or "tcp". Empty: every protocol.
+    QString ports; ///< The destination ports. Empty: every port.
     bool accepts;
     bool drops;
-    bool isNarrow; ///< It has conditions besides, so it may not apply.
+    bool isNarrow; ///< Whether it has other conditions, so it may not apply.
 };
 
 const QRegularExpression& portForm()
@@ -174,10 +175,10 @@ Rule ruleOf(const QString& text)
     return rule;
 }
 
-/// A chain that what comes in has to pass.
+/// A chain of rules for incoming packets.
 struct Chain
 {
-    QString policy; ///< The line that says that the rest is dropped; empty if it is accepted.
+    QString policy; ///< The line that drops all other packets. Empty if they are accepted.
     QList<Rule> rules;
 };
 
@@ -217,7 +218,7 @@ QList<Chain> chainsOfIptables(const QStringList& lines)
     return {chain};
 }
 
-/// The rule or policy of @p chain that drops what comes to @p port; empty if none is seen to.
+/// Returns the rule or policy of @p chain that drops packets to @p port. Empty if none is known to drop them.
 QString dropOf(const Chain& chain, const QString& protocol, quint16 port)
 {
     for (const Rule& rule : chain.rules) {
@@ -225,7 +226,8 @@ QString dropOf(const Chain& chain, const QString& protocol, quint16 port)
             && (rule.ports.isEmpty() || hasPort(rule.ports, port));
         if (!concerns)
             continue;
-        // A condition that is not understood may let a device through, so nobody is accused.
+        // If a rule with other conditions accepts the port, it may accept the packets of the device. Then no rule
+        // is reported.
         if (rule.accepts && (!rule.isNarrow || !rule.ports.isEmpty()))
             return QString();
         if (rule.drops && !rule.isNarrow)
@@ -266,7 +268,7 @@ QString kindOfInterface(const QString& name, const QString& kind)
         {"xfrm", "tunnel"},      {"vxlan", "tunnel"},       {"geneve", "tunnel"},    {"ppp", "tunnel"},
         {"ip6tnl", "tunnel"},    {"dummy", "no network"},   {"ifb", "no network"},
     };
-    // Their bridges are named so by the programs that run containers and virtual machines.
+    // Programs that run containers and virtual machines give these names to their bridges.
     static const QRegularExpression containerName(
         QStringLiteral("^(docker|br-[0-9a-f]{12}|podman|cni|lxc|lxd|virbr|veth)"));
     if (containerName.match(name).hasMatch())
@@ -319,7 +321,7 @@ HostSeen lookAtHost(const QList<QHostAddress>& searched, const QList<quint16>& p
     host.hasPort = hasPort;
     const QHash<int, QString> kinds = linkKinds();
     const QList<QNetworkInterface> interfaces = QNetworkInterface::allInterfaces();
-    // The order of the library, which Ssdp::discover() describes.
+    // In the order of the library: from the last interface to the first.
     for (auto it = interfaces.crbegin(); it != interfaces.crend(); ++it) {
         if (!it->flags().testFlag(QNetworkInterface::IsUp) || it->flags().testFlag(QNetworkInterface::IsLoopBack))
             continue;

@@ -25,7 +25,7 @@ public:
     {
     }
 
-    /// A line that begins with @p label in @p colour.
+    /// Adds a line that begins with @p label in @p colour.
     void head(const char* label, Terminal::Colour colour, const QString& text)
     {
         const QString shown = QString::fromLatin1(label).leftJustified(LABEL_WIDTH);
@@ -35,7 +35,7 @@ public:
             result += QString(indent, QLatin1Char(' ')) + line + QLatin1Char('\n');
     }
 
-    /// Below a head.
+    /// Adds text below a head.
     void body(const QString& text) { add(text, indent); }
     void line(const QString& text) { add(text, 0); }
     void space() { result += QLatin1Char('\n'); }
@@ -50,7 +50,7 @@ private:
             result += QString(margin, QLatin1Char(' ')) + line + QLatin1Char('\n');
     }
 
-    /// The first line has @p margin characters less; the others have the indent.
+    /// Breaks @p text into lines. The first line is shorter by @p margin characters, the others by the indent.
     QStringList broken(const QString& text, int margin) const
     {
         const auto room = [this](int used) { return qMax(10, style.width - used); };
@@ -65,7 +65,7 @@ private:
                 lines << QString();
                 width = room(qMin(margin, indent));
             }
-            // Longer than a line, as a URL may be.
+            // A word may be longer than a line, for example a URL.
             while (lines.last().isEmpty() && word.size() > width) {
                 lines.last() = word.left(width);
                 word.remove(0, width);
@@ -145,7 +145,7 @@ QString describe(const AddressSeen& address)
     return text + QLatin1Char(')');
 }
 
-/// Whether everything that answered was found, so that the host explains nothing.
+/// Returns whether every device that answered was found. Then mistakes of the host explain nothing.
 bool isAllFound(const Results& results)
 {
     return results.hasAnswers() && results.count(Diagnosed::NotFound) == 0;

@@ -109,7 +109,7 @@ void Request::finish(Ending how)
     end = how;
     patience.stop();
     linger.stop();
-    // It may be inside a signal of its own.
+    // The connection may be emitting a signal, so it must not be deleted here.
     connection->disconnect(this);
     connection->deleteLater();
     Q_EMIT finished();
