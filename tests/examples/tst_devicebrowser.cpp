@@ -148,7 +148,7 @@ private Q_SLOTS:
         QVERIFY(!searching.emptyState->isVisible());
         QVERIFY(searching.finished.wait());
         QVERIFY(searching.emptyState->isVisible());
-        QVERIFY(searching.emptyState->text().contains("UDP port 1900"));
+        QVERIFY(searching.emptyState->text().contains("UDP to port 1900"));
         QVERIFY(!searching.table->isVisible());
     }
 

@@ -213,7 +213,7 @@ private Q_SLOTS:
                   << "%1:%2"_s.arg(i / 2 + 1).arg(fault);
         }
         // A busy machine reads head and body of an event together if the gap is short.
-        const QString many = "--response-delay 0-300 --event-gap 100 --devices %1"_s;
+        const QString many = "--response-delay 0-300 --event-gap 300 --devices %1"_s;
         startBoth("pairs", words(many.arg(PAIRS + HARMLESS_PAIRS)) + pairs);
 
         // One is found, one is not, one is silent and named, one is silent and nobody's business.
