@@ -68,9 +68,7 @@ void WireTest::scriptDevice()
 {
     device->script("GET /desc.xml ", reply(deviceDescription()));
     device->script("GET /scpd.xml ", reply(serviceDescription()));
-    device->script("SUBSCRIBE ",
-                   "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n"
-                   "TIMEOUT: Second-120\r\nCONTENT-LENGTH: 0\r\n\r\n");
+    device->script("SUBSCRIBE ", subscriptionReply());
 }
 
 bool WireTest::beFound()

@@ -284,7 +284,7 @@ void describeADeviceAsAService(Attacker& attacker)
 {
     attacker.serveDocument("/scpd.xml", Attacker::deviceDescription(Attacker::keyObjectService()));
     attacker.sendLocation(Attacker::url("/d.xml"));
-    // Each asks for the next one, for as long as the discovery lasts.
+    // Each description makes the library request the next one, until the discovery ends.
     attacker.waitForRequests("GET /scpd.xml ", 1000);
     attacker.seen = "1,000 requests, one after the other";
 }

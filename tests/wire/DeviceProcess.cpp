@@ -1,14 +1,18 @@
 #include <tests/wire/DeviceProcess.h>
 
+#include <QtCore/QCoreApplication>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace Velmora {
 namespace Tests {
@@ -106,6 +110,36 @@ std::string DeviceProcess::readReport() const
     if (n <= 0)
         throw std::runtime_error("no report");
     return std::string(buffer, static_cast<size_t>(n));
+}
+
+int runSimulatedDevices(int count, const DeviceProcess& process,
+                        const std::function<void(int number, Simulator::DeviceOptions& options)>& change)
+{
+    int argc = 1;
+    char name[] = "devices";
+    char* argv[] = {name, nullptr};
+    QCoreApplication application(argc, argv);
+
+    Simulator::SsdpGroup group;
+    std::vector<std::unique_ptr<Simulator::SimulatedDevice>> devices;
+    for (int number = 1; number <= count; ++number) {
+        Simulator::DeviceOptions options;
+        options.address =
+            QHostAddress(QString::fromStdString(Simulator::PrivateNetwork::addressAfter("10.77.1.1", number - 1)));
+        options.functionCode = number;
+        options.variables = QStringList({"KO", "Other"});
+        options.responseDelayMax = 0;
+        // The library searches once, and a busy kernel may lose that datagram.
+        options.announceEvery = 500;
+        // A busy machine may read the head and the body together if the gap is shorter.
+        options.eventGap = 150;
+        change(number, options);
+        devices.push_back(std::make_unique<Simulator::SimulatedDevice>(&group, options));
+        if (!devices.back()->start())
+            return 1;
+    }
+    process.report("ready");
+    return QCoreApplication::exec();
 }
 
 int runAgainst(const DeviceProcess::Body& body, int addresses, const std::function<int(DeviceProcess&)>& test)

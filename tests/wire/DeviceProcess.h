@@ -2,6 +2,7 @@
 #define VELMORA_TESTS_WIRE_DEVICEPROCESS_H
 
 #include <simulator/PrivateNetwork.h>
+#include <simulator/SimulatedDevice.h>
 
 #include <functional>
 #include <string>
@@ -49,6 +50,11 @@ private:
     int commands[2] = {-1, -1};
     int reports[2] = {-1, -1};
 };
+
+/// Runs @p count simulated devices, the first at 10.77.1.1, and reports "ready". The function code of each is its
+/// number, counted from 1. @p change sets what is different in the device with that number.
+int runSimulatedDevices(int count, const DeviceProcess& process,
+                        const std::function<void(int number, Simulator::DeviceOptions& options)>& change);
 
 /// Runs @p test against @p body on the device side of a private network, where the devices have @p addresses
 /// from 10.77.1.1 on. Returns its status, or that of a skipped test where there can be no private network.

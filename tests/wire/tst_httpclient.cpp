@@ -71,8 +71,8 @@ void broken(const char* name, const QByteArray& reply, HttpTest::End end, const 
 
 } // namespace
 
-/// The library's HTTP client: what it sends, what it hands on, and what it leaves behind. How it reads a reply
-/// is in tests/unit/tst_httpreader.cpp.
+/// The requests and connections of the library's HTTP client. tests/unit/tst_httpreader.cpp tests how it reads
+/// replies.
 class HttpClientTest : public HttpTest
 {
     Q_OBJECT

@@ -19,7 +19,6 @@ using Velmora::SSDP::SsdpManager;
 
 namespace {
 
-const char FIRST_ADDRESS[] = "10.77.1.1";
 const int MAX_TEST_TIME = 60 * 60 * 1000;
 const char REFUSED[] = "1|Too few file descriptors are left; a connection was not opened";
 
@@ -30,37 +29,16 @@ enum Devices {
     TwentyDevices = 20,
 };
 
-/// The function code of each is its number, counted from 1.
-int runDevices(int number, const DeviceProcess& process)
+/// A device of many variables comes after a good one.
+int runLimitedDevices(int count, const DeviceProcess& process)
 {
-    int argc = 1;
-    char name[] = "devices";
-    char* argv[] = {name, nullptr};
-    QCoreApplication application(argc, argv);
-
-    SsdpGroup group;
-    std::vector<std::unique_ptr<SimulatedDevice>> devices;
-    for (int i = 0; i < number; ++i) {
-        DeviceOptions options;
-        options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
-        options.functionCode = i + 1;
-        options.variables = QStringList({"KO", "Other"});
-        options.responseDelayMax = 0;
-        // The library searches once, and a busy kernel may lose that datagram.
-        options.announceEvery = 500;
-        // Longer than a busy machine keeps this process waiting.
-        options.eventGap = 150;
-        if (number == DeviceOfManyVariables && i == 1) {
-            for (int variable = 0; variable < 300; ++variable)
-                options.variables << "V%1"_s.arg(variable);
-            options.addFault("never-answer-subscribe");
-        }
-        devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
-        if (!devices.back()->start())
-            return 1;
-    }
-    process.report("ready");
-    return QCoreApplication::exec();
+    return runSimulatedDevices(count, process, [count](int number, DeviceOptions& options) {
+        if (count != DeviceOfManyVariables || number != 2)
+            return;
+        for (int variable = 0; variable < 300; ++variable)
+            options.variables << "V%1"_s.arg(variable);
+        options.addFault(Fault::NeverAnswerSubscribe);
+    });
 }
 
 } // namespace
@@ -169,7 +147,7 @@ private Q_SLOTS:
     void connectionsForEventsLeaveTheLastDescriptors()
     {
         // This device is in the same process, so a connection takes two descriptors.
-        ScriptedDevice other(network, FIRST_ADDRESS, 8080);
+        ScriptedDevice other(network, "10.77.1.1", 8080);
         const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 60);
         ssdp->discover();
         QTcpServer& server = manager().eventServer();
@@ -243,8 +221,8 @@ private:
 int main(int argc, char** argv)
 {
     const auto network = makeNetworkOrExit();
-    network->addLink("10.77.0.1/16", std::string(FIRST_ADDRESS) + "/16", TwentyDevices);
-    DeviceProcess devices(*network, runDevices);
+    network->addLink("10.77.0.1/16", "10.77.1.1/16", TwentyDevices);
+    DeviceProcess devices(*network, runLimitedDevices);
     const QCoreApplication application(argc, argv);
     LimitsTest test(*network, devices);
     return QTest::qExec(&test, argc, argv);

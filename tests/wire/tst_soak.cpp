@@ -23,49 +23,26 @@ using namespace Velmora::Tests;
 using Simulator::DeviceOptions;
 using Simulator::Fault;
 using Simulator::PrivateNetwork;
-using Simulator::SimulatedDevice;
-using Simulator::SsdpGroup;
 
 namespace {
 
 const int DEVICES = 20;
-const char FIRST_ADDRESS[] = "10.77.1.1";
 /// One of the two devices with a fault never answers a subscription: what the discovery leaves of it is a
 /// socket for each state variable.
 const int SOCKETS_LEFT = 2;
 const int WARM_UP = 10;
 
-/// The devices 1 to 18 are good. The function code of each is its number.
-int runDevices(int, const DeviceProcess& process)
+/// The devices 1 to 18 are good.
+int runSoakedDevices(int, const DeviceProcess& process)
 {
-    int argc = 1;
-    char name[] = "devices";
-    char* argv[] = {name, nullptr};
-    QCoreApplication application(argc, argv);
-
-    SsdpGroup group;
-    std::vector<std::unique_ptr<SimulatedDevice>> devices;
-    for (int i = 0; i < DEVICES; ++i) {
-        DeviceOptions options;
-        options.address = QHostAddress(QString::fromStdString(PrivateNetwork::addressAfter(FIRST_ADDRESS, i)));
-        options.functionCode = i + 1;
-        options.variables = QStringList{"KO", "Other"};
-        options.responseDelayMax = 0;
-        // The library searches once, and a busy kernel may lose that datagram.
+    return runSimulatedDevices(DEVICES, process, [](int number, DeviceOptions& options) {
         options.announceEvery = 1000;
-        // Longer than a busy machine keeps this process waiting: head and body that are read together
-        // are dropped.
         options.eventGap = 300;
-        if (i == DEVICES - 2)
+        if (number == DEVICES - 1)
             options.addFault(Fault::NeverAnswerSubscribe);
-        if (i == DEVICES - 1)
+        if (number == DEVICES)
             options.addFault(Fault::ResetMidBody);
-        devices.push_back(std::make_unique<SimulatedDevice>(&group, options));
-        if (!devices.back()->start())
-            return 1;
-    }
-    process.report("ready");
-    return QCoreApplication::exec();
+    });
 }
 
 struct Holdings
@@ -168,7 +145,7 @@ private:
 
 int main(int argc, char** argv)
 {
-    return runAgainst(runDevices, DEVICES, [&](DeviceProcess& devices) {
+    return runAgainst(runSoakedDevices, DEVICES, [&](DeviceProcess& devices) {
         const QCoreApplication application(argc, argv);
         // A thousand discoveries take longer than the five minutes that QtTest gives a function.
         qputenv("QTEST_FUNCTION_TIMEOUT", "3600000");

@@ -457,7 +457,7 @@ private Q_SLOTS:
         }
         for (const char* const text : {"in M-SEARCH", "in GET", "in SUBSCRIBE", "out NOTIFY"})
             QVERIFY2(texts.contains(text), text);
-        // The byte 0 that stands for port 49152 is part of the message.
+        // Port 49152 is written as the byte 0, which is part of the message.
         QVERIFY2(subscription.contains("HOST: 10.77.1.1:\0\n"_s), qPrintable(subscription));
         QVERIFY2(subscription.endsWith("TIMEOUT: Second-120\n\n"), qPrintable(subscription));
         const QJsonObject saw = last.value("saw").toObject();
