@@ -21,23 +21,32 @@ QStringList words(const QString& text)
     return text.split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
-QStringList Run::devices() const
+QStringList linesOf(const QString& text)
 {
-    static const QRegularExpression form("^[ +-]?\\s*(\\d+)\\s+(\\d+)\\s+([0-9.]+)(\\s|$)");
-    QStringList rows;
-    const QStringList all = lines();
-    for (const QString& line : all) {
-        const QRegularExpressionMatch match = form.match(line);
-        if (match.hasMatch())
-            rows << match.capturedTexts().mid(1, 3).join(QLatin1Char(' '));
-    }
-    rows.sort();
-    return rows;
+    return text.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
 }
 
-QJsonObject jsonOf(const QString& line)
+QList<QJsonObject> objectsOf(const QString& text)
 {
-    return QJsonDocument::fromJson(line.toUtf8()).object();
+    QList<QJsonObject> result;
+    const QStringList lines = linesOf(text);
+    for (const QString& line : lines)
+        result << QJsonDocument::fromJson(line.toUtf8()).object();
+    return result;
+}
+
+bool isLike(const QString& text, const QString& pattern)
+{
+    QString form = QRegularExpression::escape(pattern);
+    form.replace("\\*\\*", "[\\s\\S]*").replace("\\*", ".*").replace("\\#", "[0-9]");
+    return QRegularExpression("\\A" + form + "\\z").match(text).hasMatch();
+}
+
+QString differenceOf(const Run& run, const Run& expected)
+{
+    if (run.status == expected.status && isLike(run.out, expected.out) && isLike(run.err, expected.err))
+        return QString();
+    return "status %1\n"_s.arg(run.status) + run.out + "standard error:\n" + run.err;
 }
 
 Program::Program(const QString& name, const QStringList& arguments)
@@ -53,25 +62,37 @@ Program::~Program()
     }
 }
 
-bool Program::waitFor(const char* text, QProcess::ProcessChannel channel, int times)
-{
-    QByteArray& printed = channel == QProcess::StandardOutput ? out : err;
-    waitUntil([&] {
-        process.setReadChannel(channel);
-        printed += process.readAll();
-        return printed.count(text) >= times || process.state() == QProcess::NotRunning;
-    });
-    return printed.count(text) >= times;
-}
-
+/// Handles events meanwhile, because a program stops if nobody reads its output.
 bool Program::waitUntil(const std::function<bool()>& condition)
 {
     QTimer timeout;
     timeout.setSingleShot(true);
     timeout.start(LONGEST_RUN);
-    while (!condition() && timeout.isActive())
+    const auto holds = [&] {
+        out += process.readAllStandardOutput();
+        err += process.readAllStandardError();
+        return condition();
+    };
+    while (!holds()) {
+        if (!timeout.isActive() || process.state() == QProcess::NotRunning)
+            return holds();
         QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
-    return condition();
+    }
+    return true;
+}
+
+bool Program::waitFor(const QByteArray& text, int times)
+{
+    return waitUntil([&] { return out.count(text) + err.count(text) >= times; });
+}
+
+QString Program::takeUntil(char mark, QProcess::ProcessChannel channel)
+{
+    QByteArray& printed = channel == QProcess::StandardOutput ? out : err;
+    waitUntil([&] { return printed.contains(mark); });
+    const QByteArray taken = printed.left(printed.indexOf(mark));
+    printed.remove(0, taken.size() + 1);
+    return QString::fromUtf8(taken);
 }
 
 void Program::write(const QString& text)
@@ -86,10 +107,8 @@ Run Program::finish()
     if (!waitUntil([this] { return process.state() == QProcess::NotRunning; })) {
         process.terminate();
         process.waitForFinished();
-        return {-1, QString::fromUtf8(out), process.errorString()};
+        return {-1, QString::fromUtf8(out), "it did not end"};
     }
-    out += process.readAllStandardOutput();
-    err += process.readAllStandardError();
     const int status = process.exitCode();
     return {process.exitStatus() == QProcess::NormalExit ? status : 128 + status, QString::fromUtf8(out),
             QString::fromUtf8(err)};
@@ -108,6 +127,23 @@ Running startLab(const QString& text, const QString& last)
 Run lab(const QString& text, const QString& last)
 {
     return startLab(text, last)->finish();
+}
+
+Shell::Shell(const QString& labOptions)
+    : program(startLab(labOptions + " -- bash -c", R"(while IFS= read -r line; do
+                                                          (eval "$line") </dev/null
+                                                          printf '\4%d\n' $?
+                                                          printf '\4' >&2
+                                                      done)"))
+{
+}
+
+Run Shell::run(const QString& line) const
+{
+    program->write(line + '\n');
+    const QString out = program->takeUntil('\4');
+    const QString status = program->takeUntil('\n');
+    return {status.isEmpty() ? -1 : status.toInt(), out, program->takeUntil('\4', QProcess::StandardError)};
 }
 
 Run shell(const QString& script)

@@ -2,6 +2,7 @@
 #define VELMORA_TESTS_WIRE_TOOLRUN_H
 
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtCore/QJsonObject>
 #include <QtCore/QProcess>
@@ -16,23 +17,32 @@ namespace Velmora {
 namespace Tests {
 
 QStringList words(const QString& text);
+QStringList linesOf(const QString& text);
 
-/// How a program ended: its status, or 128 and its signal as in a shell, and what it printed.
+/// The JSON objects in the lines of @p text. An object is empty if its line is not one.
+QList<QJsonObject> objectsOf(const QString& text);
+
+/// How a program ended, and what it printed. The status of a program that a signal ended is 128 and the signal, as
+/// in a shell.
 struct Run
 {
     int status;
     QString out;
-    QString err;
-
-    QStringList lines() const { return out.split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
-    QStringList errorLines() const { return err.split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
-
-    /// The rows of the table of ssdp-discover, each as its cells without the time, in order of the address.
-    QStringList devices() const;
+    QString err = QString();
 };
 
-/// The object that a line of JSON is; empty if it is none.
-QJsonObject jsonOf(const QString& line);
+/// Returns whether @p text is like @p pattern, in which "*" is any text in a line, "**" any text in any number of
+/// lines, and "#" a digit.
+bool isLike(const QString& text, const QString& pattern);
+
+/// Returns what @p run was if it is not like @p expected. The output is compared by isLike().
+QString differenceOf(const Run& run, const Run& expected);
+
+#define VERIFY_RUN(...)                                                                                           \
+    do {                                                                                                          \
+        const QString difference = Velmora::Tests::differenceOf(__VA_ARGS__);                                     \
+        QVERIFY2(difference.isEmpty(), qPrintable(difference));                                                   \
+    } while (false)
 
 /// A program that runs while the test does something else.
 class Program
@@ -41,21 +51,21 @@ public:
     Program(const QString& name, const QStringList& arguments);
     ~Program();
 
-    /// Waits until it has printed @p text on standard output (or error), and that many times.
-    bool waitFor(const char* text, QProcess::ProcessChannel channel = QProcess::StandardOutput, int times = 1);
+    /// Waits until it has printed @p text that many times, on standard output and standard error together.
+    bool waitFor(const QByteArray& text, int times = 1);
 
-    /// Writes @p text to its standard input.
     void write(const QString& text);
-
     pid_t id() const { return static_cast<pid_t>(process.processId()); }
     void signal(int number) const { kill(id(), number); }
 
     /// Waits for its end.
     Run finish();
 
+    /// Waits until it has printed @p mark. Takes the text before it.
+    QString takeUntil(char mark, QProcess::ProcessChannel channel = QProcess::StandardOutput);
+
 private:
-    /// Handles events meanwhile: a program whose output nobody reads would stop.
-    static bool waitUntil(const std::function<bool()>& condition);
+    bool waitUntil(const std::function<bool()>& condition);
 
     QProcess process;
     QByteArray out;
@@ -64,25 +74,37 @@ private:
 
 using Running = std::shared_ptr<Program>;
 
-/// ssdp-lab with these arguments; @p words are separated by spaces, and @p last may have some.
+/// Starts ssdp-lab with these arguments. @p words are separated by spaces, and @p last may contain spaces.
 Running startLab(const QStringList& arguments);
 Running startLab(const QString& words, const QString& last = QString());
 Run lab(const QString& words, const QString& last = QString());
 
-/// What a shell does with @p script, in which $lab is ssdp-lab and the other tools are in the PATH.
+/// A shell on the host side of one lab, for many short runs.
+class Shell
+{
+public:
+    explicit Shell(const QString& labOptions);
+
+    /// Runs a line of bash.
+    Run run(const QString& line) const;
+
+private:
+    Running program;
+};
+
+/// Runs @p script in a shell. There, $lab is ssdp-lab, and the other tools are in the PATH.
 Run shell(const QString& script);
 
-/// The same for a shell on a terminal, which script(1) gives it.
+/// Starts such a shell on a terminal of script(1).
 Running startOnTerminal(const QString& script);
 
-/// Programs that begin with the test and run side by side, since each waits for most of its time.
+/// Programs that run side by side, because each of them waits for most of its time.
 using Programs = std::map<QByteArray, Running>;
 
-/// Puts the tools of this build into the PATH. The status with which the test ends at once when it can have no
-/// private network; 0 when it can.
+/// Puts the tools of this build into the PATH. Returns 0, or the exit status of a test that can have no private
+/// network.
 int prepareTools();
 
-/// The main() of a test of the tools.
 #define VELMORA_TOOL_TEST_MAIN(TestClass)                                                                         \
     int main(int argc, char** argv)                                                                               \
     {                                                                                                             \
@@ -96,6 +118,7 @@ int prepareTools();
 } // namespace Tests
 } // namespace Velmora
 
+Q_DECLARE_METATYPE(Velmora::Tests::Run)
 Q_DECLARE_METATYPE(Velmora::Tests::Running)
 
 #endif

@@ -3,8 +3,8 @@
 
 #include <simulator/SimulatedDevice.h>
 
-#include <QtCore/QDateTime>
 #include <QtCore/QFile>
+#include <QtCore/QRegularExpression>
 #include <QtTest/QtTest>
 
 #include <cerrno>
@@ -16,108 +16,124 @@ using namespace Velmora::Tests;
 using Velmora::Simulator::Fault;
 using Velmora::Simulator::SimulatedDevice;
 
-/// ssdp-discover and ssdp-simulator as a user runs them.
+namespace {
+
+/// Returns the devices in the table of ssdp-discover, without the time.
+QStringList devicesOf(const QString& out)
+{
+    static const QRegularExpression form("^[ +-]? *(\\d+) +(\\d+) +([0-9.]+)( |$)");
+    QStringList devices;
+    const QStringList lines = linesOf(out);
+    for (const QString& line : lines) {
+        const QRegularExpressionMatch match = form.match(line);
+        if (match.hasMatch())
+            devices << match.capturedTexts().mid(1, 3).join(" ");
+    }
+    devices.sort();
+    return devices;
+}
+
+/// Returns the first devices of a lab.
+QStringList devices(int count)
+{
+    QStringList result;
+    for (int i = 1; i <= count; ++i)
+        result << "1 %1 10.77.1.%1"_s.arg(i);
+    result.sort();
+    return result;
+}
+
+/// As --list-faults and the manual page word it.
+QString explanationOf(const Fault& fault)
+{
+    return fault.value ? "%1 (%2)"_s.arg(fault.explanation, fault.standard) : QString(fault.explanation);
+}
+
+} // namespace
+
+/// The tools as a user runs them.
 class ToolsTest : public QObject
 {
     Q_OBJECT
 
 private:
-    /// ssdp-discover, while a shell does something with every line that it prints.
+    /// ssdp-discover, and a shell that runs @p reaction for every line of its output.
     static Running startReacting(const QString& setup, const QString& options, const QString& reaction)
     {
-        return startLab("--response-delay 0-0 -- bash -c",
-                        "start() { ssdp-simulator --first-address 10.77.0.1 --quiet & device=$!; }\n"
-                        "%1; coproc ssdp-discover --repeat 1 %2\n"
-                        "while IFS= read -r line; do echo \"$line\"; %3; done <&${COPROC[0]}\n"
-                        "wait $COPROC_PID"_s.arg(setup, options, reaction));
+        return startLab("--response-delay 0-0 -- bash -c", R"(
+            start() { ssdp-simulator --first-address 10.77.0.1 --quiet & device=$!; }
+            %1; coproc ssdp-discover --repeat 1 %2
+            while IFS= read -r line; do echo "$line"; %3; done <&${COPROC[0]}
+            wait $COPROC_PID)"_s.arg(setup, options, reaction));
     }
 
-    Run finish(const char* name) { return running.at(name)->finish(); }
-
-    /// Ends the program when its third discovery has begun.
-    Run finishAfterTwoDiscoveries(const char* name)
+    static void addCommands(const QString& start, const QList<QByteArray>& ends)
     {
-        const bool hasBegun = running.at(name)->waitFor("Ssdp Server bound", QProcess::StandardError, 3);
-        running.at(name)->signal(SIGTERM);
-        if (!hasBegun)
-            QTest::qFail("there was no third discovery", __FILE__, __LINE__);
-        return finish(name);
+        for (const QByteArray& end : ends)
+            addRow(start + end, start + end);
     }
 
-    static void addCommands(std::initializer_list<const char*> commands)
-    {
-        QTest::addColumn<QString>("command");
-        for (const char* const command : commands)
-            QTest::newRow(command) << QString(command);
-    }
-
-    /// As the list of the faults and the manual word it.
-    static QString explanationOf(const Fault& fault)
-    {
-        return fault.value ? "%1 (%2)"_s.arg(fault.explanation, fault.standard) : QString(fault.explanation);
-    }
-
+    const Shell withDevice{"--response-delay 0-0"};
+    const Shell withoutDevice{"--devices 0"};
     Programs running;
 
 private Q_SLOTS:
 
+    /// Starts what takes long.
     void initTestCase()
     {
+        // One of them answers so late that it is not read when three seconds are over.
         running["late"] = startLab("--devices 10 --seed 41 -- ssdp-discover");
         running["hundred"] = startLab("--devices 100 --event-gap 300 -- ssdp-discover --count 100 --timeout 6000");
-        const char* const comeAndGo = "case $line in"
-                                      " Searching*) start ;;"
-                                      " +*10.77.0.1*) kill $device; ((++times < 2)) || kill $COPROC_PID ;;"
-                                      " -*) start ;;"
-                                      " esac";
-        const char* const connectAndEnd = "[[ $line != *'127.0.0.1 (lo)' ]] || ip link set host0 up;"
-                                          "[[ $line != +*' 10.77.1.1 '* ]] || kill $COPROC_PID";
-        running["comings"] = startReacting("true", "", comeAndGo);
+        running["comings"] = startReacting("true", "", R"(case $line in
+            Searching*) start ;;
+            +*10.77.0.1*) kill $device; ((++times < 2)) || kill $COPROC_PID ;;
+            -*) start ;;
+        esac)");
+        running["later interface"] = startReacting("ip link set host0 down", "--timeout 500", R"(
+            [[ $line != *'127.0.0.1 (lo)' ]] || ip link set host0 up
+            [[ $line != +*' 10.77.1.1 '* ]] || kill $COPROC_PID)");
         running["lost interface"] =
             startReacting("true", "--verbose", "[[ $line != +* ]] || ip link set host0 down");
-        running["later interface"] = startReacting("ip link set host0 down", "--timeout 500", connectAndEnd);
         running["short"] = startLab("--response-delay 0-0 --fault die-after=event -- "
                                     "ssdp-discover --timeout 500 --repeat 1 --verbose");
-        running["once"] = startLab("--devices 3 --variables KO,A,B --response-delay 0-100 -- "
-                                   "ssdp-discover --timeout 2000");
-        running["all"] = startLab("--devices 1 --variables KO,A,B --response-delay 0-100 -- "
-                                  "ssdp-discover --timeout 2000 --all");
+        const QString variables = "--variables KO,A,B --response-delay 0-100 -- ssdp-discover --timeout 2000 "_s;
+        running["once"] = startLab("--devices 3 " + variables);
+        running["all"] = startLab(variables + "--all");
     }
 
     void endsWhenNobodyReads_data()
     {
-        addCommands({"ssdp-discover --repeat 1 --timeout 1000 --json",
-                     "ssdp-discover --repeat 1 --verbose --quiet 2>&1",
-                     "ssdp-simulator --first-address 127.0.0.1"});
+        QTest::addColumn<QString>("command");
+        addCommands("ssdp-discover --repeat 1 ",
+                    listOf("--timeout 1000 --json | head -n 1", "--verbose --quiet 2>&1 | head -n 1"));
+        addCommands("ssdp-simulator --first-address 127.0.0.1 | head -n 1", listOf(""));
+        addCommands("ssdp-doctor --timeout 100 | echo ended", listOf(""));
     }
 
     void endsWhenNobodyReads()
     {
         QFETCH(QString, command);
-        const Run result = shell("$lab --response-delay 0-0 -- %1 | head -n 1\n"
-                                 "exit ${PIPESTATUS[0]}"_s.arg(command));
-        QCOMPARE(result.status, 141);
-        QCOMPARE(result.lines().size(), 1);
-        QCOMPARE(result.err, QString());
+        VERIFY_RUN(withDevice.run(command + "; exit ${PIPESTATUS[0]}"), {141, "*\n"});
     }
 
     void saysWhenItCannotWrite_data()
     {
-        addCommands({"ssdp-discover", "ssdp-discover --json", "ssdp-discover --help", "ssdp-discover --version",
-                     "ssdp-simulator --first-address 127.0.0.1", "ssdp-simulator --help",
-                     "ssdp-simulator --list-faults", "ssdp-simulator --trace --quiet --first-address 127.0.0.1"});
+        QTest::addColumn<QString>("command");
+        addCommands("ssdp-discover ", listOf("", "--json", "--help", "--version"));
+        addCommands("ssdp-simulator ",
+                    listOf("--first-address 127.0.0.1", "--help", "--list-faults",
+                           "--trace --quiet --first-address 127.0.0.1"));
+        addCommands("ssdp-doctor ", listOf("--help"));
     }
 
     void saysWhenItCannotWrite()
     {
         QFETCH(QString, command);
-        const Run full = shell("$lab --response-delay 0-0 -- %1 >/dev/full"_s.arg(command));
-        QCOMPARE(full.status, 4);
-        QCOMPARE(full.err, words(command).at(0) + ": cannot write: No space left on device\n");
+        const QString error = words(command).at(0) + ": cannot write: "_s;
+        VERIFY_RUN(withDevice.run(command + " >/dev/full"), {4, "", error + "No space left on device\n"});
         // No socket becomes its standard output.
-        const Run closed = shell("$lab --response-delay 0-0 -- %1 >&-"_s.arg(command));
-        QCOMPARE(closed.status, 4);
-        QCOMPARE(closed.err, words(command).at(0) + ": cannot write: Bad file descriptor\n");
+        VERIFY_RUN(withDevice.run(command + " >&-"), {4, "", error + "Bad file descriptor\n"});
     }
 
     void canBeEndedWhileNobodyReads()
@@ -147,280 +163,246 @@ private Q_SLOTS:
     void saysWhichOptionIsWrong_data()
     {
         QTest::addColumn<QString>("command");
-        const auto add = [](const char* tool, const char* options) {
-            const QStringList all = QString(options).split("|");
-            for (const QString& option : all)
-                QTest::newRow(qPrintable(tool + option)) << tool + option;
-        };
-        add("ssdp-discover ",
-            "--no-such-option|--help-all|--timeout 0|--timeout soon|--count 0|--first --count 2|--repeat 1 "
-            "--first|"
-            "--address 10.77|--address 10.77.1.1/33|--address ::1|argument");
-        add("ssdp-simulator ",
-            "--no-such-option|--help-all|--devices 0|--first-address here|--response-delay 5|--response-delay 9-5|"
-            "--variables KO,,B|--fault no-such-fault|--fault 2:error-500|--fault error-500=1|--fault slow-http=0|"
-            "--fault die-after=birth|argument");
-        add("ssdp-doctor ",
-            "--nonsense|--timeout 0|--timeout soon|10.77|nobody|239.255.255.250|0.0.0.0|255.255.255.255|::1");
+        addCommands("ssdp-discover ",
+                    listOf("--no-such-option", "--help-all", "--timeout 0", "--timeout soon", "--count 0",
+                           "--first --count 2", "--repeat 1 --first", "--address 10.77", "--address 10.77.1.1/33",
+                           "--address ::1", "argument"));
+        addCommands("ssdp-simulator ",
+                    listOf("--no-such-option", "--help-all", "--devices 0", "--first-address here",
+                           "--response-delay 5", "--response-delay 9-5", "--variables KO,,B",
+                           "--fault no-such-fault", "--fault 2:error-500", "--fault error-500=1",
+                           "--fault slow-http=0", "--fault die-after=birth", "argument"));
+        addCommands("ssdp-doctor ",
+                    listOf("--nonsense", "--timeout 0", "--timeout soon", "10.77", "nobody", "239.255.255.250",
+                           "0.0.0.0", "255.255.255.255", "::1"));
     }
 
     void saysWhichOptionIsWrong()
     {
         QFETCH(QString, command);
-        const Run result = lab("--devices 0 -- " + command);
-        QCOMPARE(result.status, 2);
-        QCOMPARE(result.out, QString());
-        QVERIFY(result.err.startsWith(words(command).at(0) + ": "));
-    }
-
-    void discoverPrintsEveryDeviceOnce()
-    {
-        const Run result = finish("once");
-        QCOMPARE(result.status, 0);
-        QCOMPARE(result.devices(), (QStringList{"1 1 10.77.1.1", "1 2 10.77.1.2", "1 3 10.77.1.3"}));
-        QCOMPARE(result.lines().size(), 6);
-        QCOMPARE(result.lines().at(0), "Searching from 10.77.0.1 (host0)");
-        QVERIFY(result.lines().at(1).contains("FUNCTION"));
-        QVERIFY(result.lines().constLast().startsWith("3 devices found in "));
-        QVERIFY2(result.err.isEmpty(), qPrintable(result.err));
-        for (int i = 2; i < 5; ++i)
-            QCOMPARE(result.lines().at(i).size(), result.lines().at(1).size());
-    }
-
-    void discoverPrintsEveryReportWithAll()
-    {
-        const Run result = finish("all");
-        QCOMPARE(result.devices().size(), 3);
-        QVERIFY(result.lines().constLast().startsWith("1 device found in "));
+        VERIFY_RUN(withoutDevice.run(command), {2, "", "%1: *\nTry '%1 --help'.\n"_s.arg(words(command).at(0))});
     }
 
     void discoverPrintsJson()
     {
-        const Run result = lab("--devices 1 --function-code -3 --univocal-code 77 --response-delay 0-0 -- "
-                               "ssdp-discover --json --first");
-        QCOMPARE(result.lines().size(), 1);
-        const QJsonObject object = jsonOf(result.out);
-        QCOMPARE(object.value("functionCode").toInt(), -3);
-        QCOMPARE(object.value("univocalCode").toInt(), 77);
-        QCOMPARE(object.value("address").toString(), "10.77.1.1");
-        QVERIFY(QDateTime::fromString(object.value("time").toString(), Qt::ISODateWithMs).isValid());
+        const QString device = R"({"address":"10.77.1.1","event":"found","functionCode":-3,)"
+                               R"("time":"####-##-##T##:##:##.###Z","univocalCode":77})";
+        VERIFY_RUN(
+            lab("--function-code -3 --univocal-code 77 --response-delay 0-0 -- ssdp-discover --json --first"),
+            {0, device + "\n"});
     }
 
     void discoverStopsEarly()
     {
-        // Far below the time-out, so the test would not end without it.
-        const Run result = lab("--devices 3 --response-delay 0-0 -- ssdp-discover --count 2 --timeout 3600000");
-        QCOMPARE(result.status, 0);
-        QCOMPARE(result.devices().size(), 2);
-        const QString quiet =
-            "--devices 3 --response-delay 0-0 -- ssdp-discover --first --quiet --timeout 3600000";
-        QCOMPARE(lab(quiet).out, QString());
-    }
-
-    void discoverFilters_data()
-    {
-        QTest::addColumn<Running>("program");
-        QTest::addColumn<QStringList>("devices");
-        const auto add = [](const char* filter, const QStringList& devices) {
-            QTest::newRow(filter) << startLab("--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500 "_s
-                                              + filter)
-                                  << devices;
-        };
-        add("--univocal-code 2", {"1 2 10.77.1.2"});
-        add("--address 10.77.1.3", {"1 3 10.77.1.3"});
-        add("--address 10.77.1.2/31", {"1 2 10.77.1.2", "1 3 10.77.1.3"});
-        add("--function-code 1 --univocal-code 1", {"1 1 10.77.1.1"});
-        add("--function-code 2", {});
-    }
-
-    void discoverFilters()
-    {
-        QFETCH(Running, program);
-        QFETCH(QStringList, devices);
-        const Run result = program->finish();
-        QCOMPARE(result.devices(), devices);
-        QCOMPARE(result.status, devices.isEmpty() ? 1 : 0);
-        const auto others = 3 - devices.size();
-        const QString word = others == 1 ? "other"_s : "others"_s;
-        QVERIFY(result.out.contains(", %1 %2 left out\n"_s.arg(others).arg(word)));
-        QCOMPARE(result.err, QString());
+        // The time-out is so long that the test would not end.
+        const QString discover = "--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 3600000 "_s;
+        VERIFY_RUN(lab(discover + "--count 2"), {0, "*\n*\n*10.77.1.*\n*10.77.1.*\n2 devices found in *\n"});
+        VERIFY_RUN(lab(discover + "--first --quiet"), {0, ""});
     }
 
     void discoverAdvisesWhenNothingIsFound()
     {
-        const Run result = lab("--devices 0 -- ssdp-discover --timeout 100");
-        QCOMPARE(result.status, 1);
-        QVERIFY(result.lines().constLast().startsWith("No device found in "));
-        QCOMPARE(result.err.count(QLatin1Char('\n')), 3);
-        QVERIFY2(result.err.contains("try --timeout 5000"), qPrintable(result.err));
-        const Run quiet = lab("--devices 0 -- ssdp-discover --timeout 100 --quiet");
-        QCOMPARE(quiet.status, 1);
-        QCOMPARE(quiet.out + quiet.err, QString());
+        const QString discover = "ssdp-discover --timeout 100"_s;
+        VERIFY_RUN(withoutDevice.run(discover), {1, "*\nNo device found in *\n", "*\n*\n*try --timeout 5000*\n"});
+        VERIFY_RUN(withoutDevice.run(discover + " --quiet"), {1, ""});
     }
 
     void discoverLogsOnlyWhenAsked()
     {
-        QCOMPARE(lab("--response-delay 0-0 -- ssdp-discover --first").err, QString());
-        const Run verbose = lab("--response-delay 0-0 -- ssdp-discover --first --verbose --quiet");
-        QVERIFY2(verbose.err.contains("Device with FC:1 and UC:1 found at 10.77.1.1"), qPrintable(verbose.err));
-        QVERIFY2(verbose.err.contains("Z Searching from 10.77.0.1 (host0)\n"), qPrintable(verbose.err));
-        const QStringList lines = verbose.errorLines();
-        for (const QString& line : lines) {
-            const QString time = words(line).at(0);
-            const bool isTime = QDateTime::fromString(time, Qt::ISODateWithMs).isValid() && time.size() == 24;
-            QVERIFY2(isTime, qPrintable(line));
-        }
-    }
-
-    void discoverKeepsWhatAShortDiscoveryMisses()
-    {
-        const Run result = finishAfterTwoDiscoveries("short");
-        QCOMPARE(result.out.count("\n+"), 1);
-        QCOMPARE(result.out.count("\n-"), 0);
-        QVERIFY2(!result.err.contains("Could not"), qPrintable(result.err));
-    }
-
-    void discoverSeesALaterInterface()
-    {
-        const Run result = finish("later interface");
-        QCOMPARE(result.status, 0);
-        QVERIFY2(result.out.startsWith("Searching from 127.0.0.1 (lo)\n"), qPrintable(result.out));
-        QVERIFY2(result.out.contains("\nSearching from 10.77.0.1 (host0)\n"), qPrintable(result.out));
-        QVERIFY2(result.out.contains(" 10.77.1.1 "), qPrintable(result.out));
+        VERIFY_RUN(withDevice.run("ssdp-discover --first"), {0, "**"});
+        const Run run = withDevice.run("ssdp-discover --first --verbose --quiet");
+        VERIFY_RUN(
+            run,
+            {0, "", "**Z Searching from 10.77.0.1 (host0)\n**Device with FC:1 and UC:1 found at 10.77.1.1**"});
+        const QStringList lines = linesOf(run.err);
+        for (const QString& line : lines)
+            QVERIFY2(isLike(line, "####-##-##T##:##:##.###Z *"), qPrintable(line));
     }
 
     void discoverSaysWhenItCannotSearch_data()
     {
         QTest::addColumn<QString>("script");
         QTest::addColumn<QString>("message");
-        const auto row = [](const char* name, const char* script, const char* message) {
-            QTest::newRow(name) << QString(script) << QString(message);
-        };
         const char* const none = "no network interface with an IPv4 address is up and connected";
-        row("port taken",
-            "exec python3 -c 'import socket, subprocess, sys\n"
-            "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
-            "s.bind((\"\", 1900))\n"
-            "sys.exit(subprocess.call(sys.argv[1:]))' $discover",
-            "UDP port 1900 is taken by a program that does not share it; 'ss -lunp sport = :1900' names it");
-        row("not permitted",
-            "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
-            "setpriv --bounding-set=-net_bind_service $discover",
-            "this user is not permitted to listen on UDP port 1900");
-        row("firewall", "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
-            "this host does not let the search out from 10.77.0.1; a firewall of its own may forbid it");
-        row("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
-            "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
-        row("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
-        row("loopback only", "ip link set host0 down; $discover", none);
+        addRow("port taken", R"(exec python3 -c '
+import socket, subprocess, sys
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("", 1900))
+sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
+               "UDP port 1900 is taken by a program that does not share it; 'ss -lunp sport = :1900' names it");
+        addRow("not permitted",
+               "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
+               "setpriv --bounding-set=-net_bind_service $discover",
+               "this user is not permitted to listen on UDP port 1900");
+        addRow("firewall",
+               "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
+               "this host does not let the search out from 10.77.0.1; a firewall of its own may forbid it");
+        addRow("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
+               "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
+        addRow("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
+        addRow("loopback only", "ip link set host0 down; $discover", none);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0) // Qt 5 takes an interface without a link for one that is down.
-        row("not connected",
-            "ip link set host0 down; ip link add end0 type veth peer name end1;"
-            "ip addr add 10.79.0.1/16 dev end0; ip link set end0 up; $discover",
-            "no network is connected to 10.79.0.1 (end0)");
+        addRow("not connected",
+               "ip link set host0 down; ip link add end0 type veth peer name end1;"
+               "ip addr add 10.79.0.1/16 dev end0; ip link set end0 up; $discover",
+               "no network is connected to 10.79.0.1 (end0)");
 #endif
-        row("no such interface", "$discover --interface eth7",
-            "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
-        row("interface down", "ip link set host0 down; $discover --interface host0",
-            "host0 is not up or not connected");
-        row("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
+        addRow("no such interface", "$discover --interface eth7",
+               "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
+        addRow("interface down", "ip link set host0 down; $discover --interface host0",
+               "host0 is not up or not connected");
+        addRow("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
     }
 
     void discoverSaysWhenItCannotSearch()
     {
         QFETCH(QString, script);
         QFETCH(QString, message);
-        const Run result =
-            lab("--devices 0 -- sh -c", "discover='ssdp-discover --timeout 100 --quiet'; " + script);
-        QCOMPARE(result.err, "ssdp-discover: cannot search: %1\n"_s.arg(message));
-        QCOMPARE(result.status, 3);
-        QCOMPARE(result.out, QString());
+        const QString discover = "discover='ssdp-discover --timeout 100 --quiet'; "_s;
+        VERIFY_RUN(lab("--devices 0 -- sh -c", discover + script),
+                   {3, "", "ssdp-discover: cannot search: %1\n"_s.arg(message)});
     }
 
     void discoverAdvisesOnWhatItSaw_data()
     {
         QTest::addColumn<Running>("program");
         QTest::addColumn<QString>("advice");
-        const auto add = [](Fault::Id fault, const char* advice) {
-            const QString name = Fault::text(fault);
-            QTest::newRow(qPrintable(name)) << startLab("--devices 2 --response-delay 0-0 --fault %1 -- "
-                                                        "ssdp-discover --timeout 500"_s.arg(name))
-                                            << QString(advice);
+        const auto row = [](const char* fault, const char* advice) {
+            const QString devices = "--devices 2 --response-delay 0-0 --fault %1 -- "_s.arg(fault);
+            addRow(fault, startLab(devices + "ssdp-discover --timeout 500"), advice);
         };
-        add(Fault::Error500, "no description could be read");
-        add(Fault::NeverAnswerSubscribe, "drop the TCP connections");
-        add(Fault::EventBadXml, "not valid XML");
+        row("error-500",
+            "but no description could be read: a device may be faulty, or a firewall in the way of HTTP");
+        row("never-answer-subscribe",
+            "but none reported: a firewall may drop the TCP connections that devices open to this program");
+        row("event-bad-xml", "but what was reported is not valid XML");
     }
 
     void discoverAdvisesOnWhatItSaw()
     {
         QFETCH(Running, program);
         QFETCH(QString, advice);
-        const Run result = program->finish();
-        QCOMPARE(result.status, 1);
-        QVERIFY2(result.err.startsWith("2 devices answered, "), qPrintable(result.err));
-        QVERIFY2(result.err.contains(advice), qPrintable(result.err));
-        QVERIFY2(!result.err.contains("UDP"), qPrintable(result.err));
+        VERIFY_RUN(program->finish(), {1, "**", "2 devices answered, %1.\nThe time may *\n"_s.arg(advice)});
     }
 
-    void discoverSearchesFromOneInterface_data()
+    void discoverPrintsDevices_data()
     {
         QTest::addColumn<Running>("program");
+        QTest::addColumn<QStringList>("found");
+        QTest::addColumn<QString>("out");
+        const auto filter = [](const char* options, const QStringList& found, const char* others) {
+            const QString discover = "--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500 "_s;
+            addRow(options, startLab(discover + options), found, "**, %1 left out\n"_s.arg(others));
+        };
+        filter("--univocal-code 2", devices(3).mid(1, 1), "2 others");
+        filter("--address 10.77.1.3", devices(3).mid(2), "2 others");
+        filter("--address 10.77.1.2/31", devices(3).mid(1), "1 other");
+        filter("--function-code 1 --univocal-code 1", devices(1), "2 others");
+        filter("--function-code 2", {}, "3 others");
+        const QString second = "--second-interface --response-delay 0-0 -- ssdp-discover "_s;
         for (const char* const interface : {"host1", "10.78.0.1"}) {
-            QTest::newRow(interface) << startLab("--second-interface --response-delay 0-0 -- "
-                                                 "ssdp-discover --timeout 500 --interface "_s
-                                                 + interface);
+            addRow(interface, startLab(second + "--timeout 500 --interface " + interface),
+                   QStringList{"1 2 10.78.1.1"}, "Searching from 10.78.0.1 (host1)\n**");
         }
+        addRow("both interfaces", startLab("--devices 2 " + second + "--count 4 --timeout 20000"),
+               devices(2) << "1 3 10.78.1.1"
+                          << "1 4 10.78.1.2",
+               "**");
+        addRow("once", running["once"], devices(3), R"(Searching from 10.77.0.1 (host0)
+   FUNCTION     UNIVOCAL  ADDRESS             AFTER
+          1            #  10.77.1.#           #.# s
+          1            #  10.77.1.#           #.# s
+          1            #  10.77.1.#           #.# s
+3 devices found in *
+)");
+        addRow("all", running["all"], devices(1) + devices(1) + devices(1), "**1 device found in *\n");
+        addRow("hundred", running["hundred"], devices(100), "**");
+        addRow("late", running["late"], devices(10), "**10 devices found in 5.*\n");
     }
 
-    void discoverSearchesFromOneInterface()
+    void discoverPrintsDevices()
     {
         QFETCH(Running, program);
-        const Run result = program->finish();
-        QCOMPARE(result.lines().constFirst(), "Searching from 10.78.0.1 (host1)");
-        QCOMPARE(result.devices(), QStringList{"1 2 10.78.1.1"});
-        QCOMPARE(result.status, 0);
+        QFETCH(QStringList, found);
+        QFETCH(QString, out);
+        const Run run = program->finish();
+        VERIFY_RUN(run, {found.isEmpty() ? 1 : 0, out});
+        QCOMPARE(devicesOf(run.out), found);
     }
 
-    void discoverEndsWithTheSummaryWhenInterrupted()
+    void discoverFollowsTheNetwork_data()
     {
-        const Running program = startLab("--response-delay 0-0 -- ssdp-discover --timeout 3600000");
-        QVERIFY(program->waitFor("10.77.1.1"));
+        QTest::addColumn<Run>("expected");
+        const QString changes = "Searching from %1\n%2 found in *\n"_s;
+        // A device beside it goes and comes back. The other stays.
+        addRow("comings", Run{0, changes.arg("10.77.0.1 (host0)\n*\n+*\n+*\n-* 10.77.0.1 *\n+*", "2 devices")});
+        addRow("later interface",
+               Run{0,
+                   changes.arg("127.0.0.1 (lo)\nSearching from 10.77.0.1 (host0)\n*\n+* 10.77.1.1 *", "1 device"),
+                   "**"});
+    }
+
+    void discoverFollowsTheNetwork()
+    {
+        QFETCH(Run, expected);
+        VERIFY_RUN(running.at(QTest::currentDataTag())->finish(), expected);
+    }
+
+    void discoverKeepsWhatItCannotSee_data()
+    {
+        QTest::addColumn<Run>("expected");
+        // The device was found before. The next discovery searches only from the loopback.
+        addRow("lost interface",
+               Run{128 + SIGTERM, "Searching from *\n*\n+*\nSearching from 127.0.0.1 (lo)\n", "**"});
+        addRow("short", Run{0, "Searching from *\n*\n+*\n1 device found in *\n", "**"});
+    }
+
+    void discoverKeepsWhatItCannotSee()
+    {
+        QFETCH(Run, expected);
+        const Running program = running.at(QTest::currentDataTag());
+        // The third discovery begins.
+        QVERIFY(program->waitFor("Ssdp Server bound", 3));
+        program->signal(SIGTERM);
+        const Run run = program->finish();
+        VERIFY_RUN(run, expected);
+        QVERIFY2(!run.err.contains("Could not"), qPrintable(run.err));
+    }
+
+    void endsWithTheSummaryWhenInterrupted_data()
+    {
+        QTest::addColumn<QString>("awaited");
+        QTest::addColumn<Run>("expected");
+        addRow("--response-delay 0-0 -- ssdp-discover --timeout 3600000", "10.77.1.1",
+               Run{0, "**1 device found in *\n"});
+        // The time is to blame only if it ran out.
+        addRow("--devices 0 -- ssdp-discover --verbose --timeout 4000", "Ssdp Server bound",
+               Run{1, "**", "**A firewall may *\nThe devices may *\n'ssdp-doctor' says *\n"});
+        // With its event, the device is found.
+        addRow("--response-delay 0-0 -- ssdp-doctor --timeout 3600000 --trace", "<KO>1,1</KO>",
+               Run{0, "**1 of 1 device found in *\n", "**"});
+    }
+
+    void endsWithTheSummaryWhenInterrupted()
+    {
+        QFETCH(QString, awaited);
+        QFETCH(Run, expected);
+        const Running program = startLab(QTest::currentDataTag());
+        QVERIFY(program->waitFor(awaited.toLatin1()));
         program->signal(SIGINT);
-        const Run result = program->finish();
-        QCOMPARE(result.status, 0);
-        QVERIFY2(result.out.contains("1 device found in "), qPrintable(result.out));
-    }
-
-    void discoverBlamesTheTimeOnlyWhenItRanOut()
-    {
-        const Running program = startLab("--devices 0 -- ssdp-discover --verbose --timeout 4000");
-        QVERIFY(program->waitFor("Ssdp Server bound", QProcess::StandardError));
-        program->signal(SIGINT);
-        const Run result = program->finish();
-        QCOMPARE(result.status, 1);
-        QVERIFY2(result.err.contains("A firewall may "), qPrintable(result.err));
-        QVERIFY2(!result.err.contains("The time may "), qPrintable(result.err));
-    }
-
-    void discoverFindsDevicesOnBothInterfaces()
-    {
-        const QString arguments =
-            "--devices 2 --second-interface --response-delay 0-0 -- ssdp-discover --count 4 --timeout 20000"_s;
-        const QStringList expected = {"1 1 10.77.1.1", "1 2 10.77.1.2", "1 3 10.78.1.1", "1 4 10.78.1.2"};
-        QCOMPARE(lab(arguments).devices(), expected);
+        VERIFY_RUN(program->finish(), expected);
     }
 
     void simulatorListsItsFaults()
     {
-        const Run result = lab("--devices 0 -- ssdp-simulator --list-faults");
-        QCOMPARE(result.status, 0);
-        QStringList expected;
+        QString expected;
         for (const Fault& fault : SimulatedDevice::faults()) {
             const QString value = fault.value ? "[=%1]"_s.arg(fault.value) : QString();
-            expected << (fault.name + value).leftJustified(29) + explanationOf(fault);
+            expected += (fault.name + value).leftJustified(29) + explanationOf(fault) + "\n";
         }
-        QCOMPARE(result.lines(), expected);
+        const Run run = withoutDevice.run("ssdp-simulator --list-faults");
+        QCOMPARE(run.out, expected);
+        QCOMPARE(run.status, 0);
     }
 
     void manualExplainsTheFaultsAlike()
@@ -440,64 +422,24 @@ private Q_SLOTS:
 
     void simulatorTracesAndSums()
     {
-        const Run result =
+        const Run run =
             lab("--verbose --trace --json --response-delay 0-0 -- ssdp-discover --first --quiet --timeout 20000");
-        QCOMPARE(result.status, 0);
-        const QStringList lines = result.errorLines();
-        QJsonObject last;
+        QCOMPARE(run.status, 0);
         QStringList texts;
-        QString subscription;
-        for (const QString& line : lines) {
-            last = jsonOf(line);
-            QVERIFY2(!last.isEmpty(), qPrintable(line));
-            const QString text = last.value("text").toString();
-            texts << last.value("direction").toString() + " " + text.section(" ", 0, 0);
-            if (texts.last() == "in SUBSCRIBE")
-                subscription = text;
+        const QList<QJsonObject> objects = objectsOf(run.err);
+        for (const QJsonObject& object : objects) {
+            QVERIFY2(!object.isEmpty(), qPrintable(run.err));
+            texts << object.value("direction").toString() + " " + object.value("text").toString();
         }
-        for (const char* const text : {"in M-SEARCH", "in GET", "in SUBSCRIBE", "out NOTIFY"})
-            QVERIFY2(texts.contains(text), text);
+        for (const char* const start : {"in M-SEARCH", "in GET", "in SUBSCRIBE", "out NOTIFY"})
+            QVERIFY2(!texts.filter(QRegularExpression("^"_s + start + " ")).isEmpty(), start);
         // Port 49152 is written as the byte 0, which is part of the message.
-        QVERIFY2(subscription.contains("HOST: 10.77.1.1:\0\n"_s), qPrintable(subscription));
-        QVERIFY2(subscription.endsWith("TIMEOUT: Second-120\n\n"), qPrintable(subscription));
-        const QJsonObject saw = last.value("saw").toObject();
+        const QString subscription = texts.filter("in SUBSCRIBE ").constLast();
+        QVERIFY2(isLike(subscription, "**HOST: 10.77.1.1:\0\n**TIMEOUT: Second-120\n\n"_s),
+                 qPrintable(subscription));
+        const QJsonObject saw = objects.constLast().value("saw").toObject();
         QCOMPARE(saw.value("search").toInt(), 1);
         QCOMPARE(saw.value("event").toInt(), 1);
-    }
-
-    void discoverFindsAHundredDevices()
-    {
-        const Run result = finish("hundred");
-        QCOMPARE(result.devices().size(), 100);
-    }
-
-    void discoverWaitsForLateDevices()
-    {
-        // One of them answers so late that it is not read when three seconds are over.
-        const Run result = finish("late");
-        QCOMPARE(result.devices().size(), 10);
-        QVERIFY2(result.lines().constLast().startsWith("10 devices found in 5."), qPrintable(result.out));
-    }
-
-    void discoverPrintsWhatCameAndWent()
-    {
-        // A device beside it goes and comes back; the other stays.
-        const Run result = finish("comings");
-        QCOMPARE(result.status, 0);
-        QCOMPARE(result.out.count("\n+"), 3);
-        QCOMPARE(result.out.count("\n-"), 1);
-        QVERIFY2(result.out.section("\n-", 1).contains(" 10.77.0.1 "), qPrintable(result.out));
-        QVERIFY2(result.lines().constLast().startsWith("2 devices found in "), qPrintable(result.out));
-        QCOMPARE(result.err, QString());
-    }
-
-    void discoverKeepsWhatALostInterfaceHides()
-    {
-        // The device was found by then; the next discovery searches from the loopback only.
-        const Run result = finishAfterTwoDiscoveries("lost interface");
-        QVERIFY2(result.out.contains("\nSearching from 127.0.0.1 (lo)\n"), qPrintable(result.out));
-        QCOMPARE(result.out.count("\n+"), 1);
-        QCOMPARE(result.out.count("\n-"), 0);
     }
 };
 

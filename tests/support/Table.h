@@ -1,0 +1,29 @@
+#ifndef VELMORA_TESTS_SUPPORT_TABLE_H
+#define VELMORA_TESTS_SUPPORT_TABLE_H
+
+#include <QtTest/QtTest>
+
+namespace Velmora {
+namespace Tests {
+
+template <typename Value> const Value& cellOf(const Value& value)
+{
+    return value;
+}
+
+inline QString cellOf(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+
+/// Adds a row to the table of a test. A plain literal becomes a QString.
+template <typename... Cells> void addRow(const QString& name, const Cells&... cells)
+{
+    QTestData& row = QTest::newRow(qPrintable(name));
+    (void(row << cellOf(cells)), ...);
+}
+
+} // namespace Tests
+} // namespace Velmora
+
+#endif
