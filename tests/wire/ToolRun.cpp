@@ -146,10 +146,15 @@ Run Shell::run(const QString& line) const
     return {status.isEmpty() ? -1 : status.toInt(), out, program->takeUntil('\4', QProcess::StandardError)};
 }
 
-Run shell(const QString& script)
+Running startShell(const QString& script)
 {
     // timeout(1) passes a signal on to all that the shell has started.
-    return Program("timeout", {"1h", "bash", "-c", "lab=" SSDP_LAB "\n" + script}).finish();
+    return std::make_shared<Program>("timeout", QStringList{"1h", "bash", "-c", "lab=" SSDP_LAB "\n" + script});
+}
+
+Run shell(const QString& script)
+{
+    return startShell(script)->finish();
 }
 
 Running startOnTerminal(const QString& script)

@@ -92,7 +92,8 @@ private:
     Running program;
 };
 
-/// Runs @p script in a shell. There, $lab is ssdp-lab, and the other tools are in the PATH.
+/// Starts a shell that runs @p script. There, $lab is ssdp-lab, and the other tools are in the PATH.
+Running startShell(const QString& script);
 Run shell(const QString& script);
 
 /// Starts such a shell on a terminal of script(1).

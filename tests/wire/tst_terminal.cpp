@@ -14,7 +14,7 @@ class TerminalTest : public QObject
     Q_OBJECT
 
 private:
-    /// What of @p printed is in the lines of a terminal, without the means of colouring and moving.
+    /// Returns the lines that a terminal shows, without the sequences that colour text or move the cursor.
     static QStringList shownLines(const QString& printed)
     {
         static const QRegularExpression sequence("\033\\[[0-9]*[a-zA-Z]");
@@ -24,71 +24,70 @@ private:
 
 private Q_SLOTS:
 
+    void showsProgressOnATerminalOnly_data()
+    {
+        QTest::addColumn<Running>("program");
+        QTest::addColumn<bool>("hasProgress");
+        QTest::addColumn<bool>("hasColour");
+        const QString script = "env %1 $lab --response-delay 500-500 -- ssdp-discover --first"_s;
+        const auto row = [&script](const char* environment, bool hasProgress, bool hasColour) {
+            addRow(environment, startOnTerminal(script.arg(environment)), hasProgress, hasColour);
+        };
+        row("-u NO_COLOR TERM=xterm", true, true);
+        row("NO_COLOR=1 TERM=xterm", true, false);
+        row("-u NO_COLOR TERM=dumb", false, false);
+        row("-u NO_COLOR -u TERM", false, false);
+        row("-u NO_COLOR TERM=", false, false);
+        addRow("no terminal", startShell(script.arg("TERM=xterm")), false, false);
+    }
+
     void showsProgressOnATerminalOnly()
     {
-        const QString command = " $lab --response-delay 500-500 -- ssdp-discover --first"_s;
-        const Running onColour = startOnTerminal("env -u NO_COLOR TERM=xterm" + command);
-        const Running onPlain = startOnTerminal("env NO_COLOR=1 TERM=xterm" + command);
-        const Run piped = shell(command);
-        const Run coloured = onColour->finish();
-        QCOMPARE(coloured.status, 0);
-        QVERIFY2(coloured.out.contains(" left, 0 devices so far\r"), qPrintable(coloured.out));
-        QVERIFY(coloured.out.contains("\033[J"));
-        QVERIFY(coloured.out.contains("\033[1m"));
-        const Run plain = onPlain->finish();
-        QVERIFY(plain.out.contains("\033[J"));
-        QVERIFY(!plain.out.contains("\033[1m"));
-        QCOMPARE(piped.status, 0);
-        QVERIFY(!piped.out.contains("\033"));
-        QVERIFY(!piped.out.contains("\r"));
-    }
-
-    void printsNothingButTextOnADumbTerminal_data()
-    {
-        QTest::addColumn<Running>("terminal");
-        for (const char* const environment : {"TERM=dumb", "-u TERM", "TERM="}) {
-            QTest::newRow(environment) << startOnTerminal("env -u NO_COLOR %1 $lab --response-delay 300-300 -- "
-                                                          "ssdp-discover --first"_s.arg(environment));
-        }
-    }
-
-    void printsNothingButTextOnADumbTerminal()
-    {
-        QFETCH(Running, terminal);
-        const Run result = terminal->finish();
-        QCOMPARE(result.status, 0);
-        QVERIFY(!result.out.contains("\033"));
-        QVERIFY(!result.out.contains("\b"));
-        QCOMPARE(result.out.count("\r"), result.out.count("\r\n"));
-        QCOMPARE(result.lines().size(), 4);
+        QFETCH(Running, program);
+        QFETCH(bool, hasProgress);
+        QFETCH(bool, hasColour);
+        const Run run = program->finish();
+        QCOMPARE(run.status, 0);
+        QCOMPARE(run.out.contains(" left, 0 devices so far\r"), hasProgress);
+        QCOMPARE(run.out.contains("\033[J"), hasProgress);
+        QCOMPARE(run.out.contains("\033[1m"), hasColour);
+        if (hasProgress)
+            return;
+        static const QRegularExpression control("[\033\b]|\r(?!\n)");
+        QVERIFY2(!run.out.contains(control), qPrintable(run.out));
+        QCOMPARE(linesOf(run.out).size(), 4);
     }
 
     void fitsIntoNarrowTerminals_data()
     {
+        QTest::addColumn<Running>("program");
         QTest::addColumn<int>("columns");
-        QTest::addColumn<QString>("row");
-        QTest::newRow("wide") << 80 << "+          1            1  10.77.1.1 ";
-        QTest::newRow("without the time") << 45 << "+          1           1 10.77.1.1";
-        QTest::newRow("below forty") << 39 << "+1 1 10.77.1.1";
-        QTest::newRow("tiny") << 26 << "+1 1 10.77.1.1";
+        QTest::addColumn<QString>("start");
+        const auto row = [](const char* name, int columns, const char* start) {
+            const QString size = "stty cols %1; TERM=xterm; export TERM\n"_s.arg(columns);
+            const QString discover = "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s;
+            addRow(name, startOnTerminal(size + discover), columns, start);
+        };
+        row("wide", 80, "+          1            1  10.77.1.1 ");
+        row("without the time", 45, "+          1           1 10.77.1.1");
+        row("below forty", 39, "+1 1 10.77.1.1");
+        row("tiny", 26, "+1 1 10.77.1.1");
     }
 
     void fitsIntoNarrowTerminals()
     {
+        QFETCH(Running, program);
         QFETCH(int, columns);
-        QFETCH(QString, row);
-        const Running program =
-            startOnTerminal("stty cols %1; TERM=xterm; export TERM\n"
-                            "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s.arg(columns));
+        QFETCH(QString, start);
         QVERIFY(program->waitFor("10.77.1.1"));
         QVERIFY(program->waitFor(" left, 1 device so"));
         program->write("\003"); // Ctrl-C
         const QStringList lines = shownLines(program->finish().out);
         const QStringList rows = lines.filter("10.77.1.1");
         QCOMPARE(rows.size(), 1);
-        QVERIFY2(rows.constFirst().startsWith(row), qPrintable(rows.constFirst()));
+        QVERIFY2(rows.constFirst().startsWith(start), qPrintable(rows.constFirst()));
         for (const QString& line : lines) {
-            // The addresses searched from are a line of text, which the terminal may break.
+            // The addresses searched from are a line of text. The terminal may break it.
             if (!line.startsWith("Searching"))
                 QVERIFY2(line.size() <= columns, qPrintable(line));
         }
@@ -96,10 +95,9 @@ private Q_SLOTS:
 
     void followsTheWidthOfTheTerminal()
     {
-        const Running program = startOnTerminal(
-            "stty cols 80; TERM=xterm; export TERM\n"
-            "exec $lab --devices 0 -- sh -c 'ssdp-discover --first --timeout 60000 & discover=$!;"
-            "read -r line; stty cols 20; ssdp-simulator --first-address 10.77.0.1 --quiet & wait $discover'");
+        const Running program = startOnTerminal(R"(stty cols 80; TERM=xterm; export TERM
+            exec $lab --devices 0 -- sh -c 'ssdp-discover --first --timeout 60000 & discover=$!
+                read -r line; stty cols 20; ssdp-simulator --first-address 10.77.0.1 --quiet & wait $discover')");
         QVERIFY(program->waitFor("left, 0 devices so far"));
         program->write("\n");
         QVERIFY(program->waitFor("1 device found"));
@@ -107,66 +105,56 @@ private Q_SLOTS:
         QVERIFY2(lines.contains("1 1 10.77.0.1"), qPrintable(lines.join("|")));
     }
 
-    void helpsWithinEightyColumns_data()
-    {
-        QTest::addColumn<QString>("tool");
-        for (const char* const tool : {"ssdp-discover", "ssdp-lab", "ssdp-simulator"})
-            QTest::newRow(tool) << QString(tool);
-    }
-
     void helpsWithinEightyColumns()
     {
-        QFETCH(QString, tool);
-        const Run result = shell(tool + " --help");
-        QCOMPARE(result.status, 0);
-        const QStringList lines = result.lines();
-        QVERIFY(lines.size() > 10);
-        for (const QString& line : lines)
-            QVERIFY2(line.size() < 80, qPrintable(line));
-    }
-
-    void completes_data()
-    {
-        const QString completion = "/usr/share/bash-completion/bash_completion"_s;
-        if (!QFile::exists(completion))
-            QSKIP("bash-completion is not installed");
-        QFile settings(folder.filePath("bashrc"));
-        QVERIFY(settings.open(QIODevice::WriteOnly));
-        const QString text = ". %1\n"
-                             "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
-                             "typed() { printf '<%s>' \"$@\"; exit; }\n"_s.arg(completion, COMPLETIONS);
-        settings.write(text.toUtf8());
-        settings.close();
-
-        QTest::addColumn<Running>("bash");
-        QTest::addColumn<QString>("completed");
-        const auto row = [&](const char* typed, const char* completed) {
-            const Running bash = startOnTerminal("TERM=xterm exec bash --rcfile %1 -i"_s.arg(settings.fileName()));
-            // A tabulator completes, and Ctrl-A goes to the beginning of the line.
-            bash->write("%1\t\001typed \n"_s.arg(typed));
-            QTest::newRow(typed) << bash << QString(completed);
-        };
-        row("ssdp-simulator --fault slow-h", "<ssdp-simulator><--fault><slow-http>");
-        row("ssdp-simulator --fault 2:slow-h", "<ssdp-simulator><--fault><2:slow-http>");
-        row("ssdp-simulator --fault=slow-h", "<ssdp-simulator><--fault=slow-http>");
-        row("ssdp-simulator --fault=2:slow-h", "<ssdp-simulator><--fault=2:slow-http>");
-        row("ssdp-lab --fault 2:slow-h", "<ssdp-lab><--fault><2:slow-http>");
-        row("ssdp-lab --fault=slow-h", "<ssdp-lab><--fault=slow-http>");
-        row("ssdp-lab --second", "<ssdp-lab><--second-interface>");
-        row("ssdp-discover --interf", "<ssdp-discover><--interface>");
-        row("ssdp-discover --interface l", "<ssdp-discover><--interface><lo>");
+        for (const char* const tool : {"ssdp-discover", "ssdp-doctor", "ssdp-lab", "ssdp-simulator"}) {
+            const Run run = Program(tool, {"--help"}).finish();
+            QCOMPARE(run.status, 0);
+            const QStringList lines = linesOf(run.out);
+            QVERIFY(lines.size() > 10);
+            for (const QString& line : lines)
+                QVERIFY2(line.size() < 80, qPrintable(line));
+        }
     }
 
     void completes()
     {
-        QFETCH(Running, bash);
-        QFETCH(QString, completed);
-        const Run result = bash->finish();
-        QVERIFY2(result.out.contains(completed), qPrintable(result.out));
-    }
+        const QString completion = "/usr/share/bash-completion/bash_completion"_s;
+        if (!QFile::exists(completion))
+            QSKIP("bash-completion is not installed");
+        const QTemporaryDir folder;
+        QFile settings(folder.filePath("bashrc"));
+        QVERIFY(settings.open(QIODevice::WriteOnly));
+        const QString text = ". %1\n"
+                             "for tool in discover simulator lab; do . %2/ssdp-$tool; done\n"
+                             "typed() { printf '<%s>' \"$@\"; }\n"_s.arg(completion, COMPLETIONS);
+        settings.write(text.toUtf8());
+        settings.close();
+        const Running bash = startOnTerminal("TERM=xterm exec bash --rcfile %1 -i"_s.arg(settings.fileName()));
 
-private:
-    const QTemporaryDir folder;
+        static const struct
+        {
+            const char* typed;
+            const char* completed;
+        } rows[] = {
+            {"ssdp-simulator --fault slow-h", "<ssdp-simulator><--fault><slow-http>"},
+            {"ssdp-simulator --fault 2:slow-h", "<ssdp-simulator><--fault><2:slow-http>"},
+            {"ssdp-simulator --fault=slow-h", "<ssdp-simulator><--fault=slow-http>"},
+            {"ssdp-simulator --fault=2:slow-h", "<ssdp-simulator><--fault=2:slow-http>"},
+            {"ssdp-lab --fault 2:slow-h", "<ssdp-lab><--fault><2:slow-http>"},
+            {"ssdp-lab --fault=slow-h", "<ssdp-lab><--fault=slow-http>"},
+            {"ssdp-lab --second", "<ssdp-lab><--second-interface>"},
+            {"ssdp-discover --interf", "<ssdp-discover><--interface>"},
+            {"ssdp-discover --interface l", "<ssdp-discover><--interface><lo>"},
+        };
+        // A tabulator completes, and Ctrl-A goes to the beginning of the line.
+        for (const auto& row : rows)
+            bash->write("%1\t\001typed \n"_s.arg(row.typed));
+        bash->write("exit\n");
+        const Run run = bash->finish();
+        for (const auto& row : rows)
+            QVERIFY2(run.out.contains(row.completed), qPrintable(run.out));
+    }
 };
 
 VELMORA_TOOL_TEST_MAIN(TerminalTest)
