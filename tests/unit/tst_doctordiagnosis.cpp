@@ -1,4 +1,5 @@
 #include <tests/support/Messages.h>
+#include <tests/support/Table.h>
 #include <tools/doctor/Diagnosis.h>
 #include <tools/doctor/Host.h>
 #include <tools/doctor/Report.h>
@@ -13,18 +14,6 @@ using namespace Velmora::Tests;
 
 namespace {
 
-QByteArray root(const QByteArray& content)
-{
-    return "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device>"
-           "<deviceType>urn:schemas-velmora-it:device:x:1</deviceType>"
-        + content + "</device></root>";
-}
-
-QByteArray service(const QByteArray& type)
-{
-    return "<serviceList><service><serviceType>" + type + "</serviceType></service></serviceList>";
-}
-
 DocumentSeen document(const QByteArray& body, Ending ending = Ending::Complete, int status = 200)
 {
     DocumentSeen seen;
@@ -34,6 +23,7 @@ DocumentSeen document(const QByteArray& body, Ending ending = Ending::Complete, 
     return seen;
 }
 
+/// An event of these segments, one after each gap.
 EventSeen arrived(const QList<QByteArray>& segments, int gap = 50)
 {
     EventSeen seen;
@@ -43,17 +33,13 @@ EventSeen arrived(const QList<QByteArray>& segments, int gap = 50)
     return seen;
 }
 
-QByteArray head(const QByteArray& length)
+/// The head of an event with a body of @p length bytes.
+QByteArray head(qsizetype length)
 {
-    return "NOTIFY /x HTTP/1.1\r\n" + (length.isEmpty() ? length : "CONTENT-LENGTH: " + length + "\r\n") + "\r\n";
+    return eventHead("/x", QByteArray::number(length));
 }
 
-QByteArray body(const QByteArray& property)
-{
-    return "<e:propertyset xmlns:e=\"x\"><e:property>" + property + "</e:property></e:propertyset>";
-}
-
-/// A device whose event's body came so many milliseconds after its head, and that did nothing wrong.
+/// A device that did nothing wrong. The body of its event came @p gap milliseconds after its head.
 DeviceSeen examinedDevice(int gap)
 {
     DeviceSeen device;
@@ -62,14 +48,14 @@ DeviceSeen examinedDevice(int gap)
     device.search.message = "x";
     device.search.answerDelay = device.search.heard = 10;
     device.isExamined = true;
-    device.description = document(root(service(KEY_OBJECT_TYPE)));
+    device.description = document(deviceDescription());
     ServiceSeen seen;
     seen.description = document(serviceDescription());
     seen.subscription.ending = Ending::Complete;
     seen.subscription.status = 200;
     seen.subscription.hasSid = true;
-    const QByteArray event = body("<KO>1,2</KO>");
-    seen.events << arrived({head(QByteArray::number(event.size())), event}, gap);
+    const QByteArray event = eventBody("KO", "1,2");
+    seen.events << arrived({head(event.size()), event}, gap);
     device.services << seen;
     return device;
 }
@@ -94,16 +80,14 @@ private Q_SLOTS:
     void saysWhatIsWrong_data()
     {
         QTest::addColumn<QByteArray>("found");
-        QTest::addColumn<QByteArray>("expected");
-        const auto add = [](const char* kind, const char* name, const QList<Finding>& found,
-                            const char* expected) {
-            QTest::addRow("%s, %s", kind, name) << ids(found) << QByteArray(expected);
+        QTest::addColumn<QString>("expected");
+        const auto description = [](const char* name, const DocumentSeen& seen, const char* expected) {
+            addRow("description, "_s + name, ids(readDescription(seen).findings), expected);
         };
-
-        const auto description = [&add](const char* name, const DocumentSeen& seen, const char* expected) {
-            add("description", name, readDescription(seen).findings, expected);
+        const auto services = [&](const char* name, const QByteArray& elements, const char* expected) {
+            description(name, document(deviceDescription(elements)), expected);
         };
-        const QByteArray good = root(service(KEY_OBJECT_TYPE));
+        const QByteArray good = deviceDescription();
         description("good", document(good), "");
         description("good with an error status", document(good, Ending::Complete, 500), "description.status");
         description("good but cut by the peer", document(good, Ending::Short), "description.short");
@@ -121,72 +105,71 @@ private Q_SLOTS:
         description("no XML", document("<root>"), "description.not-xml");
         description("subset", document("<!DOCTYPE root [<!ENTITY a \"b\">]><root/>"), "description.out-of-bounds");
         description("web page", document("<html/>"), "description.no-root");
-        description("no name space", document("<root/>"), "description.namespace");
+        description("no namespace", document("<root/>"), "description.namespace");
         description("prefixed root", document("<d:root xmlns:d=\"urn:schemas-upnp-org:device-1-0\"/>"),
                     "description.prefix");
         description("prefixed below",
                     document("<root xmlns=\"urn:schemas-upnp-org:device-1-0\" xmlns:d=\"x\"><d:device/></root>"),
                     "description.prefix");
-        description("no service", document(root("")), "service.none");
-        description("another service", document(root(service("urn:x:service:y:1"))), "service.no-key-object");
-        description("version", document(root(service("urn:schemas-velmora-it:service:keyobjects:12"))),
-                    "service.type-version");
-        description("case", document(root(service("urn:schemas-velmora-it:service:KeyObjects:1"))),
-                    "service.type-case");
-        description("space", document(root(service(QByteArray(KEY_OBJECT_TYPE) + " "))), "service.type-space");
-        description("embedded",
-                    document(root("<deviceList><device>" + service(KEY_OBJECT_TYPE) + "</device></deviceList>")),
-                    "service.embedded");
         description("not tried", DocumentSeen(), "");
+        services("no service", "", "service.none");
+        services("another service", serviceElement("urn:x:service:y:1"), "service.no-key-object");
+        services("version", serviceElement("urn:schemas-velmora-it:service:keyobjects:12"),
+                 "service.type-version");
+        services("case", serviceElement("urn:schemas-velmora-it:service:KeyObjects:1"), "service.type-case");
+        services("space", serviceElement(KEY_OBJECT_TYPE + " "_ba), "service.type-space");
+        services("embedded",
+                 "</serviceList><deviceList><device><serviceList>" + serviceElement()
+                     + "</serviceList></device></deviceList><serviceList>",
+                 "service.embedded");
 
-        const auto scpd = [&add](const char* name, const DocumentSeen& seen, const char* expected) {
-            add("service description", name, readServiceDescription(seen).findings, expected);
+        const auto scpd = [](const char* name, const DocumentSeen& seen, const char* expected) {
+            addRow("service description, "_s + name, ids(readServiceDescription(seen).findings), expected);
         };
-        QByteArray prefixedScpd = serviceDescription();
-        prefixedScpd.replace("<serviceStateTable", "<x:serviceStateTable xmlns:x=\"y\"");
-        prefixedScpd.replace("</serviceStateTable", "</x:serviceStateTable");
         scpd("KO", document(serviceDescription({"KO"})), "");
         scpd("no KO", document(serviceDescription({"ko"})), "scpd.no-ko");
         scpd("no variable", document(serviceDescription({})), "scpd.no-variable");
-        scpd("prefix", document(prefixedScpd), "scpd.prefix");
-        scpd("device description", document(root("")), "scpd.no-root");
+        scpd("prefix",
+             document(serviceDescription()
+                          .replace("<serviceStateTable", "<x:serviceStateTable xmlns:x=\"y\"")
+                          .replace("</serviceStateTable", "</x:serviceStateTable")),
+             "scpd.prefix");
+        scpd("device description", document(good), "scpd.no-root");
         scpd("status", document("", Ending::Complete, 404), "scpd.status");
 
-        const auto event = [&add](const char* name, const EventSeen& seen, const char* expected) {
-            add("event", name, judgeEvent(seen), expected);
+        const auto event = [](const char* name, const EventSeen& seen, const char* expected) {
+            addRow("event, "_s + name, ids(judgeEvent(seen)), expected);
         };
-        const auto whole = [](const QByteArray& text) {
-            return arrived({head(QByteArray::number(text.size())), text});
-        };
-        const QByteArray body12 = body("<KO>1,2</KO>");
-        const QByteArray length = QByteArray::number(body12.size());
-        event("good", whole(body12), "");
-        event("in pieces", arrived({head(length), body12.left(9), body12.mid(9)}), "");
-        event("one character short", arrived({head(QByteArray::number(body12.size() + 1)), body12}), "");
-        event("two characters short", arrived({head(QByteArray::number(body12.size() + 2)), body12}),
-              "event.long-length");
-        event("no length", arrived({head(""), body12}), "event.no-length");
-        event("no length, in pieces", arrived({head(""), body12.left(9), body12.mid(9)}), "event.no-length");
-        event("short length, cut", arrived({head("9"), body12.left(9), body12.mid(9)}), "event.short-length");
-        event("short length, not cut", arrived({head("9"), body12}), "event.short-length");
-        event("at once", arrived({head(length) + body12}), "event.one-segment");
-        event("begun with the head", arrived({head(length) + body12.left(9), body12.mid(9)}), "event.one-segment");
-        event("soon", arrived({head(length), body12}, 4), "event.short-gap");
-        event("head only", arrived({head(length)}), "event.no-body");
-        event("no XML", arrived({head("9"), "<e:proper"}), "event.not-xml");
-        event("prefix",
-              whole("<f:propertyset xmlns:f=\"x\"><f:property><KO>1,2</KO></f:property></f:propertyset>"),
-              "event.prefix");
-        event("no KO", whole(body("<A>1</A>")), "event.no-ko");
-        event("malformed", whole(body("<KO>7;1,2,3</KO>")), "event.ko-malformed");
-        EventSeen strange = whole(body12);
+        const auto whole = [](const QByteArray& body) { return arrived({head(body.size()), body}); };
+        const QByteArray noLength = eventHead("/x", QByteArray());
+        const QByteArray body = eventBody("KO", "1,2");
+        const QByteArray begin = body.left(40);
+        const QByteArray rest = body.mid(40);
+        const QByteArray length = head(body.size());
+        event("good", whole(body), "");
+        event("in pieces", arrived({length, begin, rest}), "");
+        event("one character short", arrived({head(body.size() + 1), body}), "");
+        event("two characters short", arrived({head(body.size() + 2), body}), "event.long-length");
+        event("no length", arrived({noLength, body}), "event.no-length");
+        event("no length, in pieces", arrived({noLength, begin, rest}), "event.no-length");
+        event("short length, cut", arrived({head(9), begin, rest}), "event.short-length");
+        event("short length, not cut", arrived({head(9), body}), "event.short-length");
+        event("at once", arrived({length + body}), "event.one-segment");
+        event("begun with the head", arrived({length + begin, rest}), "event.one-segment");
+        event("soon", arrived({length, body}, 4), "event.short-gap");
+        event("head only", arrived({length}), "event.no-body");
+        event("no XML", arrived({head(9), "<e:proper"}), "event.not-xml");
+        event("prefix", whole(QByteArray(body).replace("e:prop", "f:prop").replace(":e=", ":f=")), "event.prefix");
+        event("no KO", whole(eventBody("A", "1")), "event.no-ko");
+        event("malformed", whole(eventBody("KO", "7;1,2,3")), "event.ko-malformed");
+        EventSeen strange = whole(body);
         strange.isForSubscription = false;
         event("unknown path", strange, "event.unknown-path");
 
-        // When there was an answer, one to the standard search, one to a search of the address, an announcement,
-        // and anything that the library heard.
-        const auto search = [&add](const char* name, const char* location, const QList<int>& times,
-                                   const char* expected) {
+        // In milliseconds, or -1: the answer, the answers to the standard search and to a search of the address,
+        // the announcement, and the first message that the library received.
+        const auto search = [](const char* name, const char* location, const QList<int>& times,
+                               const char* expected) {
             DeviceSeen device;
             device.sender = QHostAddress("10.0.0.5");
             device.location = location;
@@ -196,7 +179,7 @@ private Q_SLOTS:
             device.search.unicastDelay = times.at(2);
             device.search.announced = times.at(3);
             device.search.heard = times.at(4);
-            add("search", name, judgeSearch(device, 5000), expected);
+            addRow("search, "_s + name, ids(judgeSearch(device, 5000)), expected);
         };
         const char URL[] = "http://10.0.0.5:80/d.xml";
         search("good", URL, {100, 200, -1, -1, 100}, "");
@@ -216,8 +199,8 @@ private Q_SLOTS:
     void saysWhatIsWrong()
     {
         QFETCH(QByteArray, found);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(found, expected);
+        QFETCH(QString, expected);
+        QCOMPARE(QString(found), expected);
     }
 
     void blamesTheLongestStageForTheTime()
@@ -248,7 +231,8 @@ private Q_SLOTS:
             "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><deviceType>urn:x:device:tv:1</deviceType>"
             "<friendlyName>TV</friendlyName></device></root>");
         QVERIFY(isOfOtherMaker(readDescription(seen).findings));
-        seen.body.replace("</device>", service("urn:schemas-velmora-it:service:keyobjects:2") + "</device>");
+        const QByteArray service = serviceElement("urn:schemas-velmora-it:service:keyobjects:2");
+        seen.body.replace("</device>", "<serviceList>" + service + "</serviceList></device>");
         QVERIFY(!isOfOtherMaker(readDescription(seen).findings));
     }
 
@@ -304,19 +288,19 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("kind");
         QTest::addColumn<QString>("expected");
-        const auto add = [](const char* name, const char* kind, const char* expected) {
-            QTest::addRow("%s %s", name, kind) << kindOfInterface(name, kind) << QString(expected);
+        const auto row = [](const char* name, const char* kind, const char* expected) {
+            addRow(name, kindOfInterface(name, kind), expected);
         };
-        add("eth0", "", "");
-        add("bond0", "bond", "");
-        add("eth0.5", "vlan", "");
-        add("br0", "bridge", "bridge");
-        add("docker0", "bridge", "bridge of containers");
-        add("br-0123456789ab", "bridge", "bridge of containers");
-        add("host0", "veth", "container");
-        add("tun0", "tun", "tunnel");
-        add("wg0", "wireguard", "tunnel");
-        add("dummy0", "dummy", "no network");
+        row("eth0", "", "");
+        row("bond0", "bond", "");
+        row("eth0.5", "vlan", "");
+        row("br0", "bridge", "bridge");
+        row("docker0", "bridge", "bridge of containers");
+        row("br-0123456789ab", "bridge", "bridge of containers");
+        row("host0", "veth", "container");
+        row("tun0", "tun", "tunnel");
+        row("wg0", "wireguard", "tunnel");
+        row("dummy0", "dummy", "no network");
     }
 
     void namesKindsOfInterfaces()
@@ -328,14 +312,11 @@ private Q_SLOTS:
 
     void findsSocketsOnAPort()
     {
-        const QByteArray queues = " 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 ";
-        const QByteArray table = "   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   "
-                                 "uid  timeout inode ref\n"
-                                 "  123: 00000000:076C"
-            + queues
-            + "41234 2 0 0\n"
-              "  124: 0100007F:0035"
-            + queues + "41235 2 0 0\n";
+        const QByteArray table =
+            R"(   sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode ref
+  123: 00000000:076C 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 41234 2 0 0
+  124: 0100007F:0035 00000000:0000 07 00000000:00000000 00:00000000 00000000     0        0 41235 2 0 0
+)";
         QCOMPARE(socketsOnPort(table, 1900), QList<QByteArray>{"41234"});
     }
 
@@ -346,17 +327,16 @@ private Q_SLOTS:
         const QStringList all = {"UDP 1900", "UDP 49152", "TCP 40000"};
         const auto iptables = [](const char* name, const char* policy, const char* rules,
                                  const QStringList& expected) {
-            QTest::addRow("iptables, %s", name)
-                << "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules) << expected;
+            addRow("iptables, "_s + name, "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules), expected);
         };
         const auto nft = [](const char* name, const char* policy, const char* rules, const QStringList& expected,
                             const char* others = "") {
             const QString text = "table inet filter {\n%1\tchain input {\n\t\ttype filter hook input priority 0;"
                                  " policy %2;\n%3\t}\n}\n"_s;
-            QTest::addRow("nft, %s", name) << text.arg(others, policy, rules) << expected;
+            addRow("nft, "_s + name, text.arg(others, policy, rules), expected);
         };
-        QTest::newRow("nothing") << "" << QStringList();
-        QTest::newRow("iptables, another table") << "*nat\n:INPUT DROP [0:0]\nCOMMIT\n" << QStringList();
+        addRow("nothing", "", QStringList());
+        addRow("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", QStringList());
         iptables("all in", "ACCEPT", "", {});
         iptables("nothing in", "DROP", "-A INPUT -i lo -j ACCEPT\n", all);
         iptables("one port out", "ACCEPT", "-A INPUT -p udp -m udp --dport 1900 -j DROP\n", all.mid(0, 1));

@@ -43,9 +43,9 @@ void bindTo(int descriptor, const char* address, uint16_t port)
     check(bind(descriptor, reinterpret_cast<const sockaddr*>(&local), sizeof local) == 0, "bind");
 }
 
-bool startsWith(const std::string& text, const std::string& start)
+Attacker::Handler sends(const QByteArray& bytes)
 {
-    return text.compare(0, start.size(), start) == 0;
+    return [bytes](PlainConnection& connection) { connection.send(bytes); };
 }
 
 } // namespace
@@ -61,21 +61,22 @@ PlainConnection::~PlainConnection()
         close(descriptor);
 }
 
-bool PlainConnection::send(const std::string& bytes)
+bool PlainConnection::send(const QByteArray& bytes)
 {
-    size_t sent = 0;
+    qsizetype sent = 0;
     while (sent < bytes.size()) {
-        const ssize_t n = ::send(descriptor, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        const ssize_t n =
+            ::send(descriptor, bytes.constData() + sent, static_cast<size_t>(bytes.size() - sent), MSG_NOSIGNAL);
         if (n <= 0)
             return false;
-        sent += static_cast<size_t>(n);
+        sent += n;
     }
     return true;
 }
 
-void PlainConnection::sendFor(int milliseconds, const std::string& bytes, int pause)
+void PlainConnection::sendFor(int milliseconds, const QByteArray& bytes, int pause)
 {
-    // A host that stops reading must not hold the attack up.
+    // A host that stops reading must not delay the attack.
     const timeval patience = {0, 100000};
     setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
@@ -86,17 +87,17 @@ void PlainConnection::sendFor(int milliseconds, const std::string& bytes, int pa
     }
 }
 
-std::string PlainConnection::readHead()
+QByteArray PlainConnection::readHead()
 {
-    std::string head;
     char buffer[4096];
-    while (head.find("\n\n") == std::string::npos && head.find("\n\r\n") == std::string::npos) {
+    request.clear();
+    while (!request.contains("\n\n") && !request.contains("\n\r\n")) {
         const ssize_t n = recv(descriptor, buffer, sizeof buffer, 0);
         if (n <= 0)
-            return std::string();
-        head.append(buffer, static_cast<size_t>(n));
+            return QByteArray();
+        request.append(buffer, static_cast<int>(n));
     }
-    return head;
+    return request;
 }
 
 bool PlainConnection::waitForEnd()
@@ -139,17 +140,15 @@ Attacker::Attacker()
     check(setsockopt(searchSocket, IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership, sizeof membership) == 0, "join");
     bindTo(answerSocket, ADDRESS, 0);
 
-    serveDocument("/d.xml", deviceDescription(keyObjectService()));
-    serveDocument("/scpd.xml", serviceDescription("<stateVariable><name>KO</name></stateVariable>"));
-    serve("SUBSCRIBE ", [](PlainConnection& connection, const std::string&) {
-        connection.send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
-    });
+    serve("GET /d.xml ", sends(reply(deviceDescription())));
+    serve("GET /scpd.xml ", sends(reply(serviceDescription())));
+    serve("SUBSCRIBE ", sends(subscriptionReply()));
     listenAt(PORT);
 }
 
 void Attacker::waitForSearch()
 {
-    // A busy kernel may lose the search; what goes to the group reaches the host as well.
+    // A busy kernel may lose the search. Then the host is reached through the group.
     const timeval patience = {2, 0};
     setsockopt(searchSocket, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     searcher = socketAddress("239.255.255.250", 1900);
@@ -161,29 +160,29 @@ void Attacker::waitForSearch()
             recvfrom(searchSocket, buffer, sizeof buffer, 0, reinterpret_cast<sockaddr*>(&sender), &length);
         if (n < 0)
             return;
-        if (startsWith(std::string(buffer, static_cast<size_t>(n)), "M-SEARCH")) {
+        if (QByteArray(buffer, static_cast<int>(n)).startsWith("M-SEARCH")) {
             searcher = sender;
             return;
         }
     }
 }
 
-void Attacker::sendDatagram(const std::string& bytes)
+void Attacker::sendDatagram(const QByteArray& bytes)
 {
-    check(sendto(answerSocket, bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&searcher),
-                 sizeof searcher)
-              == static_cast<ssize_t>(bytes.size()),
+    check(sendto(answerSocket, bytes.constData(), static_cast<size_t>(bytes.size()), 0,
+                 reinterpret_cast<const sockaddr*>(&searcher), sizeof searcher)
+              == bytes.size(),
           "datagram");
 }
 
-void Attacker::sendLocation(const std::string& location)
+void Attacker::sendLocation(const QByteArray& location)
 {
-    sendDatagram("HTTP/1.1 200 OK\r\nST: upnp:rootdevice\r\nLOCATION: " + location + "\r\n\r\n");
+    sendDatagram(searchReply(location));
 }
 
-std::string Attacker::url(const std::string& path, int port)
+QByteArray Attacker::url(const QByteArray& path, int port)
 {
-    return std::string("http://") + ADDRESS + ":" + std::to_string(PORT + port) + path;
+    return QByteArray("http://") + ADDRESS + ':' + QByteArray::number(PORT + port) + path;
 }
 
 void Attacker::listenAt(uint16_t port)
@@ -208,19 +207,13 @@ void Attacker::stopListening()
         shutdown(listener, SHUT_RDWR);
 }
 
-void Attacker::serve(const std::string& start, Handler handler)
+void Attacker::serve(const QByteArray& start, const Handler& handler)
 {
     const std::lock_guard<std::mutex> lock(mutex);
-    handlers.emplace_front(start, std::move(handler));
+    handlers.emplace_front(start, handler);
 }
 
-void Attacker::serveDocument(const std::string& path, const std::string& document)
-{
-    serve("GET " + path + " ",
-          [document](PlainConnection& connection, const std::string&) { connection.send(reply(document)); });
-}
-
-void Attacker::greet(const std::string& bytes)
+void Attacker::greet(const QByteArray& bytes)
 {
     const std::lock_guard<std::mutex> lock(mutex);
     greeting = bytes;
@@ -242,60 +235,57 @@ void Attacker::answer(int descriptor)
     PlainConnection connection(descriptor);
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        if (!greeting.empty())
-            connection.send(greeting);
+        connection.send(greeting);
     }
-    const std::string request = connection.readHead();
-    Handler handler = [](PlainConnection& unknown, const std::string&) {
-        unknown.send("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
-    };
+    const QByteArray request = connection.readHead();
+    Handler handler = sends("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
     {
         const std::lock_guard<std::mutex> lock(mutex);
         const auto found = std::find_if(handlers.begin(), handlers.end(), [&request](const auto& candidate) {
-            return startsWith(request, candidate.first);
+            return request.startsWith(candidate.first);
         });
         if (found != handlers.end())
             handler = found->second;
         requests.push_back(request);
         changed.notify_all();
     }
-    handler(connection, request);
+    handler(connection);
     const std::lock_guard<std::mutex> lock(mutex);
     answered.push_back(request);
     changed.notify_all();
 }
 
-bool Attacker::waitForCount(const std::vector<std::string>& list, const std::string& start, int count,
+bool Attacker::waitForCount(const std::vector<QByteArray>& list, const QByteArray& start, int count,
                             std::chrono::seconds patience)
 {
     std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, patience, [&list, &start, count] {
+    return changed.wait_for(lock, patience, [&] {
         return std::count_if(list.begin(), list.end(),
-                             [&start](const std::string& request) { return startsWith(request, start); })
+                             [&start](const QByteArray& request) { return request.startsWith(start); })
             >= count;
     });
 }
 
-void Attacker::waitForRequests(const std::string& start, int count)
+void Attacker::waitForRequests(const QByteArray& start, int count)
 {
     if (!waitForCount(requests, start, count, PATIENCE))
-        throw std::runtime_error("the host never asked: " + start);
+        throw std::runtime_error("the host did not ask: " + start.toStdString());
 }
 
-void Attacker::waitForAnswer(const std::string& start, int count)
+void Attacker::waitForAnswer(const QByteArray& start, int count)
 {
     if (!waitForCount(answered, start, count, PATIENCE))
-        throw std::runtime_error("there was no end to: " + start);
+        throw std::runtime_error("there was no end to: " + start.toStdString());
 }
 
 void Attacker::waitForDatagrams()
 {
-    // The host reads its datagrams in order, so all of them were read once this one has an effect. It is
-    // sent again, since a full receive buffer may have lost it; a known location is ignored.
-    const std::string path = "/probe" + std::to_string(++probes);
+    // The host reads its datagrams in order. So all of them were read when this one has an effect. It is sent
+    // again, because a full receive buffer may have lost it. The host ignores a location that it knows.
+    const QByteArray path = "/probe" + QByteArray::number(++probes);
     for (int attempt = 0; attempt < 60; ++attempt) {
         sendLocation(url(path));
-        if (waitForCount(requests, "GET " + path + " ", 1, std::chrono::seconds(1)))
+        if (waitForCount(requests, "GET " + path + ' ', 1, std::chrono::seconds(1)))
             return;
     }
     throw std::runtime_error("the host no longer reads its datagrams");
@@ -307,26 +297,27 @@ Attacker::Callback Attacker::beSubscribedTo()
     waitForAnswer("SUBSCRIBE ");
     const std::lock_guard<std::mutex> lock(mutex);
     return callbackOf(*std::find_if(answered.begin(), answered.end(),
-                                    [](const std::string& request) { return startsWith(request, "SUBSCRIBE "); }));
+                                    [](const QByteArray& request) { return request.startsWith("SUBSCRIBE "); }));
 }
 
-Attacker::Callback Attacker::callbackOf(const std::string& subscription)
+Attacker::Callback Attacker::callbackOf(const QByteArray& subscription)
 {
-    const size_t begin = subscription.find("CALLBACK: <http://");
-    if (begin == std::string::npos)
+    const QByteArray start = "CALLBACK: <http://";
+    const qsizetype begin = subscription.indexOf(start);
+    if (begin == -1)
         throw std::runtime_error("a subscription without a callback");
-    const std::string rest = subscription.substr(begin + 18);
-    const size_t colon = rest.find(':');
-    const size_t slash = rest.find('/');
-    return {rest.substr(0, colon), static_cast<uint16_t>(std::stoi(rest.substr(colon + 1))),
-            rest.substr(slash, rest.find('>') - slash)};
+    const QByteArray url = subscription.mid(begin + start.size());
+    const qsizetype colon = url.indexOf(':');
+    const qsizetype slash = url.indexOf('/');
+    return {url.left(colon), url.mid(colon + 1, slash - colon - 1).toUShort(),
+            url.mid(slash, url.indexOf('>') - slash)};
 }
 
 int Attacker::startConnecting(const Callback& callback)
 {
     const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     bindTo(descriptor, ADDRESS, 0);
-    const sockaddr_in remote = socketAddress(callback.address.c_str(), callback.port);
+    const sockaddr_in remote = socketAddress(callback.address.constData(), callback.port);
     check(connect(descriptor, reinterpret_cast<const sockaddr*>(&remote), sizeof remote) == 0
               || errno == EINPROGRESS,
           "connect");
@@ -341,42 +332,6 @@ std::unique_ptr<PlainConnection> Attacker::connectTo(const Callback& callback)
     const int flags = fcntl(connection->descriptor, F_GETFL);
     check(fcntl(connection->descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0, "connect");
     return connection;
-}
-
-std::string Attacker::reply(const std::string& body, const std::string& headers)
-{
-    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n" + headers
-        + "Connection: close\r\n\r\n" + body;
-}
-
-std::string Attacker::deviceDescription(const std::string& services)
-{
-    return "<?xml version=\"1.0\"?><root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><serviceList>"
-        + services + "</serviceList></device></root>";
-}
-
-std::string Attacker::serviceDescription(const std::string& variables)
-{
-    return "<?xml version=\"1.0\"?><scpd xmlns=\"urn:schemas-upnp-org:service-1-0\"><serviceStateTable>"
-        + variables + "</serviceStateTable></scpd>";
-}
-
-std::string Attacker::keyObjectService()
-{
-    return "<service><serviceType>urn:schemas-velmora-it:service:keyobjects:1</serviceType>"
-           "<SCPDURL>/scpd.xml</SCPDURL><eventSubURL>/event</eventSubURL></service>";
-}
-
-std::string Attacker::eventHead(const std::string& path, const std::string& contentLength)
-{
-    return "NOTIFY " + path
-        + " HTTP/1.1\r\nNT: upnp:event\r\nNTS: upnp:propchange\r\nCONTENT-LENGTH: " + contentLength + "\r\n\r\n";
-}
-
-std::string Attacker::event(const std::string& value)
-{
-    return "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\"><e:property><KO>" + value
-        + "</KO></e:property></e:propertyset>";
 }
 
 } // namespace Tests

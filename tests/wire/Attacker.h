@@ -1,22 +1,22 @@
 #ifndef VELMORA_TESTS_WIRE_ATTACKER_H
 #define VELMORA_TESTS_WIRE_ATTACKER_H
 
+#include <tests/support/Messages.h>
+
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
-#include <string>
 #include <utility>
 #include <vector>
 
 namespace Velmora {
 namespace Tests {
 
-/// A blocking TCP connection that does what no library would: it ends with its object, by a FIN.
+/// A blocking TCP connection that can do what no library does. Its destructor closes it with a FIN.
 class PlainConnection
 {
 public:
@@ -25,37 +25,38 @@ public:
     PlainConnection(const PlainConnection&) = delete;
     PlainConnection& operator=(const PlainConnection&) = delete;
 
-    /// Returns whether all of @p bytes went out.
-    bool send(const std::string& bytes);
+    /// Returns whether all @p bytes were sent.
+    bool send(const QByteArray& bytes);
 
-    /// Sends @p bytes again and again for @p milliseconds, or until the peer has enough.
-    void sendFor(int milliseconds, const std::string& bytes, int pause = 0);
+    /// Sends @p bytes again and again for @p milliseconds, or until the peer closes the connection.
+    void sendFor(int milliseconds, const QByteArray& bytes, int pause = 0);
 
-    /// What came up to the first empty line; empty if the peer ends the connection before it.
-    std::string readHead();
+    /// Reads up to the first empty line. Returns nothing if the peer closes the connection before.
+    QByteArray readHead();
 
-    /// Waits for the peer to end the connection. Returns whether it did within half a minute.
+    /// Returns whether the peer closes the connection within half a minute.
     bool waitForEnd();
 
-    /// Waits until the peer's kernel has everything. (Whether the program read it, nobody can see.)
+    /// Waits until the kernel of the peer has all bytes. Nobody can see whether the program has read them.
     void flush();
 
-    /// Ends it with RST.
+    /// Closes the connection with an RST.
     void reset();
 
     int descriptor;
+    QByteArray request; ///< The head that was read last.
 };
 
 /**
- * The hostile device: it is found as the good one is, and then sends what the attack says. It works
- * with plain blocking sockets and a thread for each connection, in a process of its own.
+ * The hostile device. The host finds it like any other device. Then it does what the attack says, with blocking
+ * sockets and a thread for each connection.
  *
- * An operation that cannot be done throws std::runtime_error.
+ * If something cannot be done, std::runtime_error is thrown.
  */
 class Attacker
 {
 public:
-    using Handler = std::function<void(PlainConnection&, const std::string& request)>;
+    using Handler = std::function<void(PlainConnection&)>;
 
     static const char ADDRESS[];
     static const uint16_t PORT = 8000;
@@ -63,68 +64,58 @@ public:
     /// Listens to the group and to TCP, and serves the documents of a good device.
     Attacker();
 
-    /// Waits until the host searches, but no longer than two seconds.
+    /// Waits for the search of the host, at most two seconds.
     void waitForSearch();
 
     /// Answers the search.
-    void sendDatagram(const std::string& bytes);
-    void sendLocation(const std::string& location);
+    void sendDatagram(const QByteArray& bytes);
+    void sendLocation(const QByteArray& location);
 
-    /// The URL of @p path on this device, at the port so many after the first.
-    static std::string url(const std::string& path, int port = 0);
+    /// The URL of @p path on this device. @p port is counted from the first port.
+    static QByteArray url(const QByteArray& path, int port = 0);
 
-    /// Listens at @p count ports, counted from the first, as so many devices would.
+    /// Listens at the first @p count ports, like as many devices.
     void listenAtPorts(int count);
     /// Refuses connections from now on.
     void stopListening();
 
     /// Lets @p handler answer the requests that begin with @p start, such as "GET /d.xml ".
-    void serve(const std::string& start, Handler handler);
-    /// Lets @p document answer the GETs of @p path.
-    void serveDocument(const std::string& path, const std::string& document);
-    /// Sends @p bytes on every connection as soon as it exists.
-    void greet(const std::string& bytes);
+    void serve(const QByteArray& start, const Handler& handler);
+    /// Sends @p bytes on every new connection at once.
+    void greet(const QByteArray& bytes);
 
-    /// Waits until @p count requests that begin with @p start have come.
-    void waitForRequests(const std::string& start, int count = 1);
-    /// Waits until @p count requests that begin with @p start were answered to the end.
-    void waitForAnswer(const std::string& start, int count = 1);
+    /// Waits for @p count requests that begin with @p start.
+    void waitForRequests(const QByteArray& start, int count = 1);
+    /// Waits until @p count requests that begin with @p start have been answered completely.
+    void waitForAnswer(const QByteArray& start, int count = 1);
 
-    /// Waits until the host has dealt with every datagram sent so far.
+    /// Waits until the host has read every datagram that was sent so far.
     void waitForDatagrams();
 
     /// Where events go.
     struct Callback
     {
-        std::string address;
+        QByteArray address;
         uint16_t port;
-        std::string path;
+        QByteArray path;
     };
+    static Callback callbackOf(const QByteArray& subscription);
 
-    /// Is found as a device, and waits for the subscription.
+    /// Lets the host find this device, and waits for its subscription.
     Callback beSubscribedTo();
 
-    static Callback callbackOf(const std::string& subscription);
-
-    /// Begins to connect to the host's event server. Returns the descriptor.
+    /// Begins to connect to the event server of the host. Returns the descriptor.
     static int startConnecting(const Callback& callback);
-    /// Connects to it.
+    /// Connects to the event server of the host.
     static std::unique_ptr<PlainConnection> connectTo(const Callback& callback);
 
-    std::string seen; ///< What is worth a note beside the measurements.
-
-    static std::string reply(const std::string& body, const std::string& headers = std::string());
-    static std::string deviceDescription(const std::string& services);
-    static std::string serviceDescription(const std::string& variables);
-    static std::string keyObjectService();
-    static std::string eventHead(const std::string& path, const std::string& contentLength);
-    static std::string event(const std::string& value);
+    QByteArray seen; ///< A note for the table of the measurements.
 
 private:
     void listenAt(uint16_t port);
     void accept(int listener);
     void answer(int descriptor);
-    bool waitForCount(const std::vector<std::string>& list, const std::string& start, int count,
+    bool waitForCount(const std::vector<QByteArray>& list, const QByteArray& start, int count,
                       std::chrono::seconds patience);
 
     int searchSocket;
@@ -133,10 +124,10 @@ private:
     sockaddr_in searcher;
     std::mutex mutex;
     std::condition_variable changed;
-    std::list<std::pair<std::string, Handler>> handlers;
-    std::vector<std::string> requests;
-    std::vector<std::string> answered;
-    std::string greeting;
+    std::list<std::pair<QByteArray, Handler>> handlers;
+    std::vector<QByteArray> requests;
+    std::vector<QByteArray> answered;
+    QByteArray greeting;
     int probes;
 };
 

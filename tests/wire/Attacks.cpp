@@ -2,14 +2,8 @@
 
 #include <tests/support/NamesAlike.h>
 
-#include <QtCore/QByteArray>
+#include <QtCore/QFile>
 
-#include <algorithm>
-#include <cctype>
-#include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -21,285 +15,239 @@ namespace Tests {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Handler = Attacker::Handler;
+using Action = std::function<void(Attacker&)>;
 
-const size_t KB = 1024;
-const size_t MB = 1024 * KB;
-const size_t DOCUMENT_SIZE = 4 * MB;
+const int KB = 1024;
+const int MB = 1024 * KB;
+
 const int QUICK = Attack::Quick;
 const int MANY = Attack::ManyRecords;
+const int UNENDING = Attack::Unending;
+const int FEW = Attack::FewDescriptors;
+
 const int SHORT_GAP = 300;
 const int LONG_GAP = 6000;
 const int LONGEST_GAP = 15000;
-const char SUBSCRIBED[] = "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n";
 
 int millisecondsSince(Clock::time_point begin)
 {
     return static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin).count());
 }
 
-std::string repeated(const std::string& text, size_t times)
+void pauseAfterHead()
 {
-    return QByteArray::fromStdString(text).repeated(static_cast<int>(times)).toStdString();
+    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
 }
 
-/// Before the number of the repetition and after it, until the text is as long as a document.
-std::string numbered(const std::string& before, const std::string& after, size_t size = DOCUMENT_SIZE)
+/// Returns @p size bytes of @p unit. In each repetition, "@" is its number.
+QByteArray filled(const QByteArray& unit, int size)
 {
-    std::string result;
+    if (!unit.contains('@'))
+        return unit.repeated(size / static_cast<int>(unit.size()));
+    QByteArray result;
     for (int i = 0; result.size() < size; ++i)
-        result.append(before).append(std::to_string(i)).append(after);
+        result += QByteArray(unit).replace('@', QByteArray::number(i));
     return result;
 }
 
-std::string filled(const std::string& text, size_t size = DOCUMENT_SIZE)
+/// Replaces what is in braces by repetitions of it, so that all of them together have @p size bytes.
+QByteArray expanded(const QByteArray& pattern, int size)
 {
-    return repeated(text, size / text.size());
+    const QList<QByteArray> parts = pattern.split('{');
+    const int groups = static_cast<int>(parts.size()) - 1;
+    QByteArray result = parts.constFirst();
+    for (const QByteArray& part : parts.mid(1)) {
+        const qsizetype end = part.indexOf('}');
+        result += filled(part.left(end), size / groups) + part.mid(end + 1);
+    }
+    return result;
 }
 
-/// The beginning of a reply, and @p rest.
-std::string ok(const std::string& rest = std::string())
+int size(const QByteArray& bytes)
+{
+    return static_cast<int>(bytes.size());
+}
+
+QByteArray ok(const QByteArray& rest = QByteArray())
 {
     return "HTTP/1.1 200 OK\r\n" + rest;
 }
 
-std::string chunked(const std::string& rest = std::string())
+QByteArray chunked(const QByteArray& rest = QByteArray())
 {
     return ok("Transfer-Encoding: chunked\r\n\r\n" + rest);
 }
 
-/// A device description around @p content.
-std::string root(const std::string& content)
+QByteArray root(const QByteArray& content)
 {
     return "<root xmlns=\"urn:schemas-upnp-org:device-1-0\">" + content + "</root>";
 }
 
-// Datagrams
-
-Attack datagram(const char* name, const std::string& bytes, int traits = 0)
+QByteArray doctype(const QByteArray& declarations, const QByteArray& content = QByteArray())
 {
-    return {name, traits, SHORT_GAP, 0, [bytes](Attacker& attacker) {
-                attacker.sendDatagram(bytes);
-                attacker.waitForDatagrams();
-            }};
+    return "<!DOCTYPE root [" + declarations + "]>" + root(content);
 }
 
-Attack locations(const char* name, const std::vector<std::string>& all, int traits = 0)
+/// A service description with these elements in its table.
+QByteArray stateTable(const QByteArray& elements)
 {
-    return {name, traits, SHORT_GAP, static_cast<int>(all.size()), [all](Attacker& attacker) {
-                for (const std::string& location : all)
-                    attacker.sendLocation(location);
-                attacker.waitForDatagrams();
-            }};
+    return serviceDescription({}).replace("<serviceStateTable>", "<serviceStateTable>" + elements);
 }
 
-Attack manyLocations(const char* name, int traits, int count, int atOnce)
+/// Eight entities, each ten times as long as the one before.
+QByteArray entitiesInEntities()
 {
-    return {name, traits, LONG_GAP, count, [count, atOnce](Attacker& attacker) {
-                for (int i = 1; i <= count; ++i) {
-                    attacker.sendLocation(Attacker::url("/many/" + std::to_string(i)));
-                    if (i % atOnce == 0)
-                        attacker.waitForDatagrams();
-                }
-            }};
+    QByteArray declarations = "<!ENTITY a0 \"" + QByteArray(4000, 'x') + "\">";
+    for (int i = 1; i < 8; ++i) {
+        const QByteArray reference = "&a" + QByteArray::number(i - 1) + ';';
+        declarations += "<!ENTITY a" + QByteArray::number(i) + " \"" + reference.repeated(10) + "\">";
+    }
+    return doctype(declarations, "{&a7;}");
 }
 
-// HTTP
-
-using Handler = Attacker::Handler;
-
-Handler sends(const std::string& bytes)
+QByteArray inUtf16(const QByteArray& text)
 {
-    return [bytes](PlainConnection& connection, const std::string&) { connection.send(bytes); };
+    QByteArray result = "\xff\xfe";
+    for (const char character : text)
+        result.append(character).append(character == '{' || character == '}' ? 0 : 1, '\0');
+    return result;
 }
 
-Handler sendsFor(int milliseconds, const std::string& bytes, int pause = 0)
+Handler sends(const QByteArray& bytes)
 {
-    return
-        [=](PlainConnection& connection, const std::string&) { connection.sendFor(milliseconds, bytes, pause); };
+    return [bytes](PlainConnection& connection) { connection.send(bytes); };
 }
 
-Handler resetsAfter(const std::string& bytes)
+Handler sendsFor(int milliseconds, const QByteArray& bytes, int pause = 0)
 {
-    return [bytes](PlainConnection& connection, const std::string&) {
+    return [=](PlainConnection& connection) { connection.sendFor(milliseconds, bytes, pause); };
+}
+
+/// Sends a document that is made only now, so that no other process has it in memory.
+Handler sendsDocument(const QByteArray& pattern, int size)
+{
+    return [pattern, size](PlainConnection& connection) { connection.send(reply(expanded(pattern, size))); };
+}
+
+Handler resetsAfter(const QByteArray& bytes)
+{
+    return [bytes](PlainConnection& connection) {
         connection.send(bytes);
         connection.flush();
         connection.reset();
     };
 }
 
+// Kinds of attacks
+
+Attack datagram(const char* name, int traits, const QByteArray& bytes)
+{
+    const Action run = [bytes](Attacker& attacker) {
+        attacker.sendDatagram(bytes);
+        attacker.waitForDatagrams();
+    };
+    return {name, traits, run, 0, SHORT_GAP};
+}
+
+Attack locations(const char* name, int traits, const QList<QByteArray>& all)
+{
+    const Action run = [all](Attacker& attacker) {
+        for (const QByteArray& location : all)
+            attacker.sendLocation(location);
+        attacker.waitForDatagrams();
+    };
+    return {name, traits, run, static_cast<int>(all.size()), SHORT_GAP};
+}
+
+Attack manyLocations(const char* name, int traits, int count, int atOnce)
+{
+    const Action run = [count, atOnce](Attacker& attacker) {
+        for (int i = 1; i <= count; ++i) {
+            attacker.sendLocation(Attacker::url("/many/" + QByteArray::number(i)));
+            if (i % atOnce == 0)
+                attacker.waitForDatagrams();
+        }
+    };
+    return {name, traits, run, count, LONG_GAP};
+}
+
 /// The device is found, and answers so many requests that begin with @p request.
-void beAskedFor(Attacker& attacker, const char* request, int count = 1)
+void beAskedFor(Attacker& attacker, const QByteArray& request, int count = 1)
 {
     attacker.sendLocation(Attacker::url("/d.xml"));
     attacker.waitForAnswer(request, count);
 }
 
-/// The device is found, and @p handler answers the request that begins so.
-Attack answered(const char* name, const char* request, const Handler& handler, int traits, int gap = SHORT_GAP)
+/// The device is found, and @p handler answers the request that begins with @p request.
+Attack answered(const QByteArray& name, int traits, const QByteArray& request, const Handler& handler,
+                int gap = SHORT_GAP)
 {
-    return {name, traits, gap, 1, [request, handler](Attacker& attacker) {
-                attacker.serve(request, handler);
-                beAskedFor(attacker, request);
-            }};
+    const Action run = [request, handler](Attacker& attacker) {
+        attacker.serve(request, handler);
+        beAskedFor(attacker, request);
+    };
+    return {name, traits, run, 1, gap};
 }
 
-Attack http(const char* name, const Handler& handler, int traits = 0)
+Attack http(const char* name, int traits, const Handler& handler)
 {
-    return answered(name, "GET /d.xml ", handler, traits);
+    return answered(name, traits, "GET /d.xml ", handler);
 }
 
-/// A reply begins with @p head and goes on with @p bytes for as long as the host takes them. The same comes
-/// from as many devices at once, each at a port of its own.
-Attack endlessReply(const std::string& name, const std::string& head, const std::string& bytes, int devices,
-                    int traits)
+/// Like a reply with a body, but @p length is its CONTENT-LENGTH.
+Attack httpLength(const char* name, int traits, const QByteArray& length)
 {
-    return {name, traits, SHORT_GAP, devices, [head, bytes, devices](Attacker& attacker) {
-                attacker.serve("GET /d.xml ", [head, bytes](PlainConnection& connection, const std::string&) {
-                    connection.send(head);
-                    connection.sendFor(5000, bytes);
-                });
-                attacker.listenAtPorts(devices);
-                for (int i = 0; i < devices; ++i)
-                    attacker.sendLocation(Attacker::url("/d.xml", i));
-                attacker.waitForAnswer("GET /d.xml ", devices);
-            }};
+    return http(name, traits, sends(ok("Content-Length: " + length + "\r\n\r\n" + root(""))));
 }
 
-// Documents
-
-/// Makes a document where it is sent, so that no other process has it in memory.
-using Maker = std::function<std::string()>;
-
-Handler sendsDocument(const Maker& make)
+Attack httpHeaders(const char* name, int traits, const QByteArray& headers)
 {
-    return [make](PlainConnection& connection, const std::string&) { connection.send(Attacker::reply(make())); };
+    return http(name, traits, sends(reply(root("")).replace("CONTENT-TYPE", headers + "CONTENT-TYPE")));
 }
 
-/// A device description.
-Attack document(const char* name, const Maker& make, int traits = 0)
+Attack chunkLength(const char* name, int traits, const QByteArray& length)
+{
+    return http(name, traits, sends(chunked(length + "\r\n" + root("") + "\r\n0\r\n\r\n")));
+}
+
+/// Each of the devices has a port of its own. Its reply is @p head, and then @p bytes until the host closes the
+/// connection.
+Attack endlessReply(const QByteArray& name, int traits, int devices, const QByteArray& head,
+                    const QByteArray& bytes)
+{
+    const Action run = [head, bytes, devices](Attacker& attacker) {
+        attacker.serve("GET /d.xml ", [head, bytes](PlainConnection& connection) {
+            connection.send(head);
+            connection.sendFor(5000, bytes);
+        });
+        attacker.listenAtPorts(devices);
+        for (int i = 0; i < devices; ++i)
+            attacker.sendLocation(Attacker::url("/d.xml", i));
+        attacker.waitForAnswer("GET /d.xml ", devices);
+    };
+    return {name, traits, run, devices, SHORT_GAP};
+}
+
+Attack document(const QByteArray& name, int traits, const QByteArray& pattern, int size = 4 * MB)
 {
     const int gap = traits & Attack::Oversized ? LONGEST_GAP : LONG_GAP;
-    return answered(name, "GET /d.xml ", sendsDocument(make), traits, gap);
+    return answered(name, traits, "GET /d.xml ", sendsDocument(pattern, size), gap);
 }
 
-/// A device description of 4 MB that repeats @p text.
-Attack filledDocument(const char* name, const char* text, int traits = 0)
+Attack serviceDocument(const char* name, int traits, const QByteArray& pattern)
 {
-    const auto make = [text] { return root(filled(text)); };
-    return document(name, make, traits);
+    return answered(name, traits, "GET /scpd.xml ", sendsDocument(pattern, 4 * MB), LONG_GAP);
 }
 
-/// A service description with what @p make makes for its variables.
-Attack serviceDocument(const char* name, const Maker& make, int traits)
+Attack subscription(const char* name, int traits, const Handler& handler)
 {
-    const auto whole = [make] { return Attacker::serviceDescription(make()); };
-    return answered(name, "GET /scpd.xml ", sendsDocument(whole), traits, LONG_GAP);
+    return answered(name, traits, "SUBSCRIBE ", handler);
 }
 
-std::string variables(int count)
+Attack other(const char* name, int traits, const Action& run, int gap = SHORT_GAP)
 {
-    std::string result;
-    for (int i = 0; i < count; ++i)
-        result += "<stateVariable><name>V" + std::to_string(i) + "</name></stateVariable>";
-    return result;
-}
-
-std::string services(const std::string& service, size_t count)
-{
-    return Attacker::deviceDescription(repeated(service, count));
-}
-
-std::string withEntities()
-{
-    std::string result = "<!DOCTYPE root [<!ENTITY a0 \"" + std::string(4000, 'x') + "\">";
-    for (int i = 1; i < 8; ++i) {
-        const std::string name = "&a" + std::to_string(i - 1) + ";";
-        result += "<!ENTITY a" + std::to_string(i) + " \"" + repeated(name, 10) + "\">";
-    }
-    return result + "]>" + root(filled("&a7;"));
-}
-
-std::string withDefaults()
-{
-    return "<!DOCTYPE root [" + numbered("<!ATTLIST b a", " CDATA \"x\">", 40 * KB) + "]>" + root(filled("<b/>"));
-}
-
-std::string inUtf16(const std::string& text)
-{
-    std::string result = "\xff\xfe";
-    for (const char character : text)
-        result.append(1, character).append(1, '\0');
-    return result;
-}
-
-// Subscriptions
-
-Attack subscription(const char* name, const Handler& handler, int traits = 0)
-{
-    return answered(name, "SUBSCRIBE ", handler, traits);
-}
-
-void replyOneByteAtATime(PlainConnection& connection, const std::string&)
-{
-    for (const char byte : std::string(SUBSCRIBED)) {
-        if (!connection.send(std::string(1, byte)))
-            return;
-        connection.flush();
-    }
-}
-
-void replyBeforeTheRequest(Attacker& attacker)
-{
-    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection, const std::string&) {
-        attacker.greet(SUBSCRIBED);
-        connection.send(Attacker::reply(Attacker::serviceDescription("<stateVariable/>")));
-    });
-    beAskedFor(attacker, "GET /scpd.xml ");
-}
-
-void replyWithLines(Attacker& attacker)
-{
-    attacker.serveDocument("/scpd.xml", Attacker::serviceDescription(variables(50)));
-    attacker.serve("SUBSCRIBE ", sends(ok(filled("SID\n", MB))));
-    beAskedFor(attacker, "SUBSCRIBE ", 50);
-}
-
-void refuseSubscriptions(Attacker& attacker)
-{
-    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection, const std::string&) {
-        attacker.stopListening();
-        connection.send(Attacker::reply(Attacker::serviceDescription(variables(900))));
-    });
-    beAskedFor(attacker, "GET /scpd.xml ");
-}
-
-void neverAnswer(Attacker& attacker)
-{
-    attacker.serve("SUBSCRIBE ", [](PlainConnection& connection, const std::string&) { connection.waitForEnd(); });
-    attacker.sendLocation(Attacker::url("/d.xml"));
-    attacker.waitForRequests("SUBSCRIBE ");
-}
-
-void describeADeviceAsAService(Attacker& attacker)
-{
-    attacker.serveDocument("/scpd.xml", Attacker::deviceDescription(Attacker::keyObjectService()));
-    attacker.sendLocation(Attacker::url("/d.xml"));
-    // Each description makes the library request the next one, until the discovery ends.
-    attacker.waitForRequests("GET /scpd.xml ", 1000);
-    attacker.seen = "1,000 requests, one after the other";
-}
-
-// Events
-
-/// @p handler gets a connection to the event server, and the path of the subscription.
-Attack eventConnection(const char* name, const Handler& handler, int traits = 0)
-{
-    return {name, traits, SHORT_GAP, 1, [handler](Attacker& attacker) {
-                const Attacker::Callback callback = attacker.beSubscribedTo();
-                const auto connection = Attacker::connectTo(callback);
-                handler(*connection, callback.path);
-                attacker.waitForDatagrams();
-            }};
+    return {name, traits, run, 1, gap};
 }
 
 void expectEnd(PlainConnection& connection)
@@ -308,91 +256,160 @@ void expectEnd(PlainConnection& connection)
         throw std::runtime_error("the host keeps the connection");
 }
 
-/// Sends @p bytes, and expects the end of the connection.
-Handler endsAfter(const std::string& bytes)
-{
-    return [bytes](PlainConnection& connection, const std::string&) {
-        connection.send(bytes);
-        expectEnd(connection);
-    };
-}
+/// What happens after the last part of an event.
+enum End { HostCloses, DeviceResets, PartIsRepeated };
 
-/// Sends the head of an event, and after the gap @p body.
-void sendInTwoParts(PlainConnection& connection, const std::string& path, const std::string& length,
-                    const std::string& body)
+/// An event in two parts. In them, PATH is the path of the subscription, and UPPER the same in upper case.
+Attack eventParts(const char* name, int traits, const QByteArray& first, const QByteArray& second, End end)
 {
-    connection.send(Attacker::eventHead(path, length));
-    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-    connection.send(body);
+    return other(name, traits, [=](Attacker& attacker) {
+        const Attacker::Callback callback = attacker.beSubscribedTo();
+        const auto connection = Attacker::connectTo(callback);
+        const auto completed = [&callback](QByteArray part) {
+            return part.replace("PATH", callback.path).replace("UPPER", callback.path.toUpper());
+        };
+        connection->send(completed(first));
+        if (!first.isEmpty() && !second.isEmpty())
+            pauseAfterHead();
+        if (end == PartIsRepeated)
+            connection->sendFor(1000, completed(second), 1);
+        else
+            connection->send(second);
+        if (end == HostCloses)
+            expectEnd(*connection);
+        if (end == DeviceResets) {
+            connection->flush();
+            connection->reset();
+        }
+        attacker.waitForDatagrams();
+    });
 }
 
 /// Sends an event as a device does. Returns how long the host takes for its body, in milliseconds.
-int sendEvent(const Attacker::Callback& callback, const std::string& body)
+int sendEvent(const Attacker::Callback& callback, const QByteArray& body)
 {
     const auto connection = Attacker::connectTo(callback);
-    sendInTwoParts(*connection, callback.path, std::to_string(body.size()), std::string());
+    connection->send(eventHead(callback.path, QByteArray::number(body.size())));
+    pauseAfterHead();
     const Clock::time_point begin = Clock::now();
     connection->send(body);
     expectEnd(*connection);
     return millisecondsSince(begin);
 }
 
+Action sendsEvent(const std::function<QByteArray()>& make)
+{
+    return [make](Attacker& attacker) { sendEvent(attacker.beSubscribedTo(), make()); };
+}
+
+// Attacks of several steps
+
+void locateTheEventServer(Attacker& attacker)
+{
+    const Attacker::Callback callback = attacker.beSubscribedTo();
+    attacker.sendLocation("http://" + callback.address + ':' + QByteArray::number(callback.port) + "/d.xml");
+    attacker.waitForDatagrams();
+}
+
+void describeADeviceAsAService(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", sends(reply(deviceDescription())));
+    attacker.sendLocation(Attacker::url("/d.xml"));
+    // Each description makes the library request the next one, until the discovery ends.
+    attacker.waitForRequests("GET /scpd.xml ", 1000);
+    attacker.seen = "1,000 requests, one after the other";
+}
+
+void replyOneByteAtATime(PlainConnection& connection)
+{
+    for (const char byte : subscriptionReply()) {
+        if (!connection.send(QByteArray(1, byte)))
+            return;
+        connection.flush();
+    }
+}
+
+void replyBeforeTheRequest(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection) {
+        attacker.greet(subscriptionReply());
+        connection.send(reply(serviceDescription()));
+    });
+    beAskedFor(attacker, "GET /scpd.xml ");
+}
+
+void replyWithLines(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", sends(reply(serviceDescription(manyNames(50)))));
+    attacker.serve("SUBSCRIBE ", sends(ok(filled("SID\n", MB))));
+    beAskedFor(attacker, "SUBSCRIBE ", 50);
+}
+
+void refuseSubscriptions(Attacker& attacker)
+{
+    attacker.serve("GET /scpd.xml ", [&attacker](PlainConnection& connection) {
+        attacker.stopListening();
+        connection.send(reply(serviceDescription(manyNames(900))));
+    });
+    beAskedFor(attacker, "GET /scpd.xml ");
+}
+
+void neverAnswer(Attacker& attacker)
+{
+    attacker.serve("SUBSCRIBE ", [](PlainConnection& connection) { connection.waitForEnd(); });
+    attacker.sendLocation(Attacker::url("/d.xml"));
+    attacker.waitForRequests("SUBSCRIBE ");
+}
+
+void sendEventBeforeTheReply(PlainConnection& connection)
+{
+    sendEvent(Attacker::callbackOf(connection.request), eventBody("KO", "1,1"));
+    connection.send(subscriptionReply());
+}
+
+void sendManyProperties(Attacker& attacker)
+{
+    const QByteArray services = QByteArray("<service/>").repeated(100000) + serviceElement();
+    attacker.serve("GET /d.xml ", sends(reply(deviceDescription(services))));
+    sendEvent(attacker.beSubscribedTo(), propertySet(eventProperty("A", "").repeated(100000)));
+}
+
 void sendLongEvents(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
-    const auto event = [](size_t size) { return Attacker::event("12,34;" + std::string(size, ' ')); };
+    const auto event = [](int size) { return eventBody("KO", "12,34;" + QByteArray(size, ' ')); };
     const int quarter = sendEvent(callback, event(16 * MB));
     const int whole = sendEvent(callback, event(64 * MB));
-    attacker.seen = "16 MB took " + std::to_string(quarter) + " ms, 64 MB " + std::to_string(whole) + " ms";
-    // Four times the length is four times the work; its square would be sixteen.
+    attacker.seen =
+        "16 MB took " + QByteArray::number(quarter) + " ms, 64 MB " + QByteArray::number(whole) + " ms";
+    // Four times the length is four times the work. If the work were quadratic, it would be sixteen times.
     if (whole > 10 * quarter + 1000)
-        throw std::runtime_error("not linear: " + attacker.seen);
+        throw std::runtime_error("not linear: " + attacker.seen.toStdString());
 }
 
-/// An event whose body comes after its head.
-Attack eventBody(const char* name, const Maker& make, int traits = 0)
-{
-    return {name, traits, LONG_GAP, 1, [make](Attacker& attacker) {
-                const std::string body = make();
-                sendEvent(attacker.beSubscribedTo(), body);
-            }};
-}
-
-std::string properties(const std::vector<std::string>& names)
-{
-    std::string result = "<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">";
-    for (const std::string& name : names)
-        result.append("<e:property><").append(name).append("/></e:property>");
-    return result + "</e:propertyset>";
-}
-
-/// Waits until the good device is connected to the event server, as the kernel's table of this network says.
+/// Waits until the good device is connected to the event server.
 void waitForTheGoodDevice(const Attacker::Callback& callback)
 {
-    // The port of the other side, and the number of the state "established".
-    char established[sizeof ":FFFF 01 "];
-    std::snprintf(established, sizeof established, ":%04X 01 ", callback.port);
+    // In the table of the kernel: the port of the other side, and the number of the state "established".
+    const QByteArray port = QByteArray::number(callback.port, 16).toUpper().rightJustified(4, '0');
     const Clock::time_point begin = Clock::now();
-    std::string table;
-    while (table.find(established) == std::string::npos) {
+    QFile table("/proc/thread-self/net/tcp");
+    while (!table.open(QIODevice::ReadOnly) || !table.readAll().contains(':' + port + " 01 ")) {
+        table.close();
         if (millisecondsSince(begin) > 10 * 1000)
             throw std::runtime_error("the good device does not connect");
-        std::ifstream file("/proc/thread-self/net/tcp");
-        table.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
     }
 }
 
 void useUpDescriptors(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
-    // Nobody gets a connection after these.
+    // After the attack, no device gets a connection.
     waitForTheGoodDevice(callback);
-    const size_t count = 1100;
     std::vector<std::unique_ptr<PlainConnection>> connections;
-    connections.reserve(count);
-    while (connections.size() < count)
+    while (connections.size() < 1100)
         connections.push_back(Attacker::connectTo(callback));
-    // The host has accepted all that it could when it ends the last one.
+    // When the host closes the last one, it has accepted as many as it can.
     expectEnd(*connections.back());
 }
 
@@ -400,7 +417,7 @@ void connectWithoutAWord(Attacker& attacker)
 {
     const int count = 1000;
     const Attacker::Callback callback = attacker.beSubscribedTo();
-    // They stay until this process ends.
+    // They stay open until this process ends.
     static std::vector<pollfd> connections;
     connections.reserve(count);
     const Clock::time_point begin = Clock::now();
@@ -414,71 +431,40 @@ void connectWithoutAWord(Attacker& attacker)
             throw std::runtime_error("a connection was not accepted");
     }
     const int milliseconds = millisecondsSince(begin);
+    attacker.seen = QByteArray::number(count) + " connected within " + QByteArray::number(milliseconds) + " ms";
     // A lost SYN is sent again after a second.
     if (milliseconds > 900)
-        throw std::runtime_error("a SYN was lost: all took " + std::to_string(milliseconds) + " ms");
-    attacker.waitForDatagrams();
-    attacker.seen = std::to_string(count) + " connected within " + std::to_string(milliseconds) + " ms";
-}
-
-void sendEventBeforeTheReply(PlainConnection& connection, const std::string& request)
-{
-    const Attacker::Callback callback = Attacker::callbackOf(request);
-    const auto early = Attacker::connectTo(callback);
-    const std::string text = Attacker::event("1,1");
-    sendInTwoParts(*early, callback.path, std::to_string(text.size()), text);
-    early->waitForEnd();
-    connection.send(SUBSCRIBED);
-}
-
-void sendManyProperties(Attacker& attacker)
-{
-    const std::string services = repeated("<service/>", 100000) + Attacker::keyObjectService();
-    attacker.serveDocument("/d.xml", Attacker::deviceDescription(services));
-    sendEvent(attacker.beSubscribedTo(), properties(std::vector<std::string>(100000, "A")));
-}
-
-void sendPipelinedEvents(PlainConnection& connection, const std::string& path)
-{
-    const std::string text = Attacker::event("1,1");
-    connection.send(repeated(Attacker::eventHead(path, std::to_string(text.size())) + text, 100));
-    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
-    connection.send(text);
-    expectEnd(connection);
-}
-
-void locateTheEventServer(Attacker& attacker)
-{
-    const Attacker::Callback callback = attacker.beSubscribedTo();
-    attacker.sendLocation("http://" + callback.address + ":" + std::to_string(callback.port) + "/d.xml");
+        throw std::runtime_error("a SYN was lost: " + attacker.seen.toStdString());
     attacker.waitForDatagrams();
 }
+
+// The tables
 
 std::vector<Attack> datagramAttacks()
 {
-    const std::string foreign = "LOCATION: http://10.77.1.2:8000/x";
+    const QByteArray foreign = "LOCATION: http://10.77.1.2:8000/x";
     return {
-        {"No attack", QUICK, SHORT_GAP, 0, [](Attacker&) {}},
-        datagram("Datagram of 0 bytes", "", QUICK),
-        datagram("Datagram of 1 byte", "L"),
-        datagram("Datagram of 65,507 bytes", std::string(65507, 'x'), QUICK),
-        datagram("Datagram of 65,507 line feeds", std::string(65507, '\n')),
-        datagram("Datagram without an empty line", "NOTIFY * HTTP/1.1\r\n" + foreign),
-        datagram("Datagram with zero bytes", std::string(2, '\0') + foreign + "\r\n"),
-        datagram("Datagram without a colon", ok("LOCATION http//10.77.1.2/x\r\n\r\n")),
-        locations("Location of 60 KB", {Attacker::url("/" + std::string(60 * KB, 'x'))}, QUICK),
-        locations("Location that is relative", {"/d.xml", "d.xml", "../d.xml", "//10.77.1.2:8000/d.xml"}),
-        locations("Location without a host", {"http:///d.xml", "http://", "http:", ":", "http://:80/"}),
-        locations("Location with port 0 or 99999", {"http://10.77.1.2:0/d.xml", "http://10.77.1.2:99999/d.xml"}),
-        locations("Location of another scheme",
-                  {"file:///etc/hostname", "data:text/xml,<root/>", "ftp://10.77.1.2/x",
-                   "https://10.77.1.2:8000/x", "gopher://10.77.1.2/", "qrc:/x",
-                   "preconnect-http://10.77.1.2:8000"},
-                  QUICK),
-        locations("Location that is /dev/zero", {"file:///dev/zero"}),
-        locations("Location with an IPv6 address",
-                  {"http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml"}),
-        {"Location that is the host's own event server", QUICK, SHORT_GAP, 2, locateTheEventServer},
+        {"No attack", QUICK, [](Attacker&) {}, 0, SHORT_GAP},
+        datagram("Datagram of 0 bytes", QUICK, ""),
+        datagram("Datagram of 1 byte", 0, "L"),
+        datagram("Datagram of 65,507 bytes", QUICK, QByteArray(65507, 'x')),
+        datagram("Datagram of 65,507 line feeds", 0, QByteArray(65507, '\n')),
+        datagram("Datagram without an empty line", 0, "NOTIFY * HTTP/1.1\r\n" + foreign),
+        datagram("Datagram with zero bytes", 0, QByteArray(2, '\0') + foreign + "\r\n"),
+        datagram("Datagram without a colon", 0, ok("LOCATION http//10.77.1.2/x\r\n\r\n")),
+        locations("Location of 60 KB", QUICK, {Attacker::url('/' + QByteArray(60 * KB, 'x'))}),
+        locations("Location that is relative", 0, listOf("/d.xml", "d.xml", "../d.xml", "//10.77.1.2:8000/d.xml")),
+        locations("Location without a host", 0, listOf("http:///d.xml", "http://", "http:", ":", "http://:80/")),
+        locations("Location with port 0 or 99999", 0,
+                  listOf("http://10.77.1.2:0/d.xml", "http://10.77.1.2:99999/d.xml")),
+        locations("Location of another scheme", QUICK,
+                  listOf("file:///etc/hostname", "data:text/xml,<root/>", "ftp://10.77.1.2/x",
+                         "https://10.77.1.2:8000/x", "gopher://10.77.1.2/", "qrc:/x",
+                         "preconnect-http://10.77.1.2:8000")),
+        locations("Location that is /dev/zero", 0, {"file:///dev/zero"}),
+        locations("Location with an IPv6 address", 0,
+                  listOf("http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml")),
+        {"Location that is the host's own event server", QUICK, locateTheEventServer, 2, SHORT_GAP},
         manyLocations("10,000 different Locations", MANY, 10000, 100),
         manyLocations("2,000 datagrams in a burst, the host busy for 400 ms", QUICK | Attack::Stalled, 2000, 2000),
     };
@@ -486,187 +472,143 @@ std::vector<Attack> datagramAttacks()
 
 std::vector<Attack> httpAttacks()
 {
-    const std::string body = root("");
-    const std::string chunk = "\r\n" + body + "\r\n0\r\n\r\n";
-    const auto withLength = [&body](const char* name, const std::string& length, int traits = 0) {
-        return http(name, sends(ok("Content-Length: " + length + "\r\n\r\n" + body)), traits);
-    };
-    const auto withHeaders = [&body](const char* name, const std::string& headers, int traits = 0) {
-        return http(name, sends(Attacker::reply(body, headers)), traits);
-    };
     return {
-        locations("HTTP refused", {"http://10.77.1.2:9/d.xml"}),
-        http("HTTP silent", sendsFor(500, "", 100), QUICK),
-        http("HTTP of 1 byte a second", sendsFor(4000, "H", 1000)),
-        http("HTTP reset in the head", resetsAfter(ok()), QUICK),
-        http("HTTP reset in the body", resetsAfter(ok("Content-Length: 1000\r\n\r\n" + body))),
-        withLength("HTTP Content-Length too small", "10"),
-        withLength("HTTP Content-Length too large", "100000"),
-        withLength("HTTP Content-Length of 2^63 - 1", "9223372036854775807", QUICK),
-        withLength("HTTP Content-Length of 2^64 and more", "99999999999999999999"),
-        withLength("HTTP Content-Length negative", "-1"),
-        http("HTTP chunk length that is no number", sends(chunked("ZZZ" + chunk)), QUICK),
-        http("HTTP chunk length negative", sends(chunked("-5" + chunk))),
-        http("HTTP chunk length of 2^63 - 1", sends(chunked("7fffffffffffffff" + chunk))),
-        withHeaders("HTTP body in a coding that was not requested", "Content-Encoding: gzip\r\n"),
-        withHeaders("HTTP with 101 headers", numbered("X-", ": v\r\n", 905), QUICK),
-        withHeaders("HTTP with 1,500 cookies", numbered("Set-Cookie: c", "=v\r\n", 29 * KB), QUICK),
-        withHeaders("HTTP with a header of 110 KB", "X-Header: " + std::string(110 * KB, 'x') + "\r\n"),
-        http("HTTP redirect to itself",
-             sends("HTTP/1.1 302 Found\r\nLocation: /d.xml\r\nContent-Length: 0\r\n\r\n"), QUICK),
+        locations("HTTP refused", 0, {"http://10.77.1.2:9/d.xml"}),
+        http("HTTP silent", QUICK, sendsFor(500, "", 100)),
+        http("HTTP of 1 byte a second", 0, sendsFor(4000, "H", 1000)),
+        http("HTTP reset in the head", QUICK, resetsAfter(ok())),
+        http("HTTP reset in the body", 0, resetsAfter(ok("Content-Length: 1000\r\n\r\n" + root("")))),
+        httpLength("HTTP Content-Length too small", 0, "10"),
+        httpLength("HTTP Content-Length too large", 0, "100000"),
+        httpLength("HTTP Content-Length of 2^63 - 1", QUICK, "9223372036854775807"),
+        httpLength("HTTP Content-Length of 2^64 and more", 0, "99999999999999999999"),
+        httpLength("HTTP Content-Length negative", 0, "-1"),
+        chunkLength("HTTP chunk length that is no number", QUICK, "ZZZ"),
+        chunkLength("HTTP chunk length negative", 0, "-5"),
+        chunkLength("HTTP chunk length of 2^63 - 1", 0, "7fffffffffffffff"),
+        httpHeaders("HTTP body in a coding that was not requested", 0, "Content-Encoding: gzip\r\n"),
+        httpHeaders("HTTP with 101 headers", QUICK, filled("X-@: v\r\n", 905)),
+        httpHeaders("HTTP with 1,500 cookies", QUICK, filled("Set-Cookie: c@=v\r\n", 29 * KB)),
+        httpHeaders("HTTP with a header of 110 KB", 0, "X-Header: " + QByteArray(110 * KB, 'x') + "\r\n"),
+        http("HTTP redirect to itself", QUICK,
+             sends("HTTP/1.1 302 Found\r\nLocation: /d.xml\r\nContent-Length: 0\r\n\r\n")),
     };
 }
 
 std::vector<Attack> documentAttacks()
 {
-    const size_t half = DOCUMENT_SIZE / 2;
-    const auto doctype = [](const std::string& declarations) {
-        return "<!DOCTYPE root [" + declarations + "]>" + root("");
+    const QByteArray levels = QByteArray("<a>").repeated(127) + QByteArray("</a>").repeated(127);
+    const QByteArray attributes = filled(" a@=\"\"", 1938); // 256 of them
+    const QByteArray defaults = filled("<!ATTLIST b a@ CDATA \"x\">", 40 * KB);
+    const QByteArray service = "<service><SCPDURL>/s</SCPDURL></service>";
+    const QByteArray variable = "<stateVariable><name>%1%2\n%n&#10;%s</name></stateVariable>";
+    const auto serviceList = [](const QByteArray& service) { return deviceDescription('{' + service + '}'); };
+    std::vector<Attack> all = {
+        document("Document of 16 MB, wide", MANY | Attack::Oversized, root("{<a/>}"), 16 * MB - KB),
+        document("100,000 services", MANY, serviceList(service), 100000 * size(service)),
+        document("10,000 key-object services", MANY | UNENDING, serviceList(serviceElement()),
+                 10000 * size(serviceElement())),
+        document("Service description in place of a device's", 0, serviceDescription()),
+        serviceDocument("100,000 state variables, 1,024 descriptors", MANY | FEW,
+                        stateTable("{<stateVariable><name>@</name></stateVariable>}")),
+        serviceDocument("Names with line feeds and %1", QUICK, stateTable(variable.repeated(20))),
+        other("Device description in place of a service's", UNENDING, describeADeviceAsAService),
     };
-    return {
-        filledDocument("Document of 4 MB, deep", "<a>", QUICK),
-        document("Document of 4 MB, deep and well-formed",
-                 [] { return root(filled("<a>", half) + filled("</a>", half)); }),
-        filledDocument("Document of 4 MB, wide", "<a/>", QUICK),
-        document(
-            "Document of 16 MB, wide", [] { return root(filled("<a/>", 16 * MB - KB)); },
-            MANY | Attack::Oversized),
-        document("Document of 4 MB, 128 levels again and again",
-                 [] { return root(filled(repeated("<a>", 127) + repeated("</a>", 127))); }),
-        document(
-            "Document of 4 MB, attributes of one element",
-            [] { return root("<a" + numbered(" a", "=\"\"") + "/>"); }, QUICK),
-        document("Document of 4 MB, 256 attributes for every element",
-                 [] { return root(filled("<a" + numbered(" a", "=\"\"", 1938) + "/>")); }),
-        document("Document of 4 MB, name-space declarations",
-                 [] { return root("<a" + numbered(" xmlns:a", "=\"u\"") + "/>"); }),
-        filledDocument("Document of 4 MB, comments", "<!---->"),
-        document("Document of 4 MB, one comment", [] { return root("<!--" + filled("- ") + "-->"); }),
-        filledDocument("Document of 4 MB, comments without an end", "<!-- "),
-        filledDocument("Document of 4 MB, processing instructions", "<?p?>"),
-        document("Document of 4 MB, XML declarations", [] { return filled("<?xml ?>"); }),
-        filledDocument("Document of 4 MB, CDATA sections", "<![CDATA[]]>"),
-        filledDocument("Document of 4 MB, text", "text "),
-        filledDocument("Document of 4 MB, character references", "&#65;"),
-        document("Document of 4 MB, entities in entities", withEntities, QUICK),
-        document("Document of 4 MB, parameter entities",
-                 [doctype] { return doctype("<!ENTITY % a \"x\">" + filled("%a;")); }),
-        document("Document of 4 MB, <!ELEMENT a ((((",
-                 [doctype] { return doctype("<!ELEMENT a " + filled("(")); }),
-        document("Document of 4 MB, <!ATTLIST> defaults", withDefaults),
-        document("Document of 4 MB, unclosed", [] { return "<root>" + filled("<a/>"); }),
-        document("Document of 4 MB, unclosed attribute", [] { return "<root a=\"" + filled("x"); }),
-        document("Document of 4 MB, one name", [] { return "<" + filled("a") + "/>"; }),
-        document("Document of 4 MB, less-than signs", [] { return filled("<"); }),
-        filledDocument("Document of 4 MB, end tags", "</a>"),
-        document("Document of 4 MB in UTF-16 with byte order mark",
-                 [] { return inUtf16(root(filled("<a/>", half))); }),
-        document("Document of 4 MB, zero bytes", [] { return std::string(DOCUMENT_SIZE, '\0'); }),
-        document(
-            "100,000 services", [] { return services("<service><SCPDURL>/s</SCPDURL></service>", 100000); }, MANY),
-        document(
-            "10,000 key-object services", [] { return services(Attacker::keyObjectService(), 10000); },
-            MANY | Attack::Unending),
-        serviceDocument(
-            "100,000 state variables, 1,024 descriptors",
-            [] { return numbered("<stateVariable><name>", "</name></stateVariable>"); },
-            MANY | Attack::FewDescriptors),
-        serviceDocument(
-            "Names with line feeds and %1",
-            [] { return repeated("<stateVariable><name>%1%2\n%n&#10;%s</name></stateVariable>", 20); }, QUICK),
-        document("Service description in place of a device's",
-                 [] { return Attacker::serviceDescription("<stateVariable/>"); }),
-        {"Device description in place of a service's", Attack::Unending, SHORT_GAP, 1, describeADeviceAsAService},
+    const auto add = [&all](const char* what, int traits, const QByteArray& pattern) {
+        all.push_back(document("Document of 4 MB"_ba + what, traits, pattern));
     };
+    add(", deep", QUICK, root("{<a>}"));
+    add(", deep and well-formed", 0, root("{<a>}{</a>}"));
+    add(", wide", QUICK, root("{<a/>}"));
+    add(", 128 levels again and again", 0, root('{' + levels + '}'));
+    add(", attributes of one element", QUICK, root("<a{ a@=\"\"}/>"));
+    add(", 256 attributes for every element", 0, root("{<a" + attributes + "/>}"));
+    add(", name-space declarations", 0, root("<a{ xmlns:a@=\"u\"}/>"));
+    add(", comments", 0, root("{<!---->}"));
+    add(", one comment", 0, root("<!--{- }-->"));
+    add(", comments without an end", 0, root("{<!-- }"));
+    add(", processing instructions", 0, root("{<?p?>}"));
+    add(", XML declarations", 0, "{<?xml ?>}");
+    add(", CDATA sections", 0, root("{<![CDATA[]]>}"));
+    add(", text", 0, root("{text }"));
+    add(", character references", 0, root("{&#65;}"));
+    add(", entities in entities", QUICK, entitiesInEntities());
+    add(", parameter entities", 0, doctype("<!ENTITY % a \"x\">{%a;}"));
+    add(", <!ELEMENT a ((((", 0, doctype("<!ELEMENT a {(}"));
+    add(", <!ATTLIST> defaults", 0, doctype(defaults, "{<b/>}"));
+    add(", unclosed", 0, "<root>{<a/>}");
+    add(", unclosed attribute", 0, "<root a=\"{x}");
+    add(", one name", 0, "<{a}/>");
+    add(", less-than signs", 0, "{<}");
+    add(", end tags", 0, root("{</a>}"));
+    add(" in UTF-16 with byte order mark", 0, inUtf16(root("{<a/>}")));
+    add(", zero bytes", 0, "{\0}"_ba);
+    return all;
 }
 
 std::vector<Attack> subscriptionAttacks()
 {
     return {
-        subscription("SUBSCRIBE reply empty", sends(""), QUICK),
-        subscription("SUBSCRIBE reply without an end", sendsFor(5000, std::string(65536, 'x'))),
-        subscription("SUBSCRIBE reply of one byte at a time", replyOneByteAtATime),
-        {"SUBSCRIBE reply before the request", QUICK, SHORT_GAP, 1, replyBeforeTheRequest},
-        {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, SHORT_GAP, 1, replyWithLines},
-        {"900 state variables, connections refused, 1,024 descriptors", QUICK | Attack::FewDescriptors, SHORT_GAP,
-         1, refuseSubscriptions},
-        {"SUBSCRIBE that is never answered", Attack::Unending, SHORT_GAP, 1, neverAnswer},
+        subscription("SUBSCRIBE reply empty", QUICK, sends("")),
+        subscription("SUBSCRIBE reply without an end", 0, sendsFor(5000, QByteArray(65536, 'x'))),
+        subscription("SUBSCRIBE reply of one byte at a time", 0, replyOneByteAtATime),
+        other("SUBSCRIBE reply before the request", QUICK, replyBeforeTheRequest),
+        other("SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, replyWithLines),
+        other("900 state variables, connections refused, 1,024 descriptors", QUICK | FEW, refuseSubscriptions),
+        other("SUBSCRIBE that is never answered", UNENDING, neverAnswer),
     };
 }
 
 std::vector<Attack> eventAttacks()
 {
+    const QByteArray body = eventBody("KO", "1,1");
+    const QByteArray event = eventHead("PATH", QByteArray::number(body.size())) + body;
+    const QByteArray lines = filled("CONTENT-LENGTH\n", MB);
+    const QByteArray unknown = "/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4";
+    const QByteArray null = "/00000000-0000-0000-0000-000000000000_%4";
+    const auto namesAlike = [] { return eventOf(manyNames(20000, true)); };
+    const auto deep = [] { return filled("<a>", 4 * MB); };
     return {
-        subscription("Event before the SUBSCRIBE reply", sendEventBeforeTheReply, QUICK),
-        eventConnection("Event with an unknown identifier",
-                        endsAfter(Attacker::eventHead("/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4", "100")), QUICK),
-        eventConnection("Event with the null identifier",
-                        endsAfter(Attacker::eventHead("/00000000-0000-0000-0000-000000000000_%4", "100"))),
-        eventConnection("Event with the identifier in upper case",
-                        [](PlainConnection& connection, std::string path) {
-                            std::transform(path.begin(), path.end(), path.begin(), ::toupper);
-                            sendInTwoParts(connection, path, "5", "<a/>\n");
-                            expectEnd(connection);
-                        }),
-        eventBody(
-            "Event of 20,000 names that Qt 5 hashes alike", [] { return properties(namesAlike(20000)); }, QUICK),
-        {"Event of 100,000 properties after 100,000 services", MANY, LONG_GAP, 1, sendManyProperties},
-        eventConnection(
-            "Event head of 1 MB of lines without a colon",
-            [](PlainConnection& connection, const std::string& path) {
-                connection.send("NOTIFY " + path + " HTTP/1.1\r\n" + filled("CONTENT-LENGTH\n", MB));
-                expectEnd(connection);
-            },
-            QUICK),
-        {"1,100 event connections, 1,024 descriptors", QUICK | Attack::FewDescriptors, 2000, 1, useUpDescriptors},
-        {"1,000 event connections that stay silent", QUICK, SHORT_GAP, 1, connectWithoutAWord},
-        {"Event bodies of 16 and 64 MB", MANY, LONG_GAP, 1, sendLongEvents},
-        eventBody("Event body of 4 MB, deep", [] { return filled("<a>"); }),
-        eventConnection(
-            "Event body length of 2147483647",
-            [](PlainConnection& connection, const std::string& path) {
-                sendInTwoParts(connection, path, "2147483647", "");
-                connection.sendFor(1000, std::string(1024, 'x'), 1);
-            },
-            QUICK),
-        eventConnection(
-            "Event body length of -2147483648",
-            [](PlainConnection& connection, const std::string& path) {
-                connection.sendFor(1000, Attacker::eventHead(path, "-2147483648"), 1);
-            },
-            QUICK),
-        eventConnection("Events pipelined in one connection", sendPipelinedEvents),
-        eventConnection(
-            "Event reset in the middle",
-            [](PlainConnection& connection, const std::string& path) {
-                sendInTwoParts(connection, path, "1000", "<e:propertyset>");
-                connection.flush();
-                connection.reset();
-            },
-            QUICK),
+        subscription("Event before the SUBSCRIBE reply", QUICK, sendEventBeforeTheReply),
+        eventParts("Event with an unknown identifier", QUICK, eventHead(unknown, "100"), "", HostCloses),
+        eventParts("Event with the null identifier", 0, eventHead(null, "100"), "", HostCloses),
+        eventParts("Event with the identifier in upper case", 0, eventHead("UPPER", "5"), "<a/>\n", HostCloses),
+        other("Event of 20,000 names that Qt 5 hashes alike", QUICK, sendsEvent(namesAlike), LONG_GAP),
+        other("Event of 100,000 properties after 100,000 services", MANY, sendManyProperties, LONG_GAP),
+        eventParts("Event head of 1 MB of lines without a colon", QUICK, "NOTIFY PATH HTTP/1.1\r\n" + lines, "",
+                   HostCloses),
+        other("1,100 event connections, 1,024 descriptors", QUICK | FEW, useUpDescriptors, 2000),
+        other("1,000 event connections that stay silent", QUICK, connectWithoutAWord),
+        other("Event bodies of 16 and 64 MB", MANY, sendLongEvents, LONG_GAP),
+        other("Event body of 4 MB, deep", 0, sendsEvent(deep), LONG_GAP),
+        eventParts("Event body length of 2147483647", QUICK, eventHead("PATH", "2147483647"),
+                   QByteArray(1024, 'x'), PartIsRepeated),
+        eventParts("Event body length of -2147483648", QUICK, "", eventHead("PATH", "-2147483648"),
+                   PartIsRepeated),
+        eventParts("Events pipelined in one connection", 0, event.repeated(100), body, HostCloses),
+        eventParts("Event reset in the middle", QUICK, eventHead("PATH", "1000"), "<e:propertyset>", DeviceResets),
     };
 }
 
-/// What goes on for as long as the host takes it, from one device and from twenty.
 std::vector<Attack> endlessReplies()
 {
-    const std::string headers = repeated("X-Header: value\r\n", 1000);
-    const std::string interim = repeated("HTTP/1.1 100 Continue\r\n\r\n", 1000);
-    const std::string much(65536, 'x');
+    const QByteArray headers = QByteArray("X-Header: value\r\n").repeated(1000);
+    const QByteArray interim = QByteArray("HTTP/1.1 100 Continue\r\n\r\n").repeated(1000);
+    const QByteArray much(65536, 'x');
     const int prompt = QUICK | Attack::Prompt;
     std::vector<Attack> all;
-    const auto add = [&all](const std::string& what, const std::string& head, const std::string& bytes,
-                            int traits) {
-        all.push_back(endlessReply("HTTP " + what + " without an end", head, bytes, 1, traits));
-        all.push_back(endlessReply("HTTP " + what + " without an end, 20 times", head, bytes, 20, traits));
+    const auto add = [&all](const char* what, int traits, const QByteArray& head, const QByteArray& bytes) {
+        const QByteArray name = "HTTP "_ba + what + " without an end";
+        all.push_back(endlessReply(name, traits, 1, head, bytes));
+        all.push_back(endlessReply(name + ", 20 times", traits, 20, head, bytes));
     };
-    add("head", ok(), headers, prompt);
-    add("header line", ok("X-Header: "), much, prompt);
-    add("status line", "HTTP/1.1 200 ", much, prompt);
-    add("chunk length", chunked(), std::string(65536, '0'), prompt);
-    add("of interim replies", "", interim, prompt);
-    add("trailers", chunked("0\r\n"), headers, prompt);
-    add("body", ok("\r\n"), much, QUICK);
+    add("head", prompt, ok(), headers);
+    add("header line", prompt, ok("X-Header: "), much);
+    add("status line", prompt, "HTTP/1.1 200 ", much);
+    add("chunk length", prompt, chunked(), QByteArray(65536, '0'));
+    add("of interim replies", prompt, "", interim);
+    add("trailers", prompt, chunked("0\r\n"), headers);
+    add("body", QUICK, ok("\r\n"), much);
     return all;
 }
 

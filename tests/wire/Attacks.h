@@ -3,39 +3,35 @@
 
 #include <tests/wire/Attacker.h>
 
-#include <functional>
-#include <string>
-#include <vector>
-
 namespace Velmora {
 namespace Tests {
 
-/// One thing that somebody on the network may do to the host.
+/// What somebody on the network may do to the host.
 struct Attack
 {
     enum Trait {
         Quick = 0x1, ///< Part of the reduced set.
-        Unending = 0x2, ///< Leaves requests that nobody ends, so nobody waits for their end.
-        ManyRecords = 0x4, ///< Says so much that what is kept of it is not bounded.
+        Unending = 0x2, ///< Leaves requests without an end, so the test does not wait for it.
+        ManyRecords = 0x4, ///< Describes so much that the memory for its records is not limited.
         FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
-        Stalled = 0x10, ///< The host is busy for 400 ms once it has searched.
-        Oversized = 0x20, ///< Longer than what the time of the host is bounded for.
-        Prompt = 0x40 ///< Delays neither the good device nor the end of the controller by 100 ms.
+        Stalled = 0x10, ///< The host is busy for 400 ms after its search.
+        Oversized = 0x20, ///< Larger than the sizes for which the time of the host is limited.
+        Prompt = 0x40 ///< Must not delay the good device, nor the destructor of the controller, by 100 ms.
     };
 
-    std::string name;
+    QByteArray name;
     int traits;
-    /// How long the good device pauses at most between head and body of its event, in milliseconds; longer
-    /// than the host may be busy, since head and body that are read together are dropped. The pause ends
-    /// with the attack, once the host has read the head.
-    int eventGap;
-    /// Records of devices that the host has to have in the end.
-    int devices;
-    /// Does it, after the host has searched; throws if it failed.
+    /// Does it after the search of the host. Throws if it cannot.
     std::function<void(Attacker&)> run;
+    /// How many records of devices the host must have in the end.
+    int devices;
+    /// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than
+    /// the host may be busy, because the library loses a body that it reads with the head. The pause ends with the
+    /// attack, when the host has read the head.
+    int eventGap;
 };
 
-/// The first one does nothing.
+/// All attacks. The first one does nothing.
 const std::vector<Attack>& attacks();
 
 } // namespace Tests

@@ -34,17 +34,17 @@ using Simulator::SsdpGroup;
 
 namespace {
 
-// What a release build keeps to is 2 s; what is asserted leaves room for slow machines.
+// A release build needs less than 2 s. The rest is for slow machines.
 const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
 
-// For the attacks that are to delay nothing.
+// For the attacks that must delay nothing.
 const int LONGEST_DELAY = SANITIZED ? 500 : 100;
 const int MOST_RUNS = 10;
 
-// Of the costliest attacks, in the document.
+// The number of attacks in the document.
 const int SHOWN = 10;
 
-// The process of the library, which starts the others.
+// The process of the library. It starts the others.
 const pid_t HOST = getpid();
 
 const char GOOD_ADDRESS[] = "10.77.1.1";
@@ -56,8 +56,8 @@ int eventGap(const Attack& attack)
     return SANITIZED ? qMax(attack.eventGap, qMin(attack.eventGap * 3, 9000)) : attack.eventGap;
 }
 
-/// In KB, three times what a release build keeps to: 700 MB while it parses a large document, for which
-/// the good device has to pause, and 64 MB otherwise.
+/// In KB. A release build needs a third: 700 MB while it parses a large document, and 64 MB otherwise. During a
+/// large document, the good device pauses.
 qint64 peakMemory(const Attack& attack)
 {
     if (SANITIZED)
@@ -65,7 +65,7 @@ qint64 peakMemory(const Attack& attack)
     return (attack.eventGap > 1000 ? Q_INT64_C(2100) : Q_INT64_C(200)) * 1024;
 }
 
-/// Whether bytes of the good device's connections wait in the kernel, on the side of this process.
+/// Returns whether bytes of the good device's connections wait in the kernel, on the side of @p process.
 bool hasBytesWaiting(pid_t process)
 {
     const quint32 number = qToBigEndian(QHostAddress(GOOD_ADDRESS).toIPv4Address());
@@ -94,7 +94,7 @@ int runDevices(int number, const DeviceProcess& process)
     options.functionCode = 7;
     options.univocalCode = 1;
     options.responseDelayMax = 0;
-    // The library searches once, and a busy kernel may lose that datagram.
+    // The library searches only once, and a busy kernel may lose that datagram.
     options.announceEvery = 1000;
     const Attack& attack = attacks()[static_cast<size_t>(number)];
     options.eventGap = eventGap(attack);
@@ -109,7 +109,7 @@ int runDevices(int number, const DeviceProcess& process)
             attacker.waitForSearch();
             attack.run(attacker);
             isDone = true;
-            process.report("done " + attacker.seen);
+            process.report("done " + attacker.seen.toStdString());
         } catch (const std::exception& error) {
             process.report(std::string("failed: ") + error.what());
         }
@@ -125,7 +125,7 @@ int runDevices(int number, const DeviceProcess& process)
     return QCoreApplication::exec();
 }
 
-/// A line of /proc/self/status, in KB.
+/// Returns a line of /proc/self/status, in KB.
 qint64 memory(const char* field)
 {
     QFile file("/proc/self/status");
@@ -142,6 +142,7 @@ void forgetPeakMemory()
     QCOMPARE(file.write("5"), 1);
 }
 
+/// Sets the limit, or the highest one that is permitted.
 void limitDescriptors(rlim_t count)
 {
     rlimit limit = {};
@@ -150,7 +151,7 @@ void limitDescriptors(rlim_t count)
     QCOMPARE(setrlimit(RLIMIT_NOFILE, &limit), 0);
 }
 
-/// What one attack cost: the cells of its row.
+/// The cells of an attack in the table.
 using Cost = QStringList;
 
 QString tableOf(const QList<Cost>& costs)
@@ -162,14 +163,6 @@ QString tableOf(const QList<Cost>& costs)
     return table;
 }
 
-/// Those with the longest work, the longest first.
-QList<Cost> costliest(QList<Cost> costs, int count)
-{
-    std::stable_sort(costs.begin(), costs.end(),
-                     [](const Cost& a, const Cost& b) { return a.at(1).toInt() > b.at(1).toInt(); });
-    return costs.mid(0, count);
-}
-
 void writeFile(const QString& name, const QString& text)
 {
     QFile file(name);
@@ -179,14 +172,8 @@ void writeFile(const QString& name, const QString& text)
 
 } // namespace
 
-/**
- * What somebody on the network may do, one attack after the other, each with a good device beside it
- * that has to be found all the same.
- *
- * Runs a reduced set, or all of it with VELMORA_ALL_ATTACKS=1. With VELMORA_WRITE_ROBUSTNESS=FILE it
- * runs all of it and writes the costliest attacks into FILE, in the section of its Qt, and all of them
- * into robustness.md beside the program.
- */
+/// The library under attack. Each time, it must also find a good device. docs/robustness.md explains the two
+/// environment variables.
 class HostileTest : public QObject
 {
     Q_OBJECT
@@ -201,10 +188,9 @@ private Q_SLOTS:
 
     void initTestCase()
     {
-        // Otherwise the log is most of what the test prints, and part of what it measures.
+        // The test would also measure the log.
         QLoggingCategory::setFilterRules("velmora.ssdp=false");
-
-        // The first control point of a process loads plugins of Qt 5, which keep descriptors for good.
+        // The first control point of a process loads plugins of Qt 5. They keep descriptors.
         const SSDP::SsdpManager first{QHostAddress("10.77.0.1")};
     }
 
@@ -216,7 +202,7 @@ private Q_SLOTS:
         int number = 0;
         for (const Attack& attack : attacks()) {
             if (all || (attack.traits & Attack::Quick))
-                QTest::newRow(attack.name.c_str()) << number;
+                QTest::newRow(attack.name.constData()) << number;
             ++number;
         }
     }
@@ -261,7 +247,7 @@ private Q_SLOTS:
 
         if (attack.traits & Attack::Prompt) {
             QVERIFY2(lettingGo <= LONGEST_DELAY, qPrintable(QString::number(lettingGo)));
-            // Whatever else the machine does makes it longer, so the shortest counts.
+            // Other work of the machine makes the delay longer, so the shortest counts.
             int delay = measured.foundAfter - usuallyFoundAfter;
             for (int run = 1; run < MOST_RUNS && delay > LONGEST_DELAY; ++run) {
                 const int usual = foundAfter(0);
@@ -269,7 +255,7 @@ private Q_SLOTS:
             }
             QVERIFY2(delay <= LONGEST_DELAY, qPrintable(QString::number(delay)));
         }
-        costs << Cost{QString::fromStdString(attack.name),
+        costs << Cost{QString::fromLatin1(attack.name),
                       QString::number(measured.longestWork),
                       QString::number(measured.longestBlock),
                       QString::number(qMax(peak, Q_INT64_C(0)) / 1024),
@@ -299,16 +285,18 @@ private Q_SLOTS:
         const QString begin = "<!-- measured with Qt %1 -->\n"_s.arg(QT_VERSION_MAJOR);
         const auto from = text.indexOf(begin);
         QVERIFY2(from != -1, "the file has no section for this Qt");
-        const auto to = text.indexOf("<!-- end -->\n", from);
-        text.replace(from, to - from, begin + passed + tableOf(costliest(costs, SHOWN)));
+        std::stable_sort(costs.begin(), costs.end(),
+                         [](const Cost& a, const Cost& b) { return a.at(1).toInt() > b.at(1).toInt(); });
+        text.replace(from, text.indexOf("<!-- end -->\n", from) - from,
+                     begin + passed + tableOf(costs.mid(0, SHOWN)));
         writeFile(name, text);
     }
 
 private:
     struct Measured
     {
-        int longestBlock = 0; ///< In milliseconds,
-        int longestWork = 0; ///< and how long the thread had a processor in one of them.
+        int longestBlock = 0; ///< In milliseconds.
+        int longestWork = 0; ///< How long the thread had a processor in a block, in milliseconds.
         int foundAfter = -1;
         bool isDone = false;
         QByteArray report;
@@ -343,7 +331,7 @@ private:
             if (measured.isDone || elapsed.elapsed() > PATIENCE)
                 loop.quit();
             if (attack.traits & Attack::FewDescriptors) {
-                // Ends the process where there is no descriptor left for its event loop.
+                // Ends the process if no descriptor is left for the event loop of the thread.
                 QThread thread;
                 thread.start();
                 thread.quit();
@@ -361,7 +349,7 @@ private:
         return measured;
     }
 
-    /// When the good device is found beside the attack with this number, in milliseconds.
+    /// Returns after how many milliseconds the good device is found during the attack with this number.
     int foundAfter(int number)
     {
         devices.stop();
