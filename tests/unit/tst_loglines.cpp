@@ -20,7 +20,7 @@ namespace {
 const char UPDATE_VARIABLES[] = "1|void Velmora::SSDP::SsdpManager::updateStateVariables("
                                 "Velmora::SSDP::SsdpService*, const QString&)|";
 
-/// A reply that has arrived.
+/// A reply that has arrived completely.
 class Reply : public QNetworkReply
 {
 public:
@@ -55,7 +55,7 @@ void countMessage(QtMsgType, const QMessageLogContext&, const QString&)
 
 } // namespace
 
-/// What a control point logs, in a libLog.so.2 that was built by itself.
+/// What a control point logs through a libLog.so.2 that replaces the original.
 class LogLinesTest : public QObject
 {
     Q_OBJECT
@@ -63,7 +63,7 @@ class LogLinesTest : public QObject
 private:
     QScopedPointer<SsdpManager> manager;
 
-    /// Lets a device be found whose description is @p document.
+    /// Lets a device be found with this description.
     void find(const QByteArray& document)
     {
         ManagerAccess access(*manager);

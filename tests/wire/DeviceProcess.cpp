@@ -21,7 +21,7 @@ using Simulator::PrivateNetwork;
 
 namespace {
 
-// A command is the number of the process to start, or this.
+// A command is this, or the number of the process to start.
 const int STOP = -1;
 
 } // namespace
@@ -129,9 +129,9 @@ int runSimulatedDevices(int count, const DeviceProcess& process,
         options.functionCode = number;
         options.variables = QStringList({"KO", "Other"});
         options.responseDelayMax = 0;
-        // The library searches once, and a busy kernel may lose that datagram.
+        // The library searches only once, and a busy kernel may lose that datagram.
         options.announceEvery = 500;
-        // A busy machine may read the head and the body together if the gap is shorter.
+        // If the gap is shorter, a busy machine may read head and body together.
         options.eventGap = 150;
         change(number, options);
         devices.push_back(std::make_unique<Simulator::SimulatedDevice>(&group, options));

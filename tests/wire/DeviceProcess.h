@@ -11,16 +11,16 @@ namespace Velmora {
 namespace Tests {
 
 /**
- * The other side of a private network in processes of their own, so that what is measured in this one
- * is the library alone.
+ * The device side of a private network, in another process. So a measurement of this process measures only the
+ * library.
  *
- * Make it before the first thread: it forks a process that does nothing but fork those that are
- * started later, and all of them end with this one.
+ * Create it before the first thread, because it forks. The forked process starts the others, and all of them end
+ * with this one.
  */
 class DeviceProcess
 {
 public:
-    /// What a started process runs, with the number that start() was given; report() is its voice.
+    /// What a started process runs. @p number is that of start().
     using Body = std::function<int(int number, const DeviceProcess& process)>;
 
     DeviceProcess(Simulator::PrivateNetwork& network, const Body& body);
@@ -28,19 +28,19 @@ public:
     DeviceProcess(const DeviceProcess&) = delete;
     DeviceProcess& operator=(const DeviceProcess&) = delete;
 
-    /// Starts a process; there is one at a time.
+    /// Starts a process. There is one at a time.
     void start(int number);
 
-    /// Kills it, waits for its end and drops the reports that nobody has read. Harmless when there is none.
+    /// Kills the started process, if there is one, and drops the reports that nobody has read.
     void stop();
 
-    /// In the started process: says @p text to this one.
+    /// In the started process: sends @p text to this one.
     void report(const std::string& text) const;
 
-    /// Becomes readable with every report.
+    /// Readable when there is a report.
     int descriptor() const { return reports[0]; }
 
-    /// The next report; waits for it.
+    /// Waits for the next report.
     std::string readReport() const;
 
 private:
@@ -52,12 +52,12 @@ private:
 };
 
 /// Runs @p count simulated devices, the first at 10.77.1.1, and reports "ready". The function code of each is its
-/// number, counted from 1. @p change sets what is different in the device with that number.
+/// number, counted from 1. @p change changes the options of the device with that number.
 int runSimulatedDevices(int count, const DeviceProcess& process,
                         const std::function<void(int number, Simulator::DeviceOptions& options)>& change);
 
-/// Runs @p test against @p body on the device side of a private network, where the devices have @p addresses
-/// from 10.77.1.1 on. Returns its status, or that of a skipped test where there can be no private network.
+/// Runs @p test in a private network, with @p body on the device side. There are @p addresses for devices, from
+/// 10.77.1.1 on. Returns the status of @p test, or that of a skipped test if there can be no private network.
 int runAgainst(const DeviceProcess::Body& body, int addresses, const std::function<int(DeviceProcess&)>& test);
 
 } // namespace Tests
