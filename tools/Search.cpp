@@ -24,8 +24,8 @@ QString bindFailure(const MulticastSocket* socket)
 {
     switch (socket->error()) {
     case QAbstractSocket::AddressInUseError:
-        return QStringLiteral("UDP port %1 is taken by a program that does not share it;"
-                              " 'ss -lunp sport = :%1' names it")
+        return QStringLiteral("a program has UDP port %1 and does not share it;"
+                              " 'ss -lunp sport = :%1' shows which one")
             .arg(PORT);
     case QAbstractSocket::SocketAccessError:
         return QStringLiteral("this user is not permitted to listen on UDP port %1").arg(PORT);
@@ -174,8 +174,7 @@ bool Search::examine(const SsdpManager* manager, QList<QHostAddress>& bound)
             bound.append(socket->localAddress());
             return true;
         }
-        problems << QStringLiteral(
-                        "this host does not let the search out from %1; a firewall of its own may forbid it")
+        problems << QStringLiteral("this host cannot send the search from %1; its own firewall may drop it")
                         .arg(socket->localAddress().toString());
     }
     return false;

@@ -390,9 +390,10 @@ private:
     {
         const Traces seen = traces();
         if (seen.hosts.isEmpty()) {
-            tell(QStringLiteral("A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to"
-                                " this program.\n"
-                                "The devices may be in another network: this host needs an interface in theirs."));
+            tell(QStringLiteral(
+                "A firewall may drop the answers: let in UDP to ports 1900 and 49152, and TCP to"
+                " this program.\n"
+                "The devices may be in another network: this host needs an interface in that network."));
         } else {
             tell(counted(static_cast<size_t>(seen.hosts.size())) + QLatin1Char(' ') + answer(seen));
         }
@@ -413,8 +414,8 @@ private:
         if (seen.described)
             return QStringLiteral("answered, but none has a key-object service that could be read.");
         return QStringLiteral(
-            "answered, but no description could be read: a device may be faulty, or a firewall in"
-            " the way of HTTP.");
+            "answered, but no description could be read: a device may be faulty, or a firewall may"
+            " drop the HTTP connections to it.");
     }
 
     Settings settings;

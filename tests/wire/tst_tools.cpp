@@ -229,14 +229,14 @@ import socket, subprocess, sys
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.bind(("", 1900))
 sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
-               "UDP port 1900 is taken by a program that does not share it; 'ss -lunp sport = :1900' names it");
+               "a program has UDP port 1900 and does not share it; 'ss -lunp sport = :1900' shows which one");
         addRow("not permitted",
                "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
                "setpriv --bounding-set=-net_bind_service $discover",
                "this user is not permitted to listen on UDP port 1900");
         addRow("firewall",
                "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
-               "this host does not let the search out from 10.77.0.1; a firewall of its own may forbid it");
+               "this host cannot send the search from 10.77.0.1; its own firewall may drop it");
         addRow("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
                "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
         addRow("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
@@ -272,7 +272,8 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
             addRow(fault, startLab(devices + "ssdp-discover --timeout 500"), advice);
         };
         row("error-500",
-            "but no description could be read: a device may be faulty, or a firewall in the way of HTTP");
+            "but no description could be read: a device may be faulty, or a firewall may drop the HTTP "
+            "connections to it");
         row("never-answer-subscribe",
             "but none reported: a firewall may drop the TCP connections that devices open to this program");
         row("event-bad-xml", "but what was reported is not valid XML");

@@ -164,10 +164,10 @@ void addHost(Lines& lines, const Results& results)
         return;
     const bool isVirtual = std::all_of(results.host.addresses.cbegin(), results.host.addresses.cend(),
                                        [](const AddressSeen& address) { return !address.kind.isEmpty(); });
-    lines.line(QStringLiteral("The devices may be in another network: multicast does not pass routers, nor many"
-                              " wireless access points. Name a device's address to search it alone."));
+    lines.line(QStringLiteral("The devices may be in another network. Routers do not forward multicast, and many"
+                              " wireless access points drop it. To search one device, give its address."));
     if (isVirtual)
-        lines.line(QStringLiteral("Every interface of this host that was searched from is a virtual one."));
+        lines.line(QStringLiteral("This host has searched only from virtual interfaces."));
 }
 
 QJsonObject jsonOf(const DocumentSeen& document)
@@ -252,8 +252,8 @@ QString textOf(const Results& results, const Style& style)
                        .arg(all)
                        .arg(plural(all), seconds(results.duration)));
     if (results.omitted > 0)
-        lines.line(QStringLiteral("Messages from more devices than can be listed were left out: %1.")
-                       .arg(results.omitted));
+        lines.line(
+            QStringLiteral("Too many devices to list them all. Messages left out: %1.").arg(results.omitted));
     addHost(lines, results);
     return lines.result;
 }
