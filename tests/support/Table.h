@@ -6,6 +6,12 @@
 namespace Velmora {
 namespace Tests {
 
+/// Adds the columns of the table of a test: addColumns<QString, int>("command", "status").
+template <typename... Cells, typename... Names> void addColumns(const Names&... names)
+{
+    (QTest::addColumn<Cells>(names), ...);
+}
+
 template <typename Value> const Value& cellOf(const Value& value)
 {
     return value;

@@ -79,8 +79,7 @@ private Q_SLOTS:
 
     void saysWhatIsWrong_data()
     {
-        QTest::addColumn<QByteArray>("found");
-        QTest::addColumn<QString>("expected");
+        addColumns<QByteArray, QString>("found", "expected");
         const auto description = [](const char* name, const DocumentSeen& seen, const char* expected) {
             addRow("description, "_s + name, ids(readDescription(seen).findings), expected);
         };
@@ -286,8 +285,7 @@ private Q_SLOTS:
 
     void namesKindsOfInterfaces_data()
     {
-        QTest::addColumn<QString>("kind");
-        QTest::addColumn<QString>("expected");
+        addColumns<QString, QString>("kind", "expected");
         const auto row = [](const char* name, const char* kind, const char* expected) {
             addRow(name, kindOfInterface(name, kind), expected);
         };

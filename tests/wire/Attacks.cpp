@@ -1,8 +1,7 @@
 #include <tests/wire/Attacks.h>
 
+#include <tests/support/KernelTables.h>
 #include <tests/support/NamesAlike.h>
-
-#include <QtCore/QFile>
 
 #include <poll.h>
 #include <stdexcept>
@@ -26,7 +25,6 @@ const int MANY = Attack::ManyRecords;
 const int UNENDING = Attack::Unending;
 const int FEW = Attack::FewDescriptors;
 
-const int SHORT_GAP = 300;
 const int LONG_GAP = 6000;
 const int LONGEST_GAP = 15000;
 
@@ -147,7 +145,7 @@ Attack datagram(const char* name, int traits, const QByteArray& bytes)
         attacker.sendDatagram(bytes);
         attacker.waitForDatagrams();
     };
-    return {name, traits, run, 0, SHORT_GAP};
+    return {name, traits, run, 0};
 }
 
 Attack locations(const char* name, int traits, const QList<QByteArray>& all)
@@ -157,7 +155,7 @@ Attack locations(const char* name, int traits, const QList<QByteArray>& all)
             attacker.sendLocation(location);
         attacker.waitForDatagrams();
     };
-    return {name, traits, run, static_cast<int>(all.size()), SHORT_GAP};
+    return {name, traits, run, static_cast<int>(all.size())};
 }
 
 Attack manyLocations(const char* name, int traits, int count, int atOnce)
@@ -226,7 +224,7 @@ Attack endlessReply(const QByteArray& name, int traits, int devices, const QByte
             attacker.sendLocation(Attacker::url("/d.xml", i));
         attacker.waitForAnswer("GET /d.xml ", devices);
     };
-    return {name, traits, run, devices, SHORT_GAP};
+    return {name, traits, run, devices};
 }
 
 Attack document(const QByteArray& name, int traits, const QByteArray& pattern, int size = 4 * MB)
@@ -245,11 +243,6 @@ Attack subscription(const char* name, int traits, const Handler& handler)
     return answered(name, traits, "SUBSCRIBE ", handler);
 }
 
-Attack other(const char* name, int traits, const Action& run, int gap = SHORT_GAP)
-{
-    return {name, traits, run, 1, gap};
-}
-
 void expectEnd(PlainConnection& connection)
 {
     if (!connection.waitForEnd())
@@ -262,7 +255,7 @@ enum End { HostCloses, DeviceResets, PartIsRepeated };
 /// An event in two parts. In them, PATH is the path of the subscription, and UPPER the same in upper case.
 Attack eventParts(const char* name, int traits, const QByteArray& first, const QByteArray& second, End end)
 {
-    return other(name, traits, [=](Attacker& attacker) {
+    const Action run = [=](Attacker& attacker) {
         const Attacker::Callback callback = attacker.beSubscribedTo();
         const auto connection = Attacker::connectTo(callback);
         const auto completed = [&callback](QByteArray part) {
@@ -282,7 +275,8 @@ Attack eventParts(const char* name, int traits, const QByteArray& first, const Q
             connection->reset();
         }
         attacker.waitForDatagrams();
-    });
+    };
+    return {name, traits, run};
 }
 
 /// Sends an event as a device does. Returns how long the host takes for its body, in milliseconds.
@@ -393,11 +387,11 @@ void waitForTheGoodDevice(const Attacker::Callback& callback)
     // In the table of the kernel: the port of the other side, and the number of the state "established".
     const QByteArray port = QByteArray::number(callback.port, 16).toUpper().rightJustified(4, '0');
     const Clock::time_point begin = Clock::now();
-    QFile table("/proc/thread-self/net/tcp");
-    while (!table.open(QIODevice::ReadOnly) || !table.readAll().contains(':' + port + " 01 ")) {
-        table.close();
+    while (!KernelTables::linesOf("tcp").join().contains(':' + port + " 01 ")) {
         if (millisecondsSince(begin) > 10 * 1000)
             throw std::runtime_error("the good device does not connect");
+        // The kernel takes some milliseconds to list its connections.
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
@@ -444,7 +438,7 @@ std::vector<Attack> datagramAttacks()
 {
     const QByteArray foreign = "LOCATION: http://10.77.1.2:8000/x";
     return {
-        {"No attack", QUICK, [](Attacker&) {}, 0, SHORT_GAP},
+        {"No attack", QUICK, [](Attacker&) {}, 0},
         datagram("Datagram of 0 bytes", QUICK, ""),
         datagram("Datagram of 1 byte", 0, "L"),
         datagram("Datagram of 65,507 bytes", QUICK, QByteArray(65507, 'x')),
@@ -464,7 +458,7 @@ std::vector<Attack> datagramAttacks()
         locations("Location that is /dev/zero", 0, {"file:///dev/zero"}),
         locations("Location with an IPv6 address", 0,
                   listOf("http://[::1]:8000/d.xml", "http://[fe80::1%25host0]:8000/d.xml")),
-        {"Location that is the host's own event server", QUICK, locateTheEventServer, 2, SHORT_GAP},
+        {"Location that is the host's own event server", QUICK, locateTheEventServer, 2},
         manyLocations("10,000 different Locations", MANY, 10000, 100),
         manyLocations("2,000 datagrams in a burst, the host busy for 400 ms", QUICK | Attack::Stalled, 2000, 2000),
     };
@@ -512,7 +506,7 @@ std::vector<Attack> documentAttacks()
         serviceDocument("100,000 state variables, 1,024 descriptors", MANY | FEW,
                         stateTable("{<stateVariable><name>@</name></stateVariable>}")),
         serviceDocument("Names with line feeds and %1", QUICK, stateTable(variable.repeated(20))),
-        other("Device description in place of a service's", UNENDING, describeADeviceAsAService),
+        {"Device description in place of a service's", UNENDING, describeADeviceAsAService},
     };
     const auto add = [&all](const char* what, int traits, const QByteArray& pattern) {
         all.push_back(document("Document of 4 MB"_ba + what, traits, pattern));
@@ -552,10 +546,10 @@ std::vector<Attack> subscriptionAttacks()
         subscription("SUBSCRIBE reply empty", QUICK, sends("")),
         subscription("SUBSCRIBE reply without an end", 0, sendsFor(5000, QByteArray(65536, 'x'))),
         subscription("SUBSCRIBE reply of one byte at a time", 0, replyOneByteAtATime),
-        other("SUBSCRIBE reply before the request", QUICK, replyBeforeTheRequest),
-        other("SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, replyWithLines),
-        other("900 state variables, connections refused, 1,024 descriptors", QUICK | FEW, refuseSubscriptions),
-        other("SUBSCRIBE that is never answered", UNENDING, neverAnswer),
+        {"SUBSCRIBE reply before the request", QUICK, replyBeforeTheRequest},
+        {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, replyWithLines},
+        {"900 state variables, connections refused, 1,024 descriptors", QUICK | FEW, refuseSubscriptions},
+        {"SUBSCRIBE that is never answered", UNENDING, neverAnswer},
     };
 }
 
@@ -573,14 +567,14 @@ std::vector<Attack> eventAttacks()
         eventParts("Event with an unknown identifier", QUICK, eventHead(unknown, "100"), "", HostCloses),
         eventParts("Event with the null identifier", 0, eventHead(null, "100"), "", HostCloses),
         eventParts("Event with the identifier in upper case", 0, eventHead("UPPER", "5"), "<a/>\n", HostCloses),
-        other("Event of 20,000 names that Qt 5 hashes alike", QUICK, sendsEvent(namesAlike), LONG_GAP),
-        other("Event of 100,000 properties after 100,000 services", MANY, sendManyProperties, LONG_GAP),
+        {"Event of 20,000 names that Qt 5 hashes alike", QUICK, sendsEvent(namesAlike), 1, LONG_GAP},
+        {"Event of 100,000 properties after 100,000 services", MANY, sendManyProperties, 1, LONG_GAP},
         eventParts("Event head of 1 MB of lines without a colon", QUICK, "NOTIFY PATH HTTP/1.1\r\n" + lines, "",
                    HostCloses),
-        other("1,100 event connections, 1,024 descriptors", QUICK | FEW, useUpDescriptors, 2000),
-        other("1,000 event connections that stay silent", QUICK, connectWithoutAWord),
-        other("Event bodies of 16 and 64 MB", MANY, sendLongEvents, LONG_GAP),
-        other("Event body of 4 MB, deep", 0, sendsEvent(deep), LONG_GAP),
+        {"1,100 event connections, 1,024 descriptors", QUICK | FEW, useUpDescriptors, 1, 2000},
+        {"1,000 event connections that stay silent", QUICK, connectWithoutAWord},
+        {"Event bodies of 16 and 64 MB", MANY, sendLongEvents, 1, LONG_GAP},
+        {"Event body of 4 MB, deep", 0, sendsEvent(deep), 1, LONG_GAP},
         eventParts("Event body length of 2147483647", QUICK, eventHead("PATH", "2147483647"),
                    QByteArray(1024, 'x'), PartIsRepeated),
         eventParts("Event body length of -2147483648", QUICK, "", eventHead("PATH", "-2147483648"),

@@ -6,6 +6,8 @@
 namespace Velmora {
 namespace Tests {
 
+const int SHORT_GAP = 300;
+
 /// What somebody on the network may do to the host.
 struct Attack
 {
@@ -24,11 +26,11 @@ struct Attack
     /// Does it after the search of the host. Throws if it cannot.
     std::function<void(Attacker&)> run;
     /// How many records of devices the host must have in the end.
-    int devices;
+    int devices = 1;
     /// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than
     /// the host may be busy, because the library loses a body that it reads with the head. The pause ends with the
     /// attack, when the host has read the head.
-    int eventGap;
+    int eventGap = SHORT_GAP;
 };
 
 /// All attacks. The first one does nothing.

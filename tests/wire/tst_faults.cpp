@@ -120,8 +120,7 @@ private Q_SLOTS:
 
     void deviceIsNotFound_data()
     {
-        QTest::addColumn<QString>("lastMessage");
-        QTest::addColumn<QString>("line");
+        addColumns<QString, QString>("lastMessage", "line");
         addFaults({"location-garbage"}, "LOCATION: no location", UNPARSED_REPLY);
         addFaults({"location-other-host"}, "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
         addFaults({"no-location"}, "HTTP/1.1 200 OK", "");
@@ -187,9 +186,7 @@ private Q_SLOTS:
 
     void deviceAnswersAnotherSearchOnly_data()
     {
-        QTest::addColumn<QString>("target");
-        QTest::addColumn<QString>("lineEnd");
-        QTest::addColumn<int>("soundSearches");
+        addColumns<QString, QString, int>("target", "lineEnd", "soundSearches");
         addRow("crlf-search-only", "239.255.255.250", "\r\n", 2);
         // Only the device with this address gets the search.
         addRow("unicast-search-only", "10.77.1.2", "\n", 1);

@@ -49,6 +49,8 @@ const pid_t HOST = getpid();
 
 const char GOOD_ADDRESS[] = "10.77.1.1";
 const int TICK = 5;
+// The kernel takes some milliseconds to list its connections.
+const int PEEK = 20;
 const int PATIENCE = 90 * 1000;
 
 int eventGap(const Attack& attack)
@@ -114,13 +116,18 @@ int runDevices(int number, const DeviceProcess& process)
             process.report(std::string("failed: ") + error.what());
         }
     }).detach();
-    // The body of an event comes after the attack, once the host has read the head.
+    // The body of the event comes when the attack has ended and the host has read the head.
     QTimer gap;
+    QObject::connect(&device, &SimulatedDevice::reached, &gap, [&gap](SimulatedDevice::Stage stage) {
+        if (stage == SimulatedDevice::EventBegun)
+            gap.start(PEEK);
+        if (stage == SimulatedDevice::EventSent)
+            gap.stop();
+    });
     QObject::connect(&gap, &QTimer::timeout, &device, [&] {
         if (isDone && !hasBytesWaiting(getpid()) && !hasBytesWaiting(HOST))
             device.endGaps();
     });
-    gap.start(TICK);
     process.report("ready");
     return QCoreApplication::exec();
 }

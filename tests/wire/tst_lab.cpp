@@ -27,9 +27,7 @@ private Q_SLOTS:
 
     void endsWithTheStatusOfTheCommand_data()
     {
-        QTest::addColumn<QString>("command");
-        QTest::addColumn<QString>("argument");
-        QTest::addColumn<int>("status");
+        addColumns<QString, QString, int>("command", "argument", "status");
         addRow("success", "true", "", 0);
         addRow("status", "sh -c", "exit 7", 7);
         addRow("signal", "sh -c", "kill -9 $$", 128 + SIGKILL);
@@ -64,8 +62,7 @@ private Q_SLOTS:
 
     void endsWhatTheCommandLeaves_data()
     {
-        QTest::addColumn<int>("signal");
-        QTest::addColumn<int>("status");
+        addColumns<int, int>("signal", "status");
         addRow("ended", 0, 1);
         addRow("terminated", SIGTERM, 128 + SIGTERM);
         addRow("killed", SIGKILL, 128 + SIGKILL);

@@ -26,9 +26,7 @@ private Q_SLOTS:
 
     void showsProgressOnATerminalOnly_data()
     {
-        QTest::addColumn<Running>("program");
-        QTest::addColumn<bool>("hasProgress");
-        QTest::addColumn<bool>("hasColour");
+        addColumns<Running, bool, bool>("program", "hasProgress", "hasColour");
         const QString script = "env %1 $lab --response-delay 500-500 -- ssdp-discover --first"_s;
         const auto row = [&script](const char* environment, bool hasProgress, bool hasColour) {
             addRow(environment, startOnTerminal(script.arg(environment)), hasProgress, hasColour);
@@ -60,9 +58,7 @@ private Q_SLOTS:
 
     void fitsIntoNarrowTerminals_data()
     {
-        QTest::addColumn<Running>("program");
-        QTest::addColumn<int>("columns");
-        QTest::addColumn<QString>("start");
+        addColumns<Running, int, QString>("program", "columns", "start");
         const auto row = [](const char* name, int columns, const char* start) {
             const QString size = "stty cols %1; TERM=xterm; export TERM\n"_s.arg(columns);
             const QString discover = "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s;

@@ -221,8 +221,7 @@ private Q_SLOTS:
 
     void discoverSaysWhenItCannotSearch_data()
     {
-        QTest::addColumn<QString>("script");
-        QTest::addColumn<QString>("message");
+        addColumns<QString, QString>("script", "message");
         const char* const none = "no network interface with an IPv4 address is up and connected";
         addRow("port taken", R"(exec python3 -c '
 import socket, subprocess, sys
@@ -265,8 +264,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverAdvisesOnWhatItSaw_data()
     {
-        QTest::addColumn<Running>("program");
-        QTest::addColumn<QString>("advice");
+        addColumns<Running, QString>("program", "advice");
         const auto row = [](const char* fault, const char* advice) {
             const QString devices = "--devices 2 --response-delay 0-0 --fault %1 -- "_s.arg(fault);
             addRow(fault, startLab(devices + "ssdp-discover --timeout 500"), advice);
@@ -288,9 +286,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverPrintsDevices_data()
     {
-        QTest::addColumn<Running>("program");
-        QTest::addColumn<QStringList>("found");
-        QTest::addColumn<QString>("out");
+        addColumns<Running, QStringList, QString>("program", "found", "out");
         const auto filter = [](const char* options, const QStringList& found, const char* others) {
             const QString discover = "--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500 "_s;
             addRow(options, startLab(discover + options), found, "**, %1 left out\n"_s.arg(others));
@@ -372,8 +368,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void endsWithTheSummaryWhenInterrupted_data()
     {
-        QTest::addColumn<QString>("awaited");
-        QTest::addColumn<Run>("expected");
+        addColumns<QString, Run>("awaited", "expected");
         addRow("--response-delay 0-0 -- ssdp-discover --timeout 3600000", "10.77.1.1",
                Run{0, "**1 device found in *\n"});
         // The time is to blame only if it ran out.
