@@ -517,7 +517,7 @@ std::vector<Attack> documentAttacks()
     add(", 128 levels again and again", 0, root('{' + levels + '}'));
     add(", attributes of one element", QUICK, root("<a{ a@=\"\"}/>"));
     add(", 256 attributes for every element", 0, root("{<a" + attributes + "/>}"));
-    add(", name-space declarations", 0, root("<a{ xmlns:a@=\"u\"}/>"));
+    add(", namespace declarations", 0, root("<a{ xmlns:a@=\"u\"}/>"));
     add(", comments", 0, root("{<!---->}"));
     add(", one comment", 0, root("<!--{- }-->"));
     add(", comments without an end", 0, root("{<!-- }"));
