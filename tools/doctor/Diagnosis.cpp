@@ -521,7 +521,9 @@ QList<Finding> judgeEvent(const EventSeen& event)
             finding("event.one-segment", QStringLiteral("%1 bytes with the head").arg(reading.withHead)));
     } else {
         const Finding text = judgeEventText(textUpToZero(reading.body));
-        const bool isCut = text.id == "event.not-xml" && reading.sent > reading.body.size();
+        // An XML declaration without its end is out of bounds.
+        const bool isCut =
+            (text.id == "event.not-xml" || text.id == "event.out-of-bounds") && reading.sent > reading.body.size();
         // In this case, the missing or too small length is the cause.
         if (!isCut)
             result.prepend(text);
