@@ -316,7 +316,8 @@ void describeADeviceAsAService(Attacker& attacker)
 
 void replyOneByteAtATime(PlainConnection& connection)
 {
-    for (const char byte : subscriptionReply()) {
+    const QByteArray bytes = subscriptionReply();
+    for (const char byte : bytes) {
         if (!connection.send(QByteArray(1, byte)))
             return;
         connection.flush();
