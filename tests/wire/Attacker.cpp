@@ -246,8 +246,6 @@ void Attacker::answer(int descriptor)
         });
         if (found != handlers.end())
             handler = found->second;
-        requests.push_back(request);
-        changed.notify_all();
     }
     handler(connection);
     const std::lock_guard<std::mutex> lock(mutex);
@@ -255,27 +253,20 @@ void Attacker::answer(int descriptor)
     changed.notify_all();
 }
 
-bool Attacker::waitForCount(const std::vector<QByteArray>& list, const QByteArray& start, int count,
-                            std::chrono::seconds patience)
+bool Attacker::isAnsweredWithin(std::chrono::seconds patience, const QByteArray& start, int count)
 {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, patience, [&] {
-        return std::count_if(list.begin(), list.end(),
+        return std::count_if(answered.begin(), answered.end(),
                              [&start](const QByteArray& request) { return request.startsWith(start); })
             >= count;
     });
 }
 
-void Attacker::waitForRequests(const QByteArray& start, int count)
-{
-    if (!waitForCount(requests, start, count, PATIENCE))
-        throw std::runtime_error("the host did not ask: " + start.toStdString());
-}
-
 void Attacker::waitForAnswer(const QByteArray& start, int count)
 {
-    if (!waitForCount(answered, start, count, PATIENCE))
-        throw std::runtime_error("there was no end to: " + start.toStdString());
+    if (!isAnsweredWithin(PATIENCE, start, count))
+        throw std::runtime_error("the host did not ask, or there was no end to: " + start.toStdString());
 }
 
 void Attacker::waitForDatagrams()
@@ -285,7 +276,7 @@ void Attacker::waitForDatagrams()
     const QByteArray path = "/probe" + QByteArray::number(++probes);
     for (int attempt = 0; attempt < 60; ++attempt) {
         sendLocation(url(path));
-        if (waitForCount(requests, "GET " + path + ' ', 1, std::chrono::seconds(1)))
+        if (isAnsweredWithin(std::chrono::seconds(1), "GET " + path + ' '))
             return;
     }
     throw std::runtime_error("the host no longer reads its datagrams");

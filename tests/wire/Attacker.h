@@ -84,9 +84,7 @@ public:
     /// Sends @p bytes on every new connection at once.
     void greet(const QByteArray& bytes);
 
-    /// Waits for @p count requests that begin with @p start.
-    void waitForRequests(const QByteArray& start, int count = 1);
-    /// Waits until @p count requests that begin with @p start have been answered completely.
+    /// Waits until the handler of @p count requests that begin with @p start has returned.
     void waitForAnswer(const QByteArray& start, int count = 1);
 
     /// Waits until the host has read every datagram that was sent so far.
@@ -115,8 +113,7 @@ private:
     void listenAt(uint16_t port);
     void accept(int listener);
     void answer(int descriptor);
-    bool waitForCount(const std::vector<QByteArray>& list, const QByteArray& start, int count,
-                      std::chrono::seconds patience);
+    bool isAnsweredWithin(std::chrono::seconds patience, const QByteArray& start, int count = 1);
 
     int searchSocket;
     int answerSocket;
@@ -125,7 +122,6 @@ private:
     std::mutex mutex;
     std::condition_variable changed;
     std::list<std::pair<QByteArray, Handler>> handlers;
-    std::vector<QByteArray> requests;
     std::vector<QByteArray> answered;
     QByteArray greeting;
     int probes;

@@ -308,9 +308,8 @@ void locateTheEventServer(Attacker& attacker)
 void describeADeviceAsAService(Attacker& attacker)
 {
     attacker.serve("GET /scpd.xml ", sends(reply(deviceDescription())));
-    attacker.sendLocation(Attacker::url("/d.xml"));
     // Each description makes the library request the next one, until the discovery ends.
-    attacker.waitForRequests("GET /scpd.xml ", 1000);
+    beAskedFor(attacker, "GET /scpd.xml ", 1000);
     attacker.seen = "1,000 requests, one after the other";
 }
 
@@ -349,11 +348,9 @@ void refuseSubscriptions(Attacker& attacker)
     beAskedFor(attacker, "GET /scpd.xml ");
 }
 
-void neverAnswer(Attacker& attacker)
+void neverAnswer(PlainConnection& connection)
 {
-    attacker.serve("SUBSCRIBE ", [](PlainConnection& connection) { connection.waitForEnd(); });
-    attacker.sendLocation(Attacker::url("/d.xml"));
-    attacker.waitForRequests("SUBSCRIBE ");
+    connection.descriptor = -1; // It stays open until this process ends.
 }
 
 void sendEventBeforeTheReply(PlainConnection& connection)
@@ -438,6 +435,7 @@ void connectWithoutAWord(Attacker& attacker)
 std::vector<Attack> datagramAttacks()
 {
     const QByteArray foreign = "LOCATION: http://10.77.1.2:8000/x";
+    const QByteArray longName = filled("x", 60 * KB);
     return {
         {"No attack", QUICK, [](Attacker&) {}, 0},
         datagram("Datagram of 0 bytes", QUICK, ""),
@@ -447,7 +445,7 @@ std::vector<Attack> datagramAttacks()
         datagram("Datagram without an empty line", 0, "NOTIFY * HTTP/1.1\r\n" + foreign),
         datagram("Datagram with zero bytes", 0, QByteArray(2, '\0') + foreign + "\r\n"),
         datagram("Datagram without a colon", 0, ok("LOCATION http//10.77.1.2/x\r\n\r\n")),
-        locations("Location of 60 KB", QUICK, {Attacker::url('/' + QByteArray(60 * KB, 'x'))}),
+        locations("Location of 60 KB", QUICK, {Attacker::url('/' + longName)}),
         locations("Location that is relative", 0, listOf("/d.xml", "d.xml", "../d.xml", "//10.77.1.2:8000/d.xml")),
         locations("Location without a host", 0, listOf("http:///d.xml", "http://", "http:", ":", "http://:80/")),
         locations("Location with port 0 or 99999", 0,
@@ -484,7 +482,7 @@ std::vector<Attack> httpAttacks()
         httpHeaders("HTTP body in a coding that was not requested", 0, "Content-Encoding: gzip\r\n"),
         httpHeaders("HTTP with 101 headers", QUICK, filled("X-@: v\r\n", 905)),
         httpHeaders("HTTP with 1,500 cookies", QUICK, filled("Set-Cookie: c@=v\r\n", 29 * KB)),
-        httpHeaders("HTTP with a header of 110 KB", 0, "X-Header: " + QByteArray(110 * KB, 'x') + "\r\n"),
+        httpHeaders("HTTP with a header of 110 KB", 0, "X-Header: " + filled("x", 110 * KB) + "\r\n"),
         http("HTTP redirect to itself", QUICK,
              sends("HTTP/1.1 302 Found\r\nLocation: /d.xml\r\nContent-Length: 0\r\n\r\n")),
     };
@@ -550,7 +548,7 @@ std::vector<Attack> subscriptionAttacks()
         {"SUBSCRIBE reply before the request", QUICK, replyBeforeTheRequest},
         {"SUBSCRIBE replies of 1 MB of lines without a colon, 50 times", QUICK, replyWithLines},
         {"900 state variables, connections refused, 1,024 descriptors", QUICK | FEW, refuseSubscriptions},
-        {"SUBSCRIBE that is never answered", UNENDING, neverAnswer},
+        subscription("SUBSCRIBE that is never answered", UNENDING, neverAnswer),
     };
 }
 
