@@ -2,16 +2,9 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <linux/sockios.h>
-#include <poll.h>
 #include <stdexcept>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 
 namespace Velmora {
 namespace Tests {
@@ -49,83 +42,6 @@ Attacker::Handler sends(const QByteArray& bytes)
 }
 
 } // namespace
-
-PlainConnection::PlainConnection(int descriptor)
-    : descriptor(descriptor)
-{
-}
-
-PlainConnection::~PlainConnection()
-{
-    if (descriptor != -1)
-        close(descriptor);
-}
-
-bool PlainConnection::send(const QByteArray& bytes)
-{
-    qsizetype sent = 0;
-    while (sent < bytes.size()) {
-        const ssize_t n =
-            ::send(descriptor, bytes.constData() + sent, static_cast<size_t>(bytes.size() - sent), MSG_NOSIGNAL);
-        if (n <= 0)
-            return false;
-        sent += n;
-    }
-    return true;
-}
-
-void PlainConnection::sendFor(int milliseconds, const QByteArray& bytes, int pause)
-{
-    // A host that stops reading must not delay the attack.
-    const timeval patience = {0, 100000};
-    setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-    while (std::chrono::steady_clock::now() < end) {
-        if (!send(bytes) && errno != EAGAIN)
-            return;
-        std::this_thread::sleep_for(std::chrono::milliseconds(pause));
-    }
-}
-
-QByteArray PlainConnection::readHead()
-{
-    char buffer[4096];
-    request.clear();
-    while (!request.contains("\n\n") && !request.contains("\n\r\n")) {
-        const ssize_t n = recv(descriptor, buffer, sizeof buffer, 0);
-        if (n <= 0)
-            return QByteArray();
-        request.append(buffer, static_cast<int>(n));
-    }
-    return request;
-}
-
-bool PlainConnection::waitForEnd()
-{
-    char buffer[4096];
-    pollfd end = {descriptor, POLLIN, 0};
-    while (poll(&end, 1, 30 * 1000) == 1) {
-        if (recv(descriptor, buffer, sizeof buffer, 0) <= 0)
-            return true;
-    }
-    return false;
-}
-
-void PlainConnection::flush()
-{
-    // A peer that has reset the connection takes nothing more.
-    pollfd ended = {descriptor, 0, 0};
-    int left = 1;
-    while (ioctl(descriptor, SIOCOUTQ, &left) == 0 && left > 0 && poll(&ended, 1, 1) == 0) { }
-}
-
-void PlainConnection::reset()
-{
-    const linger atOnce = {1, 0};
-    setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
-    close(descriptor);
-    descriptor = -1;
-}
 
 const char Attacker::ADDRESS[] = "10.77.1.2";
 

@@ -3,13 +3,20 @@
 
 #include <tests/support/Messages.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <linux/sockios.h>
 #include <list>
 #include <memory>
 #include <mutex>
 #include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -20,28 +27,88 @@ namespace Tests {
 class PlainConnection
 {
 public:
-    explicit PlainConnection(int descriptor);
-    ~PlainConnection();
+    explicit PlainConnection(int descriptor)
+        : descriptor(descriptor)
+    {
+    }
+    ~PlainConnection()
+    {
+        if (descriptor != -1)
+            close(descriptor);
+    }
     PlainConnection(const PlainConnection&) = delete;
     PlainConnection& operator=(const PlainConnection&) = delete;
 
     /// Returns whether all @p bytes were sent.
-    bool send(const QByteArray& bytes);
+    bool send(const QByteArray& bytes)
+    {
+        ssize_t n = 0;
+        for (qsizetype sent = 0; sent < bytes.size(); sent += n) {
+            const size_t rest = static_cast<size_t>(bytes.size() - sent);
+            n = ::send(descriptor, bytes.constData() + sent, rest, MSG_NOSIGNAL);
+            if (n <= 0)
+                return false;
+        }
+        return true;
+    }
 
     /// Sends @p bytes again and again for @p milliseconds, or until the peer closes the connection.
-    void sendFor(int milliseconds, const QByteArray& bytes, int pause = 0);
+    void sendFor(int milliseconds, const QByteArray& bytes, int pause = 0)
+    {
+        // A host that stops reading must not delay the attack.
+        const timeval patience = {0, 100000};
+        setsockopt(descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
+        while (std::chrono::steady_clock::now() < end) {
+            if (!send(bytes) && errno != EAGAIN)
+                return;
+            std::this_thread::sleep_for(std::chrono::milliseconds(pause));
+        }
+    }
 
     /// Reads up to the first empty line. Returns nothing if the peer closes the connection before.
-    QByteArray readHead();
+    QByteArray readHead()
+    {
+        char buffer[4096];
+        request.clear();
+        while (!request.contains("\n\n") && !request.contains("\n\r\n")) {
+            const ssize_t n = recv(descriptor, buffer, sizeof buffer, 0);
+            if (n <= 0)
+                return QByteArray();
+            request.append(buffer, static_cast<int>(n));
+        }
+        return request;
+    }
 
     /// Returns whether the peer closes the connection within half a minute.
-    bool waitForEnd();
+    bool waitForEnd()
+    {
+        char buffer[4096];
+        pollfd end = {descriptor, POLLIN, 0};
+        while (poll(&end, 1, 30 * 1000) == 1) {
+            if (recv(descriptor, buffer, sizeof buffer, 0) <= 0)
+                return true;
+        }
+        return false;
+    }
 
     /// Waits until the kernel of the peer has all bytes. Nobody can see whether the program has read them.
-    void flush();
+    void flush()
+    {
+        // A peer that has reset the connection takes nothing more.
+        pollfd ended = {descriptor, 0, 0};
+        int left = 1;
+        while (ioctl(descriptor, SIOCOUTQ, &left) == 0 && left > 0 && poll(&ended, 1, 1) == 0) { }
+    }
 
     /// Closes the connection with an RST.
-    void reset();
+    void reset()
+    {
+        const linger atOnce = {1, 0};
+        setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+        close(descriptor);
+        descriptor = -1;
+    }
 
     int descriptor;
     QByteArray request; ///< The head that was read last.
