@@ -199,3 +199,5 @@ int Server::next()
 
 } // namespace Fuzz
 } // namespace Velmora
+
+#include "moc_Harness.cpp"

@@ -146,3 +146,5 @@ void HttpTest::cleanupTestCase()
 
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_HttpTest.cpp"

@@ -265,3 +265,5 @@ void ScriptedDevice::readRequests(Connection* connection)
 
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_ScriptedDevice.cpp"

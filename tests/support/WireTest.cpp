@@ -173,3 +173,5 @@ std::unique_ptr<PrivateNetwork> makeNetworkOrExit()
 
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_WireTest.cpp"
