@@ -7,6 +7,7 @@
 
 #include <QtCore/QFile>
 #include <QtCore/QThread>
+#include <QtNetwork/QTcpServer>
 #include <QtNetwork/QTcpSocket>
 
 #include <algorithm>
@@ -40,6 +41,37 @@ int runLimitedDevices(int count, const DeviceProcess& process)
         options.addFault(Fault::NeverAnswerSubscribe);
     });
 }
+
+/// Takes the descriptors below @p end. Does so again before each event, because threads give some back.
+class TakenDescriptors : public QObject
+{
+public:
+    explicit TakenDescriptors(int end)
+        : end(end)
+    {
+        take();
+        qApp->installEventFilter(this);
+    }
+
+    bool eventFilter(QObject*, QEvent*) override
+    {
+        take();
+        return false;
+    }
+
+private:
+    void take()
+    {
+        while (ProcessState::nextDescriptor() < end) {
+            files.push_back(std::make_unique<QFile>("/dev/null"_s));
+            if (!files.back()->open(QIODevice::ReadOnly))
+                qFatal("No descriptor is left");
+        }
+    }
+
+    const int end;
+    std::vector<std::unique_ptr<QFile>> files;
+};
 
 } // namespace
 
@@ -168,11 +200,7 @@ private Q_SLOTS:
         // The server listens from now on.
         ssdp->discover();
         ssdp->stop();
-        std::vector<std::unique_ptr<QFile>> held;
-        while (ProcessState::nextDescriptor() < 100) {
-            held.push_back(std::make_unique<QFile>("/dev/null"_s));
-            QVERIFY(held.back()->open(QIODevice::ReadOnly));
-        }
+        const TakenDescriptors taken(100);
         // A sixteenth of them are the last ones, and two are for the search.
         const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 6);
         CapturedLog::clear();
@@ -185,6 +213,24 @@ private Q_SLOTS:
         VERIFY_SOON(manager().deviceReplies().isEmpty());
         QCOMPARE(ProcessState::threads(), threads);
         QCOMPARE(log().count(QLatin1String(REFUSED)), 1);
+    }
+
+    void connectionIsRefusedIfDescriptorsRanOutDuringTheLookUp()
+    {
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost));
+        const ProcessState::DescriptorLimit limit(256);
+        ssdp->discover();
+        manager().addSsdpDevice(QHostAddress("10.77.1.1"_s), "http://localhost:%1/"_s.arg(server.serverPort()));
+        QCOMPARE(manager().deviceReplies().size(), 1);
+        // A sixteenth of them are the last ones.
+        const TakenDescriptors taken(256 - 256 / 16);
+        VERIFY_SOON(manager().deviceReplies().isEmpty());
+        QCOMPARE(log().count(QLatin1String(REFUSED)), 1);
+        VERIFY_SOON(server.hasPendingConnections());
+        QTcpSocket* const connection = server.nextPendingConnection();
+        VERIFY_SOON(connection->state() == QTcpSocket::UnconnectedState);
+        QCOMPARE(connection->bytesAvailable(), qint64(0));
     }
 
     void libraryStartsNoThread()
