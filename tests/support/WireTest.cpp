@@ -1,5 +1,6 @@
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
+
+#include <tests/support/Literals.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,10 +11,19 @@ namespace Tests {
 
 using Simulator::PrivateNetwork;
 
+namespace {
+
+PrivateNetwork* ownNetwork = nullptr;
+
+} // namespace
+
+WireTest::WireTest()
+    : WireTest(*ownNetwork)
+{
+}
+
 WireTest::WireTest(PrivateNetwork& network)
     : network(network)
-    , timeouts(0)
-    , links(0)
 {
 }
 
@@ -25,7 +35,7 @@ QString WireTest::addLink(const char* hostAddress, const char* firstDeviceAddres
 
 bool WireTest::waitUntil(const std::function<bool()>& condition)
 {
-    // The tick is for what makes no event of its own: the kernel's receive queues.
+    // The kernel's receive queues cause no event when they change.
     QTimer tick;
     tick.start(2);
     QElapsedTimer elapsed;
@@ -48,6 +58,13 @@ std::unique_ptr<SSDP::Ssdp> WireTest::newController(int timeout)
             });
     connect(controller.get(), &SSDP::Ssdp::timeoutExpired, this, [this] { ++timeouts; });
     return controller;
+}
+
+void WireTest::makeDevice(const char* address, quint16 port)
+{
+    // Two cannot listen on the same port.
+    device.reset();
+    device = std::make_unique<ScriptedDevice>(network, QLatin1String(address), port);
 }
 
 bool WireTest::search()
@@ -86,9 +103,16 @@ bool WireTest::findDevice()
     return search() && beFound();
 }
 
-ManagerAccess WireTest::manager() const
+Connection* WireTest::requestFor(const QByteArray& start) const
 {
-    return ManagerAccess(*ssdp->findChild<SSDP::SsdpManager*>());
+    const bool came = waitUntil([&] { return device->requestsFor(start).size() == 1; });
+    return came ? device->requestsFor(start).at(0).connection.data() : nullptr;
+}
+
+bool WireTest::send(Connection* connection, const QByteArray& bytes)
+{
+    connection->send(bytes);
+    return waitUntil([&] { return connection->wasRead(); });
 }
 
 bool WireTest::nothingIsListed() const
@@ -104,13 +128,9 @@ QStringList WireTest::log()
 
 WireTest::Callback WireTest::callbackOf(const QByteArray& request)
 {
-    const QByteArray start("CALLBACK: <http://");
-    const int begin = static_cast<int>(request.indexOf(start) + start.size());
-    const int colon = static_cast<int>(request.indexOf(':', begin));
-    const int slash = static_cast<int>(request.indexOf('/', colon));
-    const int end = static_cast<int>(request.indexOf('>', slash));
-    return {QHostAddress(QString::fromLatin1(request.mid(begin, colon - begin))),
-            request.mid(colon + 1, slash - colon - 1).toUShort(), request.mid(slash, end - slash)};
+    static const QRegularExpression field("CALLBACK: <http://(.*):(.*)(/.*)>");
+    const auto match = field.match(QString::fromLatin1(request));
+    return {QHostAddress(match.captured(1)), match.captured(2).toUShort(), match.captured(3).toLatin1()};
 }
 
 WireTest::Callback WireTest::callback() const
@@ -120,9 +140,8 @@ WireTest::Callback WireTest::callback() const
 
 Connection* WireTest::sendHead(const Callback& to, const QByteArray& contentLength)
 {
-    Connection* const connection = device->connectTo(to.host, to.port);
-    connection->send(eventHead(to.path, contentLength));
-    return waitUntil([&] { return connection->wasRead(); }) ? connection : nullptr;
+    Connection* const connection = connectTo(to);
+    return send(connection, eventHead(to.path, contentLength)) ? connection : nullptr;
 }
 
 bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
@@ -137,7 +156,7 @@ bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
 bool WireTest::sendLastEvent()
 {
     return sendEvent(callback(), eventBody("KO", "77,1"))
-        && waitUntil([&] { return reports.contains("77,1 at 10.77.1.1"); });
+        && waitUntil([&] { return reports.contains(LAST_REPORT); });
 }
 
 void WireTest::initTestCase()
@@ -148,7 +167,7 @@ void WireTest::initTestCase()
 
 void WireTest::init()
 {
-    device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
+    makeDevice();
     ssdp = newController(60000);
     reports.clear();
     timeouts = 0;
@@ -164,7 +183,9 @@ void WireTest::cleanup()
 std::unique_ptr<PrivateNetwork> makeNetworkOrExit()
 {
     try {
-        return std::make_unique<PrivateNetwork>();
+        auto network = std::make_unique<PrivateNetwork>();
+        ownNetwork = network.get();
+        return network;
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "No private network: %s\n", error.what());
         std::exit(qgetenv("VELMORA_REQUIRE_NETWORK") == "1" ? 1 : 77);

@@ -1,5 +1,6 @@
 #include <ssdp/BoundedXml.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
@@ -37,11 +38,11 @@ private:
     /// Rows with names, and rows of which the text is the name.
     static void textRows(const QList<QPair<const char*, QString>>& rows, const QList<QByteArray>& texts = {})
     {
-        QTest::addColumn<QString>("text");
+        const Table<QString> row("text");
         for (const auto& row : rows)
-            QTest::newRow(row.first) << row.second;
+            row(row.first, row.second);
         for (const QByteArray& text : texts)
-            QTest::newRow(text.constData()) << QString(text);
+            row(text.constData(), QString(text));
     }
 
 private Q_SLOTS:

@@ -1,6 +1,7 @@
 #include <ssdp/HttpFetcher.h>
 #include <ssdp/HttpReader.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtTest/QtTest>
 
@@ -75,7 +76,7 @@ QList<QByteArray> outcomesOf(const QByteArray& bytes)
 void row(const char* name, const QByteArray& bytes, HttpReader::State state, HttpReader::State stateWhenClosed,
          int status, const QByteArray& body, bool keepsConnection, qint64 used)
 {
-    QTest::newRow(name) << bytes << outcome(state, stateWhenClosed, status, body, keepsConnection, used);
+    row(name, bytes, outcome(state, stateWhenClosed, status, body, keepsConnection, used));
 }
 
 /// A reply that says where it ends, and lets the connection be used again.
@@ -303,8 +304,7 @@ private Q_SLOTS:
 
     void replyIsReadInAnySegments_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QByteArray>("expected");
+        const Table<QByteArray, QByteArray> row("bytes", "expected");
         headRows();
         fieldRows();
         chunkRows();
@@ -348,17 +348,13 @@ private Q_SLOTS:
 
     void boundsHold_data()
     {
-        QTest::addColumn<QByteArray>("before");
-        QTest::addColumn<QByteArray>("pattern");
-        QTest::addColumn<QByteArray>("last");
-        QTest::addColumn<QByteArray>("end");
-        QTest::addColumn<int>("bound");
+        const Table<QByteArray, QByteArray, QByteArray, QByteArray, int> row("before", "pattern", "last", "end",
+                                                                             "bound");
         // What comes before does not count. As many fillers follow the last text as make the rest as long as
         // the bound.
         const auto add = [](const char* name, const QByteArray& before, const QByteArray& pattern,
-                            const QByteArray& last, const QByteArray& end, int bound = 64 * KIB) {
-            QTest::newRow(name) << before << pattern << last << end << bound;
-        };
+                            const QByteArray& last, const QByteArray& end,
+                            int bound = 64 * KIB) { row(name, before, pattern, last, end, bound); };
         const QByteArray end = "\r\nContent-Length: 0\r\n\r\n";
         add("status line", "", "", "HTTP/1.1 200 ", end);
         add("a name", "", "", OK, ": y" + end);
@@ -526,11 +522,9 @@ private Q_SLOTS:
 
     void requestNamesPathAndHost_data()
     {
-        QTest::addColumn<QString>("location");
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<QByteArray>("host");
+        const Table<QString, QByteArray, QByteArray> row("location", "target", "host");
         const auto at = [](const char* location, const char* target, const char* host) {
-            QTest::newRow(location) << QString(location) << QByteArray(target) << QByteArray(host);
+            row(location, QString(location), QByteArray(target), QByteArray(host));
         };
         const auto path = [&](const QByteArray& text, const char* target) {
             at(("http://10.77.1.1:8080" + text).constData(), target, "10.77.1.1:8080");

@@ -4,6 +4,7 @@
 #include <ssdp/SsdpService.h>
 #include <tests/support/CapturedLog.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtTest/QtTest>
 
@@ -57,10 +58,9 @@ private Q_SLOTS:
 
     void firstWellFormedEntryIsReported_data()
     {
-        QTest::addColumn<QString>("value");
-        QTest::addColumn<QStringList>("expected");
+        const Table<QString, QStringList> row("value", "expected");
         const auto add = [](const char* name, const QString& value, const QStringList& expected) {
-            QTest::newRow(name) << value << expected;
+            row(name, value, expected);
         };
         add("one entry", "12,34", {"12,34"});
         add("two entries", "12,34;56,78", {"12,34"});
@@ -93,30 +93,29 @@ private Q_SLOTS:
 
     void partIsADecimalIntOrZero_data()
     {
-        QTest::addColumn<QString>("part");
-        QTest::addColumn<int>("code");
-        QTest::newRow("zero") << "0" << 0;
-        QTest::newRow("leading zeros") << "0012" << 12;
-        QTest::newRow("a plus") << "+8" << 8;
-        QTest::newRow("a minus") << "-7" << -7;
-        QTest::newRow("a space before") << " 34" << 34;
-        QTest::newRow("a space after") << "34 " << 34;
-        QTest::newRow("a line feed after") << "34\n" << 34;
-        QTest::newRow("a no-break space before") << "\xa0\x33\x34"_s << 34;
-        QTest::newRow("a space inside") << "3 4" << 0;
-        QTest::newRow("a space alone") << " " << 0;
-        QTest::newRow("letters") << "x" << 0;
-        QTest::newRow("letters after digits") << "12abc" << 0;
-        QTest::newRow("a fraction") << "1.5" << 0;
-        QTest::newRow("hexadecimal") << "0x10" << 0;
-        QTest::newRow("a sign alone") << "-" << 0;
-        QTest::newRow("two signs") << "--7" << 0;
-        QTest::newRow("the highest int") << "2147483647" << 2147483647;
-        QTest::newRow("one more") << "2147483648" << 0;
-        QTest::newRow("the lowest int") << "-2147483648" << -2147483647 - 1;
-        QTest::newRow("one less") << "-2147483649" << 0;
-        QTest::newRow("eleven digits") << "12345678901" << 0;
-        QTest::newRow("thirty digits") << "123456789012345678901234567890" << 0;
+        const Table<QString, int> row("part", "code");
+        row("zero", "0", 0);
+        row("leading zeros", "0012", 12);
+        row("a plus", "+8", 8);
+        row("a minus", "-7", -7);
+        row("a space before", " 34", 34);
+        row("a space after", "34 ", 34);
+        row("a line feed after", "34\n", 34);
+        row("a no-break space before", "\xa0\x33\x34"_s, 34);
+        row("a space inside", "3 4", 0);
+        row("a space alone", " ", 0);
+        row("letters", "x", 0);
+        row("letters after digits", "12abc", 0);
+        row("a fraction", "1.5", 0);
+        row("hexadecimal", "0x10", 0);
+        row("a sign alone", "-", 0);
+        row("two signs", "--7", 0);
+        row("the highest int", "2147483647", 2147483647);
+        row("one more", "2147483648", 0);
+        row("the lowest int", "-2147483648", -2147483647 - 1);
+        row("one less", "-2147483649", 0);
+        row("eleven digits", "12345678901", 0);
+        row("thirty digits", "123456789012345678901234567890", 0);
     }
 
     void partIsADecimalIntOrZero()
@@ -130,17 +129,17 @@ private Q_SLOTS:
 
     void anotherNameIsIgnored_data()
     {
-        QTest::addColumn<QString>("name");
-        QTest::newRow("lower case") << "ko";
-        QTest::newRow("mixed case") << "Ko";
-        QTest::newRow("a digit after") << "KO1";
-        QTest::newRow("a space after") << "KO ";
-        QTest::newRow("a space before") << " KO";
-        QTest::newRow("a zero after") << "KO\0"_s;
-        QTest::newRow("a prefix") << "e:KO";
-        QTest::newRow("one letter") << "K";
-        QTest::newRow("empty") << "";
-        QTest::newRow("null") << QString();
+        const Table<QString> row("name");
+        row("lower case", "ko");
+        row("mixed case", "Ko");
+        row("a digit after", "KO1");
+        row("a space after", "KO ");
+        row("a space before", " KO");
+        row("a zero after", "KO\0"_s);
+        row("a prefix", "e:KO");
+        row("one letter", "K");
+        row("empty", "");
+        row("null", QString());
     }
 
     void anotherNameIsIgnored()

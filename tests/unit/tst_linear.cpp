@@ -10,6 +10,7 @@
 #include <tests/support/NamesAlike.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
+#include <tests/support/Table.h>
 
 #include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
@@ -287,8 +288,7 @@ private Q_SLOTS:
 
     void timeGrowsWithTheLength_data()
     {
-        QTest::addColumn<int>("size");
-        QTest::addColumn<Maker>("maker");
+        const Table<int, Maker> row("size", "maker");
         textRows();
         replyRows();
         documentRows();

@@ -1,5 +1,6 @@
 #include <log/Logger.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtCore/QLoggingCategory>
 #include <QtTest/QtTest>
@@ -60,10 +61,9 @@ private Q_SLOTS:
 
     void lineGoesToQtsLogWhenTheLoggerIsDestroyed_data()
     {
-        QTest::addColumn<int>("severity");
-        QTest::addColumn<int>("type");
-        QTest::newRow("information") << 0 << int(QtInfoMsg);
-        QTest::newRow("error") << 1 << int(QtCriticalMsg);
+        const Table<int, int> row("severity", "type");
+        row("information", 0, int(QtInfoMsg));
+        row("error", 1, int(QtCriticalMsg));
     }
 
     void lineGoesToQtsLogWhenTheLoggerIsDestroyed()
@@ -98,10 +98,9 @@ private Q_SLOTS:
 
     void pieceIsEscapedSoThatALineStaysALine_data()
     {
-        QTest::addColumn<QString>("piece");
-        QTest::addColumn<QString>("text");
+        const Table<QString, QString> row("piece", "text");
         const auto add = [](const char* name, const QString& piece, const QString& text) {
-            QTest::newRow(name) << piece << text;
+            row(name, piece, text);
         };
         add("a line feed", "a\nb", "a\\nb");
         add("a carriage return", "a\rb", "a\\rb");
@@ -141,11 +140,10 @@ private Q_SLOTS:
 
     void longPieceIsCutAndTheRestCounted_data()
     {
-        QTest::addColumn<QString>("piece");
-        QTest::addColumn<QString>("text");
+        const Table<QString, QString> row("piece", "text");
         const auto add = [](const char* name, const QString& piece, const QString& kept, int leftOut) {
             const QString tail = " [%1 characters left out]"_s.arg(leftOut);
-            QTest::newRow(name) << piece << (leftOut == 0 ? kept : kept + tail);
+            row(name, piece, (leftOut == 0 ? kept : kept + tail));
         };
         const QString longest = "x"_s.repeated(1024);
         add("1,023", "x"_s.repeated(1023), "x"_s.repeated(1023), 0);
@@ -167,15 +165,14 @@ private Q_SLOTS:
 
     void filterRuleSwitchesTheLinesOff_data()
     {
-        QTest::addColumn<QString>("rule");
-        QTest::addColumn<QStringList>("texts");
+        const Table<QString, QStringList> row("rule", "texts");
         const QString information = "information"_s;
         const QString error = "error"_s;
-        QTest::newRow("none") << QString() << QStringList{information, error};
-        QTest::newRow("information") << "velmora.ssdp.info=false" << QStringList{error};
-        QTest::newRow("errors") << "velmora.ssdp.critical=false" << QStringList{information};
-        QTest::newRow("all") << "velmora.ssdp=false" << QStringList();
-        QTest::newRow("another category") << "velmora.other=false" << QStringList{information, error};
+        row("none", QString(), QStringList{information, error});
+        row("information", "velmora.ssdp.info=false", QStringList{error});
+        row("errors", "velmora.ssdp.critical=false", QStringList{information});
+        row("all", "velmora.ssdp=false", QStringList());
+        row("another category", "velmora.other=false", QStringList{information, error});
     }
 
     void filterRuleSwitchesTheLinesOff()

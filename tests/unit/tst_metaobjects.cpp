@@ -2,6 +2,7 @@
 #include <ssdp/Ssdp.h>
 #include <ssdp/SsdpManager.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
 #include <QtCore/QMetaMethod>
 #include <QtTest/QtTest>
@@ -54,10 +55,9 @@ private:
 private Q_SLOTS:
     void castIsToTheClassAndItsBases_data()
     {
-        QTest::addColumn<QObject*>("object");
-        QTest::addColumn<QList<QByteArray>>("classes");
+        const Table<QObject*, QList<QByteArray>> row("object", "classes");
         const auto add = [](const char* name, QObject* object, const QList<QByteArray>& classes) {
-            QTest::newRow(name) << object << classes;
+            row(name, object, classes);
         };
         add("Ssdp", &controller, {"Velmora::SSDP::Ssdp", "QObject"});
         add("SsdpManager", &manager, {"Velmora::SSDP::SsdpManager", "QObject"});

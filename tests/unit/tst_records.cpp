@@ -3,6 +3,7 @@
 #include <ssdp/SsdpService.h>
 #include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
+#include <tests/support/Table.h>
 
 #include <QtTest/QtTest>
 
@@ -125,9 +126,9 @@ private Q_SLOTS:
 
     void controlPointDeletesItsDevicesInListOrder_data()
     {
-        QTest::addColumn<bool>("isDestroyed");
-        QTest::newRow("when it is destroyed") << true;
-        QTest::newRow("in clearDevices()") << false;
+        const Table<bool> row("isDestroyed");
+        row("when it is destroyed", true);
+        row("in clearDevices()", false);
     }
 
     void controlPointDeletesItsDevicesInListOrder()

@@ -24,27 +24,21 @@ const char NOT_PARSED[] = "Could not parse server response";
 
 } // namespace
 
-/**
- * What a discovery leaves behind: after twenty it is what it was after five, whatever the device does
- * wrong, apart from the connections of subscriptions that never got a reply. Those stay listed.
- */
+/// What a discovery leaves behind. The twentieth leaves as much as the fifth, whatever the device does wrong. Only
+/// the connections of subscriptions without a reply stay listed.
 class FlatTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
-    /// What the library holds.
+    /// What the library holds at a time.
     struct Holdings
     {
         int descriptors;
-        int objects; ///< Apart from the connections below.
-        int pending; ///< Requests, and connections for events.
-        int connections; ///< Of subscriptions and events, as listed.
-        int services; ///< As many as connections.
-        int records; ///< Devices and their services.
+        int objects; ///< Without those connections.
+        int pending; ///< Requests and event connections.
+        int connections; ///< The listed connections of subscriptions and events.
+        int services; ///< The services of these connections, one for each.
+        int records; ///< Devices and services.
         qint64 memory; ///< On the heap, in bytes.
     };
 
@@ -69,7 +63,7 @@ private:
                 static_cast<qint64>(mallinfo2().uordblks)};
     }
 
-    /// Whether nothing of the discovery is under way any more.
+    /// Returns whether everything of the discovery has ended.
     bool isSettled() const
     {
         ManagerAccess held = manager();
@@ -80,7 +74,7 @@ private:
                });
     }
 
-    /// Each discovery leaves @p kept connections listed.
+    /// Compares what the fifth and the twentieth discovery leave behind. Each may leave @p kept connections.
     void repeat(const std::function<void()>& discover, int kept)
     {
         Holdings before = {};
@@ -108,26 +102,18 @@ private:
                  QByteArray::number(after.memory - before.memory).constData());
     }
 
-    void makeDevice()
-    {
-        device.reset();
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1", quint16(8080));
-    }
-
     void discoverWithFault(const QString& fault, const QByteArray& lastSign)
     {
         device.reset();
-        std::unique_ptr<SsdpGroup> group;
-        {
-            const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
-            group = std::make_unique<SsdpGroup>();
-        }
+        network.enter(PrivateNetwork::DeviceSide);
+        SsdpGroup group;
+        network.enter(PrivateNetwork::HostSide);
         DeviceOptions options;
         options.address = QHostAddress("10.77.1.2");
         options.responseDelayMax = 0;
         options.eventGap = 5;
         QCOMPARE(options.addFault(fault), QString());
-        SimulatedDevice faulty(group.get(), options);
+        SimulatedDevice faulty(&group, options);
         QByteArray signs;
         connect(&faulty, &SimulatedDevice::message, this,
                 [&signs](bool, const QString&, const QByteArray& text) { signs += text; });
@@ -140,11 +126,10 @@ private:
     QSet<QString> tried;
 
 private Q_SLOTS:
-
     void initTestCase()
     {
         WireTest::initTestCase();
-        // What is allocated once is no growth.
+        // What the process allocates only once is not counted.
         init();
         for (int discovery = 1; discovery <= 2 * WARM_UP; ++discovery) {
             discoverWithFault("duplicate-responses", FOUND);
@@ -162,12 +147,10 @@ private Q_SLOTS:
 
     void faultLeavesNothingBehind_data()
     {
-        QTest::addColumn<QString>("fault");
-        QTest::addColumn<QByteArray>("lastSign");
-        QTest::addColumn<int>("kept");
-        const auto add = [](const char* lastSign, const QList<QByteArray>& faults, int kept = 0) {
+        const Table<QString, QByteArray, int> row("fault", "lastSign", "kept");
+        const auto add = [&](const char* lastSign, const QList<QByteArray>& faults, int kept = 0) {
             for (const QByteArray& fault : faults)
-                QTest::newRow(fault.constData()) << QString(fault) << QByteArray(lastSign) << kept;
+                row(fault, fault, lastSign, kept);
         };
         add(FOUND,
             listOf("ignore-search", "duplicate-responses", "announce-only", "crlf-search-only",
@@ -207,18 +190,14 @@ private Q_SLOTS:
 
     void lateReplyLeavesNothingBehind_data()
     {
-        QTest::addColumn<QByteArray>("request");
-        QTest::addColumn<QByteArray>("early");
-        QTest::addColumn<QByteArray>("late");
-        QTest::addColumn<int>("kept");
-        const auto add = [](const char* name, const char* request, const QByteArray& early, const QByteArray& late,
-                            int kept) { QTest::newRow(name) << QByteArray(request) << early << late << kept; };
+        const Table<QByteArray, QByteArray, QByteArray, int> row("request", "early", "late", "kept");
         const QByteArray description = reply(deviceDescription());
-        add("description", "GET /desc.xml ", "", description, 0);
-        add("rest of a description", "GET /desc.xml ", description.chopped(20), description.right(20), 0);
-        add("service description", "GET /scpd.xml ", "", reply(serviceDescription()), 0);
-        add("subscription", "SUBSCRIBE ", "", subscriptionReply(), 1);
-        add("subscription, too long", "SUBSCRIBE ", "", subscriptionReply() + QByteArray(100000, 'x'), 1);
+        const QByteArray tooLong = subscriptionReply() + QByteArray(100000, 'x');
+        row("description", "GET /desc.xml ", "", description, 0);
+        row("rest of a description", "GET /desc.xml ", description.chopped(20), description.right(20), 0);
+        row("service description", "GET /scpd.xml ", "", reply(serviceDescription()), 0);
+        row("subscription", "SUBSCRIBE ", "", subscriptionReply(), 1);
+        row("subscription, too long", "SUBSCRIBE ", "", tooLong, 1);
     }
 
     void lateReplyLeavesNothingBehind()
@@ -233,15 +212,15 @@ private Q_SLOTS:
                 scriptDevice();
                 device->script(request, early);
                 QVERIFY(search() && answerSearch());
-                VERIFY_SOON(device->requestsFor(request).size() == 1);
-                const QPointer<Connection> connection = device->requestsFor(request).at(0).connection;
+                Connection* const connection = requestFor(request);
+                QVERIFY(connection);
                 VERIFY_SOON(connection->wasRead());
                 ssdp->stop();
                 QVERIFY(search());
                 connection->send(late);
                 if (late.size() > 65536)
                     VERIFY_SOON(connection->wasRead());
-                // The library leaves this to the device when it has forgotten the subscription.
+                // The library does not close the connection of a subscription that it has forgotten.
                 if (request == "SUBSCRIBE ")
                     connection->close();
                 VERIFY_SOON(!connection->isOpen());
@@ -253,16 +232,13 @@ private Q_SLOTS:
 
     void lateEventLeavesNothingBehind_data()
     {
-        QTest::addColumn<QByteArray>("length");
-        QTest::addColumn<QByteArray>("early");
-        QTest::addColumn<QByteArray>("late");
+        const Table<QByteArray, QByteArray, QByteArray> row("length", "early", "late");
         const QByteArray body = eventBody("KO", "12,34") + QByteArray(1000, '\n');
         const QByteArray head("NOTIFY PATH HTTP/1.1\r\nCONTENT-LENGTH: 1000\r\n\r\n");
-        QTest::newRow("head") << QByteArray() << QByteArray() << head;
-        QTest::newRow("head after a negative length") << "-1"_ba << QByteArray() << head;
-        QTest::newRow("body") << "1000"_ba << QByteArray() << body;
-        QTest::newRow("rest of the body") << "1000"_ba
-                                          << "<e:propertyset>" + QByteArray(960, '\n') << body;
+        row("head", QByteArray(), QByteArray(), head);
+        row("head after a negative length", "-1", QByteArray(), head);
+        row("body", "1000", QByteArray(), body);
+        row("rest of the body", "1000", "<e:propertyset>" + QByteArray(960, '\n'), body);
     }
 
     void lateEventLeavesNothingBehind()
@@ -275,12 +251,11 @@ private Q_SLOTS:
                 makeDevice();
                 QVERIFY(findDevice());
                 const Callback to = callback();
-                const QPointer<Connection> connection =
-                    length.isEmpty() ? device->connectTo(to.host, to.port) : sendHead(to, length);
+                Connection* const connection = length.isEmpty() ? connectTo(to) : sendHead(to, length);
                 QVERIFY(connection);
                 if (!early.isEmpty())
                     connection->send(early);
-                // An event that is answered shows that the library has taken what came before.
+                // If the library has read this event, it has accepted the connection.
                 QVERIFY(sendEvent(to, eventBody("A", "1")));
                 VERIFY_SOON(connection->wasRead());
                 ssdp->stop();

@@ -12,51 +12,42 @@ using Velmora::SSDP::SsdpService;
 
 namespace {
 
-/// What a host does in its slot for a changed variable.
+/// Where a host deletes the control point. All places are in its slot for valueChanged().
 enum Deletion {
     Directly,
     InAnEventLoop,
     InAnEventLoopWhileThePeerFloods,
-    InTheSlotForAnotherEvent, ///< that arrives in an event loop of the slot
+    InTheSlotForAnotherEvent, ///< The event is received in an event loop of the slot.
 };
 
 } // namespace
 
-/// One test for each defect that was found in the control point.
+/// A test for each defect that the control point has had.
 class RegressionsTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
 private Q_SLOTS:
-
     void serverAcceptsAgainAfterItsFirstAcceptHadNoDescriptor()
     {
         QVERIFY(findDevice());
         const Callback to = callback();
         const QByteArray body = eventBody("KO", "12,34");
-        // The kernel connects them; the server has not yet come to accept any.
-        QList<Connection*> connections;
-        for (int i = 0; i < 3; ++i)
-            connections << device->connectTo(to.host, to.port);
+        // The server has not accepted them yet, because the event loop does not run.
+        const QList<Connection*> connections{connectTo(to), connectTo(to), connectTo(to)};
 
-        const QObject context;
-        int failures = 0;
-        connect(&manager().eventServer(), &QTcpServer::acceptError, &context, [&failures] { ++failures; });
+        QSignalSpy failures(&manager().eventServer(), &QTcpServer::acceptError);
         {
             const ProcessState::DescriptorLimit none(ProcessState::nextDescriptor());
-            VERIFY_SOON(failures > 0);
+            VERIFY_SOON(failures.count() > 0);
         }
-        for (Connection* const connection : std::as_const(connections)) {
-            connection->send(eventHead(to.path, QByteArray::number(body.size())));
-            VERIFY_SOON(connection->wasRead());
+        for (Connection* const connection : connections) {
+            QVERIFY(send(connection, eventHead(to.path, QByteArray::number(body.size()))));
             connection->send(body);
             VERIFY_SOON(!connection->isOpen());
         }
         QCOMPARE(reports.size(), 3);
-        // The server pauses again after every connection, since it keeps its first error.
+        // The server keeps its first error, so it may pause again after every connection.
         for (int i = 0; i < 3; ++i)
             QVERIFY(sendEvent(to, body));
         QCOMPARE(reports.size(), 6);
@@ -64,39 +55,38 @@ private Q_SLOTS:
 
     void everyNameIsAnEntry_data()
     {
-        QTest::addColumn<QList<QByteArray>>("names");
-        QTest::addColumn<int>("entries");
-        // Without a bound, so many names that hash alike would take minutes.
+        const Table<QList<QByteArray>, int> row("names", "entries");
+        // Without a bound, so many names with the same hash would take minutes.
         const int alike = QT_VERSION_MAJOR == 5 ? 64 : 20000;
-        QTest::newRow("different names") << manyNames(20000) << 20000;
-        QTest::newRow("names that Qt 5 hashes alike") << manyNames(20000, true) << alike;
+        row("different names", manyNames(20000), 20000);
+        row("names with the same hash on Qt 5", manyNames(20000, true), alike);
     }
 
     void everyNameIsAnEntry()
     {
         QFETCH(const QList<QByteArray>, names);
         QFETCH(const int, entries);
-        // As state variables of a service, of which each gets a connection.
+        // The names are state variables of a service. Each gets a connection.
         const QList<QByteArray> described = names.mid(0, 100);
         device->script("GET /desc.xml ", reply(deviceDescription()));
         device->script("GET /scpd.xml ", reply(serviceDescription(described)));
         device->script("SUBSCRIBE ", "");
         QVERIFY(search() && answerSearch());
         VERIFY_SOON(!manager().requestSockets().isEmpty());
-        SsdpService* const service = manager().devices().at(0)->services.at(0);
+        SsdpService* const service = WireTest::service();
         const int variables = qMin(100, entries);
         QCOMPARE(manager().requestSockets().size(), variables);
         QCOMPARE(service->stateVariables.size(), variables);
         for (const QByteArray& name : described.mid(0, variables))
             QVERIFY(service->stateVariables.contains(name));
 
-        // As properties of an event.
+        // The names are properties of an event.
         QStringList changes;
-        connect(ssdp->findChild<SsdpManager*>(), &SsdpManager::valueChanged, this,
+        connect(controlPoint(), &SsdpManager::valueChanged, this,
                 [&changes](const SsdpDevice*, const SsdpService*, const QString& name) { changes << name; });
         service->stateVariables = {{"KO", ""}};
         const QList<QByteArray> reported = names.mid(0, entries);
-        // Names that the table has are reported however many hash alike.
+        // The second event is reported completely, because the table contains its names.
         for (const QList<QByteArray>& sent : {names, reported}) {
             changes.clear();
             manager().updateStateVariables(service, eventOf(sent));
@@ -108,12 +98,14 @@ private Q_SLOTS:
 
     void nothingIsPrintedForForgottenRequests_data()
     {
-        QTest::addColumn<QString>("location");
-        // Nobody listens, no route, no answer, and an answer.
-        for (const QByteArray& location :
-             listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
-                    "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered"))
-            QTest::newRow(location.isEmpty() ? "no URL" : location.constData()) << QString(location);
+        const Table<QString> row("location");
+        row("no URL", "");
+        row("unknown scheme", "none:/a");
+        row("local file", "file:///dev/null");
+        row("refused connection", "http://10.77.1.1:9/a");
+        row("no route", "http://192.0.2.1/a");
+        row("no answer", "http://10.77.1.1:8080/a");
+        row("answer", "http://10.77.1.1:8080/answered");
     }
 
     void nothingIsPrintedForForgottenRequests()
@@ -123,13 +115,13 @@ private Q_SLOTS:
         QVERIFY(search());
         const QHostAddress address("10.77.1.1"_s);
         const KeptMessages kept;
-        // At once, with events handled in between, and while the requests finish one after the other.
+        // With more turns of the event loop, more requests have finished when the others are forgotten.
         for (int turns = 0; turns < 20; ++turns) {
             for (int i = 0; i < 10; ++i)
                 manager().addSsdpDevice(address, location + QString::number(i));
             for (int turn = 0; turn < turns; ++turn)
                 QCoreApplication::processEvents();
-            ssdp->findChild<SsdpManager*>()->clearDevices();
+            controlPoint()->clearDevices();
             QCOMPARE(manager().deviceReplies().size(), 0);
         }
         ssdp->stop();
@@ -139,11 +131,11 @@ private Q_SLOTS:
 
     void hostMayDeleteTheControlPointInItsSlot_data()
     {
-        QTest::addColumn<int>("deletion");
-        QTest::newRow("directly") << int(Directly);
-        QTest::newRow("in an event loop") << int(InAnEventLoop);
-        QTest::newRow("in an event loop while the peer floods") << int(InAnEventLoopWhileThePeerFloods);
-        QTest::newRow("in the slot for another event") << int(InTheSlotForAnotherEvent);
+        const Table<int> row("deletion");
+        row("directly", int(Directly));
+        row("in an event loop", int(InAnEventLoop));
+        row("in an event loop while the peer floods", int(InAnEventLoopWhileThePeerFloods));
+        row("in the slot for another event", int(InTheSlotForAnotherEvent));
     }
 
     void hostMayDeleteTheControlPointInItsSlot()
@@ -193,7 +185,7 @@ private Q_SLOTS:
         QVERIFY(connection);
         bool wasOpen = false;
         connect(ssdp.get(), &Ssdp::discovered, this, [&] {
-            // A close would have reached the device before the end of a whole event.
+            // If the library had closed the connection, the device would know before this event ends.
             QVERIFY(sendEvent(to, eventBody("A", "1")));
             wasOpen = connection->isOpen();
         });
