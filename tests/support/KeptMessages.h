@@ -8,7 +8,15 @@
 namespace Velmora {
 namespace Tests {
 
-/// Keeps what Qt prints in any thread, for as long as it lives. One at a time.
+/// A message that Qt prints.
+struct KeptMessage
+{
+    QtMsgType type;
+    QByteArray category;
+    QString text;
+};
+
+/// Keeps the messages that Qt prints in any thread while this object exists. Only one may exist at a time.
 class KeptMessages
 {
 public:
@@ -20,10 +28,18 @@ public:
     ~KeptMessages() { qInstallMessageHandler(before); }
     Q_DISABLE_COPY(KeptMessages)
 
-    QStringList texts() const
+    QList<KeptMessage> messages() const
     {
         const std::lock_guard<std::mutex> lock(mutex());
         return kept();
+    }
+
+    QStringList texts() const
+    {
+        QStringList result;
+        for (const KeptMessage& message : messages())
+            result << message.text;
+        return result;
     }
 
 private:
@@ -32,15 +48,15 @@ private:
         static std::mutex instance;
         return instance;
     }
-    static QStringList& kept()
+    static QList<KeptMessage>& kept()
     {
-        static QStringList instance;
+        static QList<KeptMessage> instance;
         return instance;
     }
-    static void keep(QtMsgType, const QMessageLogContext&, const QString& text)
+    static void keep(QtMsgType type, const QMessageLogContext& context, const QString& text)
     {
         const std::lock_guard<std::mutex> lock(mutex());
-        kept() << text;
+        kept().append({type, context.category, text});
     }
 
     QtMessageHandler before;

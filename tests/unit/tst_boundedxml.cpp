@@ -2,7 +2,6 @@
 #include <tests/support/Literals.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
 using namespace Velmora;
@@ -39,8 +38,8 @@ private:
     static void textRows(const QList<QPair<const char*, QString>>& rows, const QList<QByteArray>& texts = {})
     {
         const Table<QString> row("text");
-        for (const auto& row : rows)
-            row(row.first, row.second);
+        for (const auto& named : rows)
+            row(named.first, named.second);
         for (const QByteArray& text : texts)
             row(text.constData(), QString(text));
     }

@@ -2,7 +2,6 @@
 #include <tests/support/Literals.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
 using namespace Velmora;

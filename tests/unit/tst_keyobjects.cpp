@@ -6,8 +6,6 @@
 #include <tests/support/Literals.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
-
 using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
@@ -59,27 +57,24 @@ private Q_SLOTS:
     void firstWellFormedEntryIsReported_data()
     {
         const Table<QString, QStringList> row("value", "expected");
-        const auto add = [](const char* name, const QString& value, const QStringList& expected) {
-            row(name, value, expected);
-        };
-        add("one entry", "12,34", {"12,34"});
-        add("two entries", "12,34;56,78", {"12,34"});
-        add("many entries", "1,2;3,4;5,6;7,8;9,10;11,12", {"1,2"});
-        add("after one and three parts", "7;1,2,3;4,5", {"4,5"});
-        add("after many malformed entries", "a;;1;,,;1,2,3;;b;x;4,5;6,7", {"4,5"});
-        add("before an empty entry", "1,2;", {"1,2"});
-        add("after an empty entry", ";1,2", {"1,2"});
-        add("no first part", ",5", {"0,5"});
-        add("no second part", "5,", {"5,0"});
-        add("no part", ",", {"0,0"});
-        add("an entry of no numbers counts", "x,y;1,2", {"0,0"});
-        add("null", QString(), {});
-        add("empty", "", {});
-        add("one part", "12", {});
-        add("three parts", "1,2,3", {});
-        add("empty entries", ";;", {});
-        add("another separator", "1:2", {});
-        add("entries of one part", "1;2", {});
+        row("one entry", "12,34", {"12,34"});
+        row("two entries", "12,34;56,78", {"12,34"});
+        row("many entries", "1,2;3,4;5,6;7,8;9,10;11,12", {"1,2"});
+        row("after one and three parts", "7;1,2,3;4,5", {"4,5"});
+        row("after many malformed entries", "a;;1;,,;1,2,3;;b;x;4,5;6,7", {"4,5"});
+        row("before an empty entry", "1,2;", {"1,2"});
+        row("after an empty entry", ";1,2", {"1,2"});
+        row("no first part", ",5", {"0,5"});
+        row("no second part", "5,", {"5,0"});
+        row("no part", ",", {"0,0"});
+        row("an entry of no numbers counts", "x,y;1,2", {"0,0"});
+        row("null", QString(), {});
+        row("empty", "", {});
+        row("one part", "12", {});
+        row("three parts", "1,2,3", {});
+        row("empty entries", ";;", {});
+        row("another separator", "1:2", {});
+        row("entries of one part", "1;2", {});
     }
 
     void firstWellFormedEntryIsReported()

@@ -12,7 +12,6 @@
 #include <tests/support/Sanitized.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
 #include <functional>
@@ -73,11 +72,8 @@ Work eventWork(const QList<QByteArray>& names)
     const QString event = eventOf(names);
     return [event] {
         SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
-        ManagerAccess access(manager);
-        SsdpDevice* const device = new SsdpDevice;
-        device->services.append(new SsdpService);
-        access.devices().append(device);
-        access.updateStateVariables(device->services.first(), event);
+        SsdpDevice* const device = ManagerAccess(manager).addRecord({new SsdpService});
+        ManagerAccess(manager).updateStateVariables(device->services.at(0), event);
     };
 }
 
@@ -276,7 +272,6 @@ private:
     }
 
 private Q_SLOTS:
-
     void initTestCase()
     {
         if (SANITIZED)

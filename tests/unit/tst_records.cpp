@@ -5,8 +5,6 @@
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
-
 #include <algorithm>
 #include <functional>
 #include <memory>
@@ -53,10 +51,7 @@ private:
 
     SsdpDevice* addDevice(const QList<SsdpService*>& services)
     {
-        SsdpDevice* const device = new SsdpDevice;
-        device->services = services;
-        ManagerAccess(*manager).devices().append(device);
-        return device;
+        return ManagerAccess(*manager).addRecord(services);
     }
 
     SsdpService* noted(int number) { return new NotedService(number, deletions); }

@@ -4,8 +4,6 @@
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
-
 #include <cstring>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
@@ -62,13 +60,10 @@ private:
 
     SsdpService* addService(const QByteArray& location, const QByteArray& eventSubUrl)
     {
-        SsdpDevice* const device = new SsdpDevice;
-        device->location = QString::fromLatin1(location);
         SsdpService* const service = new SsdpService;
         service->id = QUuid("{6F9619FF-8B86-D011-B42D-00C04FC964FF}");
         service->eventSubUrl = QString::fromLatin1(eventSubUrl);
-        device->services.append(service);
-        ManagerAccess(manager).devices().append(device);
+        ManagerAccess(manager).addRecord({service}, QString::fromLatin1(location));
         return service;
     }
 

@@ -414,5 +414,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(AddressesTest)
-
 #include "tst_addresses.moc"

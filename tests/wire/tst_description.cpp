@@ -274,5 +274,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(DescriptionTest)
-
 #include "tst_description.moc"

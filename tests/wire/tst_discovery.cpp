@@ -401,5 +401,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(DiscoveryTest)
-
 #include "tst_discovery.moc"

@@ -345,5 +345,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(EventsTest)
-
 #include "tst_events.moc"

@@ -278,5 +278,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(FlatTest)
-
 #include "tst_flat.moc"

@@ -239,5 +239,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(HttpBoundsTest)
-
 #include "tst_httpbounds.moc"

@@ -575,5 +575,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(HttpClientTest)
-
 #include "tst_httpclient.moc"

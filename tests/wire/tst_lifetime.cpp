@@ -89,6 +89,18 @@ class LifetimeTest : public WireTest
         runLoopUntil([this] { return !ssdp; });
     }
 
+    void deleteInALoopWhileTheDeviceFloods()
+    {
+        eventConnection->send(QByteArray(1024 * 1024, 'x'));
+        deleteInALoop();
+    }
+
+    void deleteInTheSlotForAnotherEvent()
+    {
+        connect(ssdp.get(), &Ssdp::discovered, this, [this] { ssdp.reset(); });
+        receiveAnotherEventInALoop();
+    }
+
     void reachTheTimeoutInALoop()
     {
         timer()->start(0);
@@ -101,7 +113,7 @@ class LifetimeTest : public WireTest
         runLoopUntil([this] { return eventSocket->state() == QAbstractSocket::UnconnectedState; });
     }
 
-    /// The first @p count of the actions. All but the last three are possible in every slot.
+    /// Returns the first @p count actions. The first eight are possible in every slot.
     QList<Action> actions(int count)
     {
         return QList<Action>{
@@ -113,6 +125,9 @@ class LifetimeTest : public WireTest
             {"event loop with another event", 4, [this] { receiveAnotherEventInALoop(); }},
             {"event loop with stop and discover", 1, [this] { restartInALoop(); }},
             {"event loop with delete", 1, [this] { deleteInALoop(); }},
+            {"event loop with delete while the device floods", 1, [this] { deleteInALoopWhileTheDeviceFloods(); }},
+            {"event loop with delete in the slot for another event", 2,
+             [this] { deleteInTheSlotForAnotherEvent(); }},
             {"event loop with the time-out", 3, [this] { reachTheTimeoutInALoop(); }},
             {"event loop while the device closes the connection", 3, [this] { endTheConnectionInALoop(false); }},
             {"event loop while the device resets the connection", 3, [this] { endTheConnectionInALoop(true); }},
@@ -196,7 +211,7 @@ class LifetimeTest : public WireTest
     }
 
 private Q_SLOTS:
-    void hostMayActInItsSlotForADevice_data() { addRows(11); }
+    void hostMayActInItsSlotForADevice_data() { addRows(13); }
 
     void hostMayActInItsSlotForADevice()
     {
@@ -294,5 +309,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(LifetimeTest)
-
 #include "tst_lifetime.moc"

@@ -274,5 +274,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(MulticastSocketTest)
-
 #include "tst_multicastsocket.moc"

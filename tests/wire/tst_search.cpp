@@ -193,5 +193,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(SearchTest)
-
 #include "tst_search.moc"

@@ -171,5 +171,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(SubscriptionTest)
-
 #include "tst_subscription.moc"
