@@ -43,8 +43,8 @@ VELMORA_GRANT(updateStateVariables)
 } // namespace Access
 
 /**
- * The private members of a control point. The library needs no friend, because explicit instantiations of templates
- * may name private members.
+ * The private members of a control point. The library needs no friend, because explicit instantiations of
+ * templates may name private members.
  *
  * @code
  * ManagerAccess access(manager);
@@ -52,7 +52,8 @@ VELMORA_GRANT(updateStateVariables)
  * QCOMPARE(access.devices().size(), 1);
  * @endcode
  *
- * It must not outlive the control point. Its lists and tables are those of the control point, which a test may change.
+ * It must not outlive the control point. Its lists and tables are those of the control point, which a test may
+ * change.
  */
 class ManagerAccess
 {

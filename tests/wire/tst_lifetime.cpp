@@ -83,16 +83,12 @@ class LifetimeTest : public WireTest
         runLoopUntil([&] { return device->searches.size() > before; });
     }
 
-    void deleteInALoop()
+    void deleteInALoop(int floodBytes = 0)
     {
+        if (floodBytes > 0)
+            eventConnection->send(QByteArray(floodBytes, 'x'));
         QTimer::singleShot(0, this, [this] { ssdp.reset(); });
         runLoopUntil([this] { return !ssdp; });
-    }
-
-    void deleteInALoopWhileTheDeviceFloods()
-    {
-        eventConnection->send(QByteArray(1024 * 1024, 'x'));
-        deleteInALoop();
     }
 
     void deleteInTheSlotForAnotherEvent()
@@ -125,7 +121,7 @@ class LifetimeTest : public WireTest
             {"event loop with another event", 4, [this] { receiveAnotherEventInALoop(); }},
             {"event loop with stop and discover", 1, [this] { restartInALoop(); }},
             {"event loop with delete", 1, [this] { deleteInALoop(); }},
-            {"event loop with delete while the device floods", 1, [this] { deleteInALoopWhileTheDeviceFloods(); }},
+            {"event loop with delete while the device floods", 1, [this] { deleteInALoop(1024 * 1024); }},
             {"event loop with delete in the slot for another event", 2,
              [this] { deleteInTheSlotForAnotherEvent(); }},
             {"event loop with the time-out", 3, [this] { reachTheTimeoutInALoop(); }},
