@@ -60,6 +60,14 @@ std::unique_ptr<SSDP::Ssdp> WireTest::newController(int timeout)
     return controller;
 }
 
+void WireTest::makeController(int timeout)
+{
+    ssdp = newController(timeout);
+    reports.clear();
+    timeouts = 0;
+    CapturedLog::clear();
+}
+
 void WireTest::makeDevice(const char* address, quint16 port)
 {
     // Two cannot listen on the same port.
@@ -168,10 +176,7 @@ void WireTest::initTestCase()
 void WireTest::init()
 {
     makeDevice();
-    ssdp = newController(60000);
-    reports.clear();
-    timeouts = 0;
-    CapturedLog::clear();
+    makeController();
 }
 
 void WireTest::cleanup()

@@ -64,6 +64,9 @@ protected:
     /// Returns a controller. Its signals are recorded in reports and timeouts.
     std::unique_ptr<SSDP::Ssdp> newController(int timeout);
 
+    /// Replaces the controller by a new one, and forgets the log and what earlier ones have reported.
+    void makeController(int timeout = 60000);
+
     /// Replaces the device by a new one, which has no script.
     void makeDevice(const char* address = "10.77.1.1", quint16 port = 8080);
 

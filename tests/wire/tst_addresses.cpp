@@ -69,11 +69,13 @@ class AddressesTest : public WireTest
         return true;
     }
 
+    QList<SsdpManager*> controlPoints() const { return ssdp->findChildren<SsdpManager*>(); }
+
     /// Returns @p text once for each control point, with the address and port of its event server.
     QStringList eventServers(const QString& text) const
     {
         QStringList result;
-        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>()) {
+        for (SsdpManager* const controlPoint : controlPoints()) {
             const QTcpServer& server = ManagerAccess(*controlPoint).eventServer();
             result << QString(text)
                           .replace("ADDRESS", server.serverAddress().toString())
@@ -83,14 +85,7 @@ class AddressesTest : public WireTest
     }
 
     QStringList addresses() const { return eventServers("ADDRESS"); }
-
     QStringList boundLines() const { return eventServers("0|Ssdp Server bound to PORT"); }
-
-    void discoverAnew()
-    {
-        ssdp = newController(60000);
-        ssdp->discover();
-    }
 
     static QString failure(const QString& text)
     {
@@ -100,13 +95,7 @@ class AddressesTest : public WireTest
 private Q_SLOTS:
     void initTestCase() { }
 
-    void init()
-    {
-        ssdp = newController(60000);
-        reports.clear();
-        timeouts = 0;
-        CapturedLog::clear();
-    }
+    void init() { makeController(); }
 
     void cleanup()
     {
@@ -144,7 +133,8 @@ private Q_SLOTS:
         QCOMPARE(log(), boundLines());
 
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        discoverAnew();
+        makeController();
+        ssdp->discover();
         QCOMPARE(addresses(), QStringList{"10.78.0.1"});
     }
 
@@ -177,9 +167,9 @@ private Q_SLOTS:
         ssdp->discover();
         addLink("10.78.0.1/16", "10.78.1.1/16");
         ssdp->stop();
-        const QList<SsdpManager*> before = ssdp->findChildren<SsdpManager*>();
+        const QList<SsdpManager*> before = controlPoints();
         ssdp->discover();
-        QCOMPARE(ssdp->findChildren<SsdpManager*>(), before);
+        QCOMPARE(controlPoints(), before);
         QCOMPARE(addresses(), QStringList{"10.77.0.1"});
     }
 
@@ -211,24 +201,19 @@ private Q_SLOTS:
 
     void searchSocketsHaveALargeReceiveBuffer()
     {
-        const auto bufferOf = [](const QUdpSocket& socket) {
-            int size = 0;
-            socklen_t length = sizeof size;
-            getsockopt(static_cast<int>(socket.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &size, &length);
-            return size;
-        };
+        const auto option = QAbstractSocket::ReceiveBufferSizeSocketOption;
         QUdpSocket usual;
         QUdpSocket large;
         QVERIFY(usual.bind() && large.bind());
-        const int wanted = 4 * 1024 * 1024;
-        setsockopt(static_cast<int>(large.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
+        large.setSocketOption(option, 4 * 1024 * 1024);
         // The kernel limits the size to more than its default.
-        QVERIFY(bufferOf(large) > bufferOf(usual));
+        const int size = large.socketOption(option).toInt();
+        QVERIFY(size > usual.socketOption(option).toInt());
 
         addUsualLink();
         ssdp->discover();
-        QCOMPARE(bufferOf(*manager().multicastSocket()), bufferOf(large));
-        QCOMPARE(bufferOf(*manager().unicastSocket()), bufferOf(large));
+        QCOMPARE(manager().multicastSocket()->socketOption(option).toInt(), size);
+        QCOMPARE(manager().unicastSocket()->socketOption(option).toInt(), size);
     }
 
     void eventServerQueuesMoreConnectionsThanQtDoes()
@@ -247,11 +232,11 @@ private Q_SLOTS:
         addLink("10.77.0.1/16", "10.77.1.1/16");
         addLink("10.78.0.1/16", "10.78.1.1/16");
         ssdp->discover();
-        const QList<SsdpManager*> controlPoints = ssdp->findChildren<SsdpManager*>();
+        const QList<SsdpManager*> before = controlPoints();
         QCOMPARE(KernelTables::groupMembers().size(), 2);
         ssdp->stop();
         QCOMPARE(KernelTables::udpSockets() + KernelTables::groupMembers(), QStringList());
-        QCOMPARE(ssdp->findChildren<SsdpManager*>(), controlPoints);
+        QCOMPARE(controlPoints(), before);
         QCOMPARE(KernelTables::tcpListeners().size(), 2);
 
         ssdp->discover();
@@ -338,8 +323,7 @@ private Q_SLOTS:
 
         // If no search port is free, the system chooses a port. This is not logged.
         QVERIFY(holdEveryPortTo(65534));
-        CapturedLog::clear();
-        ssdp = newController(60000);
+        makeController();
         QVERIFY(search());
         QVERIFY(device->searches.at(1).port < 49152);
         QCOMPARE(log(), boundLines());

@@ -1,7 +1,10 @@
 #include <tests/support/Literals.h>
+#include <tests/support/NamesAlike.h>
 #include <tests/support/WireTest.h>
 
 using namespace Velmora::Tests;
+using Velmora::SSDP::SsdpDevice;
+using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
 /// How the library handles the replies to its requests for descriptions. tests/unit/tst_documents.cpp tests what a
@@ -250,6 +253,49 @@ private Q_SLOTS:
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
         QCOMPARE(QStringList(service()->stateVariables.keys()), QStringList{"FIRST"});
         QCOMPARE(QStringList(record()->services.at(1)->stateVariables.keys()), QStringList{"SECOND"});
+    }
+
+    void everyNameIsAnEntry_data()
+    {
+        const Table<QList<QByteArray>, int> row("names", "entries");
+        // Without a bound, so many names with the same hash would take minutes.
+        const int alike = QT_VERSION_MAJOR == 5 ? 64 : 20000;
+        row("different names", manyNames(20000), 20000);
+        row("names with the same hash on Qt 5", manyNames(20000, true), alike);
+    }
+
+    void everyNameIsAnEntry()
+    {
+        QFETCH(const QList<QByteArray>, names);
+        QFETCH(const int, entries);
+        // The names are state variables of a service. Each gets a connection.
+        const QList<QByteArray> described = names.mid(0, 100);
+        device->script("GET /desc.xml ", reply(deviceDescription()));
+        device->script("GET /scpd.xml ", reply(serviceDescription(described)));
+        device->script("SUBSCRIBE ", "");
+        QVERIFY(search() && answerSearch());
+        VERIFY_SOON(!manager().requestSockets().isEmpty());
+        SsdpService* const service = WireTest::service();
+        const int variables = qMin(100, entries);
+        QCOMPARE(manager().requestSockets().size(), variables);
+        QCOMPARE(service->stateVariables.size(), variables);
+        for (const QByteArray& name : described.mid(0, variables))
+            QVERIFY(service->stateVariables.contains(name));
+
+        // The names are properties of an event.
+        QStringList changes;
+        connect(controlPoint(), &SsdpManager::valueChanged, this,
+                [&changes](const SsdpDevice*, const SsdpService*, const QString& name) { changes << name; });
+        service->stateVariables = {{"KO", ""}};
+        const QList<QByteArray> reported = names.mid(0, entries);
+        // The second event is reported completely, because the table contains its names.
+        for (const QList<QByteArray>& sent : {names, reported}) {
+            changes.clear();
+            manager().updateStateVariables(service, eventOf(sent));
+            QCOMPARE(changes.size(), entries);
+            QVERIFY(std::equal(changes.cbegin(), changes.cend(), reported.cbegin()));
+            QCOMPARE(service->stateVariables.size(), entries + 1);
+        }
     }
 };
 

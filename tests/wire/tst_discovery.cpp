@@ -1,3 +1,4 @@
+#include <tests/support/KeptMessages.h>
 #include <tests/support/KernelTables.h>
 #include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
@@ -112,7 +113,7 @@ private Q_SLOTS:
 
     void timeoutIsLoggedAndSignalledOnce()
     {
-        ssdp = newController(50);
+        makeController(50);
         QStringList logInTheSlot;
         bool idleInTheSlot = false;
         const QObject context;
@@ -134,7 +135,7 @@ private Q_SLOTS:
 
     void hostMayDiscoverAgainAtEveryTimeout()
     {
-        ssdp = newController(0);
+        makeController(0);
         connect(ssdp.get(), &Ssdp::timeoutExpired, this, [this] {
             if (timeouts < 3)
                 QCOMPARE(ssdp->discover(), 3);
@@ -397,6 +398,39 @@ private Q_SLOTS:
         QVERIFY(sendLastEvent());
         QCOMPARE(device->requestsFor("SUBSCRIBE ").size(), 1);
         QCOMPARE(manager().requestSockets(), QList<QTcpSocket*>{earlier});
+    }
+
+    void nothingIsPrintedForForgottenRequests_data()
+    {
+        const Table<QString> row("location");
+        row("no URL", "");
+        row("unknown scheme", "none:/a");
+        row("local file", "file:///dev/null");
+        row("refused connection", "http://10.77.1.1:9/a");
+        row("no route", "http://192.0.2.1/a");
+        row("no answer", "http://10.77.1.1:8080/a");
+        row("answer", "http://10.77.1.1:8080/answered");
+    }
+
+    void nothingIsPrintedForForgottenRequests()
+    {
+        QFETCH(const QString, location);
+        device->script("GET /answered", reply("<a/>"));
+        QVERIFY(search());
+        const QHostAddress address("10.77.1.1"_s);
+        const KeptMessages kept;
+        // With more turns of the event loop, more requests have finished when the others are forgotten.
+        for (int turns = 0; turns < 20; ++turns) {
+            for (int i = 0; i < 10; ++i)
+                manager().addSsdpDevice(address, location + QString::number(i));
+            for (int turn = 0; turn < turns; ++turn)
+                QCoreApplication::processEvents();
+            controlPoint()->clearDevices();
+            QCOMPARE(manager().deviceReplies().size(), 0);
+        }
+        ssdp->stop();
+        QVERIFY(findDevice());
+        QCOMPARE(kept.texts(), QStringList());
     }
 };
 

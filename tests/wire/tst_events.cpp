@@ -1,4 +1,5 @@
 #include <tests/support/Literals.h>
+#include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 
 using namespace Velmora::Tests;
@@ -327,6 +328,53 @@ private Q_SLOTS:
         QCOMPARE(reports, QStringList{REPORT});
         QCOMPARE(timeouts, stopped ? 0 : 1);
         QVERIFY(!timer()->isActive());
+    }
+
+    void serverAcceptsAgainAfterItsFirstAcceptHadNoDescriptor()
+    {
+        const Callback to = callback();
+        // The server has not accepted them yet, because the event loop does not run.
+        const QList<Connection*> connections{connectTo(to), connectTo(to), connectTo(to)};
+
+        QSignalSpy failures(&manager().eventServer(), &QTcpServer::acceptError);
+        {
+            const ProcessState::DescriptorLimit none(ProcessState::nextDescriptor());
+            VERIFY_SOON(failures.count() > 0);
+        }
+        for (Connection* const connection : connections) {
+            QVERIFY(send(connection, eventHead(to.path, eventLength)));
+            connection->send(event);
+            VERIFY_SOON(!connection->isOpen());
+        }
+        QCOMPARE(reports.size(), 3);
+        // The server keeps its first error, so it may pause again after every connection.
+        for (int i = 0; i < 3; ++i)
+            QVERIFY(sendEvent(to, event));
+        QCOMPARE(reports.size(), 6);
+    }
+
+    void connectionWaitsForTheHostAndKeepsNoFlood()
+    {
+        const Callback to = callback();
+        Connection* const connection = sendHead(to, eventLength);
+        QVERIFY(connection);
+        const QTcpSocket* const socket = manager().requestSockets().at(0);
+        bool wasOpen = false;
+        qint64 kept = -1;
+        connect(ssdp.get(), &Velmora::SSDP::Ssdp::discovered, this, [&] {
+            // If the library had closed the connection, the device would know before this event ends.
+            QVERIFY(sendEvent(to, eventBody("A", "1")));
+            wasOpen = connection->isOpen();
+            connection->send(QByteArray(16 * 1024 * 1024, 'x'));
+            for (int i = 0; i < 20; ++i)
+                QVERIFY(sendEvent(to, eventBody("A", "1")));
+            kept = socket->bytesAvailable();
+        });
+        connection->send(event);
+        VERIFY_SOON(!connection->isOpen());
+        QVERIFY(wasOpen);
+        QCOMPARE(connection->received, QByteArray());
+        QVERIFY2(kept >= 0 && kept <= 64 * 1024, QByteArray::number(kept).constData());
     }
 };
 

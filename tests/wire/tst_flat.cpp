@@ -102,6 +102,31 @@ class FlatTest : public WireTest
                  QByteArray::number(after.memory - before.memory).constData());
     }
 
+    /// Repeats discoveries. In each, @p open opens a connection, on which the device sends @p late in the next
+    /// one.
+    void repeatLate(const std::function<Connection*()>& open, const QByteArray& late, int kept)
+    {
+        repeat(
+            [&] {
+                makeDevice();
+                Connection* const connection = open();
+                QVERIFY(connection);
+                VERIFY_SOON(connection->wasRead());
+                ssdp->stop();
+                QVERIFY(search());
+                connection->send(late);
+                if (late.size() > 65536)
+                    VERIFY_SOON(connection->wasRead());
+                // The library does not close the connection of a subscription that it has forgotten.
+                if (kept > 0)
+                    connection->close();
+                VERIFY_SOON(!connection->isOpen());
+                QCOMPARE(reports, QStringList());
+                device.reset();
+            },
+            kept);
+    }
+
     void discoverWithFault(const QString& fault, const QByteArray& lastSign)
     {
         device.reset();
@@ -206,35 +231,21 @@ private Q_SLOTS:
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
         QFETCH(const int, kept);
-        repeat(
-            [&] {
-                makeDevice();
+        repeatLate(
+            [&]() -> Connection* {
                 scriptDevice();
                 device->script(request, early);
-                QVERIFY(search() && answerSearch());
-                Connection* const connection = requestFor(request);
-                QVERIFY(connection);
-                VERIFY_SOON(connection->wasRead());
-                ssdp->stop();
-                QVERIFY(search());
-                connection->send(late);
-                if (late.size() > 65536)
-                    VERIFY_SOON(connection->wasRead());
-                // The library does not close the connection of a subscription that it has forgotten.
-                if (request == "SUBSCRIBE ")
-                    connection->close();
-                VERIFY_SOON(!connection->isOpen());
-                QCOMPARE(reports, QStringList());
-                device.reset();
+                return search() && answerSearch() ? requestFor(request) : nullptr;
             },
-            kept);
+            late, kept);
     }
 
     void lateEventLeavesNothingBehind_data()
     {
         const Table<QByteArray, QByteArray, QByteArray> row("length", "early", "late");
         const QByteArray body = eventBody("KO", "12,34") + QByteArray(1000, '\n');
-        const QByteArray head("NOTIFY PATH HTTP/1.1\r\nCONTENT-LENGTH: 1000\r\n\r\n");
+        const QByteArray head(
+            "NOTIFY /6f9619ff-8b86-d011-b42d-00c04fc964ff HTTP/1.1\r\nCONTENT-LENGTH: 1000\r\n\r\n");
         row("head", QByteArray(), QByteArray(), head);
         row("head after a negative length", "-1", QByteArray(), head);
         row("body", "1000", QByteArray(), body);
@@ -246,26 +257,18 @@ private Q_SLOTS:
         QFETCH(const QByteArray, length);
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
-        repeat(
-            [&] {
-                makeDevice();
-                QVERIFY(findDevice());
-                const Callback to = callback();
-                Connection* const connection = length.isEmpty() ? connectTo(to) : sendHead(to, length);
-                QVERIFY(connection);
-                if (!early.isEmpty())
+        repeatLate(
+            [&]() -> Connection* {
+                if (!findDevice())
+                    return nullptr;
+                Connection* const connection =
+                    length.isEmpty() ? connectTo(callback()) : sendHead(callback(), length);
+                if (connection)
                     connection->send(early);
                 // If the library has read this event, it has accepted the connection.
-                QVERIFY(sendEvent(to, eventBody("A", "1")));
-                VERIFY_SOON(connection->wasRead());
-                ssdp->stop();
-                QVERIFY(search());
-                connection->send(QByteArray(late).replace("PATH", to.path));
-                VERIFY_SOON(!connection->isOpen());
-                QCOMPARE(reports, QStringList());
-                device.reset();
+                return sendEvent(callback(), eventBody("A", "1")) ? connection : nullptr;
             },
-            0);
+            late, 0);
     }
 
     void everyFaultIsTried()

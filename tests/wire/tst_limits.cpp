@@ -60,8 +60,7 @@ private Q_SLOTS:
     void init()
     {
         found.clear();
-        CapturedLog::clear();
-        ssdp = newController(MAX_TEST_TIME);
+        makeController(MAX_TEST_TIME);
         connect(ssdp.get(), &Ssdp::discovered, this, [this](int functionCode) { found << functionCode; });
     }
 

@@ -60,13 +60,7 @@ class MulticastSocketTest : public WireTest
 
     static QStringList members() { return KernelTables::groupMembers(); }
 
-    int timeToLive() const
-    {
-        int ttl = -1;
-        socklen_t size = sizeof ttl;
-        getsockopt(static_cast<int>(socket->socketDescriptor()), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, &size);
-        return ttl;
-    }
+    int timeToLive() const { return socket->socketOption(QAbstractSocket::MulticastTtlOption).toInt(); }
 
 private Q_SLOTS:
     void initTestCase()
