@@ -189,27 +189,17 @@ void Peer::reset()
     descriptor = -1;
 }
 
-Server::Server()
-    : port(0)
-    , descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-{
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    require(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(descriptor, 8) == 0
-                && getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0,
-            "there is a server");
-    port = ntohs(address.sin_port);
-}
-
 bool Server::closeNext()
 {
-    const int connection = next();
-    return connection != -1 && close(connection) == 0;
+    const int descriptor = next();
+    return descriptor != -1 && ::close(descriptor) == 0;
 }
 
 int Server::next()
 {
-    return TEMP_FAILURE_RETRY(::accept(descriptor, nullptr, nullptr));
+    if (accepted.isEmpty())
+        waitForNewConnection(0);
+    return accepted.isEmpty() ? -1 : accepted.takeFirst();
 }
 
 } // namespace Fuzz

@@ -76,22 +76,23 @@ private:
 };
 
 /// A TCP server in this process.
-class Server
+class Server : public QTcpServer
 {
 public:
-    Server();
+    Server() { require(listen(QHostAddress(QHostAddress::LocalHost)), "there is a server"); }
 
     /// Accepts a connection, which must exist.
     Peer accept() { return Peer(next()); }
     /// Accepts a connection and closes it. Returns false if there is none.
     bool closeNext();
 
-    uint16_t port;
+protected:
+    void incomingConnection(qintptr descriptor) override { accepted << static_cast<int>(descriptor); }
 
 private:
     int next();
 
-    int descriptor;
+    QList<int> accepted;
 };
 
 } // namespace Fuzz

@@ -43,7 +43,7 @@ void Velmora::Fuzz::test(QByteArray& input)
     // The control point would read the reply and delete it.
     QObject::disconnect(&network, nullptr, &control, nullptr);
     QNetworkReply* const reply =
-        network.get(QNetworkRequest(QUrl("http://127.0.0.1:%1/d.xml"_s.arg(server.port))));
+        network.get(QNetworkRequest(QUrl("http://127.0.0.1:%1/d.xml"_s.arg(server.serverPort()))));
     int finishes = 0;
     QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });
     settle();

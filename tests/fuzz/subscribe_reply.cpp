@@ -14,7 +14,7 @@ void Velmora::Fuzz::test(QByteArray& input)
     const int first = takeByte(input);
     ControlPoint control;
     SSDP::SsdpService* const service =
-        control.addService("http://127.0.0.1:%1/description.xml"_s.arg(server.port));
+        control.addService("http://127.0.0.1:%1/description.xml"_s.arg(server.serverPort()));
     control.handleReply(serviceDescription(), service);
     require(control.access.requestSockets().size() == 1, "there is a subscription");
 

@@ -23,15 +23,15 @@ public:
     KeptMessages()
         : before(qInstallMessageHandler(keep))
     {
-        kept().clear();
+        kept.clear();
     }
     ~KeptMessages() { qInstallMessageHandler(before); }
     Q_DISABLE_COPY(KeptMessages)
 
     QList<KeptMessage> messages() const
     {
-        const std::lock_guard<std::mutex> lock(mutex());
-        return kept();
+        const std::lock_guard<std::mutex> lock(mutex);
+        return kept;
     }
 
     QStringList texts() const
@@ -43,22 +43,14 @@ public:
     }
 
 private:
-    static std::mutex& mutex()
-    {
-        static std::mutex instance;
-        return instance;
-    }
-    static QList<KeptMessage>& kept()
-    {
-        static QList<KeptMessage> instance;
-        return instance;
-    }
     static void keep(QtMsgType type, const QMessageLogContext& context, const QString& text)
     {
-        const std::lock_guard<std::mutex> lock(mutex());
-        kept().append({type, context.category, text});
+        const std::lock_guard<std::mutex> lock(mutex);
+        kept.append({type, context.category, text});
     }
 
+    static inline std::mutex mutex;
+    static inline QList<KeptMessage> kept;
     QtMessageHandler before;
 };
 

@@ -167,6 +167,11 @@ bool WireTest::sendLastEvent()
         && waitUntil([&] { return reports.contains(LAST_REPORT); });
 }
 
+QStringList WireTest::allReports()
+{
+    return sendLastEvent() ? reports : reports + QStringList{"the last event was not reported"};
+}
+
 void WireTest::initTestCase()
 {
     const QString link = addLink("10.77.0.1/16", "10.77.1.1/16", 3);

@@ -133,6 +133,9 @@ protected:
     /// Sends an event with KO = 77,1 and waits for LAST_REPORT. So the library has read what was sent before.
     bool sendLastEvent();
 
+    /// Calls sendLastEvent(). Returns all reports.
+    QStringList allReports();
+
     Simulator::PrivateNetwork& network;
     std::unique_ptr<ScriptedDevice> device;
     std::unique_ptr<SSDP::Ssdp> ssdp;

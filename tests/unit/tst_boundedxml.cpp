@@ -4,7 +4,6 @@
 
 #include <QtXml/QDomDocument>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using Velmora::SSDP::isWithinXmlBounds;
 using Velmora::SSDP::parseXml;
@@ -33,7 +32,6 @@ class BoundedXmlTest : public QObject
 {
     Q_OBJECT
 
-private:
     /// Rows with names, and rows of which the text is the name.
     static void textRows(const QList<QPair<const char*, QString>>& rows, const QList<QByteArray>& texts = {})
     {

@@ -4,7 +4,6 @@
 
 #include <QtXml/QDomDocument>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -13,7 +12,6 @@ class DocumentsTest : public QObject
 {
     Q_OBJECT
 
-private:
     static QDomDocument parsed(const QString& text)
     {
         QDomDocument document;

@@ -5,7 +5,6 @@
 
 #include <memory>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -91,7 +90,6 @@ class HttpReaderTest : public QObject
 {
     Q_OBJECT
 
-private:
     static void headRows()
     {
         each("*" + BODY, WHOLE,

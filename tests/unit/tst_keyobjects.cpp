@@ -6,7 +6,6 @@
 #include <tests/support/Literals.h>
 #include <tests/support/Table.h>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -15,7 +14,6 @@ class KeyObjectsTest : public QObject
 {
     Q_OBJECT
 
-private:
     const QHostAddress address = QHostAddress("192.168.1.20");
     QStringList reports;
     QStringList logAtReport;

@@ -19,7 +19,6 @@
 #include <malloc.h>
 #include <memory>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Log::Logger;
@@ -89,7 +88,6 @@ class LinearTest : public QObject
 {
     Q_OBJECT
 
-private:
     static void row(const char* group, const QByteArray& shape, int size, const Maker& maker)
     {
         const std::unique_ptr<char[]> name(QTest::toString(shape));

@@ -7,7 +7,6 @@
 
 #include <type_traits>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using Velmora::Log::Logger;
 
@@ -15,7 +14,6 @@ class LoggerTest : public QObject
 {
     Q_OBJECT
 
-private:
     std::unique_ptr<KeptMessages> kept;
 
     QString text() const { return kept->texts().value(0); }

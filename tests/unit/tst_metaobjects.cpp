@@ -8,7 +8,6 @@
 
 #include <type_traits>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -43,7 +42,6 @@ class MetaObjectsTest : public QObject
 {
     Q_OBJECT
 
-private:
     Ssdp controller{1};
     SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
     MulticastSocket socket;

@@ -10,7 +10,6 @@
 #include <memory>
 #include <type_traits>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -45,7 +44,6 @@ class RecordsTest : public QObject
 {
     Q_OBJECT
 
-private:
     std::unique_ptr<SsdpManager> manager;
     QList<int> deletions;
 

@@ -9,39 +9,25 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
 namespace {
 
-/// While it exists, it is what uname() returns.
+/// What uname() returns. If it is null, that of the kernel.
 struct FakedSystem
 {
-    FakedSystem(int result, const char* name, const char* release)
-        : result(result)
-        , name(name)
-        , release(release)
-    {
-        current = this;
-    }
-    ~FakedSystem() { current = nullptr; }
-    Q_DISABLE_COPY(FakedSystem)
-
     int result;
     const char* name;
     const char* release;
-
-    static const FakedSystem* current;
 };
-const FakedSystem* FakedSystem::current = nullptr;
+const FakedSystem* faked = nullptr;
 
 } // namespace
 
 // The library calls this function, too, instead of that of the C library.
 extern "C" Q_DECL_EXPORT int uname(utsname* system) noexcept
 {
-    const FakedSystem* const faked = FakedSystem::current;
     if (!faked)
         return static_cast<int>(syscall(SYS_uname, system));
     std::memset(system, 'x', sizeof *system);
@@ -55,7 +41,6 @@ class TextTest : public QObject
 {
     Q_OBJECT
 
-private:
     SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
 
     SsdpService* addService(const QByteArray& location, const QByteArray& eventSubUrl)
@@ -68,7 +53,11 @@ private:
     }
 
 private Q_SLOTS:
-    void init() { manager.clearDevices(); }
+    void cleanup()
+    {
+        manager.clearDevices();
+        faked = nullptr;
+    }
 
     void constantsHaveTheirValues()
     {
@@ -83,7 +72,8 @@ private Q_SLOTS:
 
     void searchIsSevenLinesEndedByLineFeeds()
     {
-        const FakedSystem faked(0, "Linux", "6.1.0");
+        const FakedSystem system = {0, "Linux", "6.1.0"};
+        faked = &system;
         QCOMPARE(manager.createSearchMessage().toLatin1(),
                  "M-SEARCH * HTTP/1.1\n"
                  "HOST: 239.255.255.250:1900\n"
@@ -114,7 +104,8 @@ private Q_SLOTS:
         QFETCH(const QByteArray, release);
         QFETCH(const QString, text);
         const QString before = manager.createSearchMessage();
-        const FakedSystem faked(result, name.constData(), release.constData());
+        const FakedSystem system = {result, name.constData(), release.constData()};
+        faked = &system;
         QCOMPARE(SsdpManager::getSystemInfo(), text);
         // The search is written again each time.
         QVERIFY(manager.createSearchMessage() != before);

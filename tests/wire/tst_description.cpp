@@ -158,31 +158,6 @@ private Q_SLOTS:
         QCOMPARE(log().filter("1|"), logged);
     }
 
-    void formOfTheReplyDoesNotMatter_data()
-    {
-        const Table<QList<QByteArray>> row("segments");
-        const QByteArray whole = reply(deviceDescription());
-        row("404", QList<QByteArray>{QByteArray(whole).replace("200 OK", "404 Not Found")});
-        row("no length", QList<QByteArray>{"HTTP/1.0 200 OK\r\n\r\n" + deviceDescription()});
-        row("segments", QList<QByteArray>{whole.left(20), whole.mid(20, 100), whole.mid(120)});
-    }
-
-    void formOfTheReplyDoesNotMatter()
-    {
-        QFETCH(const QList<QByteArray>, segments);
-        QVERIFY(search() && answerSearch());
-        const QPointer<Connection> connection = device->requests.at(0).connection;
-        for (const QByteArray& segment : segments) {
-            connection->send(segment);
-            VERIFY_SOON(connection->wasRead() || !connection->isOpen());
-        }
-        connection->close();
-        VERIFY_SOON(!record()->services.isEmpty());
-        QCOMPARE(record()->services.size(), 1);
-        QCOMPARE(log().filter("1|"), QStringList());
-        VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
-    }
-
     void redirectIsNotFollowed()
     {
         const auto redirect = [](const QByteArray& body) {

@@ -73,16 +73,6 @@ class HttpBoundsTest : public HttpTest
     }
 
 private Q_SLOTS:
-    void bodyMayHave16MiB()
-    {
-        Fetcher fetcher;
-        Fetch fetch(fetcher.network, url());
-        QVERIFY(serve({reply(bodyOf(MAX_BODY))}, Stay, fetch));
-        QVERIFY(!fetch.failed);
-        QVERIFY(fetch.body == bodyOf(MAX_BODY));
-        QVERIFY(hasFinishedOnce(fetch));
-    }
-
     void replyWithoutAnEndFails_data()
     {
         const Table<QByteArray, QByteArray, int> row("beginning", "repeated", "most");
