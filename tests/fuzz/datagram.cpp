@@ -6,9 +6,7 @@
 
 using namespace Velmora::Fuzz;
 
-namespace {
-
-QString locationIn(const QByteArray& datagram)
+static QString locationIn(const QByteArray& datagram)
 {
     for (const QByteArray& line : QByteArray(datagram.constData()).split('\n')) {
         if (line.toLower().startsWith("location") && line.contains(':'))
@@ -16,8 +14,6 @@ QString locationIn(const QByteArray& datagram)
     }
     return QString();
 }
-
-} // namespace
 
 void Velmora::Fuzz::test(QByteArray& input)
 {

@@ -9,9 +9,7 @@
 using namespace Velmora::Fuzz;
 using namespace Velmora::SSDP;
 
-namespace {
-
-QList<int> expectedCodes(const QString& value)
+static QList<int> expectedCodes(const QString& value)
 {
     static const QRegularExpression entry("(?:^|;)([^,;]*),([^,;]*)(?=;|\\z)");
     const QRegularExpressionMatch match = entry.match(value);
@@ -19,8 +17,6 @@ QList<int> expectedCodes(const QString& value)
         return {};
     return {match.captured(1).trimmed().toInt(), match.captured(2).trimmed().toInt()};
 }
-
-} // namespace
 
 void Velmora::Fuzz::test(QByteArray& input)
 {

@@ -28,11 +28,6 @@ Fetch::Fetch(QNetworkAccessManager& network, const QUrl& url)
     connect(reply, &QNetworkReply::finished, this, [this] { ++replyFinishes; });
 }
 
-Fetch::~Fetch()
-{
-    delete reply;
-}
-
 void Fetch::onFinished(QNetworkReply* finished)
 {
     finishedInGet = finishedInGet || isInGet;

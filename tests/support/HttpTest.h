@@ -33,7 +33,7 @@ class Fetch : public QObject
 
 public:
     Fetch(QNetworkAccessManager& network, const QUrl& url);
-    ~Fetch() override;
+    ~Fetch() override { delete reply; }
 
     int finishes = 0; ///< How often the network access has emitted finished().
     int replyFinishes = 0; ///< How often the reply has emitted finished().

@@ -92,21 +92,11 @@ void Connection::send(const QByteArray& bytes)
     socket->flush();
 }
 
-void Connection::close()
-{
-    socket->disconnectFromHost();
-}
-
 void Connection::reset()
 {
     const linger hard = {1, 0};
     setsockopt(static_cast<int>(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
     socket->abort();
-}
-
-bool Connection::isOpen() const
-{
-    return socket->state() == QAbstractSocket::ConnectedState;
 }
 
 bool Connection::wasRead() const
@@ -141,11 +131,6 @@ ScriptedDevice::ScriptedDevice(PrivateNetwork& network, const QString& address, 
 
     connect(&group, &QUdpSocket::readyRead, this, &ScriptedDevice::readDatagrams);
     connect(&server, &QTcpServer::newConnection, this, &ScriptedDevice::accept);
-}
-
-void ScriptedDevice::script(const QByteArray& requestStart, const QByteArray& bytes)
-{
-    scripts.prepend({requestStart, bytes});
 }
 
 void ScriptedDevice::answer(const QByteArray& bytes)
@@ -192,22 +177,12 @@ void ScriptedDevice::forget()
     scripts.clear();
 }
 
-void ScriptedDevice::stopListening()
-{
-    server.close();
-}
-
 const Connection* ScriptedDevice::holdConnections()
 {
     // A queue of length 0 holds one connection.
     server.pauseAccepting();
     require(::listen(static_cast<int>(server.socketDescriptor()), 0) == 0, "shorten its queue");
     return connectTo(address, port);
-}
-
-void ScriptedDevice::takeConnections()
-{
-    server.resumeAccepting();
 }
 
 void ScriptedDevice::readDatagrams()

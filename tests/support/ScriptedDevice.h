@@ -25,7 +25,7 @@ public:
     void send(const QByteArray& bytes);
 
     /// Ends the connection with FIN.
-    void close();
+    void close() { socket->disconnectFromHost(); }
 
     /// Ends the connection with RST, like a device that has lost its power.
     void reset();
@@ -33,7 +33,7 @@ public:
     /// Ends the connection with RST if @p hard is true, else with FIN.
     void end(bool hard) { hard ? reset() : close(); }
 
-    bool isOpen() const;
+    bool isOpen() const { return socket->state() == QAbstractSocket::ConnectedState; }
 
     /// Returns whether the library has read everything that was sent and keeps the connection open.
     bool wasRead() const;
@@ -79,7 +79,10 @@ public:
                             const QString& address = QLatin1String("10.77.1.1"), quint16 port = 8080);
 
     /// From now on, answers every request that begins with @p requestStart with @p bytes.
-    void script(const QByteArray& requestStart, const QByteArray& bytes);
+    void script(const QByteArray& requestStart, const QByteArray& bytes)
+    {
+        scripts.prepend({requestStart, bytes});
+    }
 
     /// Sends a datagram to the sender of the last search.
     void answer(const QByteArray& bytes);
@@ -97,14 +100,14 @@ public:
     void forget();
 
     /// From now on, refuses connections. Those that are open stay open.
-    void stopListening();
+    void stopListening() { server.close(); }
 
     /// From now on, does not react to attempts to connect, because its queue is full. Returns the connection that
     /// fills the queue. Both ends of it belong to the device.
     const Connection* holdConnections();
 
     /// Ends holdConnections(). The kernel of the library tries to connect again every second or two.
-    void takeConnections();
+    void takeConnections() { server.resumeAccepting(); }
 
     QList<Datagram> searches;
     QList<Request> requests;

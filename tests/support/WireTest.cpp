@@ -11,11 +11,7 @@ namespace Tests {
 
 using Simulator::PrivateNetwork;
 
-namespace {
-
-PrivateNetwork* ownNetwork = nullptr;
-
-} // namespace
+static PrivateNetwork* ownNetwork = nullptr;
 
 WireTest::WireTest()
     : WireTest(*ownNetwork)
@@ -129,21 +125,11 @@ bool WireTest::nothingIsListed() const
         && manager().responseContentLengths().isEmpty() && manager().responseBuffers().isEmpty();
 }
 
-QStringList WireTest::log()
-{
-    return CapturedLog::all();
-}
-
 WireTest::Callback WireTest::callbackOf(const QByteArray& request)
 {
     static const QRegularExpression field("CALLBACK: <http://(.*):(.*)(/.*)>");
     const auto match = field.match(QString::fromLatin1(request));
     return {QHostAddress(match.captured(1)), match.captured(2).toUShort(), match.captured(3).toLatin1()};
-}
-
-WireTest::Callback WireTest::callback() const
-{
-    return callbackOf(device->requestsFor("SUBSCRIBE ").last().bytes);
 }
 
 Connection* WireTest::sendHead(const Callback& to, const QByteArray& contentLength)

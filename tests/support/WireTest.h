@@ -106,7 +106,7 @@ protected:
     bool nothingIsListed() const;
 
     /// Returns the log. Each line is a text, as "0|piece|piece".
-    static QStringList log();
+    static QStringList log() { return CapturedLog::all(); }
 
     /// The host, port and path to which a subscription requests events.
     struct Callback
@@ -118,7 +118,7 @@ protected:
     static Callback callbackOf(const QByteArray& request);
 
     /// Returns the callback of the last subscription.
-    Callback callback() const;
+    Callback callback() const { return callbackOf(device->requestsFor("SUBSCRIBE ").last().bytes); }
 
     /// Opens a connection to the event server.
     Connection* connectTo(const Callback& to) { return device->connectTo(to.host, to.port); }

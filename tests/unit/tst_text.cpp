@@ -12,8 +12,6 @@
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-namespace {
-
 /// What uname() returns. If it is null, that of the kernel.
 struct FakedSystem
 {
@@ -21,9 +19,7 @@ struct FakedSystem
     const char* name;
     const char* release;
 };
-const FakedSystem* faked = nullptr;
-
-} // namespace
+static const FakedSystem* faked = nullptr;
 
 // The library calls this function, too, instead of that of the C library.
 extern "C" Q_DECL_EXPORT int uname(utsname* system) noexcept

@@ -10,11 +10,7 @@ using Velmora::SSDP::Ssdp;
 using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
-namespace {
-
 const char TIMEOUT_LINE[] = "0|SSDP timeout expired not found";
-
-} // namespace
 
 /// How a discovery begins and ends, and what the next one ignores of it.
 class DiscoveryTest : public WireTest

@@ -7,13 +7,9 @@ using Velmora::SSDP::SsdpDevice;
 using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
-namespace {
-
 const char REPORT[] = "12,34 at 10.77.1.1";
 const char EVENT_NOT_PARSED[] = "1|void Velmora::SSDP::SsdpManager::updateStateVariables("
                                 "Velmora::SSDP::SsdpService*, const QString&)|Could not parse event xml";
-
-} // namespace
 
 /// How the event server reads events. tests/unit/tst_text.cpp tests which service a request line names,
 /// tests/unit/tst_documents.cpp what a body says.

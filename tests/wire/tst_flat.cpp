@@ -10,19 +10,14 @@
 using namespace Velmora::Simulator;
 using namespace Velmora::Tests;
 
-namespace {
-
 const int WARM_UP = 5;
 const int DISCOVERIES = 20;
 
-// What a connection that stays listed may take, and what all else may differ by, in bytes.
-const int KEPT_BYTES = 4 * 1024;
-const int SLACK = 16 * 1024;
+const int KEPT_BYTES = 4 * 1024; ///< What a connection that stays listed may take.
+const int SLACK = 16 * 1024; ///< How many more bytes may be on the heap for other reasons.
 
 const char FOUND[] = "Device with FC:1 ";
 const char NOT_PARSED[] = "Could not parse server response";
-
-} // namespace
 
 /// What a discovery leaves behind. The twentieth leaves as much as the fifth, whatever the device does wrong. Only
 /// the connections of subscriptions without a reply stay listed.

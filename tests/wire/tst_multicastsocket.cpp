@@ -15,8 +15,6 @@ using namespace Velmora::Tests;
 using Velmora::Simulator::PrivateNetwork;
 using Velmora::SSDP::MulticastSocket;
 
-namespace {
-
 const quint16 PORT = 1900;
 const char GROUP[] = "239.255.255.250";
 const char FIRST[] = "10.77.0.1";
@@ -24,9 +22,7 @@ const char SECOND[] = "10.78.0.1";
 const char IPV6[] = "fe80::1";
 
 /// The options that are set at level IPPROTO_IP while a test watches, as "35 effffffa0a4d0001".
-QStringList* watchedOptions = nullptr;
-
-} // namespace
+static QStringList* watchedOptions = nullptr;
 
 // The library calls this function, too, instead of that of the C library.
 extern "C" Q_DECL_EXPORT int setsockopt(int descriptor, int level, int option, const void* value,

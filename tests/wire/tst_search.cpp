@@ -3,12 +3,8 @@
 
 using namespace Velmora::Tests;
 
-namespace {
-
 const char LINE[] = "LOCATION: http://10.77.1.1:8080/desc.xml\r\n";
 const char ANNOUNCED[] = "http://10.77.1.1:8080/announced";
-
-} // namespace
 
 /// The search, and how the library reads datagrams.
 class SearchTest : public WireTest
