@@ -1,5 +1,5 @@
-// The reply to a subscription, over a real connection. The first byte says whether the device replies before the
-// request was sent. The second byte says how much of the reply is in the first segment.
+// The reply to a subscription, over a real connection. The first byte says whether the device waits for the
+// request. The second byte says how much of the reply is in the first segment.
 
 #include <tests/fuzz/Harness.h>
 #include <tests/support/Messages.h>
@@ -10,7 +10,7 @@ using namespace Velmora::Tests;
 void Velmora::Fuzz::test(QByteArray& input)
 {
     static Server server;
-    const bool repliesLate = takeByte(input) & 1;
+    const bool waits = takeByte(input) & 1;
     const int first = takeByte(input);
     ControlPoint control;
     SSDP::SsdpService* const service =
@@ -19,7 +19,7 @@ void Velmora::Fuzz::test(QByteArray& input)
     require(control.access.requestSockets().size() == 1, "there is a subscription");
 
     Peer device = server.accept();
-    if (repliesLate)
+    if (waits)
         settle();
     device.sendSegments({input.left(first), input.mid(first)});
     settle();

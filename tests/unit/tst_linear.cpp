@@ -34,7 +34,7 @@ namespace {
 
 const int KB = 1024;
 
-// Twice the input may take two and a half times the time, so four times the input this much.
+// Twice the input may take two and a half times as long. Two of these factors are for four times the input.
 const double MAX_GROWTH = 2.5 * 2.5;
 const qint64 MIN_RUN = 700; ///< In microseconds.
 const int RUNS = 3;

@@ -213,10 +213,12 @@ private Q_SLOTS:
         path("path with a space before the slash", " /a", "/ /a");
         path("path with a backslash", "\\a", "/\\a");
         path("path that is a URL", "http://h/a", "/http://h/a");
+        path("path with a query", "a?b=c", "/a?b=c");
         path("no path", QString(), "/");
         const auto location = [&](const char* name, const QString& text, const QString& expected) {
             row(name, expected, text, "x", "/x");
         };
+        location("location with a query", "http://h:1/a?b/c", "http://h:1");
         location("location without a path", "http://h:1", "http://h:1");
         location("location without a scheme", "h:1", "h:1");
         location("location without a scheme, with a path", "h:1/a/b", "h:1");

@@ -63,21 +63,21 @@ private Q_SLOTS:
         QByteArray services = serviceElement(KEY_OBJECT_TYPE, "/2.xml");
         for (const QByteArray& type : others)
             services += serviceElement(type, "/no.xml");
-        services += serviceElement(KEY_OBJECT_TYPE, "/1.xml") + serviceElement(KEY_OBJECT_TYPE, "/2.xml");
+        services += serviceElement(KEY_OBJECT_TYPE, "1.xml?a=b") + serviceElement(KEY_OBJECT_TYPE, "");
         QVERIFY(answerDescription(reply(deviceDescription(services))));
         VERIFY_SOON(device->requests.size() >= 4);
         QVERIFY(answerSearch(LAST_LOCATION));
         QStringList paths = requestedPaths();
         paths.sort();
-        QCOMPARE(paths, (QStringList{"/1.xml", "/2.xml", "/2.xml", "/desc.xml", "/last"}));
+        QCOMPARE(paths, (QStringList{"/", "/1.xml?a=b", "/2.xml", "/desc.xml", "/last"}));
 
         QStringList logged{"0|SSDP Device service|/2.xml"};
         for (int i = 0; i < others.size(); ++i) {
             QCOMPARE(record()->services.at(i + 1)->serviceType, QString(others.at(i)));
             logged << "0|SSDP Device service|/no.xml";
         }
-        logged << "0|SSDP Device service|/1.xml"
-               << "0|SSDP Device service|/2.xml";
+        logged << "0|SSDP Device service|1.xml?a=b"
+               << "0|SSDP Device service|";
         QCOMPARE(log().filter("SSDP Device service"), logged);
         QCOMPARE(record()->services.size(), others.size() + 3);
     }
@@ -104,26 +104,6 @@ private Q_SLOTS:
         QVERIFY(first->stateVariables.isEmpty());
         QVERIFY(!first->id.isNull() && !second->id.isNull() && !third->id.isNull());
         QVERIFY(first->id != second->id && second->id != third->id && third->id != first->id);
-    }
-
-    void serviceDescriptionIsRequestedFromTheServerOfTheLocation_data()
-    {
-        const Table<QByteArray, QByteArray, QByteArray> row("location", "url", "path");
-        row("relative path", "/b/desc.xml", "scpd.xml", "/scpd.xml");
-        row("empty", "/desc.xml", "", "/");
-        row("query", "/desc.xml?a/b", "s?c=d", "/s?c=d");
-    }
-
-    void serviceDescriptionIsRequestedFromTheServerOfTheLocation()
-    {
-        QFETCH(const QByteArray, location);
-        QFETCH(const QByteArray, url);
-        QFETCH(const QByteArray, path);
-        device->script("GET " + location, reply(deviceDescription(serviceElement(KEY_OBJECT_TYPE, url))));
-        QVERIFY(search());
-        QVERIFY(answerSearch("http://10.77.1.1:8080" + location));
-        VERIFY_SOON(device->requests.size() == 2);
-        QCOMPARE(device->requests.at(1).bytes.split('\r').at(0), "GET " + path + " HTTP/1.1");
     }
 
     void documentDecidesWhatItIs_data()

@@ -70,7 +70,7 @@ class FlatTest : public WireTest
     }
 
     /// Compares what the fifth and the twentieth discovery leave behind. Each may leave @p kept connections.
-    void repeat(const std::function<void()>& discover, int kept)
+    void repeat(int kept, const std::function<void()>& discover)
     {
         Holdings before = {};
         for (int discovery = 1; discovery <= DISCOVERIES; ++discovery) {
@@ -97,29 +97,26 @@ class FlatTest : public WireTest
                  QByteArray::number(after.memory - before.memory).constData());
     }
 
-    /// Repeats discoveries. In each, @p open opens a connection, on which the device sends @p late in the next
-    /// one.
-    void repeatLate(const std::function<Connection*()>& open, const QByteArray& late, int kept)
+    /// Repeats discoveries. @p open opens a connection, on which the device sends @p late in the next discovery.
+    void repeatLate(const QByteArray& late, int kept, const std::function<Connection*()>& open)
     {
-        repeat(
-            [&] {
-                makeDevice();
-                Connection* const connection = open();
-                QVERIFY(connection);
+        repeat(kept, [&] {
+            makeDevice();
+            Connection* const connection = open();
+            QVERIFY(connection);
+            VERIFY_SOON(connection->wasRead());
+            ssdp->stop();
+            QVERIFY(search());
+            connection->send(late);
+            if (late.size() > 65536)
                 VERIFY_SOON(connection->wasRead());
-                ssdp->stop();
-                QVERIFY(search());
-                connection->send(late);
-                if (late.size() > 65536)
-                    VERIFY_SOON(connection->wasRead());
-                // The library does not close the connection of a subscription that it has forgotten.
-                if (kept > 0)
-                    connection->close();
-                VERIFY_SOON(!connection->isOpen());
-                QCOMPARE(reports, QStringList());
-                device.reset();
-            },
-            kept);
+            // The library does not close the connection of a subscription that it has forgotten.
+            if (kept > 0)
+                connection->close();
+            VERIFY_SOON(!connection->isOpen());
+            QCOMPARE(reports, QStringList());
+            device.reset();
+        });
     }
 
     void discoverWithFault(const QString& fault, const QByteArray& lastSign)
@@ -205,7 +202,7 @@ private Q_SLOTS:
         QFETCH(const QByteArray, lastSign);
         QFETCH(const int, kept);
         tried.insert(fault.section(QLatin1Char('='), 0, 0));
-        repeat([&] { discoverWithFault(fault, lastSign); }, kept);
+        repeat(kept, [&] { discoverWithFault(fault, lastSign); });
     }
 
     void lateReplyLeavesNothingBehind_data()
@@ -226,13 +223,11 @@ private Q_SLOTS:
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
         QFETCH(const int, kept);
-        repeatLate(
-            [&]() -> Connection* {
-                scriptDevice();
-                device->script(request, early);
-                return search() && answerSearch() ? requestFor(request) : nullptr;
-            },
-            late, kept);
+        repeatLate(late, kept, [&]() -> Connection* {
+            scriptDevice();
+            device->script(request, early);
+            return search() && answerSearch() ? requestFor(request) : nullptr;
+        });
     }
 
     void lateEventLeavesNothingBehind_data()
@@ -252,18 +247,15 @@ private Q_SLOTS:
         QFETCH(const QByteArray, length);
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
-        repeatLate(
-            [&]() -> Connection* {
-                if (!findDevice())
-                    return nullptr;
-                Connection* const connection =
-                    length.isEmpty() ? connectTo(callback()) : sendHead(callback(), length);
-                if (connection)
-                    connection->send(early);
-                // If the library has read this event, it has accepted the connection.
-                return sendEvent(callback(), eventBody("A", "1")) ? connection : nullptr;
-            },
-            late, 0);
+        repeatLate(late, 0, [&]() -> Connection* {
+            if (!findDevice())
+                return nullptr;
+            Connection* const connection = length.isEmpty() ? connectTo(callback()) : sendHead(callback(), length);
+            if (connection)
+                connection->send(early);
+            // If the library has read this event, it has accepted the connection.
+            return sendEvent(callback(), eventBody("A", "1")) ? connection : nullptr;
+        });
     }
 
     void everyFaultIsTried()

@@ -132,7 +132,7 @@ private Q_SLOTS:
             QVERIFY(fetch.body == bodyOf(size + 1));
         }
 
-        // Nor does a reply that was read.
+        // A reply that was read holds nothing, either.
         for (int i = 0; i < 4; ++i)
             QVERIFY(hold(fetches, fetcher, 15 * MIB));
         QVERIFY(hold(fetches, fetcher, 9 * MIB));
