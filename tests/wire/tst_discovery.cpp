@@ -1,6 +1,5 @@
 #include <tests/support/KeptMessages.h>
 #include <tests/support/KernelTables.h>
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <QtNetwork/QNetworkProxy>

@@ -1,4 +1,3 @@
-#include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 

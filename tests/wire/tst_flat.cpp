@@ -1,5 +1,4 @@
 #include <simulator/SimulatedDevice.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 

@@ -1,5 +1,4 @@
 #include <tests/support/HttpTest.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
 

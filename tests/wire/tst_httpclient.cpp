@@ -1,5 +1,4 @@
 #include <tests/support/HttpTest.h>
-#include <tests/support/Literals.h>
 
 #include <fcntl.h>
 #include <sys/inotify.h>

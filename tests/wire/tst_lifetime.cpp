@@ -1,5 +1,4 @@
 #include <tests/support/KernelTables.h>
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <algorithm>

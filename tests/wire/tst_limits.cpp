@@ -1,7 +1,6 @@
 #include <tests/wire/DeviceProcess.h>
 
 #include <simulator/SimulatedDevice.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 

@@ -1,4 +1,3 @@
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 using namespace Velmora::Tests;
