@@ -205,8 +205,9 @@ private Q_SLOTS:
         QFETCH(const int, segment);
         Fetcher fetcher;
         qint64 shortest[3] = {};
-        // Other programs only make a run longer. So the shortest run counts.
-        for (int run = 0; run < 5; ++run) {
+        bool isLinear = false;
+        // Other programs only make a run longer. So the shortest of several runs counts.
+        for (int run = 0; run < 5 && !isLinear; ++run) {
             for (int i = 0; i < 3; ++i) {
                 device->forget();
                 const QByteArray bytes =
@@ -221,8 +222,9 @@ private Q_SLOTS:
                 QCOMPARE(fetch.finishes, 0);
                 shortest[i] = run == 0 ? time : qMin(shortest[i], time);
             }
+            isLinear = run > 0 && shortest[1] <= shortest[0] * 5 / 2 && shortest[2] <= shortest[1] * 5 / 2;
         }
-        QVERIFY2(shortest[1] <= shortest[0] * 5 / 2 && shortest[2] <= shortest[1] * 5 / 2,
+        QVERIFY2(isLinear,
                  qPrintable("%1, %2 and %3 microseconds"_s.arg(shortest[0]).arg(shortest[1]).arg(shortest[2])));
     }
 };
