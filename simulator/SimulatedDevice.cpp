@@ -911,3 +911,5 @@ void SimulatedDevice::reset(QTcpSocket* socket)
 
 } // namespace Simulator
 } // namespace Velmora
+
+#include "moc_SimulatedDevice.cpp"

@@ -149,3 +149,5 @@ void SsdpGroup::readDatagrams()
 
 } // namespace Simulator
 } // namespace Velmora
+
+#include "moc_SsdpGroup.cpp"

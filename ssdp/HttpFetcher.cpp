@@ -392,3 +392,5 @@ void HttpConnection::release()
 
 } // namespace SSDP
 } // namespace Velmora
+
+#include "moc_HttpFetcher.cpp"

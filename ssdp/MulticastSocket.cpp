@@ -74,3 +74,5 @@ bool MulticastSocket::fail()
 
 } // namespace SSDP
 } // namespace Velmora
+
+#include "moc_MulticastSocket.cpp"

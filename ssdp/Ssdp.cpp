@@ -133,3 +133,5 @@ void Ssdp::fireDiscovered(int functionCode, int univocalCode, const QHostAddress
 
 } // namespace SSDP
 } // namespace Velmora
+
+#include "moc_Ssdp.cpp"

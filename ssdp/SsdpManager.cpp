@@ -542,3 +542,5 @@ void SsdpManager::forgetResponseSocket(QTcpSocket* socket)
 
 } // namespace SSDP
 } // namespace Velmora
+
+#include "moc_SsdpManager.cpp"

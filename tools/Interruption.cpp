@@ -38,3 +38,5 @@ Interruption::~Interruption()
 
 } // namespace Tools
 } // namespace Velmora
+
+#include "moc_Interruption.cpp"

@@ -196,3 +196,5 @@ QStringList Search::membershipFailures(const QList<LocalAddress>& candidates) co
 
 } // namespace Tools
 } // namespace Velmora
+
+#include "moc_Search.cpp"

@@ -185,3 +185,5 @@ void BrowserWindow::copySelectedRows()
     if (!lines.isEmpty())
         QGuiApplication::clipboard()->setText(lines.join(QLatin1Char('\n')));
 }
+
+#include "moc_BrowserWindow.cpp"

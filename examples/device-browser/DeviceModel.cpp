@@ -106,3 +106,5 @@ QVariant DeviceModel::headerData(int section, Qt::Orientation orientation, int r
         return QVariant();
     }
 }
+
+#include "moc_DeviceModel.cpp"

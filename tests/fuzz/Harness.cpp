@@ -1,12 +1,7 @@
 #include <tests/fuzz/Harness.h>
 
 #include <simulator/PrivateNetwork.h>
-#include <ssdp/SsdpDevice.h>
-#include <ssdp/SsdpService.h>
 #include <tests/support/Literals.h>
-#include <tests/support/ManagerAccess.h>
-
-#include <QtCore/QCoreApplication>
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -17,9 +12,35 @@
 #include <unistd.h>
 
 using namespace Velmora::Tests;
-using Velmora::Simulator::PrivateNetwork;
 
 namespace {
+
+/// A finished reply.
+class Reply : public QNetworkReply
+{
+public:
+    explicit Reply(const QByteArray& body)
+        : body(body)
+    {
+        open(ReadOnly | Unbuffered);
+        setFinished(true);
+    }
+    void abort() override { }
+    qint64 bytesAvailable() const override { return body.size() + QNetworkReply::bytesAvailable(); }
+    bool isSequential() const override { return true; }
+
+protected:
+    qint64 readData(char* data, qint64 size) override
+    {
+        const qint64 length = qMin(size, static_cast<qint64>(body.size()));
+        std::copy_n(body.constData(), length, data);
+        body.remove(0, static_cast<int>(length));
+        return length;
+    }
+
+private:
+    QByteArray body;
+};
 
 sockaddr_in loopback(uint16_t port)
 {
@@ -32,25 +53,27 @@ sockaddr_in loopback(uint16_t port)
 
 void drop(QtMsgType, const QMessageLogContext&, const QString&) { }
 
-[[noreturn]] void skip(const char* reason)
-{
-    std::fprintf(stderr, "no private network: %s\n", reason);
-    std::exit(qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") ? 1 : 77);
-}
-
 } // namespace
 
 int LLVMFuzzerInitialize(int* argc, char*** argv)
 {
     try {
-        static PrivateNetwork network;
+        static Velmora::Simulator::PrivateNetwork network;
     } catch (const std::exception& error) {
-        skip(error.what());
+        std::fprintf(stderr, "No private network: %s\n", error.what());
+        std::exit(qEnvironmentVariableIntValue("VELMORA_REQUIRE_NETWORK") ? 1 : 77);
     }
-    // Otherwise GLib's event loop, if it is there, is asked several times an input.
+    // The event loop of GLib would be slower.
     qputenv("QT_NO_GLIB", "1");
     static QCoreApplication application(*argc, *argv);
     qInstallMessageHandler(drop);
+    return 0;
+}
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    QByteArray input(reinterpret_cast<const char*>(data), static_cast<int>(size));
+    Velmora::Fuzz::test(input);
     return 0;
 }
 
@@ -61,104 +84,96 @@ void require(bool holds, const char* what)
 {
     if (holds)
         return;
-    std::fprintf(stderr, "does not hold: %s\n", what);
+    std::fprintf(stderr, "This is not true: %s\n", what);
     std::abort();
 }
 
 void settle()
 {
-    // Accepting a connection, reading it and deleting its socket take one round each.
+    // To accept a connection, to read from it and to delete its socket takes one round each.
     for (int round = 0; round < 3; ++round) {
         QCoreApplication::processEvents();
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     }
 }
 
-QUuid serviceId()
+int takeByte(QByteArray& input)
 {
-    return QUuid("6f9619ff-8b86-d011-b42d-00c04fc964ff");
+    const int first = input.isEmpty() ? 0 : static_cast<unsigned char>(input.at(0));
+    input.remove(0, 1);
+    return first;
 }
 
-QByteArray bytesOf(const uint8_t* data, size_t size, size_t offset)
+ControlPoint::ControlPoint(QObject* parent)
+    : SsdpManager(QHostAddress(QHostAddress::LocalHost), parent)
+    , access(*this)
 {
-    return QByteArray(reinterpret_cast<const char*>(data) + offset, static_cast<int>(size - offset));
 }
 
-SSDP::SsdpManager& listeningManager()
+SSDP::SsdpService* ControlPoint::addService(const QString& location)
 {
-    static SSDP::SsdpManager* const manager = [] {
-        auto* const result = new SSDP::SsdpManager(QHostAddress(QHostAddress::LocalHost), qApp);
-        result->initialize();
-        return result;
-    }();
-    return *manager;
-}
-
-SSDP::SsdpService* addService(SSDP::SsdpManager& manager, const QString& location)
-{
-    auto* const device = new SSDP::SsdpDevice;
     auto* const service = new SSDP::SsdpService;
-    device->id = QUuid::createUuid();
-    device->address = QHostAddress(QHostAddress::LocalHost);
-    device->location = location;
-    device->services.append(service);
-    service->id = serviceId();
+    service->id = QUuid("6f9619ff-8b86-d011-b42d-00c04fc964ff");
     service->eventSubUrl = "/event"_s;
-    Tests::ManagerAccess(manager).devices().append(device);
+    access.addRecord({service}, location)->address = QHostAddress(QHostAddress::LocalHost);
     return service;
 }
 
-FinishedReply::FinishedReply(const QByteArray& body)
-    : body(body)
+void ControlPoint::handleReply(const QByteArray& body, SSDP::SsdpService* service)
 {
-    open(ReadOnly | Unbuffered);
-    setFinished(true);
+    auto* const reply = new Reply(body);
+    access.deviceReplies().insert(reply, access.devices().constFirst());
+    if (service)
+        access.serviceReplies().insert(reply, service);
+    access.onReplyFinished(reply);
+    require(!access.deviceReplies().contains(reply) && !access.serviceReplies().contains(reply),
+            "a finished reply is forgotten");
 }
 
-qint64 FinishedReply::bytesAvailable() const
+ControlPoint& listeningControlPoint()
 {
-    return body.size() + QNetworkReply::bytesAvailable();
+    static ControlPoint* const result = [] {
+        auto* const created = new ControlPoint(qApp);
+        created->initialize();
+        return created;
+    }();
+    return *result;
 }
 
-qint64 FinishedReply::readData(char* data, qint64 size)
-{
-    const qint64 length = qMin(size, static_cast<qint64>(body.size()));
-    std::copy_n(body.constData(), length, data);
-    body.remove(0, static_cast<int>(length));
-    return length;
-}
+// Alarms of libFuzzer interrupt the system calls that wait.
 
-// The alarms of libFuzzer interrupt what waits.
-
-Peer::Peer(uint16_t port)
-    : Peer(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0), 0)
-{
-    const sockaddr_in address = loopback(port);
-    require(TEMP_FAILURE_RETRY(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address))
-                == 0,
-            "the server takes the connection");
-}
-
-Peer::Peer(int descriptor, int)
+Peer::Peer(int descriptor)
     : descriptor(descriptor)
 {
     const linger atOnce = {1, 0};
     require(setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce) == 0, "there is a connection");
 }
 
-Peer::~Peer()
+Peer Peer::connectedTo(uint16_t port)
 {
-    reset();
+    const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = loopback(port);
+    require(TEMP_FAILURE_RETRY(connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address))
+                == 0,
+            "the server accepts the connection");
+    return Peer(descriptor);
 }
 
 void Peer::send(const QByteArray& bytes)
 {
-    // The library may have closed the connection already.
-    if (!bytes.isEmpty()
-        && TEMP_FAILURE_RETRY(
-               ::send(descriptor, bytes.constData(), static_cast<size_t>(bytes.size()), MSG_NOSIGNAL))
-            < 0)
+    const auto size = static_cast<size_t>(bytes.size());
+    // This fails if the library has closed the connection.
+    if (size > 0 && TEMP_FAILURE_RETRY(::send(descriptor, bytes.constData(), size, MSG_NOSIGNAL)) < 0)
         reset();
+}
+
+void Peer::sendSegments(const QList<QByteArray>& segments)
+{
+    for (int i = 0; i < segments.size(); ++i) {
+        if (i > 0)
+            settle();
+        send(segments.at(i));
+    }
 }
 
 void Peer::finish()
@@ -174,28 +189,20 @@ void Peer::reset()
     descriptor = -1;
 }
 
-Server::Server()
-    : port(0)
-    , descriptor(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0))
-{
-    sockaddr_in address = loopback(0);
-    socklen_t length = sizeof address;
-    require(bind(descriptor, reinterpret_cast<sockaddr*>(&address), length) == 0 && listen(descriptor, 8) == 0
-                && getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0,
-            "there is a server");
-    port = ntohs(address.sin_port);
-}
-
 bool Server::closeNext()
 {
-    const int connection = next();
-    return connection != -1 && close(connection) == 0;
+    const int descriptor = next();
+    return descriptor != -1 && ::close(descriptor) == 0;
 }
 
 int Server::next()
 {
-    return TEMP_FAILURE_RETRY(::accept(descriptor, nullptr, nullptr));
+    if (accepted.isEmpty())
+        waitForNewConnection(0);
+    return accepted.isEmpty() ? -1 : accepted.takeFirst();
 }
 
 } // namespace Fuzz
 } // namespace Velmora
+
+#include "moc_Harness.cpp"

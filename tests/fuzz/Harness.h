@@ -1,109 +1,98 @@
 #ifndef VELMORA_TESTS_FUZZ_HARNESS_H
 #define VELMORA_TESTS_FUZZ_HARNESS_H
 
+#include <ssdp/SsdpManager.h>
+#include <tests/support/ManagerAccess.h>
+
 #include <QtCore/QByteArray>
 #include <QtCore/QCoreApplication>
-#include <QtCore/QUuid>
-#include <QtNetwork/QNetworkReply>
 
 #include <cstddef>
 #include <cstdint>
 
-/**
- * What the harnesses share. Each of them defines LLVMFuzzerTestOneInput() and is linked either with
- * libFuzzer or with Replay.cpp.
- *
- * Before the first input the process leaves for a private network, where only its loopback is up: what
- * the code under test sends, it sends to this process. The library's log is formatted and dropped.
- */
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
+// The functions that libFuzzer calls. Without libFuzzer, Replay.cpp calls them.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace Velmora {
-namespace SSDP {
-class SsdpManager;
-class SsdpService;
-} // namespace SSDP
-
 namespace Fuzz {
 
-/// Ends the process as a crash, which makes the input a finding, unless @p holds.
+/**
+ * Tests one input. Each fuzzer defines this function. It may change @p input.
+ *
+ * The process is in a private network with only a loopback interface. So whatever the library sends, it sends to
+ * this process. The log is formatted and dropped.
+ */
+void test(QByteArray& input);
+
+/// If @p holds is false, aborts the process. So the input is a finding.
 void require(bool holds, const char* what);
 
-/// Lets the event loop do everything that is due, deferred deletions included.
+/// Runs the event loop until nothing is left to do, including deferred deletions.
 void settle();
 
-/// The bytes of an input after the first @p offset.
-QByteArray bytesOf(const uint8_t* data, size_t size, size_t offset = 0);
+/// Removes the first byte of @p input and returns it. Returns 0 if there is none.
+int takeByte(QByteArray& input);
 
-/// A control point that listens on the loopback, the same for all inputs.
-SSDP::SsdpManager& listeningManager();
-
-/// Gives @p manager a device at @p location with one service of the identifier serviceId().
-SSDP::SsdpService* addService(SSDP::SsdpManager& manager,
-                              const QString& location = "http://127.0.0.1:9/description.xml");
-
-/// The one identifier that the seeds use.
-QUuid serviceId();
-
-/// The finished reply to a request, with @p body for a body.
-class FinishedReply : public QNetworkReply
+/// A control point on the loopback interface.
+class ControlPoint : public SSDP::SsdpManager
 {
-    Q_OBJECT
-
 public:
-    explicit FinishedReply(const QByteArray& body);
+    explicit ControlPoint(QObject* parent = nullptr);
 
-    void abort() override { }
-    qint64 bytesAvailable() const override;
-    bool isSequential() const override { return true; }
+    /// Adds a device with one service. Returns the service. Its identifier is in the seeds.
+    SSDP::SsdpService* addService(const QString& location = QLatin1String("http://127.0.0.1:9/description.xml"));
 
-protected:
-    qint64 readData(char* data, qint64 size) override;
+    /// Handles a reply with @p body. It is for the first device, or for @p service.
+    void handleReply(const QByteArray& body, SSDP::SsdpService* service = nullptr);
 
-private:
-    QByteArray body;
+    Tests::ManagerAccess access;
 };
 
-/// A plain TCP connection from this process to itself, which leaves nothing behind: closing resets it.
+/// Returns a control point that listens. It is the same for all inputs.
+ControlPoint& listeningControlPoint();
+
+/// One end of a TCP connection in this process. Closing it resets the connection, so nothing is left.
 class Peer
 {
 public:
-    /// Connects to @p port of 127.0.0.1.
-    explicit Peer(uint16_t port);
-    ~Peer();
+    explicit Peer(int descriptor);
+    ~Peer() { reset(); }
     Peer(const Peer&) = delete;
     Peer& operator=(const Peer&) = delete;
 
+    /// Connects to @p port of 127.0.0.1.
+    static Peer connectedTo(uint16_t port);
+
     void send(const QByteArray& bytes);
-    /// Sends nothing more, and says so.
+    /// Sends @p segments. The library handles each segment before the next one is sent.
+    void sendSegments(const QList<QByteArray>& segments);
+    /// Ends the own direction of the connection.
     void finish();
     void reset();
 
 private:
-    friend class Server;
-    Peer(int descriptor, int);
-
     int descriptor;
 };
 
-/// A server for connections from this process to itself.
-class Server
+/// A TCP server in this process.
+class Server : public QTcpServer
 {
 public:
-    Server();
+    Server() { require(listen(QHostAddress(QHostAddress::LocalHost)), "there is a server"); }
 
-    uint16_t port;
-
-    /// Takes a connection, which has to be there.
-    Peer accept() { return Peer(next(), 0); }
-    /// Takes a connection and closes it. Returns false if there is none.
+    /// Accepts a connection, which must exist.
+    Peer accept() { return Peer(next()); }
+    /// Accepts a connection and closes it. Returns false if there is none.
     bool closeNext();
+
+protected:
+    void incomingConnection(qintptr descriptor) override { accepted << static_cast<int>(descriptor); }
 
 private:
     int next();
 
-    int descriptor;
+    QList<int> accepted;
 };
 
 } // namespace Fuzz

@@ -1,13 +1,11 @@
 #include <tests/fuzz/Harness.h>
 
-#include <ssdp/SsdpManager.h>
-
 #include <QtCore/QDirIterator>
 #include <QtCore/QFile>
 
 #include <cstdio>
 
-/// Feeds every file of the folders and files given, in the place of libFuzzer.
+/// Tests every file of the given folders.
 int main(int argc, char** argv)
 {
     LLVMFuzzerInitialize(&argc, &argv);
@@ -18,14 +16,13 @@ int main(int argc, char** argv)
             QFile file(files.next());
             Velmora::Fuzz::require(file.open(QIODevice::ReadOnly), "the input can be read");
             std::fprintf(stderr, "%s\n", qPrintable(file.fileName()));
-            const QByteArray bytes = file.readAll();
-            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.constData()),
-                                   static_cast<size_t>(bytes.size()));
+            QByteArray input = file.readAll();
+            Velmora::Fuzz::test(input);
             ++inputs;
         }
     }
     std::fprintf(stderr, "%d inputs\n", inputs);
-    // Their HTTP threads would meet statics of Qt that are gone after main().
+    // Their threads must end before main() does, because then Qt destroys its static objects.
     qDeleteAll(QCoreApplication::instance()->findChildren<Velmora::SSDP::SsdpManager*>());
     return inputs > 0 ? 0 : 1;
 }

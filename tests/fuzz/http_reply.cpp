@@ -1,16 +1,16 @@
-// What a server answers to a GET, over a real connection, cut in pieces. The first byte says how the
-// connection ends, the next two where the reply is cut.
+// The reply to a GET, over a real connection. The first byte says how the connection ends. The next two say how
+// long the first and the second segment are.
 
 #include <tests/fuzz/Harness.h>
 
 #include <ssdp/HttpReader.h>
 #include <tests/support/Literals.h>
-#include <tests/support/ManagerAccess.h>
 
 #include <QtNetwork/QNetworkRequest>
 
+using namespace Velmora::Fuzz;
 using namespace Velmora::Tests;
-using namespace Velmora;
+using Velmora::SSDP::HttpReader;
 
 namespace {
 
@@ -18,67 +18,55 @@ const int MAX_BODY = 16 * 1024 * 1024;
 
 enum End { Closes, Resets, StaysOpen };
 
-/// What the bytes mean when they come at once, and the connection is closed after them.
+/// Returns the body of a reply that is read at once, before the connection is closed.
 QByteArray wholeBody(const QByteArray& bytes, bool* hasHead)
 {
-    SSDP::HttpReader reader;
+    HttpReader reader;
     reader.read(bytes.constData(), bytes.size());
-    *hasHead = reader.state() != SSDP::HttpReader::ReadingHead;
+    *hasHead = reader.state() != HttpReader::ReadingHead;
     reader.close();
     QByteArray body(static_cast<int>(reader.body.size()), '\0');
     reader.body.take(body.data(), body.size());
-    return reader.state() == SSDP::HttpReader::OutOfBounds ? QByteArray() : body;
+    return reader.state() == HttpReader::OutOfBounds ? QByteArray() : body;
 }
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void Velmora::Fuzz::test(QByteArray& input)
 {
-    if (size < 3)
-        return 0;
-    static Fuzz::Server server;
-    const End end = static_cast<End>(data[0] % 3);
-    const QByteArray answer = Fuzz::bytesOf(data, size, 3);
-    const int first = data[1];
-    const int second = first + data[2];
-
-    SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
-    QNetworkAccessManager& network = Tests::ManagerAccess(manager).networkManager();
-    // The control point would read the reply and let it go.
-    QObject::disconnect(&network, nullptr, &manager, nullptr);
-    const QUrl url("http://127.0.0.1:%1/d.xml"_s.arg(server.port));
-    QNetworkReply* const reply = network.get(QNetworkRequest(url));
+    static Server server;
+    const auto end = static_cast<End>(takeByte(input) % 3);
+    const int first = takeByte(input);
+    const int second = takeByte(input);
+    ControlPoint control;
+    QNetworkAccessManager& network = control.access.networkManager();
+    // The control point would read the reply and delete it.
+    QObject::disconnect(&network, nullptr, &control, nullptr);
+    QNetworkReply* const reply =
+        network.get(QNetworkRequest(QUrl("http://127.0.0.1:%1/d.xml"_s.arg(server.serverPort()))));
     int finishes = 0;
     QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });
-    Fuzz::settle();
+    settle();
 
-    {
-        Fuzz::Peer peer = server.accept();
-        peer.send(answer.left(first));
-        Fuzz::settle();
-        peer.send(answer.mid(first, second - first));
-        Fuzz::settle();
-        peer.send(answer.mid(second));
-        if (end == Closes)
-            peer.finish();
-        Fuzz::settle();
-        if (end == StaysOpen && finishes == 0) {
-            reply->abort();
-            Fuzz::require(finishes == 1, "an aborted reply finishes");
-        }
-        if (end == Resets)
-            peer.reset();
-        Fuzz::settle();
+    Peer device = server.accept();
+    device.sendSegments({input.left(first), input.mid(first, second), input.mid(first + second)});
+    if (end == Closes)
+        device.finish();
+    settle();
+    if (end == StaysOpen && finishes == 0) {
+        reply->abort();
+        require(finishes == 1, "an aborted reply finishes");
     }
-    // A request without a reply is sent again, and nobody answers it either.
+    device.reset();
+    settle();
+    // A request without a reply is sent again.
     while (server.closeNext())
-        Fuzz::settle();
+        settle();
 
-    Fuzz::require(finishes == 1, "the reply finishes once");
-    Fuzz::require(reply->bytesAvailable() <= MAX_BODY, "the body has a bound");
+    require(finishes == 1, "the reply finishes once");
+    require(reply->bytesAvailable() <= MAX_BODY, "the body has a bound");
     bool hasHead = false;
-    const QByteArray expected = wholeBody(answer, &hasHead);
+    const QByteArray expected = wholeBody(input, &hasHead);
     if (end == Closes && hasHead)
-        Fuzz::require(reply->readAll() == expected, "the cuts do not change the body");
-    return 0;
+        require(reply->readAll() == expected, "the segments do not change the body");
 }

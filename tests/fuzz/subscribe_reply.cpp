@@ -1,44 +1,31 @@
-// What a device answers to a SUBSCRIBE, over a real connection. The first byte says whether it answers
-// before the request was sent, the second how much of it comes in a first segment.
+// The reply to a subscription, over a real connection. The first byte says whether the device waits for the
+// request. The second byte says how much of the reply is in the first segment.
 
 #include <tests/fuzz/Harness.h>
-
-#include <ssdp/SsdpDevice.h>
-#include <ssdp/SsdpService.h>
-#include <tests/support/Literals.h>
-#include <tests/support/ManagerAccess.h>
 #include <tests/support/Messages.h>
 
+using namespace Velmora::Fuzz;
 using namespace Velmora::Tests;
-using namespace Velmora;
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void Velmora::Fuzz::test(QByteArray& input)
 {
-    if (size < 2)
-        return 0;
-    static Fuzz::Server server;
-
-    SSDP::SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
-    Tests::ManagerAccess access(manager);
+    static Server server;
+    const bool waits = takeByte(input) & 1;
+    const int first = takeByte(input);
+    ControlPoint control;
     SSDP::SsdpService* const service =
-        Fuzz::addService(manager, "http://127.0.0.1:%1/description.xml"_s.arg(server.port));
-    auto* const description = new Fuzz::FinishedReply(serviceDescription());
-    access.deviceReplies().insert(description, access.devices().constFirst());
-    access.serviceReplies().insert(description, service);
-    access.onReplyFinished(description);
-    Fuzz::require(access.requestSockets().size() == 1, "the service is subscribed to");
+        control.addService("http://127.0.0.1:%1/description.xml"_s.arg(server.serverPort()));
+    control.handleReply(serviceDescription(), service);
+    require(control.access.requestSockets().size() == 1, "there is a subscription");
 
-    Fuzz::Peer device = server.accept();
-    if (data[0] & 1)
-        Fuzz::settle();
-    const QByteArray answer = Fuzz::bytesOf(data, size, 2);
-    device.send(answer.left(data[1]));
-    Fuzz::settle();
-    device.send(answer.mid(data[1]));
-    Fuzz::settle();
-    Fuzz::require(access.requestSockets().isEmpty() == !answer.isEmpty(), "the first bytes end the subscription");
-    Fuzz::require(access.requestSocketServices().size() == access.requestSockets().size(), "in both lists");
+    Peer device = server.accept();
+    if (waits)
+        settle();
+    device.sendSegments({input.left(first), input.mid(first)});
+    settle();
+    const auto connections = control.access.requestSockets().size();
+    require(connections == (input.isEmpty() ? 1 : 0), "the first bytes end the subscription");
+    require(control.access.requestSocketServices().size() == connections, "every connection has its service");
     device.reset();
-    Fuzz::settle();
-    return 0;
+    settle();
 }

@@ -1,6 +1,6 @@
-// The bounds of XML, against a parser that keeps count. Three control characters, which no document
-// has, let a short input stand for a long one: in \1<n>text\2 the text is repeated n times 16, with
-// every \3 in it replaced by the number of the repetition.
+// A document. The fuzzer compares the bounds with those that another parser counts. Three control characters,
+// which no document has, make a long text of a short input: in \1<n>text\2, the text is repeated 16 * n times, and
+// every \3 in it becomes the number of the repetition.
 
 #include <tests/fuzz/Harness.h>
 #include <tests/support/Literals.h>
@@ -11,8 +11,8 @@
 #include <QtCore/QXmlStreamReader>
 #include <QtXml/QDomDocument>
 
-using namespace Velmora::Tests;
 using namespace Velmora;
+using namespace Velmora::Tests;
 
 namespace {
 
@@ -36,29 +36,24 @@ QByteArray expanded(const QByteArray& input)
     return result;
 }
 
-struct Reading
-{
-    bool isWithinBounds;
-    bool isWellFormed;
-};
-
-Reading readSlowly(const QString& text)
+/// Returns whether @p text is well-formed.
+bool readSlowly(const QString& text, bool* isWithinBounds)
 {
     static const QRegularExpression quoted("\"[^\"]*\"|'[^']*'"_s);
-    Reading reading = {true, true};
+    *isWithinBounds = true;
     QXmlStreamReader reader(text);
     reader.setNamespaceProcessing(false);
     int level = 0;
     while (!reader.atEnd()) {
         switch (reader.readNext()) {
         case QXmlStreamReader::DTD:
-            // Outside the quotes of an external identifier a "[" opens an internal subset.
+            // Outside quotes, "[" begins an internal subset.
             if (reader.text().toString().remove(quoted).contains(QLatin1Char('[')))
-                reading.isWithinBounds = false;
+                *isWithinBounds = false;
             break;
         case QXmlStreamReader::StartElement:
             if (++level > 128 || reader.attributes().size() > 256)
-                reading.isWithinBounds = false;
+                *isWithinBounds = false;
             break;
         case QXmlStreamReader::EndElement:
             --level;
@@ -67,25 +62,20 @@ Reading readSlowly(const QString& text)
             break;
         }
     }
-    reading.isWellFormed = !reader.hasError();
-    return reading;
+    return !reader.hasError();
 }
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+void Velmora::Fuzz::test(QByteArray& input)
 {
-    const QByteArray text = expanded(Fuzz::bytesOf(data, size));
-    const QString latin1 = QString::fromLatin1(text.constData());
-    const Reading reading = readSlowly(latin1);
-    const bool accepted = SSDP::isWithinXmlBounds(latin1);
-    if (reading.isWellFormed)
-        Fuzz::require(accepted == reading.isWithinBounds, "both agree on a document");
-    else
-        Fuzz::require(!accepted || reading.isWithinBounds, "nothing out of bounds reaches a parser");
+    const QString text = QString::fromLatin1(expanded(input).constData());
+    bool isWithinBounds = false;
+    const bool isWellFormed = readSlowly(text, &isWithinBounds);
+    const bool accepted = SSDP::isWithinXmlBounds(text);
+    require(!accepted || isWithinBounds, "a document out of bounds is refused");
+    require(accepted || !isWellFormed || !isWithinBounds, "a well-formed document within the bounds is accepted");
 
     QDomDocument document;
-    const bool parsed = SSDP::parseXml(document, latin1);
-    Fuzz::require(!parsed || accepted, "only what is within bounds is parsed");
-    return 0;
+    require(!SSDP::parseXml(document, text) || accepted, "only a document within the bounds is parsed");
 }

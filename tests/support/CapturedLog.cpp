@@ -4,31 +4,27 @@
 
 namespace Velmora {
 
-namespace {
-
-QList<Tests::LogLine>& captured()
+static QStringList& captured()
 {
-    static QList<Tests::LogLine> lines;
+    static QStringList lines;
     return lines;
 }
 
-} // namespace
-
 namespace Log {
 
-struct Logger::Line : Tests::LogLine
+struct Logger::Line
 {
+    QStringList pieces;
 };
 
 Logger::Logger(Severity severity)
-    : line(new Line)
+    : line(new Line{{QString::number(severity)}})
 {
-    line->severity = severity;
 }
 
 Logger::~Logger()
 {
-    captured().append(*line);
+    captured() << line->pieces.join("|");
     delete line;
 }
 
@@ -47,7 +43,7 @@ Logger& Logger::operator<<(const QString& text)
 
 namespace Tests {
 
-QList<LogLine> CapturedLog::lines()
+QStringList CapturedLog::all()
 {
     return captured();
 }
@@ -55,14 +51,6 @@ QList<LogLine> CapturedLog::lines()
 void CapturedLog::clear()
 {
     captured().clear();
-}
-
-QStringList CapturedLog::all()
-{
-    QStringList result;
-    for (const LogLine& line : captured())
-        result << (QStringList(QString::number(line.severity)) + line.pieces).join("|");
-    return result;
 }
 
 } // namespace Tests

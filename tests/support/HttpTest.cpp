@@ -1,8 +1,11 @@
 #include <tests/support/HttpTest.h>
+
 #include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 
 #include <QtNetwork/QNetworkRequest>
+
+#include <algorithm>
 
 namespace Velmora {
 namespace Tests {
@@ -13,7 +16,6 @@ Fetcher::Fetcher()
     : manager(QHostAddress("10.77.0.1"))
     , network(ManagerAccess(manager).networkManager())
 {
-    // The control point would read the body itself.
     QObject::disconnect(&network, nullptr, &manager, nullptr);
 }
 
@@ -26,18 +28,10 @@ Fetch::Fetch(QNetworkAccessManager& network, const QUrl& url)
     connect(reply, &QNetworkReply::finished, this, [this] { ++replyFinishes; });
 }
 
-Fetch::~Fetch()
-{
-    delete reply;
-}
-
 void Fetch::onFinished(QNetworkReply* finished)
 {
-    if (isInGet)
-        finishedInGet = true;
-    if (!isInGet && finished != reply)
-        return;
-    if (++finishes > 1)
+    finishedInGet = finishedInGet || isInGet;
+    if ((!isInGet && finished != reply) || ++finishes > 1)
         return;
     if (finished->isOpen())
         body = finished->read(finished->bytesAvailable());
@@ -45,9 +39,9 @@ void Fetch::onFinished(QNetworkReply* finished)
     Q_EMIT handled();
 }
 
-QUrl HttpTest::url(const char* path, const char* host)
+QUrl HttpTest::url(const QByteArray& path, const char* host)
 {
-    return QUrl("http://%1:8080%2"_s.arg(QLatin1String(host), QLatin1String(path)));
+    return QUrl("http://%1:8080%2"_s.arg(QLatin1String(host), QString(path)));
 }
 
 bool HttpTest::serve(const QList<QByteArray>& segments, End end, const Fetch& fetch)
@@ -58,33 +52,24 @@ bool HttpTest::serve(const QList<QByteArray>& segments, End end, const Fetch& fe
         const QPointer<Connection> connection = device->requests.at(served++).connection;
         if (end == Close && !segments.isEmpty()) {
             // The last bytes and the end of the connection come together.
-            send(connection, segments.mid(0, segments.size() - 1));
+            sendSegments(connection, segments.mid(0, segments.size() - 1));
             if (connection->isOpen())
                 connection->send(segments.constLast());
         } else {
-            send(connection, segments);
+            sendSegments(connection, segments);
         }
         endWith(connection, end);
     }
     return false;
 }
 
-Connection* HttpTest::requestFor(const char* path) const
-{
-    const QByteArray start = "GET "_ba + path + ' ';
-    const bool came = waitUntil([&] { return device->requestsFor(start).size() == 1; });
-    return came ? device->requestsFor(start).at(0).connection.data() : nullptr;
-}
-
 void HttpTest::endWith(Connection* connection, End end)
 {
-    if (end == Close)
-        connection->close();
-    else if (end == Reset && connection->isOpen())
-        connection->reset();
+    if (end != Stay && connection->isOpen())
+        connection->end(end == Reset);
 }
 
-void HttpTest::send(Connection* connection, const QList<QByteArray>& segments)
+void HttpTest::sendSegments(Connection* connection, const QList<QByteArray>& segments)
 {
     for (const QByteArray& segment : segments) {
         if (!connection->isOpen())
@@ -112,7 +97,7 @@ bool HttpTest::hasFinishedOnce(const Fetch& fetch) const
 void HttpTest::initTestCase()
 {
     WireTest::initTestCase();
-    // What Qt opens for the first request of a process stays open.
+    // Qt keeps open what it opens for the first request of a process.
     Fetcher fetcher;
     Fetch first(fetcher.network, url());
     waitUntil([&] { return first.finishes > 0; });
@@ -120,9 +105,9 @@ void HttpTest::initTestCase()
 
 void HttpTest::init()
 {
-    // To make a device takes longer than most of these tests.
+    // A new device would take longer than most of these tests.
     if (!device)
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
+        makeDevice();
     device->forget();
     served = 0;
     allowedDescriptors = ProcessState::descriptors();
@@ -139,10 +124,7 @@ void HttpTest::cleanup()
     COMPARE_SOON(qMax(ProcessState::descriptors(), allowedDescriptors), allowedDescriptors);
 }
 
-void HttpTest::cleanupTestCase()
-{
-    device.reset();
-}
-
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_HttpTest.cpp"

@@ -8,10 +8,12 @@
 #include <QtNetwork/QNetworkAccessManager>
 #include <QtNetwork/QNetworkReply>
 
+#include <vector>
+
 namespace Velmora {
 namespace Tests {
 
-/// A control point whose network access the test uses in the control point's place.
+/// A control point that does not handle its replies, so that the test can.
 class Fetcher
 {
 public:
@@ -24,28 +26,24 @@ public:
     QNetworkAccessManager& network;
 };
 
-/// One GET, and what the control point would have been handed.
+/// One GET. It records what a control point would get.
 class Fetch : public QObject
 {
     Q_OBJECT
 
 public:
     Fetch(QNetworkAccessManager& network, const QUrl& url);
-    ~Fetch() override;
+    ~Fetch() override { delete reply; }
 
-    /// How often the network access and the reply have emitted finished().
-    int finishes = 0;
-    int replyFinishes = 0;
-    /// Whether one of them did so inside get().
-    bool finishedInGet = false;
-    /// What could be read at the first of them.
-    QByteArray body;
+    int finishes = 0; ///< How often the network access has emitted finished().
+    int replyFinishes = 0; ///< How often the reply has emitted finished().
+    bool finishedInGet = false; ///< Whether one of them was emitted inside get().
+    QByteArray body; ///< What could be read at the first finished().
     bool failed = false;
-
     QPointer<QNetworkReply> reply;
 
 Q_SIGNALS:
-    /// Emitted where the control point handles a reply: inside the network access's finished().
+    /// Emitted inside the first finished() of the network access, where a control point handles the reply.
     void handled();
 
 private:
@@ -54,60 +52,53 @@ private:
     bool isInGet = true;
 };
 
+using Fetches = std::vector<std::unique_ptr<Fetch>>;
+
 /**
- * The library's HTTP client against a device that sends what the test says. Each test fails when Qt
- * prints anything, or when a descriptor stays open after it.
+ * A test of the library's HTTP client with a scripted device. The test fails if Qt prints anything, or if more
+ * descriptors are open after the test than before.
  */
 class HttpTest : public WireTest
 {
     Q_OBJECT
 
 public:
-    using WireTest::WireTest;
-
-    /// What a device does with a connection once it has sent its reply.
+    /// What the device does with the connection after its reply.
     enum End { Stay, Close, Reset };
+    Q_ENUM(End)
 
     /// A short body, of eight bytes.
     static const QByteArray BODY;
 
 protected:
-    /// A URL of the device, or of another one that listens on the same port.
-    static QUrl url(const char* path = "/desc.xml", const char* host = "10.77.1.1");
+    /// Returns a URL of the device, or of another one with the same port.
+    static QUrl url(const QByteArray& path = "/desc.xml", const char* host = "10.77.1.1");
 
-    /**
-     * Answers every request with @p segments until @p fetch has finished. Each segment waits until the
-     * library has read the one before it. Returns whether the fetch has finished.
-     */
+    /// Answers every request with @p segments until @p fetch has finished. Waits until the library has read each
+    /// segment. Returns whether the fetch has finished.
     bool serve(const QList<QByteArray>& segments, End end, const Fetch& fetch);
-
-    /// The connection of the only request for @p path. Null if it never comes.
-    Connection* requestFor(const char* path = "/desc.xml") const;
 
     /// Ends @p connection, unless @p end is Stay.
     static void endWith(Connection* connection, End end);
 
-    /// Sends @p segments, unless the library closes the connection meanwhile.
-    static void send(Connection* connection, const QList<QByteArray>& segments);
+    /// Sends @p segments until the library closes the connection.
+    static void sendSegments(Connection* connection, const QList<QByteArray>& segments);
 
     /// Waits until the library has closed every connection to the device.
     bool allCloses() const;
 
-    /// The same, and whether @p fetch has finished once by then.
+    /// Waits like allCloses(). Returns whether @p fetch has then finished exactly once.
     bool hasFinishedOnce(const Fetch& fetch) const;
 
 protected Q_SLOTS:
     void initTestCase();
     void init();
     void cleanup();
-    void cleanupTestCase();
+    void cleanupTestCase() { device.reset(); }
 
 protected:
-    /// How many of the device's requests serve() has answered.
-    int served = 0;
-
-    /// How many descriptors may be open after the test.
-    int allowedDescriptors = 0;
+    int served = 0; ///< The number of requests that serve() has answered.
+    int allowedDescriptors = 0; ///< How many descriptors may be open after the test.
 
 private:
     std::unique_ptr<KeptMessages> messages;

@@ -8,41 +8,49 @@
 namespace Velmora {
 namespace Tests {
 
-/// Keeps what Qt prints in any thread, for as long as it lives. One at a time.
+/// A message that Qt prints.
+struct KeptMessage
+{
+    QtMsgType type;
+    QByteArray category;
+    QString text;
+};
+
+/// Keeps the messages that Qt prints in any thread while this object exists. Only one may exist at a time.
 class KeptMessages
 {
 public:
     KeptMessages()
         : before(qInstallMessageHandler(keep))
     {
-        kept().clear();
+        kept.clear();
     }
     ~KeptMessages() { qInstallMessageHandler(before); }
     Q_DISABLE_COPY(KeptMessages)
 
+    QList<KeptMessage> messages() const
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return kept;
+    }
+
     QStringList texts() const
     {
-        const std::lock_guard<std::mutex> lock(mutex());
-        return kept();
+        QStringList result;
+        for (const KeptMessage& message : messages())
+            result << message.text;
+        return result;
     }
 
 private:
-    static std::mutex& mutex()
+    static void keep(QtMsgType type, const QMessageLogContext& context, const QString& text)
     {
-        static std::mutex instance;
-        return instance;
-    }
-    static QStringList& kept()
-    {
-        static QStringList instance;
-        return instance;
-    }
-    static void keep(QtMsgType, const QMessageLogContext&, const QString& text)
-    {
-        const std::lock_guard<std::mutex> lock(mutex());
-        kept() << text;
+        const std::lock_guard<std::mutex> lock(mutex);
+        kept.append({type, context.category, text});
     }
 
+    static inline std::mutex mutex;
+    static inline QList<KeptMessage> kept;
     QtMessageHandler before;
 };
 

@@ -11,17 +11,16 @@
 namespace Velmora {
 namespace Tests {
 
-/// The IPv4 sockets in the network namespace of the calling thread, each as "10.77.0.1:49152", all sorted.
+/// The IPv4 sockets in the network namespace of the calling thread. Each is a text, as "10.77.0.1:49152".
 namespace KernelTables {
 
-/// The lines of a file of the namespace.
 inline QList<QByteArray> linesOf(const char* name)
 {
     QFile file("/proc/thread-self/net/"_s + name);
     return file.open(QIODevice::ReadOnly) ? file.readAll().split('\n') : QList<QByteArray>();
 }
 
-/// The kernel prints an IPv4 address as the number that its bytes make in this machine's order.
+/// The kernel writes an IPv4 address as a number in the byte order of the machine.
 inline QString addressOf(const QByteArray& hexadecimal)
 {
     return QHostAddress(qFromBigEndian(hexadecimal.toUInt(nullptr, 16))).toString();
@@ -42,19 +41,19 @@ inline QStringList socketsOf(const char* table, const QByteArray& state)
     return result;
 }
 
-/// The UDP sockets that are bound and not connected.
+/// Returns the UDP sockets that are bound but not connected.
 inline QStringList udpSockets()
 {
     return socketsOf("udp", "07");
 }
 
-/// The TCP sockets that listen.
+/// Returns the TCP sockets that listen.
 inline QStringList tcpListeners()
 {
     return socketsOf("tcp", "0A");
 }
 
-/// How many sockets are members of the group of SSDP, as "host0 x 1" for each interface.
+/// Returns how many sockets are members of the SSDP group, as "host0 x 1" for each interface.
 inline QStringList groupMembers()
 {
     QStringList result;

@@ -16,7 +16,6 @@ template <typename Name, auto Member> struct Granted
     friend constexpr auto memberOf(Name) { return Member; }
 };
 
-// An explicit instantiation may name a private member.
 #define VELMORA_GRANT(member)                                                                                     \
     struct member                                                                                                 \
     {                                                                                                             \
@@ -44,10 +43,8 @@ VELMORA_GRANT(updateStateVariables)
 } // namespace Access
 
 /**
- * What a control point keeps to itself, for the tests that feed it without a network or count what it
- * holds. The private slots are called through the meta-object; private members are reached through
- * explicit template instantiations, in which the language does not check access, so the library needs
- * no friend and is compiled as hosts get it.
+ * The private members of a control point. The library needs no friend, because explicit instantiations of
+ * templates may name private members.
  *
  * @code
  * ManagerAccess access(manager);
@@ -55,7 +52,8 @@ VELMORA_GRANT(updateStateVariables)
  * QCOMPARE(access.devices().size(), 1);
  * @endcode
  *
- * Lives no longer than the manager; the lists and maps are the manager's own and may be changed.
+ * It must not outlive the control point. Its lists and tables are those of the control point, which a test may
+ * change.
  */
 class ManagerAccess
 {
@@ -86,6 +84,16 @@ public:
         (manager.*memberOf(Access::addSsdpDevice()))(address, location);
     }
 
+    /// Adds a record that no datagram has announced.
+    SSDP::SsdpDevice* addRecord(const QList<SSDP::SsdpService*>& services, const QString& location = QString())
+    {
+        auto* const device = new SSDP::SsdpDevice;
+        device->location = location;
+        device->services = services;
+        devices().append(device);
+        return device;
+    }
+
     SSDP::SsdpService* getServiceFromHeader(const QString& header)
     {
         return (manager.*memberOf(Access::getServiceFromHeader()))(header);
@@ -96,7 +104,7 @@ public:
         (manager.*memberOf(Access::updateStateVariables()))(service, xml);
     }
 
-    /// Handles @p reply as if the manager's network access had finished it.
+    /// Handles @p reply as if the network access had finished it.
     void onReplyFinished(QNetworkReply* reply)
     {
         QMetaObject::invokeMethod(&manager, "onReplyFinished", Qt::DirectConnection, Q_ARG(QNetworkReply*, reply));

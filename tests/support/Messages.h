@@ -8,19 +8,16 @@
 namespace Velmora {
 namespace Tests {
 
-/// The messages of a device. UPnP Device Architecture 1.1: search reply 1.3.3, descriptions 2.3 and 2.5,
-/// events 4.3.
-/// @{
+// The messages of a device. UPnP Device Architecture 1.1: search reply 1.3.3, descriptions 2.3 and 2.5,
+// events 4.3.
 
 const char KEY_OBJECT_TYPE[] = "urn:schemas-velmora-it:service:keyobjects:1";
 
-/// A reply to a search.
 inline QByteArray searchReply(const QByteArray& location)
 {
     return "HTTP/1.1 200 OK\r\nLOCATION: " + location + "\r\nST: upnp:rootdevice\r\n\r\n";
 }
 
-/// An announcement to the group.
 inline QByteArray announcement(const QByteArray& location)
 {
     return "NOTIFY * HTTP/1.1\r\nHOST: 239.255.255.250:1900\r\nCACHE-CONTROL: max-age=1800\r\nLOCATION: "
@@ -34,7 +31,7 @@ inline QByteArray reply(const QByteArray& body)
         + "\r\nCONTENT-TYPE: text/xml\r\n\r\n" + body;
 }
 
-/// A service of a device description. The default is the key-object service.
+/// By default, the key-object service.
 inline QByteArray serviceElement(const QByteArray& type = KEY_OBJECT_TYPE, const QByteArray& scpdUrl = "/scpd.xml",
                                  const QByteArray& eventSubUrl = "/event")
 {
@@ -43,14 +40,12 @@ inline QByteArray serviceElement(const QByteArray& type = KEY_OBJECT_TYPE, const
         + "</SCPDURL><controlURL>/control</controlURL><eventSubURL>" + eventSubUrl + "</eventSubURL></service>";
 }
 
-/// A device description with these service elements.
 inline QByteArray deviceDescription(const QByteArray& services = serviceElement())
 {
     return "<?xml version=\"1.0\"?>\n<root xmlns=\"urn:schemas-upnp-org:device-1-0\"><device><serviceList>"
         + services + "</serviceList></device></root>";
 }
 
-/// A service description with these state variables.
 inline QByteArray serviceDescription(const QList<QByteArray>& names = {"KO"})
 {
     QByteArray variables;
@@ -60,27 +55,23 @@ inline QByteArray serviceDescription(const QList<QByteArray>& names = {"KO"})
         + variables + "</serviceStateTable></scpd>";
 }
 
-/// A reply to a subscription.
 inline QByteArray subscriptionReply()
 {
     return "HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\nTIMEOUT: Second-120\r\n"
            "CONTENT-LENGTH: 0\r\n\r\n";
 }
 
-/// A property of an event.
 inline QByteArray eventProperty(const QByteArray& name, const QByteArray& value)
 {
     return "<e:property><" + name + ">" + value + "</" + name + "></e:property>";
 }
 
-/// An event with these properties.
 inline QByteArray propertySet(const QByteArray& properties)
 {
     return "<?xml version=\"1.0\"?>\n<e:propertyset xmlns:e=\"urn:schemas-upnp-org:event-1-0\">" + properties
         + "</e:propertyset>";
 }
 
-/// An event of one property.
 inline QByteArray eventBody(const QByteArray& name, const QByteArray& value)
 {
     return propertySet(eventProperty(name, value));
@@ -93,8 +84,6 @@ inline QByteArray eventHead(const QByteArray& path, const QByteArray& contentLen
         + "NTS: upnp:propchange\r\n"
         + (contentLength.isNull() ? QByteArray() : "CONTENT-LENGTH: " + contentLength + "\r\n") + "\r\n";
 }
-
-/// @}
 
 } // namespace Tests
 } // namespace Velmora

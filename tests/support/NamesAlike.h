@@ -12,8 +12,9 @@
 namespace Velmora {
 namespace Tests {
 
-/// Names that Qt 5 hashes alike whatever the seed: its hash is a CRC, in which to change a set of bits
-/// changes the result by the same bits in every name. What cancels out there makes the next name.
+/// Returns different names that have the same hash on Qt 5, with every seed. The hash is a CRC: if some bits of a
+/// name are changed, the same bits of the hash change, whatever the name is. The names differ in changes that
+/// cancel out.
 inline std::vector<std::string> namesAlike(size_t count)
 {
     const std::string base(14, 'H');
@@ -22,7 +23,7 @@ inline std::vector<std::string> namesAlike(size_t count)
     };
     const auto changed = [&base](quint64 mask) {
         std::string name = base;
-        // Four bits a letter that leave it one.
+        // A letter stays a letter if any of these four bits change.
         for (size_t i = 0; i < name.size() * 4; ++i) {
             if ((mask >> i) & 1)
                 name[i / 4] = static_cast<char>(name[i / 4] ^ "\x01\x02\x04\x20"[i % 4]);
@@ -59,7 +60,7 @@ inline std::vector<std::string> namesAlike(size_t count)
     return names;
 }
 
-/// So many different names, which Qt 5 hashes alike if @p areAlike.
+/// Returns @p count different names. If @p areAlike is true, they have the same hash on Qt 5.
 inline QList<QByteArray> manyNames(int count, bool areAlike = false)
 {
     QList<QByteArray> result;
@@ -70,7 +71,7 @@ inline QList<QByteArray> manyNames(int count, bool areAlike = false)
     return result;
 }
 
-/// An event with these names as its variables.
+/// Returns an event with these variables.
 inline QByteArray eventOf(const QList<QByteArray>& names)
 {
     QByteArray properties;

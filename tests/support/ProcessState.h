@@ -12,7 +12,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// What the test program holds and has used, as the kernel says.
+/// What the test program holds and has used.
 namespace ProcessState {
 
 inline int entriesOf(const char* folder)
@@ -31,7 +31,7 @@ inline int threads()
     return entriesOf("/proc/self/task");
 }
 
-/// How long the calling thread has had a processor, in microseconds.
+/// Returns the processor time of the calling thread, in microseconds.
 inline qint64 processorTime()
 {
     timespec time = {};
@@ -39,28 +39,25 @@ inline qint64 processorTime()
     return static_cast<qint64>(time.tv_sec) * 1000000 + time.tv_nsec / 1000;
 }
 
-/// The number of the next descriptor, which is the lowest one that is free.
+/// Returns the next descriptor. It is the lowest free number.
 inline int nextDescriptor()
 {
     const int probe = open("/", O_PATH | O_CLOEXEC);
     if (probe == -1)
-        throw std::runtime_error("there is no descriptor left");
+        throw std::runtime_error("no descriptor is free");
     close(probe);
     return probe;
 }
 
-/// Lets the process have only so many descriptors, for as long as it lives.
+/// Limits the descriptors of the process while it exists.
 class DescriptorLimit
 {
 public:
     explicit DescriptorLimit(int count)
-        : before()
     {
-        rlimit limit = {};
         if (getrlimit(RLIMIT_NOFILE, &before) != 0)
             throw std::runtime_error("the limit of the descriptors cannot be read");
-        limit = before;
-        limit.rlim_cur = static_cast<rlim_t>(count);
+        const rlimit limit = {static_cast<rlim_t>(count), before.rlim_max};
         if (setrlimit(RLIMIT_NOFILE, &limit) != 0)
             throw std::runtime_error("the descriptors cannot be limited");
     }
@@ -69,7 +66,7 @@ public:
     DescriptorLimit& operator=(const DescriptorLimit&) = delete;
 
 private:
-    rlimit before;
+    rlimit before = {};
 };
 
 } // namespace ProcessState

@@ -4,7 +4,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// Whether this build has AddressSanitizer, which takes time and keeps what was freed.
+/// Whether this build has AddressSanitizer. It takes time and keeps freed memory.
 #if defined(__SANITIZE_ADDRESS__)
 const bool SANITIZED = true;
 #elif defined(__has_feature)

@@ -26,43 +26,34 @@ void require(bool done, const char* what)
         throw std::runtime_error(std::string("the scripted device cannot ") + what);
 }
 
-/// The two addresses of a connection, as the descriptor of one of its ends has them.
-struct Addresses
+template <typename Value> void setIpOption(const QUdpSocket& socket, int option, const Value& value)
 {
-    explicit Addresses(int descriptor)
-    {
-        socklen_t length = sizeof own;
-        isConnected =
-            getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &length) == 0 && own.sin_family == AF_INET;
-        length = sizeof peer;
-        isConnected = isConnected && getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &length) == 0;
-    }
+    const int descriptor = static_cast<int>(socket.socketDescriptor());
+    require(setsockopt(descriptor, IPPROTO_IP, option, &value, sizeof value) == 0, "set an option of a socket");
+}
 
-    bool areOfOtherEnd(const Addresses& other) const
-    {
-        return isConnected && other.isConnected && equal(own, other.peer) && equal(peer, other.own);
-    }
+/// Returns the address and port of one end of a connection. @p name is getsockname() or getpeername(). Returns 0
+/// if there is no connection.
+quint64 endOf(int descriptor, int (*name)(int, sockaddr*, socklen_t*))
+{
+    sockaddr_in end = {};
+    socklen_t length = sizeof end;
+    if (name(descriptor, reinterpret_cast<sockaddr*>(&end), &length) != 0 || end.sin_family != AF_INET)
+        return 0;
+    return (static_cast<quint64>(end.sin_addr.s_addr) << 16) + end.sin_port;
+}
 
-    static bool equal(const sockaddr_in& left, const sockaddr_in& right)
-    {
-        return left.sin_addr.s_addr == right.sin_addr.s_addr && left.sin_port == right.sin_port;
-    }
-
-    sockaddr_in own = {};
-    sockaddr_in peer = {};
-    bool isConnected;
-};
-
-/// The library's end of the connection whose end here is @p descriptor; -1 if it is closed. The library is
-/// in this process. The kernel's table of connections takes some milliseconds to read.
+/// Returns the descriptor of the library's end of a connection, or -1 if it is closed. The library is in this
+/// process. The kernel's table of connections would take milliseconds to read.
 int libraryEnd(int descriptor)
 {
-    const Addresses here(descriptor);
+    const quint64 here = endOf(descriptor, getsockname);
+    const quint64 there = endOf(descriptor, getpeername);
     const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/fd"), closedir);
     require(folder != nullptr, "list the descriptors");
     while (const dirent* const entry = readdir(folder.get())) {
         const int candidate = QByteArray(entry->d_name).toInt();
-        if (here.areOfOtherEnd(Addresses(candidate)))
+        if (endOf(candidate, getsockname) == there && endOf(candidate, getpeername) == here)
             return candidate;
     }
     return -1;
@@ -76,21 +67,29 @@ Connection::Connection(QTcpSocket* socket, QObject* parent)
 {
     socket->setParent(this);
     socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-    connect(socket, &QTcpSocket::readyRead, this, [this] {
-        received += this->socket->readAll();
-        Q_EMIT arrived();
-    });
+    connect(socket, &QTcpSocket::readyRead, this, &Connection::read);
+}
+
+void Connection::read()
+{
+    const QByteArray bytes = socket->readAll();
+    received += bytes;
+    unfinished += bytes;
+    // The lines of a GET end with CR LF, those of a subscription with LF.
+    for (const char* const end : {"\r\n\r\n", "\n\n"}) {
+        int position = 0;
+        while ((position = static_cast<int>(unfinished.indexOf(end))) != -1) {
+            const QByteArray request = unfinished.left(position + static_cast<int>(qstrlen(end)));
+            unfinished.remove(0, static_cast<int>(request.size()));
+            Q_EMIT requested(request);
+        }
+    }
 }
 
 void Connection::send(const QByteArray& bytes)
 {
     socket->write(bytes);
     socket->flush();
-}
-
-void Connection::close()
-{
-    socket->disconnectFromHost();
 }
 
 void Connection::reset()
@@ -100,74 +99,51 @@ void Connection::reset()
     socket->abort();
 }
 
-bool Connection::isOpen() const
-{
-    return socket->state() == QAbstractSocket::ConnectedState;
-}
-
 bool Connection::wasRead() const
 {
     const int descriptor = static_cast<int>(socket->socketDescriptor());
-    int unacknowledged = -1;
-    if (!isOpen() || socket->bytesToWrite() > 0 || ioctl(descriptor, SIOCOUTQ, &unacknowledged) != 0
-        || unacknowledged != 0)
+    int bytes = -1;
+    if (!isOpen() || socket->bytesToWrite() > 0 || ioctl(descriptor, SIOCOUTQ, &bytes) != 0 || bytes != 0)
         return false;
-    int waiting = -1;
     const int end = libraryEnd(descriptor);
-    return end != -1 && ioctl(end, FIONREAD, &waiting) == 0 && waiting == 0;
+    return end != -1 && ioctl(end, FIONREAD, &bytes) == 0 && bytes == 0;
 }
 
 ScriptedDevice::ScriptedDevice(PrivateNetwork& network, const QString& address, quint16 port)
-    : address(address)
+    : network(network)
+    , address(address)
     , port(port)
-    , network(network)
 {
     group.setProxy(QNetworkProxy::NoProxy);
     sender.setProxy(QNetworkProxy::NoProxy);
     server.setProxy(QNetworkProxy::NoProxy);
 
     const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
-    require(group.bind(QHostAddress(QHostAddress::AnyIPv4), 1900,
-                       QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint),
-            "bind to port 1900");
-    ip_mreq membership = {};
-    membership.imr_multiaddr.s_addr = inet_addr(GROUP);
-    membership.imr_interface.s_addr = htonl(this->address.toIPv4Address());
-    require(setsockopt(static_cast<int>(group.socketDescriptor()), IPPROTO_IP, IP_ADD_MEMBERSHIP, &membership,
-                       sizeof membership)
-                == 0,
-            "join the group");
-
+    const auto shared = QUdpSocket::ShareAddress | QUdpSocket::ReuseAddressHint;
+    require(group.bind(QHostAddress(QHostAddress::AnyIPv4), 1900, shared), "bind to port 1900");
+    const in_addr own = {htonl(this->address.toIPv4Address())};
+    const ip_mreq membership = {{inet_addr(GROUP)}, own};
+    setIpOption(group, IP_ADD_MEMBERSHIP, membership);
     require(sender.bind(this->address), "bind to its address");
-    const int descriptor = static_cast<int>(sender.socketDescriptor());
-    const unsigned char noLoop = 0;
-    require(setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_IF, &membership.imr_interface,
-                       sizeof membership.imr_interface)
-                    == 0
-                && setsockopt(descriptor, IPPROTO_IP, IP_MULTICAST_LOOP, &noLoop, sizeof noLoop) == 0,
-            "send to the group");
+    setIpOption(sender, IP_MULTICAST_IF, own);
+    setIpOption(sender, IP_MULTICAST_LOOP, 0);
     require(server.listen(this->address, port), "listen");
 
     connect(&group, &QUdpSocket::readyRead, this, &ScriptedDevice::readDatagrams);
     connect(&server, &QTcpServer::newConnection, this, &ScriptedDevice::accept);
 }
 
-void ScriptedDevice::script(const QByteArray& requestStart, const QByteArray& bytes)
-{
-    scripts.prepend({requestStart, bytes});
-}
-
 void ScriptedDevice::answer(const QByteArray& bytes)
 {
-    require(!searches.isEmpty(), "answer before it was searched");
+    require(!searches.isEmpty(), "answer before a search");
     require(sender.writeDatagram(bytes, searches.last().sender, searches.last().port) == bytes.size(),
-            "answer the search");
+            "answer a search");
 }
 
 void ScriptedDevice::announce(const QByteArray& bytes)
 {
     require(sender.writeDatagram(bytes, QHostAddress(QLatin1String(GROUP)), 1900) == bytes.size(),
-            "announce itself");
+            "send to the group");
 }
 
 Connection* ScriptedDevice::connectTo(const QHostAddress& host, quint16 hostPort)
@@ -196,28 +172,17 @@ void ScriptedDevice::forget()
     for (const QPointer<Connection>& connection : accepted)
         delete connection;
     accepted.clear();
-    handled.clear();
     searches.clear();
     requests.clear();
     scripts.clear();
 }
 
-void ScriptedDevice::stopListening()
-{
-    server.close();
-}
-
 const Connection* ScriptedDevice::holdConnections()
 {
-    // A queue for none holds one.
+    // A queue of length 0 holds one connection.
     server.pauseAccepting();
     require(::listen(static_cast<int>(server.socketDescriptor()), 0) == 0, "shorten its queue");
     return connectTo(address, port);
-}
-
-void ScriptedDevice::takeConnections()
-{
-    server.resumeAccepting();
 }
 
 void ScriptedDevice::readDatagrams()
@@ -235,33 +200,17 @@ void ScriptedDevice::accept()
     while (server.hasPendingConnections()) {
         Connection* const connection = new Connection(server.nextPendingConnection(), this);
         accepted.append(connection);
-        connect(connection, &Connection::arrived, this, [this, connection] { readRequests(connection); });
-    }
-}
-
-void ScriptedDevice::readRequests(Connection* connection)
-{
-    for (;;) {
-        const int begin = handled.value(connection);
-        int length = 4;
-        int end = static_cast<int>(connection->received.indexOf("\r\n\r\n", begin));
-        if (end == -1) {
-            length = 2;
-            end = static_cast<int>(connection->received.indexOf("\n\n", begin));
-        }
-        if (end == -1)
-            return;
-        handled.insert(connection, end + length);
-        const QByteArray request = connection->received.mid(begin, end + length - begin);
-        requests.append({request, connection});
-        for (const auto& script : scripts) {
-            if (request.startsWith(script.first)) {
-                connection->send(script.second);
-                break;
+        connect(connection, &Connection::requested, this, [this, connection](const QByteArray& request) {
+            requests.append({request, connection});
+            for (const auto& script : scripts) {
+                if (request.startsWith(script.first))
+                    return connection->send(script.second);
             }
-        }
+        });
     }
 }
 
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_ScriptedDevice.cpp"

@@ -3,7 +3,6 @@
 
 #include <simulator/PrivateNetwork.h>
 
-#include <QtCore/QHash>
 #include <QtCore/QList>
 #include <QtCore/QObject>
 #include <QtCore/QPointer>
@@ -15,47 +14,48 @@
 namespace Velmora {
 namespace Tests {
 
-/// One TCP connection between a device and the library, whichever of them opened it.
+/// The device's end of a TCP connection to the library.
 class Connection : public QObject
 {
     Q_OBJECT
 
 public:
-    /// Takes over @p socket, which belongs to the device side.
     Connection(QTcpSocket* socket, QObject* parent);
 
     void send(const QByteArray& bytes);
 
-    /// Ends it with FIN, as a device does that is done.
-    void close();
+    /// Ends the connection with FIN.
+    void close() { socket->disconnectFromHost(); }
 
-    /// Ends it with RST, as a device does that loses its power and comes back.
+    /// Ends the connection with RST, like a device that has lost its power.
     void reset();
 
-    /// Ends it with RST if @p hard, else with FIN.
+    /// Ends the connection with RST if @p hard is true, else with FIN.
     void end(bool hard) { hard ? reset() : close(); }
 
-    bool isOpen() const;
+    bool isOpen() const { return socket->state() == QAbstractSocket::ConnectedState; }
 
-    /// Whether the library has taken everything that was sent out of the kernel's receive queue and
-    /// keeps the connection open.
+    /// Returns whether the library has read everything that was sent and keeps the connection open.
     bool wasRead() const;
 
-    /// Every byte that came, in the order in which it came.
+    /// Every byte that was received.
     QByteArray received;
 
 Q_SIGNALS:
-    void arrived();
+    /// A request was received. It ends at its first empty line.
+    void requested(const QByteArray& request);
 
 private:
+    void read();
+
     QTcpSocket* socket;
+    QByteArray unfinished; ///< The beginning of the next request.
 };
 
 /**
- * A device that knows nothing of UPnP: it records the bytes that come and sends those it was given.
+ * A device that does not know UPnP. It records what it receives, and sends what the test says.
  *
- * It listens to the group, and to TCP on one port. A request ends at its first empty line; a request
- * that begins as one of the scripted replies says is answered at once, any other is left waiting.
+ * It listens to the group and on one TCP port. It answers only the requests that have a script.
  */
 class ScriptedDevice : public QObject
 {
@@ -75,12 +75,16 @@ public:
         QPointer<Connection> connection;
     };
 
-    ScriptedDevice(Simulator::PrivateNetwork& network, const QString& address, quint16 port);
+    explicit ScriptedDevice(Simulator::PrivateNetwork& network,
+                            const QString& address = QLatin1String("10.77.1.1"), quint16 port = 8080);
 
-    /// Sends @p bytes for every request that begins with @p requestStart from now on.
-    void script(const QByteArray& requestStart, const QByteArray& bytes);
+    /// From now on, answers every request that begins with @p requestStart with @p bytes.
+    void script(const QByteArray& requestStart, const QByteArray& bytes)
+    {
+        scripts.prepend({requestStart, bytes});
+    }
 
-    /// Sends a datagram to where the last search came from.
+    /// Sends a datagram to the sender of the last search.
     void answer(const QByteArray& bytes);
 
     /// Sends a datagram to the group.
@@ -89,24 +93,22 @@ public:
     /// Opens a connection to the library.
     Connection* connectTo(const QHostAddress& host, quint16 hostPort);
 
-    /// The requests that begin with @p start, oldest first.
+    /// Returns the requests that begin with @p start. The oldest is the first.
     QList<Request> requestsFor(const QByteArray& start) const;
 
-    /// Closes every connection and forgets what came and what was scripted.
+    /// Closes every connection. Forgets what was received and the scripts.
     void forget();
 
-    /// Refuses connections from now on; those that exist stay.
-    void stopListening();
+    /// From now on, refuses connections. Those that are open stay open.
+    void stopListening() { server.close(); }
 
-    /// Leaves connections without an answer from now on, as a device does whose queue is full.
-    /// Returns the connection that fills it, which is the device's own at both ends.
+    /// From now on, does not react to attempts to connect, because its queue is full. Returns the connection that
+    /// fills the queue. Both ends of it belong to the device.
     const Connection* holdConnections();
 
-    /// Answers them again; the peer's kernel tries again every second or two.
-    void takeConnections();
+    /// Ends holdConnections(). The kernel of the library tries to connect again every second or two.
+    void takeConnections() { server.resumeAccepting(); }
 
-    QHostAddress address;
-    quint16 port;
     QList<Datagram> searches;
     QList<Request> requests;
     QList<QPointer<Connection>> accepted;
@@ -114,13 +116,13 @@ public:
 private:
     void readDatagrams();
     void accept();
-    void readRequests(Connection* connection);
 
     Simulator::PrivateNetwork& network;
+    const QHostAddress address;
+    const quint16 port;
     QUdpSocket group;
     QUdpSocket sender;
     QTcpServer server;
-    QHash<Connection*, int> handled;
     QList<QPair<QByteArray, QByteArray>> scripts;
 };
 

@@ -6,6 +6,25 @@
 namespace Velmora {
 namespace Tests {
 
+/**
+ * The table of a data-driven test.
+ *
+ * @code
+ * const Table<QByteArray, int> row("body", "services");
+ * row("no service", deviceDescription(""), 0);
+ * @endcode
+ */
+template <typename... Cells> class Table
+{
+public:
+    template <typename... Names> explicit Table(Names... names) { (QTest::addColumn<Cells>(names), ...); }
+
+    void operator()(const QByteArray& name, const Cells&... cells) const
+    {
+        (QTest::newRow(name.constData()) << ... << cells);
+    }
+};
+
 /// Adds the columns of the table of a test: addColumns<QString, int>("command", "status").
 template <typename... Cells, typename... Names> void addColumns(const Names&... names)
 {

@@ -1,5 +1,6 @@
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
+
+#include <tests/support/Literals.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -10,10 +11,15 @@ namespace Tests {
 
 using Simulator::PrivateNetwork;
 
+static PrivateNetwork* ownNetwork = nullptr;
+
+WireTest::WireTest()
+    : WireTest(*ownNetwork)
+{
+}
+
 WireTest::WireTest(PrivateNetwork& network)
     : network(network)
-    , timeouts(0)
-    , links(0)
 {
 }
 
@@ -25,7 +31,7 @@ QString WireTest::addLink(const char* hostAddress, const char* firstDeviceAddres
 
 bool WireTest::waitUntil(const std::function<bool()>& condition)
 {
-    // The tick is for what makes no event of its own: the kernel's receive queues.
+    // The kernel's receive queues cause no event when they change.
     QTimer tick;
     tick.start(2);
     QElapsedTimer elapsed;
@@ -48,6 +54,21 @@ std::unique_ptr<SSDP::Ssdp> WireTest::newController(int timeout)
             });
     connect(controller.get(), &SSDP::Ssdp::timeoutExpired, this, [this] { ++timeouts; });
     return controller;
+}
+
+void WireTest::makeController(int timeout)
+{
+    ssdp = newController(timeout);
+    reports.clear();
+    timeouts = 0;
+    CapturedLog::clear();
+}
+
+void WireTest::makeDevice(const char* address, quint16 port)
+{
+    // Two cannot listen on the same port.
+    device.reset();
+    device = std::make_unique<ScriptedDevice>(network, QLatin1String(address), port);
 }
 
 bool WireTest::search()
@@ -86,9 +107,16 @@ bool WireTest::findDevice()
     return search() && beFound();
 }
 
-ManagerAccess WireTest::manager() const
+Connection* WireTest::requestFor(const QByteArray& start) const
 {
-    return ManagerAccess(*ssdp->findChild<SSDP::SsdpManager*>());
+    const bool came = waitUntil([&] { return device->requestsFor(start).size() == 1; });
+    return came ? device->requestsFor(start).at(0).connection.data() : nullptr;
+}
+
+bool WireTest::send(Connection* connection, const QByteArray& bytes)
+{
+    connection->send(bytes);
+    return waitUntil([&] { return connection->wasRead(); });
 }
 
 bool WireTest::nothingIsListed() const
@@ -97,32 +125,17 @@ bool WireTest::nothingIsListed() const
         && manager().responseContentLengths().isEmpty() && manager().responseBuffers().isEmpty();
 }
 
-QStringList WireTest::log()
-{
-    return CapturedLog::all();
-}
-
 WireTest::Callback WireTest::callbackOf(const QByteArray& request)
 {
-    const QByteArray start("CALLBACK: <http://");
-    const int begin = static_cast<int>(request.indexOf(start) + start.size());
-    const int colon = static_cast<int>(request.indexOf(':', begin));
-    const int slash = static_cast<int>(request.indexOf('/', colon));
-    const int end = static_cast<int>(request.indexOf('>', slash));
-    return {QHostAddress(QString::fromLatin1(request.mid(begin, colon - begin))),
-            request.mid(colon + 1, slash - colon - 1).toUShort(), request.mid(slash, end - slash)};
-}
-
-WireTest::Callback WireTest::callback() const
-{
-    return callbackOf(device->requestsFor("SUBSCRIBE ").last().bytes);
+    static const QRegularExpression field("CALLBACK: <http://(.*):(.*)(/.*)>");
+    const auto match = field.match(QString::fromLatin1(request));
+    return {QHostAddress(match.captured(1)), match.captured(2).toUShort(), match.captured(3).toLatin1()};
 }
 
 Connection* WireTest::sendHead(const Callback& to, const QByteArray& contentLength)
 {
-    Connection* const connection = device->connectTo(to.host, to.port);
-    connection->send(eventHead(to.path, contentLength));
-    return waitUntil([&] { return connection->wasRead(); }) ? connection : nullptr;
+    Connection* const connection = connectTo(to);
+    return send(connection, eventHead(to.path, contentLength)) ? connection : nullptr;
 }
 
 bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
@@ -137,7 +150,12 @@ bool WireTest::sendEvent(const Callback& to, const QByteArray& body)
 bool WireTest::sendLastEvent()
 {
     return sendEvent(callback(), eventBody("KO", "77,1"))
-        && waitUntil([&] { return reports.contains("77,1 at 10.77.1.1"); });
+        && waitUntil([&] { return reports.contains(LAST_REPORT); });
+}
+
+QStringList WireTest::allReports()
+{
+    return sendLastEvent() ? reports : reports + QStringList{"the last event was not reported"};
 }
 
 void WireTest::initTestCase()
@@ -148,11 +166,8 @@ void WireTest::initTestCase()
 
 void WireTest::init()
 {
-    device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
-    ssdp = newController(60000);
-    reports.clear();
-    timeouts = 0;
-    CapturedLog::clear();
+    makeDevice();
+    makeController();
 }
 
 void WireTest::cleanup()
@@ -164,7 +179,9 @@ void WireTest::cleanup()
 std::unique_ptr<PrivateNetwork> makeNetworkOrExit()
 {
     try {
-        return std::make_unique<PrivateNetwork>();
+        auto network = std::make_unique<PrivateNetwork>();
+        ownNetwork = network.get();
+        return network;
     } catch (const std::runtime_error& error) {
         std::fprintf(stderr, "No private network: %s\n", error.what());
         std::exit(qgetenv("VELMORA_REQUIRE_NETWORK") == "1" ? 1 : 77);
@@ -173,3 +190,5 @@ std::unique_ptr<PrivateNetwork> makeNetworkOrExit()
 
 } // namespace Tests
 } // namespace Velmora
+
+#include "moc_WireTest.cpp"

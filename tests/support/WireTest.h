@@ -7,6 +7,7 @@
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/Messages.h>
 #include <tests/support/ScriptedDevice.h>
+#include <tests/support/Table.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QStringList>
@@ -15,10 +16,10 @@
 #include <functional>
 #include <memory>
 
-/// As QVERIFY, once an event has made it true.
+/// QVERIFY that waits until an event has made @p condition true.
 #define VERIFY_SOON(condition) QVERIFY(waitUntil([&] { return (condition); }))
 
-/// As QCOMPARE, once an event has made both equal.
+/// QCOMPARE that waits until an event has made both equal.
 #define COMPARE_SOON(actual, expected)                                                                            \
     do {                                                                                                          \
         waitUntil([&] { return (actual) == (expected); });                                                        \
@@ -28,53 +29,86 @@
 namespace Velmora {
 namespace Tests {
 
+const char LOCATION[] = "http://10.77.1.1:8080/desc.xml";
+
+/// A test that lets the library find a device at LAST_LOCATION knows that it has read every earlier datagram.
+const char LAST_LOCATION[] = "http://10.77.1.1:8080/last";
+
+/// The report of WireTest::sendLastEvent().
+const char LAST_REPORT[] = "77,1 at 10.77.1.1";
+
+/// The log line for a description that does not parse. The body follows.
+const char REPLY_NOT_PARSED[] = "1|void Velmora::SSDP::SsdpManager::handleServerResponse(QNetworkReply*)|"
+                                "Could not parse server response|";
+
 /**
- * The library against a scripted device, over a private network: host 10.77.0.1, devices 10.77.1.1 to
- * 10.77.1.3, and a route to the groups on the host. Each test begins with an idle controller, a device
- * at 10.77.1.1:8080 and an empty log.
+ * A test of the library with a scripted device in a private network. The host is 10.77.0.1. The devices are
+ * 10.77.1.1 to 10.77.1.3. Each test begins with an idle controller, a device at 10.77.1.1:8080 and an empty log.
  */
 class WireTest : public QObject
 {
     Q_OBJECT
 
 public:
+    /// Uses the network of makeNetworkOrExit().
+    WireTest();
     explicit WireTest(Simulator::PrivateNetwork& network);
 
 protected:
-    /// Joins the sides as PrivateNetwork::addLink() does. Returns the name of the host's interface.
+    /// Calls PrivateNetwork::addLink(). Returns the name of the host's interface.
     QString addLink(const char* hostAddress, const char* firstDeviceAddress, int deviceAddresses = 1);
 
-    /// Handles events until @p condition holds. Returns whether it did in the end.
+    /// Handles events until @p condition is true. Returns false if it is not true after 20 seconds.
     static bool waitUntil(const std::function<bool()>& condition);
 
-    /// A controller whose reports and time-outs are written to the lists below.
+    /// Returns a controller. Its signals are recorded in reports and timeouts.
     std::unique_ptr<SSDP::Ssdp> newController(int timeout);
 
-    /// Starts a discovery and waits for its search to reach the device.
+    /// Replaces the controller by a new one, and forgets the log and what earlier ones have reported.
+    void makeController(int timeout = 60000);
+
+    /// Replaces the device by a new one, which has no script.
+    void makeDevice(const char* address = "10.77.1.1", quint16 port = 8080);
+
+    /// Starts a discovery. Waits until its search reaches the device.
     bool search();
 
-    /// Lets the device be found at @p location and waits for the request for its description.
-    bool answerSearch(const QByteArray& location = "http://10.77.1.1:8080/desc.xml");
+    /// Answers the search with @p location. Waits for the request for the description.
+    bool answerSearch(const QByteArray& location = LOCATION);
 
-    /// Gives the device a description with one key-object service with the variable KO.
+    /// Scripts a device with one key-object service, which has the variable KO.
     void scriptDevice();
 
-    /// Lets the scripted device be found and waits until its subscription was answered.
+    /// Answers the search. Waits until the library has closed the connection of its subscription.
     bool beFound();
 
-    /// All of it: searches, lets the device be found and its subscription be answered.
+    /// Calls search(), scriptDevice() and beFound().
     bool findDevice();
 
-    /// What the controller's first control point holds.
-    ManagerAccess manager() const;
+    /// Waits for the only request that begins with @p start. Returns its connection, or null.
+    Connection* requestFor(const QByteArray& start) const;
 
-    /// Whether the first control point has no connection of a subscription or an event.
+    /// Sends @p bytes. Returns whether the library has read them and keeps the connection open.
+    static bool send(Connection* connection, const QByteArray& bytes);
+
+    /// The first control point of the controller, and its members.
+    SSDP::SsdpManager* controlPoint() const { return ssdp->findChild<SSDP::SsdpManager*>(); }
+    ManagerAccess manager() const { return ManagerAccess(*controlPoint()); }
+
+    /// Its first device, and the first service of this device.
+    SSDP::SsdpDevice* record() const { return manager().devices().at(0); }
+    SSDP::SsdpService* service() const { return record()->services.at(0); }
+
+    /// The timer of the discovery.
+    QTimer* timer() const { return ssdp->findChild<QTimer*>(); }
+
+    /// Returns whether the first control point lists no connection of a subscription or an event.
     bool nothingIsListed() const;
 
-    /// The log so far: "0|piece|piece" and so on, one text for each line.
-    static QStringList log();
+    /// Returns the log. Each line is a text, as "0|piece|piece".
+    static QStringList log() { return CapturedLog::all(); }
 
-    /// Where the subscription @p request asks for events: host, port and path.
+    /// The host, port and path to which a subscription requests events.
     struct Callback
     {
         QHostAddress host;
@@ -83,24 +117,31 @@ protected:
     };
     static Callback callbackOf(const QByteArray& request);
 
-    /// The callback of the last subscription that reached the device.
-    Callback callback() const;
+    /// Returns the callback of the last subscription.
+    Callback callback() const { return callbackOf(device->requestsFor("SUBSCRIBE ").last().bytes); }
 
-    /// Opens an event connection, sends the head and waits until it was read. Null if it was not.
+    /// Opens a connection to the event server.
+    Connection* connectTo(const Callback& to) { return device->connectTo(to.host, to.port); }
+
+    /// Opens an event connection and sends the head. Returns null if it is not read.
     Connection* sendHead(const Callback& to, const QByteArray& contentLength);
 
-    /// Sends an event as devices do, in two chunks. Returns whether the library closed it without an answer.
+    /// Sends an event as devices do, the body in a second segment. Returns whether the library closes the
+    /// connection without an answer.
     bool sendEvent(const Callback& to, const QByteArray& body);
 
-    /// Sends an event with KO = 77,1 and waits for its report: what was sent before it has had its turn.
+    /// Sends an event with KO = 77,1 and waits for LAST_REPORT. So the library has read what was sent before.
     bool sendLastEvent();
+
+    /// Calls sendLastEvent(). Returns all reports.
+    QStringList allReports();
 
     Simulator::PrivateNetwork& network;
     std::unique_ptr<ScriptedDevice> device;
     std::unique_ptr<SSDP::Ssdp> ssdp;
     QStringList reports;
-    int timeouts;
-    int links;
+    int timeouts = 0;
+    int links = 0;
 
 protected Q_SLOTS:
     void initTestCase();
@@ -108,16 +149,16 @@ protected Q_SLOTS:
     void cleanup();
 };
 
-/// The private network of a test program; ends the program where there can be none.
+/// Returns the private network of a test program. If there cannot be one, ends the program.
 std::unique_ptr<Simulator::PrivateNetwork> makeNetworkOrExit();
 
-/// The main() of a wire test: the network comes before the first thread, so before the application.
+/// Defines main(). PrivateNetwork must exist before the first thread, so before the application.
 #define VELMORA_WIRE_TEST_MAIN(TestClass)                                                                         \
     int main(int argc, char** argv)                                                                               \
     {                                                                                                             \
         const auto network = Velmora::Tests::makeNetworkOrExit();                                                 \
         const QCoreApplication application(argc, argv);                                                           \
-        TestClass test(*network);                                                                                 \
+        TestClass test;                                                                                           \
         return QTest::qExec(&test, argc, argv);                                                                   \
     }
 

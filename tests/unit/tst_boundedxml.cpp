@@ -1,17 +1,16 @@
 #include <ssdp/BoundedXml.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using Velmora::SSDP::isWithinXmlBounds;
 using Velmora::SSDP::parseXml;
 
 namespace {
 
-// A hundred times what the slowest build needs; whatever takes the square of the length needs hours.
+// A hundred times what the slowest build needs. In quadratic time, it would take hours.
 const qint64 MAX_DECISION_MS = 5000;
 
 QString nested(int levels, const QString& innermost = QString())
@@ -33,47 +32,42 @@ class BoundedXmlTest : public QObject
 {
     Q_OBJECT
 
-private:
-    /// Rows with names, and rows of which the text is the name.
-    static void textRows(const QList<QPair<const char*, QString>>& rows, const QList<QByteArray>& texts = {})
+    static void eachText(const Table<QString>& row, const QList<QByteArray>& texts)
     {
-        QTest::addColumn<QString>("text");
-        for (const auto& row : rows)
-            QTest::newRow(row.first) << row.second;
         for (const QByteArray& text : texts)
-            QTest::newRow(text.constData()) << QString(text);
+            row(text, text);
     }
 
 private Q_SLOTS:
     void whatIsWithinTheBoundsIsParsedAsQtParsesIt_data()
     {
-        textRows(
-            {
-                {"128 levels", nested(128)},
-                {"an empty element at level 128", nested(127, "<b/>"_s)},
-                {"128 levels twice", "<r>" + nested(127).repeated(2) + "</r>"},
-                {"128 levels with text", nested(128, "x"_s)},
-                {"many empty elements at level 128", nested(127, "<b/>"_s.repeated(1000))},
-                {"256 attributes", withAttributes(256)},
-                {"256 attributes in apostrophes", withAttributes(256, '\'')},
-                {"256 attributes twice", "<r>" + withAttributes(256).repeated(2) + "</r>"},
-                {"100,000 elements in a row", "<r>" + "<a/>"_s.repeated(100000) + "</r>"},
-                {"100,000 elements with text", "<r>" + "<a>x</a>"_s.repeated(100000) + "</r>"},
-                {"a comment with tags", "<a><!-- " + nested(500) + " --></a>"},
-                {"a comment with start tags only", "<a><!-- " + "<b>"_s.repeated(500) + " --></a>"},
-                {"CDATA with start tags", "<a><![CDATA[" + "<b>"_s.repeated(500) + "]]></a>"},
-                {"an instruction with start tags", "<a><?b " + "<b>"_s.repeated(500) + "?></a>"},
-                {"a comment with 1,000 quotes", "<a><!-- <b " + "\"x\" "_s.repeated(1000) + "--></a>"},
-                {"text with 1,000 quotes", "<a>" + "\"x\""_s.repeated(1000) + "</a>"},
-                {"a text of 4 MB", "<a>" + "x"_s.repeated(4000000) + "</a>"},
-            },
-            listOf(
-                "<a/>", "<a>x</a>", "<?xml version=\"1.0\"?><a/>", "<?xml version='1.0' encoding='utf-8'?>\n<a/>",
-                "<!DOCTYPE a><a/>", "<!DOCTYPE a SYSTEM \"a.dtd\"><a/>",
-                "<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>", "<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>",
-                "<!-- <!DOCTYPE a [ --><a/>", "<a><![CDATA[<!DOCTYPE a []>]]></a>", "<?b <!DOCTYPE a [ ?><a/>",
-                "<a b='>\">\">\"' c=\"'>'>'\">x</a>", "<a>[x]</a>", "<e:propertyset><e:property/></e:propertyset>",
-                "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>", "<a\n b = 'x'\t>\n</a\n>"));
+        const Table<QString> row("text");
+        row("128 levels", nested(128));
+        row("an empty element at level 128", nested(127, "<b/>"_s));
+        row("128 levels twice", "<r>" + nested(127).repeated(2) + "</r>");
+        row("128 levels with text", nested(128, "x"_s));
+        row("many empty elements at level 128", nested(127, "<b/>"_s.repeated(1000)));
+        row("256 attributes", withAttributes(256));
+        row("256 attributes in apostrophes", withAttributes(256, '\''));
+        row("256 attributes twice", "<r>" + withAttributes(256).repeated(2) + "</r>");
+        row("100,000 elements in a row", "<r>" + "<a/>"_s.repeated(100000) + "</r>");
+        row("100,000 elements with text", "<r>" + "<a>x</a>"_s.repeated(100000) + "</r>");
+        row("a comment with tags", "<a><!-- " + nested(500) + " --></a>");
+        row("a comment with start tags only", "<a><!-- " + "<b>"_s.repeated(500) + " --></a>");
+        row("CDATA with start tags", "<a><![CDATA[" + "<b>"_s.repeated(500) + "]]></a>");
+        row("an instruction with start tags", "<a><?b " + "<b>"_s.repeated(500) + "?></a>");
+        row("a comment with 1,000 quotes", "<a><!-- <b " + "\"x\" "_s.repeated(1000) + "--></a>");
+        row("text with 1,000 quotes", "<a>" + "\"x\""_s.repeated(1000) + "</a>");
+        row("a text of 4 MB", "<a>" + "x"_s.repeated(4000000) + "</a>");
+        eachText(row,
+                 listOf("<a/>", "<a>x</a>", "<?xml version=\"1.0\"?><a/>",
+                        "<?xml version='1.0' encoding='utf-8'?>\n<a/>", "<!DOCTYPE a><a/>",
+                        "<!DOCTYPE a SYSTEM \"a.dtd\"><a/>", "<!DOCTYPE a PUBLIC \"-//A//B\" 'a.dtd'><a/>",
+                        "<!DOCTYPE a SYSTEM \"a[b]>.dtd\"><a/>", "<!-- <!DOCTYPE a [ --><a/>",
+                        "<a><![CDATA[<!DOCTYPE a []>]]></a>", "<?b <!DOCTYPE a [ ?><a/>",
+                        "<a b='>\">\">\"' c=\"'>'>'\">x</a>", "<a>[x]</a>",
+                        "<e:propertyset><e:property/></e:propertyset>",
+                        "<root xmlns=\"urn:schemas-upnp-org:device-1-0\"/>", "<a\n b = 'x'\t>\n</a\n>"));
     }
 
     void whatIsWithinTheBoundsIsParsedAsQtParsesIt()
@@ -89,29 +83,28 @@ private Q_SLOTS:
 
     void whatIsOutOfBoundsIsNotParsed_data()
     {
-        textRows(
-            {
-                {"129 levels", nested(129)},
-                {"an empty element at level 129", nested(128, "<b/>"_s)},
-                {"an empty element with a space at level 129", nested(128, "<b />"_s)},
-                {"an element with attributes at level 129", nested(128, "<b c='d'/>"_s)},
-                {"129 levels after a flat part", "<r>" + "<a/>"_s.repeated(1000) + nested(128) + "</r>"},
-                {"129 levels after 128", "<r>" + nested(127) + nested(128) + "</r>"},
-                {"257 attributes", withAttributes(257)},
-                {"257 attributes in apostrophes", withAttributes(257, '\'')},
-                {"257 attributes deep inside", nested(100, withAttributes(257))},
-            },
-            listOf("<!DOCTYPE a []><a/>", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>",
-                   "<!DOCTYPE a [<!ELEMENT a ANY>]><a/>", "<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>",
-                   "<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>", "<!DOCTYPE a\n[\n]\n>\n<a/>",
-                   "<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>", "<?xml version=\"1.0\"?><!DOCTYPE a []><a/>"));
+        const Table<QString> row("text");
+        row("129 levels", nested(129));
+        row("an empty element at level 129", nested(128, "<b/>"_s));
+        row("an empty element with a space at level 129", nested(128, "<b />"_s));
+        row("an element with attributes at level 129", nested(128, "<b c='d'/>"_s));
+        row("129 levels after a flat part", "<r>" + "<a/>"_s.repeated(1000) + nested(128) + "</r>");
+        row("129 levels after 128", "<r>" + nested(127) + nested(128) + "</r>");
+        row("257 attributes", withAttributes(257));
+        row("257 attributes in apostrophes", withAttributes(257, '\''));
+        row("257 attributes deep inside", nested(100, withAttributes(257)));
+        eachText(row,
+                 listOf("<!DOCTYPE a []><a/>", "<!DOCTYPE a [<!ENTITY b 'c'>]><a>&b;</a>",
+                        "<!DOCTYPE a [<!ELEMENT a ANY>]><a/>", "<!DOCTYPE a [<!ATTLIST a b CDATA 'c'>]><a/>",
+                        "<!DOCTYPE a SYSTEM \"a.dtd\" [<!ENTITY b 'c'>]><a/>", "<!DOCTYPE a\n[\n]\n>\n<a/>",
+                        "<!-- <!DOCTYPE a> --><!DOCTYPE a []><a/>", "<?xml version=\"1.0\"?><!DOCTYPE a []><a/>"));
     }
 
     void whatIsOutOfBoundsIsNotParsed()
     {
         QFETCH(const QString, text);
         QVERIFY(!isWithinXmlBounds(text));
-        QVERIFY2(static_cast<bool>(QDomDocument().setContent(text)), "the bound is to be all that refuses it");
+        QVERIFY2(static_cast<bool>(QDomDocument().setContent(text)), "only the bound may refuse it");
         QDomDocument document;
         QVERIFY(!parseXml(document, text));
         QVERIFY(document.isNull());
@@ -130,7 +123,8 @@ private Q_SLOTS:
 
     void decoyNeitherHidesNorFakesDepth_data()
     {
-        textRows({},
+        const Table<QString> row("text");
+        eachText(row,
                  listOf("<!-- x -->", "<!-- </r></a> -->", "<!-- \" -->", "<!-- ' -->", "<!-- > -> - > -->",
                         "<!-- <![CDATA[ -->", "<!-- <? -->", "<!---->", "<![CDATA[x]]>",
                         "<![CDATA[</a></a></a>]]>", "<![CDATA[<!--]]>", "<![CDATA[\"]]>", "<![CDATA[]]]]>",
@@ -148,7 +142,7 @@ private Q_SLOTS:
         QFETCH(const QString, text);
         QDomDocument document;
         const QString before = "<r>" + text + nested(128) + "</r>";
-        // What Qt's parser would take is refused before the parser.
+        // A text that Qt's parser accepts is refused before the parser.
         if (static_cast<bool>(document.setContent(before)))
             QVERIFY(!isWithinXmlBounds(before));
         QVERIFY(!parseXml(document, before));
@@ -160,21 +154,20 @@ private Q_SLOTS:
 
     void hostileDocumentsAreRefusedBeforeTheParser_data()
     {
-        // A parser that takes a quoted value would go into the depth before it finds an error.
-        textRows({
-            {"a comment in the declaration", "<?xml version=\"?><!-- \"?>" + nested(129)},
-            {"a comment in the declaration, closed after it",
-             "<?xml version=\"?><!-- \"?>" + nested(129) + "<!-- -->"},
-            {"a comment in the encoding", "<?xml version='1.0' encoding='?><!-- '?>" + nested(129) + "<!-- -->"},
-            {"CDATA in the declaration", "<?xml version=\"?><a><![CDATA[ \"?>" + nested(129) + "<!-- ]]></a> -->"},
-            {"a single quote in the declaration", "<?xml version=\"1.0\" ' ?>" + nested(129)},
-            {"a million levels", nested(1000000)},
-            {"a million start tags", "<a>"_s.repeated(1000000)},
-            {"400,000 attributes", withAttributes(400000)},
-            {"an element declaration of 100,000 brackets", "<!DOCTYPE a [<!ELEMENT a " + "("_s.repeated(100000)},
-            {"an entity referenced 20,000 times",
-             "<!DOCTYPE a [<!ENTITY b '" + "x"_s.repeated(4000) + "'>]><a>" + "&b;"_s.repeated(20000) + "</a>"},
-        });
+        // A parser that accepts a quoted value here would parse all levels before it finds an error.
+        const Table<QString> row("text");
+        row("a comment in the declaration", "<?xml version=\"?><!-- \"?>" + nested(129));
+        row("a comment in the declaration, closed after it",
+            "<?xml version=\"?><!-- \"?>" + nested(129) + "<!-- -->");
+        row("a comment in the encoding", "<?xml version='1.0' encoding='?><!-- '?>" + nested(129) + "<!-- -->");
+        row("CDATA in the declaration", "<?xml version=\"?><a><![CDATA[ \"?>" + nested(129) + "<!-- ]]></a> -->");
+        row("a single quote in the declaration", "<?xml version=\"1.0\" ' ?>" + nested(129));
+        row("a million levels", nested(1000000));
+        row("a million start tags", "<a>"_s.repeated(1000000));
+        row("400,000 attributes", withAttributes(400000));
+        row("an element declaration of 100,000 brackets", "<!DOCTYPE a [<!ELEMENT a " + "("_s.repeated(100000));
+        row("an entity referenced 20,000 times",
+            "<!DOCTYPE a [<!ENTITY b '" + "x"_s.repeated(4000) + "'>]><a>" + "&b;"_s.repeated(20000) + "</a>");
     }
 
     void hostileDocumentsAreRefusedBeforeTheParser()

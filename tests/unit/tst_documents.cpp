@@ -1,19 +1,17 @@
 #include <ssdp/Documents.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-/// What the documents of a device say.
+/// How the documents of a device are read.
 class DocumentsTest : public QObject
 {
     Q_OBJECT
 
-private:
     static QDomDocument parsed(const QString& text)
     {
         QDomDocument document;
@@ -22,8 +20,8 @@ private:
         return document;
     }
 
-    /// Services as their texts in the order of the record, joined by "|"; then the names of state variables;
-    /// then properties as "name=value".
+    /// Returns the services, the state variables and the properties. A service is its texts, joined by "|". A
+    /// property is "name=value".
     static QStringList allThatSays(const QDomDocument& document)
     {
         QStringList result;
@@ -43,36 +41,32 @@ private:
 private Q_SLOTS:
     void nameSpaceSaysTheKind_data()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<int>("kind");
-        const auto add = [](const char* name, const char* text, Documents::Kind kind) {
-            QTest::newRow(name) << QString(text) << int(kind);
-        };
+        const Table<QString, int> row("text", "kind");
         const auto device = Documents::DeviceDescription;
         const auto service = Documents::ServiceDescription;
         const auto other = Documents::Other;
-        add("device", "<root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
-        add("device of another version", "<root xmlns=\"urn:schemas-upnp-org:device-7-5\"/>", device);
-        add("device without a version", "<root xmlns='urn:schemas-upnp-org:device'/>", device);
-        add("service", "<scpd xmlns='urn:schemas-upnp-org:service-1-0'/>", service);
-        add("service without a version", "<scpd xmlns='urn:schemas-upnp-org:service'/>", service);
-        add("scpd of a device", "<scpd xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
-        add("root of a service", "<root xmlns='urn:schemas-upnp-org:service-1-0'/>", service);
-        add("no name space", "<root/>", other);
-        add("an empty name space", "<root xmlns=''/>", other);
-        add("another name space", "<root xmlns='urn:schemas-upnp-org:event-1-0'/>", other);
-        add("a shorter one", "<root xmlns='urn:schemas-upnp-org:devic'/>", other);
-        add("a space before it", "<root xmlns=' urn:schemas-upnp-org:device-1-0'/>", other);
-        add("letter case of the name space", "<root xmlns='URN:schemas-upnp-org:device-1-0'/>", other);
-        add("letter case of the element", "<Root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
-        add("another element", "<html xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
-        add("a prefix", "<d:root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
-        add("a prefix that the name space lacks", "<d:root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
-        add("a name space with a prefix", "<root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
-        add("root within another element", "<a><root xmlns='urn:schemas-upnp-org:device-1-0'/></a>", other);
-        add("a comment before it", "<!-- x --><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
-        add("a declaration", "<?xml version='1.0'?><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
-        add("a DOCTYPE", "<!DOCTYPE root>\n<root xmlns='urn:schemas-upnp-org:device-1-0'/>\n", device);
+        row("device", "<root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        row("device of another version", "<root xmlns=\"urn:schemas-upnp-org:device-7-5\"/>", device);
+        row("device without a version", "<root xmlns='urn:schemas-upnp-org:device'/>", device);
+        row("service", "<scpd xmlns='urn:schemas-upnp-org:service-1-0'/>", service);
+        row("service without a version", "<scpd xmlns='urn:schemas-upnp-org:service'/>", service);
+        row("scpd of a device", "<scpd xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        row("root of a service", "<root xmlns='urn:schemas-upnp-org:service-1-0'/>", service);
+        row("no namespace", "<root/>", other);
+        row("an empty namespace", "<root xmlns=''/>", other);
+        row("another namespace", "<root xmlns='urn:schemas-upnp-org:event-1-0'/>", other);
+        row("a shorter one", "<root xmlns='urn:schemas-upnp-org:devic'/>", other);
+        row("a space before it", "<root xmlns=' urn:schemas-upnp-org:device-1-0'/>", other);
+        row("letter case of the namespace", "<root xmlns='URN:schemas-upnp-org:device-1-0'/>", other);
+        row("letter case of the element", "<Root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
+        row("another element", "<html xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
+        row("a prefix", "<d:root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
+        row("a prefix that the namespace lacks", "<d:root xmlns='urn:schemas-upnp-org:device-1-0'/>", other);
+        row("a namespace with a prefix", "<root xmlns:d='urn:schemas-upnp-org:device-1-0'/>", other);
+        row("root within another element", "<a><root xmlns='urn:schemas-upnp-org:device-1-0'/></a>", other);
+        row("a comment before it", "<!-- x --><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        row("a declaration", "<?xml version='1.0'?><root xmlns='urn:schemas-upnp-org:device-1-0'/>", device);
+        row("a DOCTYPE", "<!DOCTYPE root>\n<root xmlns='urn:schemas-upnp-org:device-1-0'/>\n", device);
     }
 
     void nameSpaceSaysTheKind()
@@ -91,15 +85,11 @@ private Q_SLOTS:
 
     void everyElementIsReadFromItsPlaceOnly_data()
     {
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QStringList>("expected");
-        const auto add = [](const char* name, const QString& text, const QStringList& expected) {
-            QTest::newRow(name) << text << expected;
-        };
+        const Table<QString, QStringList> row("text", "expected");
         const QStringList none;
         const QStringList empty("||||");
         const auto device = [&](const char* name, const QString& text, const QStringList& expected) {
-            add(name, "<root>" + text + "</root>", expected);
+            row(name, "<root>" + text + "</root>", expected);
         };
         const QString list = "<serviceList><service/></serviceList>";
         device("two lists", "<device><serviceList/>" + list + "</device>", none);
@@ -112,7 +102,7 @@ private Q_SLOTS:
         device("no device", list, none);
         device("no list", "<device><service/></device>", none);
         device("a list in another element", "<device><x>" + list + "</x></device>", none);
-        add("scpd in place of root", "<scpd><device>" + list + "</device></scpd>", none);
+        row("scpd in place of root", "<scpd><device>" + list + "</device></scpd>", none);
 
         const auto services = [&](const char* name, const QString& text, const QStringList& expected) {
             device(name, "<device><serviceList>" + text + "</serviceList></device>", expected);
@@ -145,12 +135,12 @@ private Q_SLOTS:
 
         const QString ko = "<stateVariable><name>KO</name></stateVariable>";
         const QString table = "<serviceStateTable>" + ko + "</serviceStateTable>";
-        add("two tables", "<scpd><serviceStateTable/>" + table + "</scpd>", none);
-        add("other elements of scpd", "<scpd><actionList><action/></actionList>" + table + "</scpd>", {"KO"});
-        add("no table", "<scpd>" + ko + "</scpd>", none);
-        add("root in place of scpd", "<root>" + table + "</root>", none);
+        row("two tables", "<scpd><serviceStateTable/>" + table + "</scpd>", none);
+        row("other elements of scpd", "<scpd><actionList><action/></actionList>" + table + "</scpd>", {"KO"});
+        row("no table", "<scpd>" + ko + "</scpd>", none);
+        row("root in place of scpd", "<root>" + table + "</root>", none);
         const auto variables = [&](const char* name, const QString& text, const QStringList& expected) {
-            add(name, "<scpd><serviceStateTable>" + text + "</serviceStateTable></scpd>", expected);
+            row(name, "<scpd><serviceStateTable>" + text + "</serviceStateTable></scpd>", expected);
         };
         variables("no variable", "", none);
         variables("variables in document order, repeated ones too",
@@ -165,7 +155,7 @@ private Q_SLOTS:
         variables("a name with spaces", "<stateVariable><name> KO\n</name></stateVariable>", {" KO\n"});
 
         const auto properties = [&](const char* name, const QString& text, const QStringList& expected) {
-            add(name, "<e:propertyset>" + text + "</e:propertyset>", expected);
+            row(name, "<e:propertyset>" + text + "</e:propertyset>", expected);
         };
         properties("no property", "", none);
         properties("one property", "<e:property><KO>1,2</KO></e:property>", {"KO=1,2"});
@@ -174,13 +164,18 @@ private Q_SLOTS:
                    "<e:property><B>3</B></e:property>",
                    {"B=1", "A=2", "B=3"});
         properties("a property without an element", "<e:property>text</e:property>", {"="});
+        properties("text before the element", "<e:property>x<A>1</A></e:property>", {"A=1"});
+        properties("all text within the value", "<e:property><A>1<b>&lt;</b><![CDATA[<c>]]></A></e:property>",
+                   {"A=1<<c>"});
+        properties("letter case of a property", "<e:Property><A>1</A></e:Property>", none);
+        properties("a property in another element", "<x><e:property><A>1</A></e:property></x>", none);
         properties("a property of two elements", "<e:property><A/><B>1</B></e:property>", {"A="});
         properties("a prefix of the variable", "<e:property><u:A>1</u:A></e:property>", {"u:A=1"});
         properties("a value with spaces", "<e:property><A> 1 </A></e:property>", {"A= 1 "});
         properties("another prefix within", "<f:property><A/></f:property>", none);
-        add("another prefix", "<f:propertyset><f:property><A/></f:property></f:propertyset>", none);
-        add("no prefix", "<propertyset><property><A/></property></propertyset>", none);
-        add("a set within", "<a><e:propertyset><e:property><A/></e:property></e:propertyset></a>", none);
+        row("another prefix", "<f:propertyset><f:property><A/></f:property></f:propertyset>", none);
+        row("no prefix", "<propertyset><property><A/></property></propertyset>", none);
+        row("a set within", "<a><e:propertyset><e:property><A/></e:property></e:propertyset></a>", none);
     }
 
     void everyElementIsReadFromItsPlaceOnly()

@@ -1,12 +1,10 @@
 #include <ssdp/HttpFetcher.h>
 #include <ssdp/HttpReader.h>
 #include <tests/support/Literals.h>
-
-#include <QtTest/QtTest>
+#include <tests/support/Table.h>
 
 #include <memory>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
@@ -23,16 +21,10 @@ namespace {
 const int KIB = 1024;
 const int MAX_BODY = 16 * KIB * KIB;
 
-/// What comes of a reply, as a text: @p used bytes belong to it.
-QByteArray outcome(HttpReader::State state, HttpReader::State stateWhenClosed, int status, const QByteArray& body,
-                   bool keepsConnection, qint64 used)
-{
-    const char* const states[] = {"reading the head", "reading the body", "finished", "malformed",
-                                  "out of bounds"};
-    return QByteArray(states[state]) + ", then " + states[stateWhenClosed] + ", status "
-        + QByteArray::number(status) + (keepsConnection ? ", keeps" : ", closes") + ", used "
-        + QByteArray::number(used) + ", body " + body;
-}
+// Outcomes of a reply with BODY, as outcomeOf() writes them.
+const char WHOLE[] = "finished 200, keeps: <a>b</a>";
+const char LAST[] = "finished 200, closes: <a>b</a>";
+const char OPEN[] = "closed 200, closes: <a>b</a>"; ///< The connection ends the body.
 
 QByteArray taken(HttpReader& reader)
 {
@@ -50,19 +42,25 @@ qint64 readSegments(HttpReader& reader, const QByteArray& bytes, qint64 segment)
     return used;
 }
 
-/// Reads the first @p first bytes, then the others in segments.
+/// Reads the first @p first bytes, then the others in segments. Returns the state, the status, whether the
+/// connection can be used again, how many bytes do not belong to the reply, and the body, as in WHOLE.
 QByteArray outcomeOf(const QByteArray& bytes, int first, int segment)
 {
+    const char* const states[] = {"reading the head", "reading the body", "finished", "malformed",
+                                  "out of bounds"};
     HttpReader reader;
     qint64 used = readSegments(reader, bytes.left(first), first + 1);
     used += readSegments(reader, bytes.mid(first), segment);
     const HttpReader::State state = reader.state();
-    const bool keepsConnection = reader.keepsConnection();
+    QByteArray result = reader.keepsConnection() ? ", keeps" : ", closes";
+    if (used != bytes.size())
+        result += ", " + QByteArray::number(bytes.size() - used) + " unread";
     reader.close();
-    return outcome(state, reader.state(), reader.statusCode(), taken(reader), keepsConnection, used);
+    return (reader.state() == state ? states[state] : "closed") + (' ' + QByteArray::number(reader.statusCode()))
+        + result + ": " + taken(reader);
 }
 
-/// In two segments, however it is cut, and byte by byte. A long reply is cut in some places only.
+/// Reads @p bytes byte by byte, and in two segments of every size. A long reply has fewer cuts.
 QList<QByteArray> outcomesOf(const QByteArray& bytes)
 {
     const int size = static_cast<int>(bytes.size());
@@ -72,113 +70,63 @@ QList<QByteArray> outcomesOf(const QByteArray& bytes)
     return result;
 }
 
-void row(const char* name, const QByteArray& bytes, HttpReader::State state, HttpReader::State stateWhenClosed,
-         int status, const QByteArray& body, bool keepsConnection, qint64 used)
+void row(const QByteArray& name, const QByteArray& bytes, const QByteArray& expected)
 {
-    QTest::newRow(name) << bytes << outcome(state, stateWhenClosed, status, body, keepsConnection, used);
+    QTest::newRow(name.constData()) << bytes << expected;
 }
 
-/// A reply that says where it ends, and lets the connection be used again.
-void complete(const char* name, const QByteArray& bytes, const QByteArray& body = BODY, int status = 200,
-              int rest = 0)
-{
-    row(name, bytes, HttpReader::Finished, HttpReader::Finished, status, body, true, bytes.size() - rest);
-}
-
-void whole(const char* name, const QByteArray& bytes)
-{
-    complete(name, bytes);
-}
-
-/// A reply that says where it ends, after which the connection is closed.
-void last(const char* name, const QByteArray& bytes)
-{
-    row(name, bytes, HttpReader::Finished, HttpReader::Finished, 200, BODY, false, bytes.size());
-}
-
-/// A reply that ends with the connection.
-void closed(const char* name, const QByteArray& bytes, const QByteArray& body = BODY, int status = 200)
-{
-    row(name, bytes, HttpReader::ReadingBody, HttpReader::Finished, status, body, false, bytes.size());
-}
-
-void open(const char* name, const QByteArray& bytes)
-{
-    closed(name, bytes);
-}
-
-/// A reply of which the end is missing.
-void cut(const char* name, const QByteArray& bytes, HttpReader::State state, int status,
-         const QByteArray& body = "")
-{
-    row(name, bytes, state, state, status, body, false, bytes.size());
-}
-
-void unfinished(const char* name, const QByteArray& bytes)
-{
-    cut(name, bytes, HttpReader::ReadingBody, 200, BODY);
-}
-
-void malformed(const char* name, const QByteArray& bytes, int rest, int status = 0, const QByteArray& body = "")
-{
-    row(name, bytes, HttpReader::Malformed, HttpReader::Malformed, status, body, false, bytes.size() - rest);
-}
-
-/// For each of @p texts a row that is named as it: "*" in @p pattern is the text.
-template <typename Row> void each(Row add, const QByteArray& pattern, const QList<QByteArray>& texts)
+/// Adds a row for each of @p texts. The text replaces "*" in @p pattern and names the row.
+void each(const QByteArray& pattern, const QByteArray& expected, const QList<QByteArray>& texts)
 {
     for (const QByteArray& text : texts)
-        add(std::unique_ptr<char[]>(QTest::toString(text)).get(), QByteArray(pattern).replace('*', text));
+        row(std::unique_ptr<char[]>(QTest::toString(text)).get(), QByteArray(pattern).replace('*', text),
+            expected);
 }
 
 } // namespace
 
-/// The request of HTTP, and its replies, whatever the segments in which they come.
+/// The request of the HTTP client, and how it reads replies.
 class HttpReaderTest : public QObject
 {
     Q_OBJECT
 
-private:
     static void headRows()
     {
-        each(whole, "*" + BODY,
+        each("*" + BODY, WHOLE,
              listOf("HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\r\n", "HTTP/1.1 200 OK\nContent-Length: 8\n\n",
                     "HTTP/1.1 200 OK\nContent-Length: 8\r\n\r\n", "HTTP/1.1 200 OK\r\nContent-Length: 8\n\n",
                     "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n\n", "HTTP/1.1 200 OK\nContent-Length: 8\n\r\n",
                     "HTTP/1.1 200 OK\r\nContent-Length: 8\r\n \r\n\r\n"));
-        each(whole, "*" + OK + LENGTH, listOf("\r\n", "\n", "\r\n\r\n\r\n", "\r\n\n", " ", " \t\r\n"));
-        cut("nothing", "", HttpReader::ReadingHead, 0);
-        cut("no head", BODY, HttpReader::ReadingHead, 0);
-        cut("a status line without an end", "HTTP/1.1 200", HttpReader::ReadingHead, 0);
-        cut("a head without an end", OK + "A: b\r\n", HttpReader::ReadingHead, 200);
-        malformed("a head of fields only", "Content-Length: 8\r\n", 0, 8);
+        each("*" + OK + LENGTH, WHOLE, listOf("\r\n", "\n", "\r\n\r\n\r\n", "\r\n\n", " ", " \t\r\n"));
+        row("nothing", "", "reading the head 0, closes: ");
+        row("no head", BODY, "reading the head 0, closes: ");
+        row("a status line without an end", "HTTP/1.1 200", "reading the head 0, closes: ");
+        row("a head without an end", OK + "A: b\r\n", "reading the head 200, closes: ");
+        row("a head of fields only", "Content-Length: 8\r\n", "malformed 8, closes: ");
 
-        each(whole, "*\r\n" + LENGTH,
+        each("*\r\n" + LENGTH, WHOLE,
              listOf("HTTP/1.1 200 ", "HTTP/1.1 200", "HTTP/1.1 200 This is all I have",
                     "HTTP/1.1 200 \xdc\x62\x65r", "HTTP/1.1 200 O\0K"_ba, "HTTP/1.1 200 " + QByteArray(10000, 'x'),
                     "HTTP/1.1 200   OK", "HTTP/1.1 200 OK   ", "HTTP/1.1   200   OK", "http/1.1 200 OK",
                     "Http/1.1 200 OK", "HTTP/1.2 200 OK", "HTTP/1.9 200 OK", "HTTP/0.9 200 OK"));
-        each(last, "*\r\n" + LENGTH, listOf("HTTP/1.0 200 OK", "HTTP/2.0 200 OK"));
-        const auto refused = [](const char* name, const QByteArray& line) { malformed(name, line, 0); };
-        each(refused, "*\r\n",
+        each("*\r\n" + LENGTH, LAST, listOf("HTTP/1.0 200 OK", "HTTP/2.0 200 OK"));
+        each("*\r\n", "malformed 0, closes: ",
              listOf("<a>", "200 OK", "HTTP/1.1", "HTTP/1.1 ", "HTTP/1.1 OK", "HTTP/1.1 200x OK",
                     "HTTP/1.1 99999999999 OK"));
-        malformed("another protocol", "ICY 200 OK\r\n", 0, 200);
-        malformed("another protocol with a version", "RTSP/1.0 200 OK\r\n", 0, 200);
+        row("another protocol", "ICY 200 OK\r\n", "malformed 200, closes: ");
+        row("another protocol with a version", "RTSP/1.0 200 OK\r\n", "malformed 200, closes: ");
 
         for (const char* const status : {"0", "20", "99", "1000", "0200", "+200", "-200"})
-            complete(status, "HTTP/1.1 "_ba + status + " X\r\n" + LENGTH, BODY, atoi(status));
-        for (const int status : {204, 304}) {
-            const QByteArray line = "HTTP/1.1 " + QByteArray::number(status) + " X\r\n";
-            const auto none = [&](const char* name, const QByteArray& bytes) {
-                complete(name, bytes, "", status);
-            };
-            each(none, line + "*\r\n",
+            row(status, "HTTP/1.1 "_ba + status + " X\r\n" + LENGTH,
+                "finished " + QByteArray::number(atoi(status)) + ", keeps: <a>b</a>");
+        for (const QByteArray& status : {"204"_ba, "304"_ba}) {
+            const QByteArray line = "HTTP/1.1 " + status + " X\r\n";
+            each(line + "*\r\n", "finished " + status + ", keeps: ",
                  listOf("", "Content-Length: 0\r\n", "Content-Length: 8\r\n", "Transfer-Encoding: chunked\r\n"));
-            complete("a body with a status that has none", line + LENGTH, "", status, 8);
+            row("a body after a status without one", line + LENGTH, "finished " + status + ", keeps, 8 unread: ");
         }
 
-        each(whole, "*" + OK + LENGTH,
+        each("*" + OK + LENGTH, WHOLE,
              listOf(INTERIM, "HTTP/1.1 100 Continue\r\nServer: x\r\nX: y\r\n\r\n", "HTTP/1.1 100\r\n\r\n",
                     "HTTP/1.1 100 Continue\n\n", "HTTP/1.0 100 Continue\r\n\r\n", INTERIM.repeated(3),
                     "HTTP/1.1 100 Continue\r\nContent-Length: 5\r\n\r\n",
@@ -187,17 +135,17 @@ private:
                     "HTTP/1.1 101 Switching Protocols\r\nUpgrade: x\r\n\r\n", "HTTP/1.1 102 Processing\r\n\r\n",
                     "HTTP/1.1 103 Early Hints\r\nLink: </a>; rel=preload\r\n\r\n", "HTTP/1.1 199 X\r\n\r\n",
                     INTERIM + "HTTP/1.1 102 Processing\r\n\r\nHTTP/1.1 103 Early Hints\nX: y\n\n"));
-        complete("interim reply before 404", INTERIM + "HTTP/1.1 404 No\r\n" + LENGTH, BODY, 404);
-        closed("interim reply before one without a length", INTERIM + OK + "\r\n" + BODY);
-        complete("interim reply before a chunked one", INTERIM + CHUNKED + CHUNKS);
-        cut("interim reply alone", INTERIM, HttpReader::ReadingHead, 0);
-        cut("interim reply and half of a reply", INTERIM + OK + "Content-Le", HttpReader::ReadingHead, 200);
+        row("interim reply before 404", INTERIM + "HTTP/1.1 404 No\r\n" + LENGTH, "finished 404, keeps: <a>b</a>");
+        row("interim reply before one without a length", INTERIM + OK + "\r\n" + BODY, OPEN);
+        row("interim reply before a chunked one", INTERIM + CHUNKED + CHUNKS, WHOLE);
+        row("interim reply alone", INTERIM, "reading the head 0, closes: ");
+        row("interim reply and half of a reply", INTERIM + OK + "Content-Le", "reading the head 200, closes: ");
     }
 
     static void fieldRows()
     {
         each(
-            whole, OK + "*" + LENGTH,
+            OK + "*" + LENGTH, WHOLE,
             listOf("X: a\r\n b\r\n", "X: a\r\n\tb\r\n", "X: a\r\n b\r\n   c\r\n", " X: y\r\n",
                    "X: y\r\n Content-Length: 3\r\n", "Content-Length 9\r\n", "Content-LengthX: 9\r\n", "hello\r\n",
                    ": hello\r\n", "X:\r\n", ":\r\n", "X:: y\r\n", "X: a\rb\r\n", "X\xe9: \xff\xfe\r\n",
@@ -211,65 +159,68 @@ private:
                    "Content-Type: text/xml; charset=\"utf-16\"\r\n", "Content-Encoding: gzip\r\n",
                    "Content-Encoding:\r\n", "Transfer-Encoding: identity\r\n", "Transfer-Encoding:\r\n",
                    "SERVER: Linux/1 UPnP/1.1 x/2\r\nEXT:\r\nCONTENT-LANGUAGE: en\r\nCACHE-CONTROL: no-cache\r\n"));
-        each(last, OK + "*" + LENGTH,
+        each(OK + "*" + LENGTH, LAST,
              listOf("Connection: close\r\n", "CONNECTION: Close\r\n", "Connection: x, Close\r\n",
                     "Proxy-Connection: close\r\n"));
-        each(whole, "HTTP/1.0 200 OK\r\n*" + LENGTH,
+        each("HTTP/1.0 200 OK\r\n*" + LENGTH, WHOLE,
              listOf("Connection: Keep-Alive\r\n", "Proxy-Connection: keep-alive\r\n"));
 
-        each(whole, OK + "*\r\n\r\n" + BODY,
+        each(OK + "*\r\n\r\n" + BODY, WHOLE,
              listOf("content-length: 8", "CONTENT-LENGTH: 8", "cOnTeNt-LeNgTh: 8", "Content-Length : 8",
                     "Content-Length\t: 8", "Content-Length \t: 8", "Content-Length:8", "Content-Length:\r\n 8",
                     "Content-Length:\r\n\t8", "Content-Length: 0008", "Content-Length:    8   ",
                     "Content-Length:\t8\t", "Content-Length: +8", "Content-Length: 8\0"_ba,
                     "Content-Length: 8\r\nContent-Length: 8", "Content-Length: 8\r\nContent-Length: 4",
                     "Content-Length: 8\r\nContent-Length: 80"));
-        complete("a folded length, lines end in LF", "HTTP/1.1 200 OK\nContent-Length:\n 8\n\n" + BODY);
-        complete("length 0", OK + "Content-Length: 0\r\n\r\n", "");
-        complete("length 0 and a body", OK + "Content-Length: 0\r\n\r\n" + BODY, "", 200, 8);
-        complete("a shorter length", OK + "Content-Length: 4\r\n\r\n" + BODY, BODY.left(4), 200, 4);
-        complete("a shorter length, a longer one", OK + "Content-Length: 4\r\n" + LENGTH, BODY.left(4), 200, 4);
-        complete("a second reply", OK + LENGTH + OK + LENGTH, BODY, 200, static_cast<int>((OK + LENGTH).size()));
-        complete("a line after the body", OK + LENGTH + "\r\n", BODY, 200, 2);
-        each(unfinished, OK + "Content-Length: *\r\n\r\n" + BODY,
+        row("a folded length, lines end in LF", "HTTP/1.1 200 OK\nContent-Length:\n 8\n\n" + BODY, WHOLE);
+        row("length 0", OK + "Content-Length: 0\r\n\r\n", "finished 200, keeps: ");
+        row("length 0 and a body", OK + "Content-Length: 0\r\n\r\n" + BODY, "finished 200, keeps, 8 unread: ");
+        row("a shorter length", OK + "Content-Length: 4\r\n\r\n" + BODY, "finished 200, keeps, 4 unread: <a>b");
+        row("a shorter length, a longer one", OK + "Content-Length: 4\r\n" + LENGTH,
+            "finished 200, keeps, 4 unread: <a>b");
+        row("a second reply", OK + LENGTH + OK + LENGTH, "finished 200, keeps, 46 unread: <a>b</a>");
+        row("a line after the body", OK + LENGTH + "\r\n", "finished 200, keeps, 2 unread: <a>b</a>");
+        each(OK + "Content-Length: *\r\n\r\n" + BODY, "reading the body 200, closes: <a>b</a>",
              listOf("9", "16777217", "2147483647", "4294967304"));
-        each(open, OK + "Content-Length: *\r\n\r\n" + BODY,
+        each(OK + "Content-Length: *\r\n\r\n" + BODY, OPEN,
              listOf("-8", "-1", "-0", "abc", "8abc", "8;", "0x8", "8.0", "8 8", "\"8\"", "", "0 8", "8, 8", "8, 4",
                     "18446744073709551624", "99999999999999999999999999"));
-        each(open, OK + "*\r\n" + BODY,
+        each(OK + "*\r\n" + BODY, OPEN,
              listOf("", "Content-Lengthy: 3\r\n", "X-Content-Length: 3\r\n", "X: y\r\n Content-Length: 3\r\n",
                     "hello\r\n", "Connection: keep-alive\r\n", "Connection: close\r\n",
                     "Transfer-Encoding: gzip\r\n", "Transfer-Encoding: identity\r\n",
                     "Transfer-Encoding: x-chunked\r\n", "Transfer-Encoding: chunkedx\r\n"));
-        closed("HTTP/1.0 without a field, lines end in LF", "HTTP/1.0 200 OK\n\n" + BODY);
-        closed("404 without a length", "HTTP/1.1 404 Not Found\r\n\r\n" + BODY, BODY, 404);
-        closed("no length and no body", OK + "\r\n", "");
+        row("HTTP/1.0 without a field, lines end in LF", "HTTP/1.0 200 OK\n\n" + BODY, OPEN);
+        row("404 without a length", "HTTP/1.1 404 Not Found\r\n\r\n" + BODY, "closed 404, closes: <a>b</a>");
+        row("no length and no body", OK + "\r\n", "closed 200, closes: ");
         QByteArray every(256, '\0');
         for (int i = 0; i < every.size(); ++i)
             every[i] = static_cast<char>(i);
-        complete("every byte in the body", OK + "Content-Length: 256\r\n\r\n" + every, every);
+        row("every byte in the body", OK + "Content-Length: 256\r\n\r\n" + every, "finished 200, keeps: " + every);
     }
 
     static void chunkRows()
     {
-        each(whole, CHUNKED + "*\r\n" + BODY + "\r\n0\r\n\r\n",
+        each(CHUNKED + "*\r\n" + BODY + "\r\n0\r\n\r\n", WHOLE,
              listOf("8", "0008", QByteArray(40, '0') + "8", "8   ", "8\t", "  8", " 8 ;a", "8;a=b",
                     "8;a=\"b;0\";c", "8 ; a = b", "8;", "8;\xe9=\xff", "8;" + QByteArray(1000, 'x'), "+8", "0x8",
                     "\r\n8"));
-        each(whole, CHUNKED + "8\r\n" + BODY + "\r\n*\r\n\r\n",
+        each(CHUNKED + "8\r\n" + BODY + "\r\n*\r\n\r\n", WHOLE,
              listOf("00000", "0  ", "0;c", "0;", "0\r\nX: y", "0\r\nA: b\r\nC: d\r\n e\r\nF: g",
                     "0\r\nContent-Length: 3"));
-        each(whole, CHUNKED + "*",
+        each(CHUNKED + "*", WHOLE,
              listOf("8\n<a>b</a>\n0\n\n", "8\n<a>b</a>\r\n0\r\n\n", "8\n<a>b</a>\n0\nX: y\n\n",
                     "3\r\n<a>\r\n5\r\nb</a>\r\n0\r\n\r\n", "3\r\n<a>5\r\nb</a>\r\n0\r\n\r\n",
                     "1\r\n<\r\n1\r\na\r\n1\r\n>\r\n5\r\nb</a>\r\n0\r\n\r\n"));
-        complete("chunks, lines end in LF", "HTTP/1.1 200\nTransfer-Encoding: chunked\n\n8\n" + BODY + "\n0\n\n");
-        complete("no chunk", CHUNKED + "0\r\n\r\n", "");
-        complete("size in upper case", CHUNKED + "A\r\n0123456789\r\n0\r\n\r\n", "0123456789");
-        complete("size in lower case", CHUNKED + "00a\r\n0123456789\r\n0\r\n\r\n", "0123456789");
-        complete("404, chunked", QByteArray(CHUNKED + CHUNKS).replace("200", "404"), BODY, 404);
-        complete("surplus after the last chunk", CHUNKED + CHUNKS + "HTTP/1.1", BODY, 200, 8);
-        each(whole, OK + "*\r\n\r\n" + CHUNKS,
+        row("chunks, lines end in LF", "HTTP/1.1 200\nTransfer-Encoding: chunked\n\n8\n" + BODY + "\n0\n\n",
+            WHOLE);
+        row("no chunk", CHUNKED + "0\r\n\r\n", "finished 200, keeps: ");
+        row("size in upper case", CHUNKED + "A\r\n0123456789\r\n0\r\n\r\n", "finished 200, keeps: 0123456789");
+        row("size in lower case", CHUNKED + "00a\r\n0123456789\r\n0\r\n\r\n", "finished 200, keeps: 0123456789");
+        row("404, chunked", QByteArray(CHUNKED + CHUNKS).replace("200", "404"), "finished 404, keeps: <a>b</a>");
+        row("surplus after the last chunk", CHUNKED + CHUNKS + "HTTP/1.1",
+            "finished 200, keeps, 8 unread: <a>b</a>");
+        each(OK + "*\r\n\r\n" + CHUNKS, WHOLE,
              listOf(
                  "Transfer-Encoding: Chunked", "TRANSFER-ENCODING: CHUNKED", "Transfer-Encoding:chunked",
                  "Transfer-Encoding:   chunked   ", "Transfer-Encoding:\r\n chunked",
@@ -280,31 +231,26 @@ private:
                  "Transfer-Encoding: chunked, gzip", "Content-Length: 3\r\nTransfer-Encoding: chunked",
                  "Transfer-Encoding: chunked\r\nContent-Length: 300",
                  "Content-Length: 8\r\nTransfer-Encoding: chunked"));
-        last("chunks and the end of the connection",
-             OK + "Connection: close\r\n" + CHUNKED.mid(OK.size()) + CHUNKS);
-        last("chunks of HTTP/1.0", QByteArray(CHUNKED + CHUNKS).replace("1.1", "1.0"));
+        row("chunks and the end of the connection", OK + "Connection: close\r\n" + CHUNKED.mid(OK.size()) + CHUNKS,
+            LAST);
+        row("chunks of HTTP/1.0", QByteArray(CHUNKED + CHUNKS).replace("1.1", "1.0"), LAST);
 
-        const QByteArray rest = BODY + "\r\n0\r\n\r\n";
-        const auto refused = [&](const char* name, const QByteArray& bytes) {
-            malformed(name, bytes + rest, static_cast<int>(rest.size()), 200);
-        };
-        each(refused, CHUNKED + "*\r\n",
+        each(CHUNKED + "*\r\n" + BODY + "\r\n0\r\n\r\n", "malformed 200, closes, 15 unread: ",
              listOf("ffffffffffffffffff", "ffffffffffffffff", "10000000000000008", "-8", "zz", "8z", ";a=b"));
-        malformed("an empty size", CHUNKED + "\r\n" + BODY + "\r\n", 0, 200);
-        malformed("no size after a chunk", CHUNKED + "8\r\n" + BODY + "\r\nzz\r\n\r\n", 2, 200, BODY);
-        malformed("a chunk that is longer than its size", CHUNKED + "7\r\n" + BODY + "\r\n0\r\n\r\n", 5, 200,
-                  BODY.left(7));
-        each(unfinished, CHUNKED + "*",
+        row("an empty size", CHUNKED + "\r\n" + BODY + "\r\n", "malformed 200, closes: ");
+        row("no size after a chunk", CHUNKED + "8\r\n" + BODY + "\r\nzz\r\n\r\n",
+            "malformed 200, closes, 2 unread: <a>b</a>");
+        row("a chunk that is longer than its size", CHUNKED + "7\r\n" + BODY + "\r\n0\r\n\r\n",
+            "malformed 200, closes, 5 unread: <a>b</a");
+        each(CHUNKED + "*", "reading the body 200, closes: <a>b</a>",
              listOf("7fffffffffffffff\r\n<a>b</a>", "100000008\r\n<a>b</a>", "8\r\n<a>b</a>\r\n",
                     "8\r\n<a>b</a>\r\n0\r\n"));
     }
 
 private Q_SLOTS:
-
     void replyIsReadInAnySegments_data()
     {
-        QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QByteArray>("expected");
+        const Table<QByteArray, QByteArray> row("bytes", "expected");
         headRows();
         fieldRows();
         chunkRows();
@@ -348,38 +294,31 @@ private Q_SLOTS:
 
     void boundsHold_data()
     {
-        QTest::addColumn<QByteArray>("before");
-        QTest::addColumn<QByteArray>("pattern");
-        QTest::addColumn<QByteArray>("last");
-        QTest::addColumn<QByteArray>("end");
-        QTest::addColumn<int>("bound");
-        // What comes before does not count. As many fillers follow the last text as make the rest as long as
-        // the bound.
-        const auto add = [](const char* name, const QByteArray& before, const QByteArray& pattern,
-                            const QByteArray& last, const QByteArray& end, int bound = 64 * KIB) {
-            QTest::newRow(name) << before << pattern << last << end << bound;
-        };
+        const Table<QByteArray, QByteArray, QByteArray, QByteArray, int> row("before", "pattern", "last", "end",
+                                                                             "bound");
+        // "before" does not count. Fillers between "last" and "end" make the rest as long as the bound.
+        const int lines = 64 * KIB;
         const QByteArray end = "\r\nContent-Length: 0\r\n\r\n";
-        add("status line", "", "", "HTTP/1.1 200 ", end);
-        add("a name", "", "", OK, ": y" + end);
-        add("a value", "", "", OK + "A: ", end);
-        add("fields", "", "", OK + "A:\n"_ba.repeated(10000) + "A:", end);
-        add("a folded field", "", "", OK + "A:" + "\n x"_ba.repeated(10000), end);
-        add("lines without a colon", "", "", OK + "x\n"_ba.repeated(10000), end);
-        add("empty lines", "", "\n", OK + "A:", end);
-        add("interim replies", "", "HTTP/1.1 100 C\r\n\r\n", "HTTP/1.1 100 ", "\r\n\r\n");
-        add("field of an interim reply", "", "", "HTTP/1.1 103 Early Hints\r\nX: ", "\r\n\r\n");
-        add("a head after an interim reply", "HTTP/1.1 100 C\r\n\r\n", "", OK + "A: ", end);
-        add("digits of a chunk's size", CHUNKED, "0", "", "\r\n");
-        add("a chunk extension", CHUNKED, "", "0;", "\r\n");
-        // The end of the line after a chunk counts as well.
-        add("a chunk extension of the second chunk", CHUNKED + "1\r\na", "", "\r\n0;", "\r\n");
-        add("empty lines between chunks", CHUNKED + "1\r\na", "\r\n", "0;", "\r\n");
-        add("a trailer", CHUNKED + "0\r\n", "", "A: ", "\r\n\r\n");
-        add("trailers", CHUNKED + "0\r\n", "A:\n", "A:", "\r\n\r\n");
-        add("a body up to the end", OK + "\r\n", "", "", "", MAX_BODY);
-        add("a body of a length", OK + "Content-Length: 99999999\r\n\r\n", "", "", "", MAX_BODY);
-        add("a body of one chunk", CHUNKED + "fffffff\r\n", "", "", "", MAX_BODY);
+        row("status line", "", "", "HTTP/1.1 200 ", end, lines);
+        row("a name", "", "", OK, ": y" + end, lines);
+        row("a value", "", "", OK + "A: ", end, lines);
+        row("fields", "", "", OK + "A:\n"_ba.repeated(10000) + "A:", end, lines);
+        row("a folded field", "", "", OK + "A:" + "\n x"_ba.repeated(10000), end, lines);
+        row("lines without a colon", "", "", OK + "x\n"_ba.repeated(10000), end, lines);
+        row("empty lines", "", "\n", OK + "A:", end, lines);
+        row("interim replies", "", "HTTP/1.1 100 C\r\n\r\n", "HTTP/1.1 100 ", "\r\n\r\n", lines);
+        row("field of an interim reply", "", "", "HTTP/1.1 103 Early Hints\r\nX: ", "\r\n\r\n", lines);
+        row("a head after an interim reply", "HTTP/1.1 100 C\r\n\r\n", "", OK + "A: ", end, lines);
+        row("digits of a chunk's size", CHUNKED, "0", "", "\r\n", lines);
+        row("a chunk extension", CHUNKED, "", "0;", "\r\n", lines);
+        // The end of the line after a chunk counts, too.
+        row("a chunk extension of the second chunk", CHUNKED + "1\r\na", "", "\r\n0;", "\r\n", lines);
+        row("empty lines between chunks", CHUNKED + "1\r\na", "\r\n", "0;", "\r\n", lines);
+        row("a trailer", CHUNKED + "0\r\n", "", "A: ", "\r\n\r\n", lines);
+        row("trailers", CHUNKED + "0\r\n", "A:\n", "A:", "\r\n\r\n", lines);
+        row("a body up to the end", OK + "\r\n", "", "", "", MAX_BODY);
+        row("a body of a length", OK + "Content-Length: 99999999\r\n\r\n", "", "", "", MAX_BODY);
+        row("a body of one chunk", CHUNKED + "fffffff\r\n", "", "", "", MAX_BODY);
     }
 
     void boundsHold()
@@ -394,7 +333,7 @@ private Q_SLOTS:
         const QByteArray repeated = pattern.repeated(repetitions);
         for (const int segment : {1, 1000, 64 * KIB, 32 * KIB * KIB}) {
             if (segment == 1 && bound == MAX_BODY)
-                continue; // takes seconds
+                continue; // It would take seconds.
             for (const int over : {0, 1}) {
                 const QByteArray fillers(room - static_cast<int>(repeated.size()) + over, 'x');
                 const QByteArray bytes = before + repeated + last + fillers + end;
@@ -411,7 +350,7 @@ private Q_SLOTS:
 
     void replyWithoutAnEndIsOutOfBounds()
     {
-        // What is repeated comes after "~".
+        // The part after "~" is repeated.
         const QList<QByteArray> heads =
             listOf("~x", "~\0"_ba, "~\r\n", "HTTP/1.1 200 ~x", OK + "~x", OK + "X: ~y", OK + "~X: y\r\n",
                    OK + "X: y\r\n~ z\r\n", OK + "X: y\r\n~ \r\n", OK + "~x\r\n", '~' + INTERIM,
@@ -481,7 +420,7 @@ private Q_SLOTS:
         reader.read(head.constData(), head.size());
         QByteArray whole;
         const QByteArray piece(100 * KIB, 'x');
-        // What was taken counts all the same.
+        // The bound includes the bytes that were taken.
         while (reader.isReading()) {
             reader.read(piece.constData(), piece.size());
             whole += taken(reader);
@@ -503,7 +442,7 @@ private Q_SLOTS:
                 for (int i = 0; i < expected.size(); i += written) {
                     const QByteArray next = expected.mid(i, written);
                     queue.append(next.constData(), next.size());
-                    // Half of what there is, so that it grows and shrinks at once.
+                    // The queue grows and shrinks at the same time.
                     if (queue.size() >= 2 * read)
                         result += part.left(static_cast<int>(queue.take(part.data(), read)));
                 }
@@ -526,21 +465,19 @@ private Q_SLOTS:
 
     void requestNamesPathAndHost_data()
     {
-        QTest::addColumn<QString>("location");
-        QTest::addColumn<QByteArray>("target");
-        QTest::addColumn<QByteArray>("host");
-        const auto at = [](const char* location, const char* target, const char* host) {
-            QTest::newRow(location) << QString(location) << QByteArray(target) << QByteArray(host);
+        const Table<QString, QByteArray, QByteArray> row("location", "target", "host");
+        const auto at = [&](const QByteArray& location, const QByteArray& target, const QByteArray& host) {
+            row(location, location, target, host);
         };
-        const auto path = [&](const QByteArray& text, const char* target) {
-            at(("http://10.77.1.1:8080" + text).constData(), target, "10.77.1.1:8080");
+        const auto path = [&](const QByteArray& text, const QByteArray& target) {
+            at("http://10.77.1.1:8080" + text, target, "10.77.1.1:8080");
         };
-        // Qt 4.8's client sends dots, too; later ones remove them.
+        // As with the client of Qt 4.8, dots stay.
         const QList<QByteArray> unchanged =
             listOf("/", "/desc.xml", "/a/b/c.xml", "/a?b=c", "/a?b/c?d=e;f&g", "/a?", "/a%20b?c%20d",
                    "/a/../b/./c", "//a//b", "/a:b@c;d=e,f+g!h$i&j'k(l)*m~n");
         for (const QByteArray& text : unchanged)
-            path(text, text.constData());
+            path(text, text);
         path("", "/");
         path("?b=c", "/?b=c");
         path("#b", "/");

@@ -4,19 +4,16 @@
 #include <ssdp/SsdpService.h>
 #include <tests/support/CapturedLog.h>
 #include <tests/support/Literals.h>
+#include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
-
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-/// What a controller reports of a key object. It runs no discovery, and reports all the same.
+/// How a controller reports key objects. It does so even without a discovery.
 class KeyObjectsTest : public QObject
 {
     Q_OBJECT
 
-private:
     const QHostAddress address = QHostAddress("192.168.1.20");
     QStringList reports;
     QStringList logAtReport;
@@ -25,7 +22,7 @@ private:
     QScopedPointer<SsdpDevice> device;
     SsdpService* service = nullptr;
 
-    /// Sets the key object and lets the control point say so.
+    /// Sets the key object and emits valueChanged().
     void change(const QString& value)
     {
         service->stateVariables.insert("KO", value);
@@ -57,29 +54,52 @@ private Q_SLOTS:
 
     void firstWellFormedEntryIsReported_data()
     {
-        QTest::addColumn<QString>("value");
-        QTest::addColumn<QStringList>("expected");
-        const auto add = [](const char* name, const QString& value, const QStringList& expected) {
-            QTest::newRow(name) << value << expected;
+        const Table<QString, QStringList> row("value", "expected");
+        row("one entry", "12,34", {"12,34"});
+        row("two entries", "12,34;56,78", {"12,34"});
+        row("many entries", "1,2;3,4;5,6;7,8;9,10;11,12", {"1,2"});
+        row("after one and three parts", "7;1,2,3;4,5", {"4,5"});
+        row("after many malformed entries", "a;;1;,,;1,2,3;;b;x;4,5;6,7", {"4,5"});
+        row("before an empty entry", "1,2;", {"1,2"});
+        row("after an empty entry", ";1,2", {"1,2"});
+        row("no first part", ",5", {"0,5"});
+        row("no second part", "5,", {"5,0"});
+        row("no part", ",", {"0,0"});
+        row("an entry of no numbers counts", "x,y;1,2", {"0,0"});
+        row("null", QString(), {});
+        row("empty", "", {});
+        row("one part", "12", {});
+        row("three parts", "1,2,3", {});
+        row("empty entries", ";;", {});
+        row("another separator", "1:2", {});
+        row("entries of one part", "1;2", {});
+
+        const auto part = [&](const QByteArray& name, const QString& text, int code) {
+            row(name + ", first part", text + ",41", {"%1,41"_s.arg(code)});
+            row(name + ", second part", "42," + text, {"42,%1"_s.arg(code)});
         };
-        add("one entry", "12,34", {"12,34"});
-        add("two entries", "12,34;56,78", {"12,34"});
-        add("many entries", "1,2;3,4;5,6;7,8;9,10;11,12", {"1,2"});
-        add("after one and three parts", "7;1,2,3;4,5", {"4,5"});
-        add("after many malformed entries", "a;;1;,,;1,2,3;;b;x;4,5;6,7", {"4,5"});
-        add("before an empty entry", "1,2;", {"1,2"});
-        add("after an empty entry", ";1,2", {"1,2"});
-        add("no first part", ",5", {"0,5"});
-        add("no second part", "5,", {"5,0"});
-        add("no part", ",", {"0,0"});
-        add("an entry of no numbers counts", "x,y;1,2", {"0,0"});
-        add("null", QString(), {});
-        add("empty", "", {});
-        add("one part", "12", {});
-        add("three parts", "1,2,3", {});
-        add("empty entries", ";;", {});
-        add("another separator", "1:2", {});
-        add("entries of one part", "1;2", {});
+        part("zero", "0", 0);
+        part("leading zeros", "0012", 12);
+        part("a plus", "+8", 8);
+        part("a minus", "-7", -7);
+        part("a space before", " 34", 34);
+        part("a space after", "34 ", 34);
+        part("a line feed after", "34\n", 34);
+        part("a no-break space before", "\xa0\x33\x34"_s, 34);
+        part("a space inside", "3 4", 0);
+        part("a space alone", " ", 0);
+        part("letters", "x", 0);
+        part("letters after digits", "12abc", 0);
+        part("a fraction", "1.5", 0);
+        part("hexadecimal", "0x10", 0);
+        part("a sign alone", "-", 0);
+        part("two signs", "--7", 0);
+        part("the highest int", "2147483647", 2147483647);
+        part("one more", "2147483648", 0);
+        part("the lowest int", "-2147483648", -2147483647 - 1);
+        part("one less", "-2147483649", 0);
+        part("eleven digits", "12345678901", 0);
+        part("thirty digits", "123456789012345678901234567890", 0);
     }
 
     void firstWellFormedEntryIsReported()
@@ -91,67 +111,16 @@ private Q_SLOTS:
         QCOMPARE(CapturedLog::all().size(), expected.size());
     }
 
-    void partIsADecimalIntOrZero_data()
+    void otherNamesAreIgnored()
     {
-        QTest::addColumn<QString>("part");
-        QTest::addColumn<int>("code");
-        QTest::newRow("zero") << "0" << 0;
-        QTest::newRow("leading zeros") << "0012" << 12;
-        QTest::newRow("a plus") << "+8" << 8;
-        QTest::newRow("a minus") << "-7" << -7;
-        QTest::newRow("a space before") << " 34" << 34;
-        QTest::newRow("a space after") << "34 " << 34;
-        QTest::newRow("a line feed after") << "34\n" << 34;
-        QTest::newRow("a no-break space before") << "\xa0\x33\x34"_s << 34;
-        QTest::newRow("a space inside") << "3 4" << 0;
-        QTest::newRow("a space alone") << " " << 0;
-        QTest::newRow("letters") << "x" << 0;
-        QTest::newRow("letters after digits") << "12abc" << 0;
-        QTest::newRow("a fraction") << "1.5" << 0;
-        QTest::newRow("hexadecimal") << "0x10" << 0;
-        QTest::newRow("a sign alone") << "-" << 0;
-        QTest::newRow("two signs") << "--7" << 0;
-        QTest::newRow("the highest int") << "2147483647" << 2147483647;
-        QTest::newRow("one more") << "2147483648" << 0;
-        QTest::newRow("the lowest int") << "-2147483648" << -2147483647 - 1;
-        QTest::newRow("one less") << "-2147483649" << 0;
-        QTest::newRow("eleven digits") << "12345678901" << 0;
-        QTest::newRow("thirty digits") << "123456789012345678901234567890" << 0;
-    }
-
-    void partIsADecimalIntOrZero()
-    {
-        QFETCH(const QString, part);
-        QFETCH(const int, code);
-        change(part + ",41");
-        change("42," + part);
-        QCOMPARE(reports, (QStringList{"%1,41"_s.arg(code), "42,%1"_s.arg(code)}));
-    }
-
-    void anotherNameIsIgnored_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::newRow("lower case") << "ko";
-        QTest::newRow("mixed case") << "Ko";
-        QTest::newRow("a digit after") << "KO1";
-        QTest::newRow("a space after") << "KO ";
-        QTest::newRow("a space before") << " KO";
-        QTest::newRow("a zero after") << "KO\0"_s;
-        QTest::newRow("a prefix") << "e:KO";
-        QTest::newRow("one letter") << "K";
-        QTest::newRow("empty") << "";
-        QTest::newRow("null") << QString();
-    }
-
-    void anotherNameIsIgnored()
-    {
-        QFETCH(const QString, name);
-        service->stateVariables.insert(name, "56,78");
-        // The table has no key object, and then it has one.
+        const QStringList names{"ko", "Ko", "KO1", "KO ", " KO", "KO\0"_s, "e:KO", "K", "", QString()};
+        for (const QString& name : names)
+            service->stateVariables.insert(name, "56,78");
         Q_EMIT manager.valueChanged(device.data(), service, "KO");
         QVERIFY(!service->stateVariables.contains("KO"));
         service->stateVariables.insert("KO", "12,34");
-        Q_EMIT manager.valueChanged(device.data(), service, name);
+        for (const QString& name : names)
+            Q_EMIT manager.valueChanged(device.data(), service, name);
         QCOMPARE(reports + CapturedLog::all(), QStringList());
     }
 

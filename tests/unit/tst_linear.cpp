@@ -10,8 +10,8 @@
 #include <tests/support/NamesAlike.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
+#include <tests/support/Table.h>
 
-#include <QtTest/QtTest>
 #include <QtXml/QDomDocument>
 
 #include <functional>
@@ -19,14 +19,13 @@
 #include <malloc.h>
 #include <memory>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 using Velmora::Log::Logger;
 
-/// What is measured, with its input made before.
+/// What is measured. Its input exists already.
 using Work = std::function<void()>;
-/// Makes it for an input of a size.
+/// Returns the work for an input of a size.
 using Maker = std::function<Work(int)>;
 
 Q_DECLARE_METATYPE(Maker)
@@ -35,11 +34,11 @@ namespace {
 
 const int KB = 1024;
 
-// Twice the input may take two and a half times the time, so four times the input this much.
+// Twice the input may take two and a half times as long. Two of these factors are for four times the input.
 const double MAX_GROWTH = 2.5 * 2.5;
 const qint64 MIN_RUN = 700; ///< In microseconds.
 const int RUNS = 3;
-const int MAX_RUNS = 20; ///< Where another program has taken the caches or the clock.
+const int MAX_RUNS = 20; ///< If other programs make the runs longer.
 
 qint64 timeOf(const Work& work, int times)
 {
@@ -49,7 +48,7 @@ qint64 timeOf(const Work& work, int times)
     return ProcessState::processorTime() - begin;
 }
 
-/// The input of a shape: what comes first, what is repeated, and what comes last, with "~" between.
+/// Returns the input of a shape. A shape is a beginning, a part that is repeated and an end, separated by "~".
 QByteArray inputOf(const QByteArray& shape, int size)
 {
     const QList<QByteArray> parts = shape.split('~');
@@ -66,17 +65,14 @@ void readReply(const QByteArray& bytes, int segment)
     reader.close();
 }
 
-/// A control point that gets one event with @p names as its variables.
+/// Returns the work for one event with @p names as its variables.
 Work eventWork(const QList<QByteArray>& names)
 {
     const QString event = eventOf(names);
     return [event] {
         SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
-        ManagerAccess access(manager);
-        SsdpDevice* const device = new SsdpDevice;
-        device->services.append(new SsdpService);
-        access.devices().append(device);
-        access.updateStateVariables(device->services.first(), event);
+        SsdpDevice* const device = ManagerAccess(manager).addRecord({new SsdpService});
+        ManagerAccess(manager).updateStateVariables(device->services.at(0), event);
     };
 }
 
@@ -84,15 +80,12 @@ void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
 
 } // namespace
 
-/**
- * What is read from the network takes time in proportion to its length, whatever its shape. Each row gets
- * inputs of a size, twice and four times the size.
- */
+/// The library reads every message in linear time, whatever its content is. Each row has inputs of one, two and
+/// four times a size.
 class LinearTest : public QObject
 {
     Q_OBJECT
 
-private:
     static void row(const char* group, const QByteArray& shape, int size, const Maker& maker)
     {
         const std::unique_ptr<char[]> name(QTest::toString(shape));
@@ -154,7 +147,7 @@ private:
     {
         const QByteArray ok = "HTTP/1.1 200 OK\r\n";
         const QByteArray chunked = ok + "Transfer-Encoding: chunked\r\n\r\n";
-        // No head is longer than 64 KiB.
+        // A head may have 64 KiB.
         const QList<QByteArray> heads =
             listOf("HTTP/1.1 200 ~x~\r\n\r\n", "HTTP/1.1~ ~200 OK\r\n\r\n", "~\r\n~" + ok + "\r\n",
                    ok + "A: ~x~\r\n\r\n", ok + "~A:\n~\r\n", ok + "A: ~\n x~\r\n\r\n",
@@ -162,7 +155,7 @@ private:
                    ok + "Content-Length: ~0~1\r\n\r\nx", ok + "Transfer-Encoding: ~a,~\r\n\r\n",
                    ok + "~Transfer-Encoding:,\n~\r\n", "~HTTP/1.1 100 C\r\n\r\n~" + ok + "\r\n",
                    chunked + "~0~1\r\nx\r\n0\r\n\r\n", chunked + "0\r\n~A:\r\n~\r\n");
-        // A processor may have no cache for much more than this four times.
+        // Four times this size must fit into the cache of a processor.
         const QList<QByteArray> bodies = listOf(ok + "Content-Length: 16000000\r\n\r\n~x", ok + "\r\n~x");
         const QList<QByteArray> chunks =
             listOf(chunked + "~1\r\nx\r\n~0\r\n\r\n", chunked + "~1;xxxxxxxxxxxxxxxxxxxxxxxx\r\nx\r\n~0\r\n\r\n");
@@ -250,7 +243,7 @@ private:
     static void controlPointRows()
     {
         row("event", "many variables", 500, [](int size) { return eventWork(manyNames(size)); });
-        row("event", "variables that Qt 5 hashes alike", 500,
+        row("event", "variables with the same hash on Qt 5", 500,
             [](int size) { return eventWork(manyNames(size, true)); });
         row("event", "one variable again and again", 500, [](int size) {
             QList<QByteArray> names;
@@ -275,20 +268,18 @@ private:
     }
 
 private Q_SLOTS:
-
     void initTestCase()
     {
         if (SANITIZED)
-            QSKIP("AddressSanitizer's own work would be measured");
-        // Memory that is given back to the kernel costs as much as the work, and only large inputs give back any.
+            QSKIP("AddressSanitizer takes time, too");
+        // To return memory to the kernel takes as long as the work. Only large inputs would do it.
         mallopt(M_MMAP_THRESHOLD, 32 * KB * KB);
         mallopt(M_TRIM_THRESHOLD, 1024 * KB * KB);
     }
 
     void timeGrowsWithTheLength_data()
     {
-        QTest::addColumn<int>("size");
-        QTest::addColumn<Maker>("maker");
+        const Table<int, Maker> row("size", "maker");
         textRows();
         replyRows();
         documentRows();
@@ -300,7 +291,7 @@ private Q_SLOTS:
         QFETCH(const int, size);
         QFETCH(const Maker, maker);
         const Work works[] = {maker(size), maker(2 * size), maker(4 * size)};
-        // What is logged is made, but not written.
+        // The log lines are made, but not written.
         const QtMessageHandler before = qInstallMessageHandler(dropMessage);
         int times = 1;
         while (timeOf(works[0], times) < MIN_RUN)
@@ -309,7 +300,7 @@ private Q_SLOTS:
         const qint64 never = std::numeric_limits<qint64>::max();
         qint64 shortest[] = {never, never, never};
         const auto isLinear = [&] { return double(shortest[2]) <= MAX_GROWTH * double(shortest[0]); };
-        // Only the shortest run says what the work takes, since whatever disturbs a run makes it longer.
+        // Other programs only make a run longer. So the shortest run counts.
         for (int run = 0; run < MAX_RUNS; ++run) {
             for (int i = 0; i < 3; ++i)
                 shortest[i] = qMin(shortest[i], timeOf(works[i], times));

@@ -3,21 +3,19 @@
 #include <ssdp/SsdpService.h>
 #include <tests/support/Literals.h>
 #include <tests/support/ManagerAccess.h>
-
-#include <QtTest/QtTest>
+#include <tests/support/Table.h>
 
 #include <algorithm>
 #include <functional>
 #include <memory>
 #include <type_traits>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
 namespace {
 
-/// Notes its own deletion, which it only sees through a virtual destructor.
+/// Records its deletion. It notices it only if the destructor is virtual.
 class NotedService : public SsdpService
 {
 public:
@@ -33,7 +31,7 @@ private:
     QList<int>& deletions;
 };
 
-/// Whether each address is above the one before.
+/// Returns whether each address is higher than the one before.
 bool ascends(const QList<const void*>& addresses)
 {
     return std::adjacent_find(addresses.cbegin(), addresses.cend(), std::greater_equal<>()) == addresses.cend();
@@ -46,16 +44,12 @@ class RecordsTest : public QObject
 {
     Q_OBJECT
 
-private:
     std::unique_ptr<SsdpManager> manager;
     QList<int> deletions;
 
     SsdpDevice* addDevice(const QList<SsdpService*>& services)
     {
-        SsdpDevice* const device = new SsdpDevice;
-        device->services = services;
-        ManagerAccess(*manager).devices().append(device);
-        return device;
+        return ManagerAccess(*manager).addRecord(services);
     }
 
     SsdpService* noted(int number) { return new NotedService(number, deletions); }
@@ -67,26 +61,15 @@ private Q_SLOTS:
         deletions.clear();
     }
 
-    void freshDeviceIsNull()
+    void newRecordsAreNull()
     {
         const SsdpDevice device;
-        QCOMPARE(device.id, QUuid());
-        QVERIFY(device.address.isNull());
-        QVERIFY(device.location.isNull());
+        QVERIFY(device.id.isNull() && device.address.isNull() && device.location.isNull());
         QVERIFY(device.services.isEmpty());
-    }
-
-    void freshServiceIsNull()
-    {
         const SsdpService service;
-        QCOMPARE(service.subscriptionId, QUuid());
-        QCOMPARE(service.id, QUuid());
-        QVERIFY(service.serviceType.isNull());
-        QVERIFY(service.serviceId.isNull());
-        QVERIFY(service.controlUrl.isNull());
-        QVERIFY(service.eventSubUrl.isNull());
-        QVERIFY(service.scpdUrl.isNull());
-        QVERIFY(service.stateVariables.isEmpty());
+        QVERIFY(service.subscriptionId.isNull() && service.id.isNull());
+        QVERIFY(service.serviceType.isNull() && service.serviceId.isNull() && service.controlUrl.isNull());
+        QVERIFY(service.eventSubUrl.isNull() && service.scpdUrl.isNull() && service.stateVariables.isEmpty());
     }
 
     void deviceDeletesItsServicesFirstToLast()
@@ -123,27 +106,20 @@ private Q_SLOTS:
                          &service.controlUrl, &service.eventSubUrl, &service.scpdUrl, &service.stateVariables}));
     }
 
-    void controlPointDeletesItsDevicesInListOrder_data()
-    {
-        QTest::addColumn<bool>("isDestroyed");
-        QTest::newRow("when it is destroyed") << true;
-        QTest::newRow("in clearDevices()") << false;
-    }
-
     void controlPointDeletesItsDevicesInListOrder()
     {
-        QFETCH(const bool, isDestroyed);
         addDevice({noted(1), noted(2)});
         addDevice({});
         addDevice({noted(3)});
-        if (isDestroyed) {
-            manager.reset();
-        } else {
-            manager->clearDevices();
-            QVERIFY(ManagerAccess(*manager).devices().isEmpty());
-            manager->clearDevices();
-        }
+        manager->clearDevices();
+        QVERIFY(ManagerAccess(*manager).devices().isEmpty());
+        manager->clearDevices();
         QCOMPARE(deletions, (QList<int>{1, 2, 3}));
+        addDevice({noted(4), noted(5)});
+        addDevice({});
+        addDevice({noted(6)});
+        manager.reset();
+        QCOMPARE(deletions, (QList<int>{1, 2, 3, 4, 5, 6}));
     }
 
     void serviceIsFoundInItsDevice()
@@ -192,7 +168,7 @@ private Q_SLOTS:
         listed->id = QUuid::createUuid();
         addDevice({});
         addDevice({listed});
-        // A service is known by its pointer alone.
+        // Only the pointer is compared.
         service.id = listed->id;
         QCOMPARE(manager->getDeviceForService(&service), nullptr);
         QCOMPARE(manager->getDeviceForService(nullptr), nullptr);

@@ -1,71 +1,60 @@
 #include <ssdp/Ssdp.h>
 #include <ssdp/SsdpManager.h>
 #include <tests/support/Literals.h>
-
-#include <QtTest/QtTest>
+#include <tests/support/ManagerAccess.h>
+#include <tests/support/Table.h>
 
 #include <cstring>
 #include <sys/syscall.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
-using namespace Velmora;
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-namespace {
-
-/// What uname() answers; the kernel's own answer while null.
+/// What uname() returns. If it is null, that of the kernel.
 struct FakedSystem
 {
     int result;
     const char* name;
     const char* release;
 };
-const FakedSystem* fakedSystem = nullptr;
+static const FakedSystem* faked = nullptr;
 
-class Faked
-{
-public:
-    explicit Faked(const FakedSystem& answer)
-        : system(answer)
-    {
-        fakedSystem = &system;
-    }
-    ~Faked() { fakedSystem = nullptr; }
-    Q_DISABLE_COPY(Faked)
-
-private:
-    const FakedSystem system;
-};
-
-} // namespace
-
-// Stands before the C library's for the library under test too.
+// The library calls this function, too, instead of that of the C library.
 extern "C" Q_DECL_EXPORT int uname(utsname* system) noexcept
 {
-    if (!fakedSystem)
+    if (!faked)
         return static_cast<int>(syscall(SYS_uname, system));
     std::memset(system, 'x', sizeof *system);
-    qstrncpy(system->sysname, fakedSystem->name, sizeof system->sysname);
-    qstrncpy(system->release, fakedSystem->release, sizeof system->release);
-    return fakedSystem->result;
+    qstrncpy(system->sysname, faked->name, sizeof system->sysname);
+    qstrncpy(system->release, faked->release, sizeof system->release);
+    return faked->result;
 }
 
+/// The texts of search, subscription and event.
 class TextTest : public QObject
 {
     Q_OBJECT
 
-public:
-    TextTest()
-        : manager(QHostAddress(QHostAddress::LocalHost))
+    SsdpManager manager{QHostAddress(QHostAddress::LocalHost)};
+
+    SsdpService* addService(const QByteArray& location, const QByteArray& eventSubUrl)
     {
+        SsdpService* const service = new SsdpService;
+        service->id = QUuid("{6F9619FF-8B86-D011-B42D-00C04FC964FF}");
+        service->eventSubUrl = QString::fromLatin1(eventSubUrl);
+        ManagerAccess(manager).addRecord({service}, QString::fromLatin1(location));
+        return service;
     }
 
-private:
-    SsdpManager manager;
-
 private Q_SLOTS:
+    void cleanup()
+    {
+        manager.clearDevices();
+        faked = nullptr;
+    }
+
     void constantsHaveTheirValues()
     {
         QCOMPARE(Ssdp::KO, "KO"_s);
@@ -79,7 +68,8 @@ private Q_SLOTS:
 
     void searchIsSevenLinesEndedByLineFeeds()
     {
-        const Faked faked({0, "Linux", "6.1.0"});
+        const FakedSystem system = {0, "Linux", "6.1.0"};
+        faked = &system;
         QCOMPARE(manager.createSearchMessage().toLatin1(),
                  "M-SEARCH * HTTP/1.1\n"
                  "HOST: 239.255.255.250:1900\n"
@@ -92,20 +82,15 @@ private Q_SLOTS:
 
     void systemIsItsNameAndRelease_data()
     {
-        QTest::addColumn<int>("result");
-        QTest::addColumn<QByteArray>("name");
-        QTest::addColumn<QByteArray>("release");
-        QTest::addColumn<QString>("text");
-        const auto add = [](const char* row, int result, const QByteArray& name, const QByteArray& release,
-                            const QString& text) { QTest::newRow(row) << result << name << release << text; };
-        add("joined by a slash", 0, "Linux", "6.1.0", "Linux/6.1.0");
-        add("an empty name", 0, "", "6", "/6");
-        add("an empty release", 0, "Linux", "", "Linux/");
-        add("a placeholder in the name", 0, "%2", "6", "%2/6");
-        add("a placeholder in the release", 0, "Linux", "%1", "Linux/%1");
-        add("Latin-1", 0, "\xdcnix", "6", "\xdcnix/6"_s);
-        add("no uname", -1, "Linux", "6", "Undefined/-1");
-        add("any other result", 1, "Linux", "6", "Undefined/-1");
+        const Table<int, QByteArray, QByteArray, QString> row("result", "name", "release", "text");
+        row("joined by a slash", 0, "Linux", "6.1.0", "Linux/6.1.0");
+        row("an empty name", 0, "", "6", "/6");
+        row("an empty release", 0, "Linux", "", "Linux/");
+        row("a placeholder in the name", 0, "%2", "6", "%2/6");
+        row("a placeholder in the release", 0, "Linux", "%1", "Linux/%1");
+        row("Latin-1", 0, "\xdcnix", "6", "\xdcnix/6"_s);
+        row("no uname", -1, "Linux", "6", "Undefined/-1");
+        row("any other result", 1, "Linux", "6", "Undefined/-1");
     }
 
     void systemIsItsNameAndRelease()
@@ -115,7 +100,8 @@ private Q_SLOTS:
         QFETCH(const QByteArray, release);
         QFETCH(const QString, text);
         const QString before = manager.createSearchMessage();
-        const Faked faked({result, name.constData(), release.constData()});
+        const FakedSystem system = {result, name.constData(), release.constData()};
+        faked = &system;
         QCOMPARE(SsdpManager::getSystemInfo(), text);
         // The search is written again each time.
         QVERIFY(manager.createSearchMessage() != before);
@@ -132,13 +118,9 @@ private Q_SLOTS:
 
     void headerIsTheFirstLineThatBeginsWithIt_data()
     {
-        QTest::addColumn<QString>("message");
-        QTest::addColumn<QString>("header");
-        QTest::addColumn<QString>("value");
-        const auto any = [](const char* name, const QString& message, const QString& header,
-                            const QString& value) { QTest::newRow(name) << message << header << value; };
+        const Table<QString, QString, QString> row("message", "header", "value");
         const auto add = [&](const char* name, const QString& message, const QString& value) {
-            any(name, message, "Location", value);
+            row(name, message, "Location", value);
         };
         const QString none;
         add("carriage return and line feed", "LOCATION: http://10.0.0.5:49152/desc.xml\r\n",
@@ -168,13 +150,13 @@ private Q_SLOTS:
         add("a message of line feeds", "\n\n\n", none);
         add("an empty value", "Location:", "");
         add("a value of spaces", "Location: \r\n", "");
-        any("lower case requested", "LOCATION: x", "location", "x");
-        any("a colon requested", "Location: x", "Location:", "x");
-        any("the whole line requested", "a:b", "a:b", "b");
-        any("any header", "GET\na: x\n", none, "x");
-        any("any header, colon first", ":a: x\n", none, none);
-        any("any header, second line", ":a: x\nb: y", none, "y");
-        any("any header, empty message", none, none, none);
+        row("lower case requested", "LOCATION: x", "location", "x");
+        row("a colon requested", "Location: x", "Location:", "x");
+        row("the whole line requested", "a:b", "a:b", "b");
+        row("any header", "GET\na: x\n", none, "x");
+        row("any header, colon first", ":a: x\n", none, none);
+        row("any header, second line", ":a: x\nb: y", none, "y");
+        row("any header, empty message", none, none, none);
     }
 
     void headerIsTheFirstLineThatBeginsWithIt()
@@ -189,10 +171,9 @@ private Q_SLOTS:
 
     void hostIsTheNameAndOneCharacterForThePort_data()
     {
-        QTest::addColumn<QString>("url");
-        QTest::addColumn<QString>("host");
-        const auto add = [](const QString& url, const QString& host) {
-            QTest::newRow(url.isEmpty() ? "nothing" : qPrintable(url)) << url << host;
+        const Table<QString, QString> row("url", "host");
+        const auto add = [&](const char* url, const QString& host) {
+            row(*url == '\0' ? "no URL" : url, url, host);
         };
         add("http://h/", "h:P");
         add("http://10.0.0.5:80/d.xml", "10.0.0.5:P");
@@ -219,13 +200,10 @@ private Q_SLOTS:
 
     void fullLocationIsThePathOnTheServer_data()
     {
-        QTest::addColumn<QString>("server");
-        QTest::addColumn<QString>("location");
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("subLocation");
-        const auto path = [](const char* name, const QString& text, const QString& subLocation) {
-            QTest::newRow(name) << "http://10.0.0.5:49152"
-                                << "http://10.0.0.5:49152/a/b.xml" << text << subLocation;
+        const Table<QString, QString, QString, QString> row("server", "location", "path", "subLocation");
+        const QString server = "http://10.0.0.5:49152";
+        const auto path = [&](const char* name, const QString& text, const QString& subLocation) {
+            row(name, server, server + "/a/b.xml", text, subLocation);
         };
         path("path with a slash", "/event", "/event");
         path("path without", "event", "/event");
@@ -235,11 +213,12 @@ private Q_SLOTS:
         path("path with a space before the slash", " /a", "/ /a");
         path("path with a backslash", "\\a", "/\\a");
         path("path that is a URL", "http://h/a", "/http://h/a");
+        path("path with a query", "a?b=c", "/a?b=c");
         path("no path", QString(), "/");
-        const auto location = [](const char* name, const QString& text, const QString& server) {
-            QTest::newRow(name) << server << text << "x"
-                                << "/x";
+        const auto location = [&](const char* name, const QString& text, const QString& expected) {
+            row(name, expected, text, "x", "/x");
         };
+        location("location with a query", "http://h:1/a?b/c", "http://h:1");
         location("location without a path", "http://h:1", "http://h:1");
         location("location without a scheme", "h:1", "h:1");
         location("location without a scheme, with a path", "h:1/a/b", "h:1");
@@ -260,6 +239,75 @@ private Q_SLOTS:
         QFETCH(const QString, subLocation);
         QCOMPARE(manager.getSubLocation(path), subLocation);
         QCOMPARE(manager.getFullLocation(location, path), server + subLocation);
+    }
+
+    void subscriptionIsSevenLinesEndedByLineFeeds_data()
+    {
+        const Table<QByteArray, QByteArray, QByteArray, QByteArray> row("location", "eventSubUrl", "path", "host");
+        row("no path", "http://192.168.1.20/d", "", "/", "192.168.1.20:P");
+        row("no slash", "http://192.168.1.20/d", "a/b?x=1", "/a/b?x=1", "192.168.1.20:P");
+        row("placeholders", "http://192.168.1.20/d", "/%1%2%3", "/%1%2%3", "192.168.1.20:P");
+        row("a space", "http://192.168.1.20:80/d", "/a b", "/a b", "192.168.1.20:P");
+        row("Latin-1", "http://192.168.1.20:8080/d", "/\xe9", "/\xe9", "192.168.1.20:\x90");
+        row("port 49152", "http://192.168.1.20:49152/d", "/event", "/event", "192.168.1.20:\0"_ba);
+        row("port 65535", "http://192.168.1.20:65535/d", "/event", "/event", "192.168.1.20:\xff");
+    }
+
+    void subscriptionIsSevenLinesEndedByLineFeeds()
+    {
+        QFETCH(const QByteArray, location);
+        QFETCH(const QByteArray, eventSubUrl);
+        QFETCH(const QByteArray, path);
+        QFETCH(const QByteArray, host);
+        addService("http://192.168.1.30:99/d", "/other");
+        // The event server does not listen, so it has no address.
+        QCOMPARE(manager.createSubscribeMessage(addService(location, eventSubUrl)).toLatin1(),
+                 "SUBSCRIBE " + path + " HTTP/1.1\nHOST: " + host
+                     + "\nUSER-AGENT: " + SsdpManager::getSystemInfo().toLatin1()
+                     + " UPnP/1.1 SSDP/1.0\nCALLBACK: <http://:0/6f9619ff-8b86-d011-b42d-00c04fc964ff_%4>\n"
+                       "NT: upnp:event\nTIMEOUT: Second-120\n\n");
+    }
+
+    void serviceWithoutADeviceHasAnEmptySubscription()
+    {
+        SsdpService other;
+        QCOMPARE(manager.createSubscribeMessage(&other), QString());
+        QCOMPARE(manager.createSubscribeMessage(nullptr), QString());
+    }
+
+    void requestLineNamesTheService_data()
+    {
+        const Table<QByteArray, bool> row("line", "isFound");
+        row("as subscribed", "NOTIFY /ID_%4 HTTP/1.1", true);
+        row("no tail", "NOTIFY /ID HTTP/1.1", true);
+        row("another tail", "NOTIFY /ID-1234/a?b#c HTTP/1.1", true);
+        row("no protocol", "NOTIFY /ID_%4", true);
+        row("another method", "GET /ID_%4 HTTP/0.9", true);
+        row("no method", " /ID_%4", true);
+        row("no slash", "NOTIFY ID_%4 HTTP/1.1", true);
+        row("many slashes", "NOTIFY //ID/_%4/ HTTP/1.1", true);
+        row("slashes inside", "NOTIFY /6f9619ff-/8b86-d011-b42d-00c04fc964ff_%4 HTTP/1.1", true);
+        row("upper case", "NOTIFY /6F9619FF-8B86-D011-B42D-00C04FC964FF_%4 HTTP/1.1", true);
+        row("braces", "NOTIFY /{ID} HTTP/1.1", true);
+        row("no identifier", "NOTIFY /event HTTP/1.1", false);
+        row("null identifier", "NOTIFY /00000000-0000-0000-0000-000000000000_%4 HTTP/1.1", false);
+        row("another identifier", "NOTIFY /00000000-0000-0000-0000-000000000001_%4 HTTP/1.1", false);
+        row("uuid: before it", "NOTIFY /uuid:ID_%4 HTTP/1.1", false);
+        row("35 characters of it", "NOTIFY /6f9619ff-8b86-d011-b42d-00c04fc964f HTTP/1.1", false);
+        row("two spaces", "NOTIFY  /ID_%4 HTTP/1.1", false);
+        row("tabs", "NOTIFY\t/ID_%4\tHTTP/1.1", false);
+        row("one word", "/ID_%4", false);
+        row("in the second line", "\r\nNOTIFY /ID_%4 HTTP/1.1", false);
+    }
+
+    void requestLineNamesTheService()
+    {
+        QFETCH(QByteArray, line);
+        QFETCH(const bool, isFound);
+        SsdpService* const service = addService("http://192.168.1.20/d", "/event");
+        line.replace("ID", "6f9619ff-8b86-d011-b42d-00c04fc964ff");
+        QCOMPARE(ManagerAccess(manager).getServiceFromHeader(line + "\r\nHOST: 10.77.0.1\r\n\r\n"),
+                 isFound ? service : nullptr);
     }
 };
 

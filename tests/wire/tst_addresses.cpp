@@ -1,6 +1,5 @@
 #include <ssdp/MulticastSocket.h>
 #include <tests/support/KernelTables.h>
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <QtNetwork/QNetworkInterface>
@@ -15,15 +14,11 @@ using namespace Velmora::Tests;
 using Velmora::Simulator::PrivateNetwork;
 using Velmora::SSDP::SsdpManager;
 
-/// On which addresses and ports the library works, and what it does when it cannot.
+/// Which addresses and ports the library uses, and what it does when it cannot use them.
 class AddressesTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
     std::vector<int> held;
 
     void host(const QString& command)
@@ -39,23 +34,23 @@ private:
         network.setSetting(PrivateNetwork::HostSide, setting, value);
     }
 
-    /// A link with 10.77.0.1 on the host, a route to the groups, and a device. Returns the host's interface.
+    /// Adds what WireTest::initTestCase() adds, and a device. Returns the name of the host's interface.
     QString addUsualLink()
     {
         const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
         host("ip route add 224.0.0.0/4 dev "_s + link);
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, 8080);
+        makeDevice();
         return link;
     }
 
-    /// A socket of another program of the host, which shares nothing.
+    /// Returns a socket that does not share its port, or null.
     static std::unique_ptr<QUdpSocket> occupy(const QHostAddress& address, quint16 port)
     {
         auto socket = std::make_unique<QUdpSocket>();
         return socket->bind(address, port, QUdpSocket::DontShareAddress) ? std::move(socket) : nullptr;
     }
 
-    /// Holds the search ports to @p last until cleanup(), with plain sockets because there are many.
+    /// Binds to the search ports up to @p last, until cleanup(). Thousands of QUdpSocket would take longer.
     bool holdEveryPortTo(int last)
     {
         rlimit limit = {};
@@ -73,23 +68,23 @@ private:
         return true;
     }
 
-    /// The addresses of the control points, in their order.
-    QStringList addresses() const
+    QList<SsdpManager*> controlPoints() const { return ssdp->findChildren<SsdpManager*>(); }
+
+    /// Returns @p text once for each control point, with the address and port of its event server.
+    QStringList eventServers(const QString& text) const
     {
         QStringList result;
-        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
-            result << ManagerAccess(*controlPoint).eventServer().serverAddress().toString();
+        for (SsdpManager* const controlPoint : controlPoints()) {
+            const QTcpServer& server = ManagerAccess(*controlPoint).eventServer();
+            result << QString(text)
+                          .replace("ADDRESS", server.serverAddress().toString())
+                          .replace("PORT", QString::number(server.serverPort()));
+        }
         return result;
     }
 
-    /// What is logged when the event servers have their ports.
-    QStringList boundLines() const
-    {
-        QStringList result;
-        for (SsdpManager* const controlPoint : ssdp->findChildren<SsdpManager*>())
-            result << "0|Ssdp Server bound to %1"_s.arg(ManagerAccess(*controlPoint).eventServer().serverPort());
-        return result;
-    }
+    QStringList addresses() const { return eventServers("ADDRESS"); }
+    QStringList boundLines() const { return eventServers("0|Ssdp Server bound to PORT"); }
 
     static QString failure(const QString& text)
     {
@@ -99,13 +94,7 @@ private:
 private Q_SLOTS:
     void initTestCase() { }
 
-    void init()
-    {
-        ssdp = newController(60000);
-        reports.clear();
-        timeouts = 0;
-        CapturedLog::clear();
-    }
+    void init() { makeController(); }
 
     void cleanup()
     {
@@ -113,9 +102,10 @@ private Q_SLOTS:
         for (const int descriptor : held)
             close(descriptor);
         held.clear();
+        host("ip addr flush dev lo scope global");
         setOnHost("net/ipv4/igmp_max_memberships", "20");
         setOnHost("net/ipv4/ip_local_port_range", "32768 60999");
-        // The names of interfaces count on over all tests.
+        // The number in the name of an interface grows from test to test.
         for (const QNetworkInterface& interface : QNetworkInterface::allInterfaces()) {
             if (interface.name().startsWith("host"))
                 host("ip link del "_s + interface.name());
@@ -123,38 +113,26 @@ private Q_SLOTS:
         QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners(), QStringList());
     }
 
-    void loopbackIsTakenOnlyWhereItIsAlone()
+    void unusableInterfaceIsSkipped_data()
     {
-        host("ip addr add 10.99.0.1/32 dev lo"_s);
-        const auto end = qScopeGuard([this] { host("ip addr del 10.99.0.1/32 dev lo"_s); });
+        const Table<bool, QString> row("hasIPv4", "command");
+        row("another address of the loopback interface", false, "ip addr replace 10.99.0.1/32 dev lo");
+        row("down", true, "ip link set %1 down");
+        row("IPv6 only", false, "ip addr add fd00::1/64 dev %1 nodad");
+    }
+
+    void unusableInterfaceIsSkipped()
+    {
+        QFETCH(const bool, hasIPv4);
+        QFETCH(const QString, command);
+        const QString link = addLink(hasIPv4 ? "10.77.0.1/16" : "", "10.77.1.1/16");
+        host(QString(command).replace("%1", link));
         QCOMPARE(ssdp->discover(), 3);
         QCOMPARE(addresses(), QStringList{"127.0.0.1"});
         QCOMPARE(log(), boundLines());
 
-        addLink("10.77.0.1/16", "10.77.1.1/16");
-        ssdp = newController(60000);
-        ssdp->discover();
-        QCOMPARE(addresses(), QStringList{"10.77.0.1"});
-    }
-
-    void interfaceThatIsDownOrHasIPv6OnlyIsSkipped_data()
-    {
-        QTest::addColumn<bool>("hasIPv4");
-        QTest::addColumn<QString>("command");
-        QTest::newRow("down") << true << "ip link set %1 down";
-        QTest::newRow("IPv6 only") << false << "ip addr add fd00::1/64 dev %1 nodad";
-    }
-
-    void interfaceThatIsDownOrHasIPv6OnlyIsSkipped()
-    {
-        QFETCH(const bool, hasIPv4);
-        QFETCH(const QString, command);
-        host(command.arg(addLink(hasIPv4 ? "10.77.0.1/16" : "", "10.77.1.1/16")));
-        ssdp->discover();
-        QCOMPARE(addresses(), QStringList{"127.0.0.1"});
-
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        ssdp = newController(60000);
+        makeController();
         ssdp->discover();
         QCOMPARE(addresses(), QStringList{"10.78.0.1"});
     }
@@ -163,7 +141,7 @@ private Q_SLOTS:
     {
         addLink("10.77.0.1/16", "10.77.1.1/16");
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        // An address of two interfaces is taken twice.
+        // If two interfaces have an address, it is used twice.
         addLink("10.78.0.1/16", "10.78.1.2/16");
         ssdp->discover();
         QCOMPARE(addresses(), (QStringList{"10.78.0.1", "10.78.0.1", "10.77.0.1"}));
@@ -188,9 +166,9 @@ private Q_SLOTS:
         ssdp->discover();
         addLink("10.78.0.1/16", "10.78.1.1/16");
         ssdp->stop();
-        const QList<SsdpManager*> before = ssdp->findChildren<SsdpManager*>();
+        const QList<SsdpManager*> before = controlPoints();
         ssdp->discover();
-        QCOMPARE(ssdp->findChildren<SsdpManager*>(), before);
+        QCOMPARE(controlPoints(), before);
         QCOMPARE(addresses(), QStringList{"10.77.0.1"});
     }
 
@@ -203,17 +181,16 @@ private Q_SLOTS:
                  QStringList{"10.77.0.1:%1"_s.arg(manager().eventServer().serverPort())});
         QCOMPARE(KernelTables::groupMembers(), QStringList{link + " x 1"});
 
-        SsdpManager* const controlPoint = ssdp->findChild<SsdpManager*>();
-        QCOMPARE(controlPoint->parent(), ssdp.get());
-        QCOMPARE(manager().multicastSocket()->parent(), controlPoint);
-        QCOMPARE(manager().unicastSocket()->parent(), controlPoint);
+        QCOMPARE(controlPoint()->parent(), ssdp.get());
+        QCOMPARE(manager().multicastSocket()->parent(), controlPoint());
+        QCOMPARE(manager().unicastSocket()->parent(), controlPoint());
         QCOMPARE(manager().eventServer().parent(), nullptr);
         QCOMPARE(manager().networkManager().parent(), nullptr);
 
-        // Others may work on the same address. What is initialized again keeps its old sockets.
+        // Two controllers may use the same address. A second initialize() keeps the earlier sockets open.
         const auto other = newController(60000);
         other->discover();
-        controlPoint->initialize();
+        controlPoint()->initialize();
         QCOMPARE(KernelTables::udpSockets(),
                  (QStringList{"0.0.0.0:1900", "0.0.0.0:1900", "0.0.0.0:1900", "10.77.0.1:49152", "10.77.0.1:49153",
                               "10.77.0.1:49154"}));
@@ -223,34 +200,30 @@ private Q_SLOTS:
 
     void searchSocketsHaveALargeReceiveBuffer()
     {
-        const auto bufferOf = [](const QUdpSocket& socket) {
-            int size = 0;
-            socklen_t length = sizeof size;
-            getsockopt(static_cast<int>(socket.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &size, &length);
-            return size;
-        };
+        const auto option = QAbstractSocket::ReceiveBufferSizeSocketOption;
         QUdpSocket usual;
         QUdpSocket large;
         QVERIFY(usual.bind() && large.bind());
-        const int wanted = 4 * 1024 * 1024;
-        setsockopt(static_cast<int>(large.socketDescriptor()), SOL_SOCKET, SO_RCVBUF, &wanted, sizeof wanted);
-        // The kernel has a limit, which is above its default.
-        QVERIFY(bufferOf(large) > bufferOf(usual));
+        large.setSocketOption(option, 4 * 1024 * 1024);
+        // The kernel limits the size to more than its default.
+        const int size = large.socketOption(option).toInt();
+        QVERIFY(size > usual.socketOption(option).toInt());
 
         addUsualLink();
         ssdp->discover();
-        QCOMPARE(bufferOf(*manager().multicastSocket()), bufferOf(large));
-        QCOMPARE(bufferOf(*manager().unicastSocket()), bufferOf(large));
+        QCOMPARE(manager().multicastSocket()->socketOption(option).toInt(), size);
+        QCOMPARE(manager().unicastSocket()->socketOption(option).toInt(), size);
     }
 
     void eventServerQueuesMoreConnectionsThanQtDoes()
     {
         addUsualLink();
         ssdp->discover();
-        // Nothing is accepted meanwhile, since no event is handled. connectTo() fails if a connection is not
-        // queued.
+        // The server accepts nothing here, because the event loop does not run. connectTo() fails if a connection
+        // is not queued.
+        const Callback to = {QHostAddress("10.77.0.1"), manager().eventServer().serverPort(), ""};
         for (int i = 0; i < 100; ++i)
-            QVERIFY(device->connectTo(QHostAddress("10.77.0.1"), manager().eventServer().serverPort())->isOpen());
+            QVERIFY(connectTo(to)->isOpen());
     }
 
     void socketsOfEveryAddressAreReleased()
@@ -258,11 +231,11 @@ private Q_SLOTS:
         addLink("10.77.0.1/16", "10.77.1.1/16");
         addLink("10.78.0.1/16", "10.78.1.1/16");
         ssdp->discover();
-        const QList<SsdpManager*> controlPoints = ssdp->findChildren<SsdpManager*>();
+        const QList<SsdpManager*> before = controlPoints();
         QCOMPARE(KernelTables::groupMembers().size(), 2);
         ssdp->stop();
         QCOMPARE(KernelTables::udpSockets() + KernelTables::groupMembers(), QStringList());
-        QCOMPARE(ssdp->findChildren<SsdpManager*>(), controlPoints);
+        QCOMPARE(controlPoints(), before);
         QCOMPARE(KernelTables::tcpListeners().size(), 2);
 
         ssdp->discover();
@@ -278,10 +251,10 @@ private Q_SLOTS:
         const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
         host("ip addr add 10.77.0.2/16 dev "_s + link);
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        const ScriptedDevice one(network, "10.77.1.1"_s, 8080);
-        const ScriptedDevice other(network, "10.78.1.1"_s, 8080);
+        const ScriptedDevice one(network, "10.77.1.1");
+        const ScriptedDevice other(network, "10.78.1.1");
         ssdp->discover();
-        // Each of them gets what comes to any interface of the device side.
+        // Every device receives from every interface of the device side.
         VERIFY_SOON(other.searches.size() >= 3);
         QStringList senders;
         for (const ScriptedDevice::Datagram& datagram : other.searches)
@@ -296,12 +269,12 @@ private Q_SLOTS:
         addLink("10.78.0.1/16", "10.78.1.1/16");
         scriptDevice();
         ssdp->discover();
-        device->announce(announcement("http://10.77.1.1:8080/desc.xml"));
+        device->announce(announcement(LOCATION));
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
         QCOMPARE(device->requestsFor("GET /desc.xml ").size(), 2);
         QCOMPARE(log().filter("Ssdp device").size(), 2);
 
-        // The device sends its events to each, and each reports.
+        // Each control point reports the events for its own subscription.
         for (const ScriptedDevice::Request& request : device->requestsFor("SUBSCRIBE "))
             QVERIFY(sendEvent(callbackOf(request.bytes), eventBody("KO", "12,34")));
         QCOMPARE(reports, (QStringList{"12,34 at 10.77.1.1", "12,34 at 10.77.1.1"}));
@@ -347,25 +320,23 @@ private Q_SLOTS:
         QCOMPARE(log(), boundLines());
         ssdp.reset();
 
-        // Nothing is logged where none is free, and the system chooses the port.
+        // If no search port is free, the system chooses a port. This is not logged.
         QVERIFY(holdEveryPortTo(65534));
-        CapturedLog::clear();
-        ssdp = newController(60000);
+        makeController();
         QVERIFY(search());
         QVERIFY(device->searches.at(1).port < 49152);
         QCOMPARE(log(), boundLines());
         QVERIFY(manager().eventServer().isListening());
     }
 
-    void discoveryRunsWithoutTheSocketOfTheGroup_data()
+    void discoveryRunsWithoutTheGroup_data()
     {
-        QTest::addColumn<bool>("portIsTaken");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("port taken") << true << "Failed to bind multicast socket for listening";
-        QTest::newRow("no memberships") << false << "Could n``ot join 239.255.255.250";
+        const Table<bool, QString> row("portIsTaken", "text");
+        row("port taken", true, "Failed to bind multicast socket for listening");
+        row("no memberships", false, "Could n``ot join 239.255.255.250");
     }
 
-    void discoveryRunsWithoutTheSocketOfTheGroup()
+    void discoveryRunsWithoutTheGroup()
     {
         QFETCH(const bool, portIsTaken);
         QFETCH(const QString, text);
@@ -380,7 +351,7 @@ private Q_SLOTS:
         QVERIFY(device->searches.at(0).port <= 40000);
         QCOMPARE(KernelTables::udpSockets().constFirst(), "0.0.0.0:1900"_s);
         QCOMPARE(KernelTables::tcpListeners() + KernelTables::groupMembers(), QStringList());
-        QVERIFY(ssdp->findChild<QTimer*>()->isActive());
+        QVERIFY(timer()->isActive());
         QCOMPARE(ssdp->discover(), 3);
 
         QCOMPARE(ssdp->findChildren<QUdpSocket*>().size(), 2);
@@ -417,5 +388,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(AddressesTest)
-
 #include "tst_addresses.moc"

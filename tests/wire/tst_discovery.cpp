@@ -1,37 +1,28 @@
+#include <tests/support/KeptMessages.h>
 #include <tests/support/KernelTables.h>
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
+
+#include <QtNetwork/QNetworkProxy>
 
 using namespace Velmora::Tests;
 using Velmora::SSDP::Ssdp;
 using Velmora::SSDP::SsdpManager;
 using Velmora::SSDP::SsdpService;
 
-namespace {
-
-const char LAST[] = "http://10.77.1.1:8080/last";
 const char TIMEOUT_LINE[] = "0|SSDP timeout expired not found";
 
-} // namespace
-
-/// How a discovery begins and ends, and what is left of it for the next one.
+/// How a discovery begins and ends, and what the next one ignores of it.
 class DiscoveryTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
     bool restart()
     {
         ssdp->stop();
         return search();
     }
 
-    QTimer* timer() const { return ssdp->findChild<QTimer*>(); }
-
-    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
+    static QStringList sockets() { return KernelTables::udpSockets() + KernelTables::tcpListeners(); }
 
     bool isDiscovering() const
     {
@@ -48,7 +39,7 @@ private Q_SLOTS:
         QCOMPARE(timer()->timerType(), Qt::PreciseTimer);
         ssdp->stop();
         ssdp->stop();
-        QVERIFY(!ssdp->findChild<SsdpManager*>());
+        QVERIFY(!controlPoint());
         QVERIFY(isIdle());
         QCOMPARE(log(), QStringList());
 
@@ -73,12 +64,12 @@ private Q_SLOTS:
         QCOMPARE(idle.children(), QObjectList());
         QCOMPARE(ManagerAccess(idle).multicastSocket(), nullptr);
         QCOMPARE(ManagerAccess(idle).unicastSocket(), nullptr);
-        QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners() + log(), QStringList());
+        QCOMPARE(sockets() + log(), QStringList());
 
         idle.initialize();
-        const QStringList sockets = KernelTables::udpSockets() + KernelTables::tcpListeners();
+        const QStringList before = sockets();
         idle.clearDevices();
-        QCOMPARE(KernelTables::udpSockets() + KernelTables::tcpListeners(), sockets);
+        QCOMPARE(sockets(), before);
         idle.discover();
         idle.stop();
         QCOMPARE(idle.children(), QObjectList());
@@ -88,7 +79,7 @@ private Q_SLOTS:
 
         ssdp->discover();
         VERIFY_SOON(device->searches.size() >= 2);
-        QVERIFY(answerSearch(LAST));
+        QVERIFY(answerSearch(LAST_LOCATION));
         QCOMPARE(device->searches.size(), 2);
     }
 
@@ -99,7 +90,7 @@ private Q_SLOTS:
         QCOMPARE(timer()->interval(), 60000);
         QVERIFY(!timer()->isSingleShot());
 
-        // To start it again would set the time-out of the controller.
+        // A new start would set the interval to the time-out of the controller.
         timer()->start(50000);
         const QStringList lines = log();
         QCOMPARE(ssdp->discover(), 3);
@@ -107,7 +98,7 @@ private Q_SLOTS:
         QCOMPARE(timer()->interval(), 50000);
         QCOMPARE(log(), lines);
         VERIFY_SOON(!device->searches.isEmpty());
-        QVERIFY(answerSearch(LAST));
+        QVERIFY(answerSearch(LAST_LOCATION));
         QCOMPARE(device->searches.size(), 1);
 
         ssdp->stop();
@@ -117,7 +108,7 @@ private Q_SLOTS:
 
     void timeoutIsLoggedAndSignalledOnce()
     {
-        ssdp = newController(50);
+        makeController(50);
         QStringList logInTheSlot;
         bool idleInTheSlot = false;
         const QObject context;
@@ -139,7 +130,7 @@ private Q_SLOTS:
 
     void hostMayDiscoverAgainAtEveryTimeout()
     {
-        ssdp = newController(0);
+        makeController(0);
         connect(ssdp.get(), &Ssdp::timeoutExpired, this, [this] {
             if (timeouts < 3)
                 QCOMPARE(ssdp->discover(), 3);
@@ -166,25 +157,11 @@ private Q_SLOTS:
         QCOMPARE(reports.size(), 1);
     }
 
-    void stopEndsADiscoveryWithoutTheSignal()
-    {
-        QVERIFY(findDevice());
-        const QStringList before = log();
-        ssdp->stop();
-        QVERIFY(isIdle());
-        QCOMPARE(KernelTables::groupMembers(), QStringList());
-        QVERIFY(ssdp->findChildren<QUdpSocket*>().isEmpty());
-        QVERIFY(manager().eventServer().isListening());
-        QCOMPARE(manager().devices().size(), 1);
-        QCOMPARE(log(), before);
-        QCOMPARE(timeouts, 0);
-    }
-
     void nextDiscoveryKnowsNoDevice_data()
     {
-        QTest::addColumn<bool>("stopped");
-        QTest::newRow("after stop()") << true;
-        QTest::newRow("after the time-out") << false;
+        const Table<bool> row("stopped");
+        row("after stop()", true);
+        row("after the time-out", false);
     }
 
     void nextDiscoveryKnowsNoDevice()
@@ -194,12 +171,18 @@ private Q_SLOTS:
         QVERIFY(sendLastEvent());
         const QList<SsdpManager*> controlPoints = ssdp->findChildren<SsdpManager*>();
         const QString port = QString::number(callback().port);
-        if (stopped) {
+        const QStringList before = log();
+        if (stopped)
             ssdp->stop();
-        } else {
+        else
             timer()->start(0);
-            VERIFY_SOON(timeouts == 1);
-        }
+        VERIFY_SOON(isIdle());
+        QCOMPARE(timeouts, stopped ? 0 : 1);
+        QCOMPARE(log(), stopped ? before : before + QStringList{TIMEOUT_LINE});
+        QCOMPARE(KernelTables::groupMembers(), QStringList());
+        QVERIFY(ssdp->findChildren<QUdpSocket*>().isEmpty());
+        QVERIFY(manager().eventServer().isListening());
+        QCOMPARE(manager().devices().size(), 1);
         CapturedLog::clear();
         reports.clear();
 
@@ -218,31 +201,27 @@ private Q_SLOTS:
         QVERIFY(beFound());
         QVERIFY(sendLastEvent());
         QCOMPARE(device->requestsFor("GET /desc.xml ").size(), 2);
-        QCOMPARE(reports, QStringList{"77,1 at 10.77.1.1"});
+        QCOMPARE(reports, QStringList{LAST_REPORT});
     }
 
     void datagramBetweenDiscoveriesIsLost()
     {
         QVERIFY(search());
         ssdp->stop();
-        const QByteArray datagram("LOCATION: http://10.77.1.1:8080/desc.xml\r\n");
-        device->answer(datagram);
-        device->announce(datagram);
+        device->answer(searchReply(LOCATION));
+        device->announce(searchReply(LOCATION));
         QVERIFY(search());
-        QVERIFY(answerSearch(LAST));
-        QCOMPARE(log().filter("Ssdp device"), QStringList{"0|Ssdp device|"_s + LAST});
+        QVERIFY(answerSearch(LAST_LOCATION));
+        QCOMPARE(log().filter("Ssdp device"), QStringList{"0|Ssdp device|"_s + LAST_LOCATION});
     }
 
     void descriptionOfAnEarlierDiscoveryIsDropped_data()
     {
-        QTest::addColumn<QByteArray>("pending");
-        QTest::addColumn<QByteArray>("begun");
-        const QByteArray description = "GET /desc.xml ";
-        const QByteArray service = "GET /scpd.xml ";
-        QTest::newRow("description, silent") << description << QByteArray();
-        QTest::newRow("description, begun") << description << reply(deviceDescription()).chopped(20);
-        QTest::newRow("service description, silent") << service << QByteArray();
-        QTest::newRow("service description, begun") << service << reply(serviceDescription()).chopped(20);
+        const Table<QByteArray, QByteArray> row("pending", "begun");
+        row("description, silent", "GET /desc.xml ", "");
+        row("description, begun", "GET /desc.xml ", reply(deviceDescription()).chopped(20));
+        row("service description, silent", "GET /scpd.xml ", "");
+        row("service description, begun", "GET /scpd.xml ", reply(serviceDescription()).chopped(20));
     }
 
     void descriptionOfAnEarlierDiscoveryIsDropped()
@@ -252,9 +231,8 @@ private Q_SLOTS:
         device->script("GET /desc.xml ", reply(deviceDescription()));
         device->script(pending, begun);
         QVERIFY(search() && answerSearch());
-        VERIFY_SOON(device->requestsFor(pending).size() == 1);
-        const QPointer<Connection> connection = device->requestsFor(pending).at(0).connection;
-        VERIFY_SOON(connection->wasRead());
+        Connection* const connection = requestFor(pending);
+        QVERIFY(connection && send(connection, ""));
         QCOMPARE(manager().deviceReplies().size(), 1);
 
         CapturedLog::clear();
@@ -275,21 +253,20 @@ private Q_SLOTS:
     void requestThatFailedAlreadyIsDroppedToo()
     {
         QVERIFY(search());
-        // No such scheme: the reply has its end queued already.
+        // Its scheme is not known, so the end of the reply is queued already.
         manager().addSsdpDevice(QHostAddress("10.77.1.1"), "coap://10.77.1.1/");
         QCOMPARE(manager().deviceReplies().size(), 1);
         QVERIFY(restart());
-        QVERIFY(answerSearch(LAST));
+        QVERIFY(answerSearch(LAST_LOCATION));
         QCOMPARE(log().filter("handleServerResponse"), QStringList());
     }
 
     void eventOfAnEarlierDiscoveryIsDropped_data()
     {
-        QTest::addColumn<QByteArray>("contentLength");
-        QTest::addColumn<int>("sent");
-        QTest::newRow("head") << "120"_ba << 0;
-        QTest::newRow("head and half of the body") << "120"_ba << 60;
-        QTest::newRow("head with a negative length") << "-1"_ba << 0;
+        const Table<QByteArray, int> row("contentLength", "sent");
+        row("head", "120", 0);
+        row("head and half of the body", "120", 60);
+        row("head with a negative length", "-1", 0);
     }
 
     void eventOfAnEarlierDiscoveryIsDropped()
@@ -299,9 +276,7 @@ private Q_SLOTS:
         QVERIFY(findDevice());
         const QByteArray body = eventBody("KO", "12,34");
         Connection* const connection = sendHead(callback(), contentLength);
-        QVERIFY(connection);
-        connection->send(body.left(sent));
-        VERIFY_SOON(connection->wasRead());
+        QVERIFY(connection && send(connection, body.left(sent)));
 
         ssdp->stop();
         QVERIFY(findDevice());
@@ -313,8 +288,7 @@ private Q_SLOTS:
         VERIFY_SOON(nothingIsListed());
         QCOMPARE(log().size(), lines);
         QVERIFY(service()->stateVariables.value("KO").isNull());
-        QVERIFY(sendLastEvent());
-        QCOMPARE(reports, QStringList{"77,1 at 10.77.1.1"});
+        QCOMPARE(allReports(), QStringList{LAST_REPORT});
     }
 
     void callbackOfAnEarlierDiscoveryIsUnknown()
@@ -325,11 +299,10 @@ private Q_SLOTS:
         QVERIFY(findDevice());
         QVERIFY(callback().path != earlier.path);
         QCOMPARE(callback().port, earlier.port);
-        Connection* const connection = device->connectTo(earlier.host, earlier.port);
+        Connection* const connection = connectTo(earlier);
         connection->send(eventHead(earlier.path, "120"));
         VERIFY_SOON(!connection->isOpen());
-        QVERIFY(sendLastEvent());
-        QCOMPARE(reports, QStringList{"77,1 at 10.77.1.1"});
+        QCOMPARE(allReports(), QStringList{LAST_REPORT});
     }
 
     void subscriptionOfAnEarlierDiscoveryHasNoService()
@@ -337,8 +310,8 @@ private Q_SLOTS:
         scriptDevice();
         device->script("SUBSCRIBE ", "");
         QVERIFY(search() && answerSearch());
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
-        QVERIFY(restart() && answerSearch());
+        Connection* const connection = requestFor("SUBSCRIBE ");
+        QVERIFY(connection && restart() && answerSearch());
         VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 2);
         QCOMPARE(manager().requestSockets().size(), 2);
         QTcpSocket* const earlier = manager().requestSockets().at(0);
@@ -348,8 +321,7 @@ private Q_SLOTS:
         bool signalled = false;
         const QObject context;
         connect(earlier, &QTcpSocket::readyRead, &context, [flag = &signalled] { *flag = true; });
-        Connection* const connection = device->requestsFor("SUBSCRIBE ").at(0).connection;
-        connection->send("HTTP/1.1 200 OK\r\nSID: uuid:2fac1234-31f8-11b4-a222-08002b34c003\r\n\r\n");
+        connection->send(subscriptionReply());
         VERIFY_SOON(signalled);
         QVERIFY(service()->subscriptionId.isNull());
         QCOMPARE(manager().requestSockets().size(), 2);
@@ -357,13 +329,48 @@ private Q_SLOTS:
         QVERIFY(sendLastEvent());
     }
 
+    void proxyIsNotUsed_data()
+    {
+        const Table<int> row("type");
+        row("http_proxy in the environment", QNetworkProxy::DefaultProxy);
+        row("HTTP proxy of the application", QNetworkProxy::HttpProxy);
+        row("SOCKS proxy of the application", QNetworkProxy::Socks5Proxy);
+    }
+
+    void proxyIsNotUsed()
+    {
+        QFETCH(const int, type);
+        const ScriptedDevice proxy(network, "10.77.1.3", 3128);
+        const auto end = qScopeGuard([] {
+            qunsetenv("http_proxy");
+            QNetworkProxy::setApplicationProxy(QNetworkProxy());
+        });
+        if (type == QNetworkProxy::DefaultProxy) {
+            qputenv("http_proxy", "http://10.77.1.3:3128");
+            QNetworkProxyFactory::setUseSystemConfiguration(true);
+        } else {
+            const auto proxyType = static_cast<QNetworkProxy::ProxyType>(type);
+            QNetworkProxy::setApplicationProxy(QNetworkProxy(proxyType, "10.77.1.3", 3128));
+        }
+        // Qt would use it.
+        const QNetworkProxyQuery query{QUrl(LOCATION)};
+        QCOMPARE(QNetworkProxyFactory::proxyForQuery(query).at(0).hostName(), "10.77.1.3"_s);
+
+        QVERIFY(findDevice());
+        QVERIFY(sendLastEvent());
+        QVERIFY(proxy.accepted.isEmpty());
+        QCOMPARE(device->searches.at(0).port, quint16(49152));
+        QCOMPARE(log().filter("1|"), QStringList());
+    }
+
     void connectionOfAnEarlierDiscoverySendsNothing()
     {
         device->script("GET /desc.xml ", reply(deviceDescription()));
         QVERIFY(search() && answerSearch());
-        VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
+        Connection* const connection = requestFor("GET /scpd.xml ");
+        QVERIFY(connection);
         device->holdConnections();
-        device->requestsFor("GET /scpd.xml ").at(0).connection->send(reply(serviceDescription()));
+        connection->send(reply(serviceDescription()));
         VERIFY_SOON(manager().requestSockets().size() == 1);
         QTcpSocket* const earlier = manager().requestSockets().at(0);
         QCOMPARE(earlier->state(), QAbstractSocket::ConnectingState);
@@ -377,8 +384,31 @@ private Q_SLOTS:
         QCOMPARE(device->requestsFor("SUBSCRIBE ").size(), 1);
         QCOMPARE(manager().requestSockets(), QList<QTcpSocket*>{earlier});
     }
+
+    void nothingIsPrintedForForgottenRequests()
+    {
+        device->script("GET /answered", reply("<a/>"));
+        QVERIFY(search());
+        const KeptMessages kept;
+        // Nobody listens, there is no route, no answer, and an answer.
+        for (const QByteArray& location :
+             listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
+                    "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered")) {
+            // With more turns of the event loop, more requests have finished when the others are forgotten.
+            for (int turns = 0; turns < 20; ++turns) {
+                for (int i = 0; i < 10; ++i)
+                    manager().addSsdpDevice(QHostAddress("10.77.1.1"), location + QByteArray::number(i));
+                for (int turn = 0; turn < turns; ++turn)
+                    QCoreApplication::processEvents();
+                controlPoint()->clearDevices();
+                QCOMPARE(manager().deviceReplies().size(), 0);
+            }
+        }
+        ssdp->stop();
+        QVERIFY(findDevice());
+        QCOMPARE(kept.texts(), QStringList());
+    }
 };
 
 VELMORA_WIRE_TEST_MAIN(DiscoveryTest)
-
 #include "tst_discovery.moc"

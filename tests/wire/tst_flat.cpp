@@ -1,5 +1,4 @@
 #include <simulator/SimulatedDevice.h>
-#include <tests/support/Literals.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 
@@ -10,41 +9,30 @@
 using namespace Velmora::Simulator;
 using namespace Velmora::Tests;
 
-namespace {
-
 const int WARM_UP = 5;
 const int DISCOVERIES = 20;
 
-// What a connection that stays listed may take, and what all else may differ by, in bytes.
-const int KEPT_BYTES = 4 * 1024;
-const int SLACK = 16 * 1024;
+const int KEPT_BYTES = 4 * 1024; ///< What a connection that stays listed may take.
+const int SLACK = 16 * 1024; ///< How many more bytes may be on the heap for other reasons.
 
 const char FOUND[] = "Device with FC:1 ";
 const char NOT_PARSED[] = "Could not parse server response";
 
-} // namespace
-
-/**
- * What a discovery leaves behind: after twenty it is what it was after five, whatever the device does
- * wrong, apart from the connections of subscriptions that never got a reply. Those stay listed.
- */
+/// What a discovery leaves behind. The twentieth leaves as much as the fifth, whatever the device does wrong. Only
+/// the connections of subscriptions without a reply stay listed.
 class FlatTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
-    /// What the library holds.
+    /// What the library holds at a time.
     struct Holdings
     {
         int descriptors;
-        int objects; ///< Apart from the connections below.
-        int pending; ///< Requests, and connections for events.
-        int connections; ///< Of subscriptions and events, as listed.
-        int services; ///< As many as connections.
-        int records; ///< Devices and their services.
+        int objects; ///< Without those connections.
+        int pending; ///< Requests and event connections.
+        int connections; ///< The listed connections of subscriptions and events.
+        int services; ///< The services of these connections, one for each.
+        int records; ///< Devices and services.
         qint64 memory; ///< On the heap, in bytes.
     };
 
@@ -69,7 +57,7 @@ private:
                 static_cast<qint64>(mallinfo2().uordblks)};
     }
 
-    /// Whether nothing of the discovery is under way any more.
+    /// Returns whether everything of the discovery has ended.
     bool isSettled() const
     {
         ManagerAccess held = manager();
@@ -80,8 +68,8 @@ private:
                });
     }
 
-    /// Each discovery leaves @p kept connections listed.
-    void repeat(const std::function<void()>& discover, int kept)
+    /// Compares what the fifth and the twentieth discovery leave behind. Each may leave @p kept connections.
+    void repeat(int kept, const std::function<void()>& discover)
     {
         Holdings before = {};
         for (int discovery = 1; discovery <= DISCOVERIES; ++discovery) {
@@ -108,26 +96,40 @@ private:
                  QByteArray::number(after.memory - before.memory).constData());
     }
 
-    void makeDevice()
+    /// Repeats discoveries. @p open opens a connection, on which the device sends @p late in the next discovery.
+    void repeatLate(const QByteArray& late, int kept, const std::function<Connection*()>& open)
     {
-        device.reset();
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1", quint16(8080));
+        repeat(kept, [&] {
+            makeDevice();
+            Connection* const connection = open();
+            QVERIFY(connection);
+            VERIFY_SOON(connection->wasRead());
+            ssdp->stop();
+            QVERIFY(search());
+            connection->send(late);
+            if (late.size() > 65536)
+                VERIFY_SOON(connection->wasRead());
+            // The library does not close the connection of a subscription that it has forgotten.
+            if (kept > 0)
+                connection->close();
+            VERIFY_SOON(!connection->isOpen());
+            QCOMPARE(reports, QStringList());
+            device.reset();
+        });
     }
 
     void discoverWithFault(const QString& fault, const QByteArray& lastSign)
     {
         device.reset();
-        std::unique_ptr<SsdpGroup> group;
-        {
-            const PrivateNetwork::Scope scope(network, PrivateNetwork::DeviceSide);
-            group = std::make_unique<SsdpGroup>();
-        }
+        network.enter(PrivateNetwork::DeviceSide);
+        SsdpGroup group;
+        network.enter(PrivateNetwork::HostSide);
         DeviceOptions options;
         options.address = QHostAddress("10.77.1.2");
         options.responseDelayMax = 0;
         options.eventGap = 5;
         QCOMPARE(options.addFault(fault), QString());
-        SimulatedDevice faulty(group.get(), options);
+        SimulatedDevice faulty(&group, options);
         QByteArray signs;
         connect(&faulty, &SimulatedDevice::message, this,
                 [&signs](bool, const QString&, const QByteArray& text) { signs += text; });
@@ -140,11 +142,10 @@ private:
     QSet<QString> tried;
 
 private Q_SLOTS:
-
     void initTestCase()
     {
         WireTest::initTestCase();
-        // What is allocated once is no growth.
+        // What the process allocates only once is not counted.
         init();
         for (int discovery = 1; discovery <= 2 * WARM_UP; ++discovery) {
             discoverWithFault("duplicate-responses", FOUND);
@@ -162,12 +163,10 @@ private Q_SLOTS:
 
     void faultLeavesNothingBehind_data()
     {
-        QTest::addColumn<QString>("fault");
-        QTest::addColumn<QByteArray>("lastSign");
-        QTest::addColumn<int>("kept");
-        const auto add = [](const char* lastSign, const QList<QByteArray>& faults, int kept = 0) {
+        const Table<QString, QByteArray, int> row("fault", "lastSign", "kept");
+        const auto add = [&](const char* lastSign, const QList<QByteArray>& faults, int kept = 0) {
             for (const QByteArray& fault : faults)
-                QTest::newRow(fault.constData()) << QString(fault) << QByteArray(lastSign) << kept;
+                row(fault, fault, lastSign, kept);
         };
         add(FOUND,
             listOf("ignore-search", "duplicate-responses", "announce-only", "crlf-search-only",
@@ -202,23 +201,19 @@ private Q_SLOTS:
         QFETCH(const QByteArray, lastSign);
         QFETCH(const int, kept);
         tried.insert(fault.section(QLatin1Char('='), 0, 0));
-        repeat([&] { discoverWithFault(fault, lastSign); }, kept);
+        repeat(kept, [&] { discoverWithFault(fault, lastSign); });
     }
 
     void lateReplyLeavesNothingBehind_data()
     {
-        QTest::addColumn<QByteArray>("request");
-        QTest::addColumn<QByteArray>("early");
-        QTest::addColumn<QByteArray>("late");
-        QTest::addColumn<int>("kept");
-        const auto add = [](const char* name, const char* request, const QByteArray& early, const QByteArray& late,
-                            int kept) { QTest::newRow(name) << QByteArray(request) << early << late << kept; };
+        const Table<QByteArray, QByteArray, QByteArray, int> row("request", "early", "late", "kept");
         const QByteArray description = reply(deviceDescription());
-        add("description", "GET /desc.xml ", "", description, 0);
-        add("rest of a description", "GET /desc.xml ", description.chopped(20), description.right(20), 0);
-        add("service description", "GET /scpd.xml ", "", reply(serviceDescription()), 0);
-        add("subscription", "SUBSCRIBE ", "", subscriptionReply(), 1);
-        add("subscription, too long", "SUBSCRIBE ", "", subscriptionReply() + QByteArray(100000, 'x'), 1);
+        const QByteArray tooLong = subscriptionReply() + QByteArray(100000, 'x');
+        row("description", "GET /desc.xml ", "", description, 0);
+        row("rest of a description", "GET /desc.xml ", description.chopped(20), description.right(20), 0);
+        row("service description", "GET /scpd.xml ", "", reply(serviceDescription()), 0);
+        row("subscription", "SUBSCRIBE ", "", subscriptionReply(), 1);
+        row("subscription, too long", "SUBSCRIBE ", "", tooLong, 1);
     }
 
     void lateReplyLeavesNothingBehind()
@@ -227,42 +222,23 @@ private Q_SLOTS:
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
         QFETCH(const int, kept);
-        repeat(
-            [&] {
-                makeDevice();
-                scriptDevice();
-                device->script(request, early);
-                QVERIFY(search() && answerSearch());
-                VERIFY_SOON(device->requestsFor(request).size() == 1);
-                const QPointer<Connection> connection = device->requestsFor(request).at(0).connection;
-                VERIFY_SOON(connection->wasRead());
-                ssdp->stop();
-                QVERIFY(search());
-                connection->send(late);
-                if (late.size() > 65536)
-                    VERIFY_SOON(connection->wasRead());
-                // The library leaves this to the device when it has forgotten the subscription.
-                if (request == "SUBSCRIBE ")
-                    connection->close();
-                VERIFY_SOON(!connection->isOpen());
-                QCOMPARE(reports, QStringList());
-                device.reset();
-            },
-            kept);
+        repeatLate(late, kept, [&]() -> Connection* {
+            scriptDevice();
+            device->script(request, early);
+            return search() && answerSearch() ? requestFor(request) : nullptr;
+        });
     }
 
     void lateEventLeavesNothingBehind_data()
     {
-        QTest::addColumn<QByteArray>("length");
-        QTest::addColumn<QByteArray>("early");
-        QTest::addColumn<QByteArray>("late");
+        const Table<QByteArray, QByteArray, QByteArray> row("length", "early", "late");
         const QByteArray body = eventBody("KO", "12,34") + QByteArray(1000, '\n');
-        const QByteArray head("NOTIFY PATH HTTP/1.1\r\nCONTENT-LENGTH: 1000\r\n\r\n");
-        QTest::newRow("head") << QByteArray() << QByteArray() << head;
-        QTest::newRow("head after a negative length") << "-1"_ba << QByteArray() << head;
-        QTest::newRow("body") << "1000"_ba << QByteArray() << body;
-        QTest::newRow("rest of the body") << "1000"_ba
-                                          << "<e:propertyset>" + QByteArray(960, '\n') << body;
+        const QByteArray head(
+            "NOTIFY /6f9619ff-8b86-d011-b42d-00c04fc964ff HTTP/1.1\r\nCONTENT-LENGTH: 1000\r\n\r\n");
+        row("head", QByteArray(), QByteArray(), head);
+        row("head after a negative length", "-1", QByteArray(), head);
+        row("body", "1000", QByteArray(), body);
+        row("rest of the body", "1000", "<e:propertyset>" + QByteArray(960, '\n'), body);
     }
 
     void lateEventLeavesNothingBehind()
@@ -270,27 +246,15 @@ private Q_SLOTS:
         QFETCH(const QByteArray, length);
         QFETCH(const QByteArray, early);
         QFETCH(const QByteArray, late);
-        repeat(
-            [&] {
-                makeDevice();
-                QVERIFY(findDevice());
-                const Callback to = callback();
-                const QPointer<Connection> connection =
-                    length.isEmpty() ? device->connectTo(to.host, to.port) : sendHead(to, length);
-                QVERIFY(connection);
-                if (!early.isEmpty())
-                    connection->send(early);
-                // An event that is answered shows that the library has taken what came before.
-                QVERIFY(sendEvent(to, eventBody("A", "1")));
-                VERIFY_SOON(connection->wasRead());
-                ssdp->stop();
-                QVERIFY(search());
-                connection->send(QByteArray(late).replace("PATH", to.path));
-                VERIFY_SOON(!connection->isOpen());
-                QCOMPARE(reports, QStringList());
-                device.reset();
-            },
-            0);
+        repeatLate(late, 0, [&]() -> Connection* {
+            if (!findDevice())
+                return nullptr;
+            Connection* const connection = length.isEmpty() ? connectTo(callback()) : sendHead(callback(), length);
+            if (connection)
+                connection->send(early);
+            // If the library has read this event, it has accepted the connection.
+            return sendEvent(callback(), eventBody("A", "1")) ? connection : nullptr;
+        });
     }
 
     void everyFaultIsTried()
@@ -303,5 +267,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(FlatTest)
-
 #include "tst_flat.moc"

@@ -1,5 +1,4 @@
 #include <tests/support/KernelTables.h>
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 #include <algorithm>
@@ -12,11 +11,7 @@ class LifetimeTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
-    /// What a host does in its slot, and how many reports it gets of an event with three.
+    /// What a host does in its slot, and how many reports it gets of an event with three key objects.
     struct Action
     {
         const char* name;
@@ -24,7 +19,7 @@ private:
         std::function<void()> act;
     };
 
-    /// How far a discovery has come.
+    /// A stage of a discovery.
     struct Stage
     {
         const char* name;
@@ -35,9 +30,7 @@ private:
     QPointer<QTcpSocket> eventSocket; ///< The other end of it.
     const Connection* filler = nullptr;
 
-    QTimer* timer() const { return ssdp->findChild<QTimer*>(); }
-
-    /// Runs an event loop, as a host does that shows a dialog, until @p condition holds.
+    /// Runs an event loop until @p condition is true, like a host that shows a dialog.
     static void runLoopUntil(const std::function<bool()>& condition)
     {
         QEventLoop loop;
@@ -69,9 +62,8 @@ private:
 
     void receiveAnotherEventInALoop()
     {
-        const Callback to = callback();
-        Connection* const another = device->connectTo(to.host, to.port);
-        another->send(eventHead(to.path, "5000"));
+        Connection* const another = connectTo(callback());
+        another->send(eventHead(callback().path, "5000"));
         runLoopUntil([&] { return another->wasRead(); });
         another->send(eventBody("KO", "5,6") + QByteArray(5000, '\n'));
         runLoopUntil([&] { return reports.contains("5,6 at 10.77.1.1") && !another->isOpen(); });
@@ -90,10 +82,18 @@ private:
         runLoopUntil([&] { return device->searches.size() > before; });
     }
 
-    void deleteInALoop()
+    void deleteInALoop(int floodBytes = 0)
     {
+        if (floodBytes > 0)
+            eventConnection->send(QByteArray(floodBytes, 'x'));
         QTimer::singleShot(0, this, [this] { ssdp.reset(); });
         runLoopUntil([this] { return !ssdp; });
+    }
+
+    void deleteInTheSlotForAnotherEvent()
+    {
+        connect(ssdp.get(), &Ssdp::discovered, this, [this] { ssdp.reset(); });
+        receiveAnotherEventInALoop();
     }
 
     void reachTheTimeoutInALoop()
@@ -108,9 +108,10 @@ private:
         runLoopUntil([this] { return eventSocket->state() == QAbstractSocket::UnconnectedState; });
     }
 
-    QList<Action> actionsAtAnyTime()
+    /// Returns the first @p count actions. The first eight are possible in every slot.
+    QList<Action> actions(int count)
     {
-        return {
+        return QList<Action>{
             {"stop", 3, [this] { stop(); }},
             {"discover", 3, [this] { discover(); }},
             {"stop and discover", 1, [this] { restart(); }},
@@ -119,28 +120,23 @@ private:
             {"event loop with another event", 4, [this] { receiveAnotherEventInALoop(); }},
             {"event loop with stop and discover", 1, [this] { restartInALoop(); }},
             {"event loop with delete", 1, [this] { deleteInALoop(); }},
-        };
-    }
-
-    QList<Action> actionsForADevice()
-    {
-        const QList<Action> more{
+            {"event loop with delete while the device floods", 1, [this] { deleteInALoop(1024 * 1024); }},
+            {"event loop with delete in the slot for another event", 2,
+             [this] { deleteInTheSlotForAnotherEvent(); }},
             {"event loop with the time-out", 3, [this] { reachTheTimeoutInALoop(); }},
             {"event loop while the device closes the connection", 3, [this] { endTheConnectionInALoop(false); }},
             {"event loop while the device resets the connection", 3, [this] { endTheConnectionInALoop(true); }},
-        };
-        return actionsAtAnyTime() + more;
+        }
+            .mid(0, count);
     }
 
-    /// Waits until the library has read @p bytes as the answer to the request that begins with @p start.
+    /// Answers the request that begins with @p start with @p bytes. Waits until the library has read them.
     bool answerWith(const QByteArray& start, const QByteArray& bytes)
     {
         scriptDevice();
         device->script(start, bytes);
-        return search() && answerSearch() && waitUntil([&] {
-                   const auto requests = device->requestsFor(start);
-                   return requests.size() == 1 && requests.at(0).connection->wasRead();
-               });
+        Connection* const connection = search() && answerSearch() ? requestFor(start) : nullptr;
+        return connection && waitUntil([&] { return connection->wasRead(); });
     }
 
     bool beginToConnect()
@@ -148,19 +144,16 @@ private:
         if (!answerWith("GET /scpd.xml ", ""))
             return false;
         filler = device->holdConnections();
-        device->requestsFor("GET /scpd.xml ").at(0).connection->send(reply(serviceDescription({"KO", "A"})));
+        requestFor("GET /scpd.xml ")->send(reply(serviceDescription({"KO", "A"})));
         return waitUntil([this] { return manager().requestSockets().size() == 2; });
     }
 
-    bool connectSilently() { return findDevice() && device->connectTo(callback().host, callback().port); }
+    bool connectSilently() { return findDevice() && connectTo(callback()); }
 
     bool beginBody()
     {
         Connection* const connection = findDevice() ? sendHead(callback(), "120") : nullptr;
-        if (!connection)
-            return false;
-        connection->send("<e:propertyset>");
-        return waitUntil([connection] { return connection->wasRead(); });
+        return connection && send(connection, "<e:propertyset>");
     }
 
     QList<Stage> stages()
@@ -175,18 +168,17 @@ private:
             {"connecting", [this] { return beginToConnect(); }},
             {"subscribing", [this] { return answerWith("SUBSCRIBE ", ""); }},
             {"subscribed", [this] { return findDevice(); }},
-            // A connection that is answered shows that the library has accepted the one before it.
-            {"silent event connection",
+            // If the library has read from a connection, it has accepted the earlier ones.
+            {"silent connection",
              [this] { return connectSilently() && sendEvent(callback(), eventBody("A", "1")); }},
-            {"silent event connection and head of an event seen",
-             [this] { return connectSilently() && sendHead(callback(), "120"); }},
-            {"head of an event seen", [this] { return findDevice() && sendHead(callback(), "120"); }},
-            {"head with a negative length seen", [this] { return findDevice() && sendHead(callback(), "-1"); }},
+            {"silent connection, event", [this] { return connectSilently() && sendHead(callback(), "120"); }},
+            {"head of an event", [this] { return findDevice() && sendHead(callback(), "120"); }},
+            {"head with a negative length", [this] { return findDevice() && sendHead(callback(), "-1"); }},
             {"body of an event begun", [this] { return beginBody(); }},
         };
     }
 
-    /// Whether every connection between the device and the library is closed.
+    /// Returns whether every connection between the device and the library is closed.
     bool allIsClosed() const
     {
         const QList<Connection*> all = device->findChildren<Connection*>();
@@ -195,7 +187,7 @@ private:
         });
     }
 
-    /// Calls @p act in the first @p signal.
+    /// Calls @p act in the first slot for @p signal.
     template <typename Signal> void actOnce(Signal signal, const std::function<void()>& act, bool* acted)
     {
         connect(ssdp.get(), signal, this, [act, acted] {
@@ -206,20 +198,20 @@ private:
         });
     }
 
-    static void addRows(const QList<Action>& actions)
+    void addRows(int count)
     {
-        QTest::addColumn<int>("index");
-        for (int i = 0; i < actions.size(); ++i)
-            QTest::newRow(actions.at(i).name) << i;
+        const Table<int> row("index");
+        for (int i = 0; i < count; ++i)
+            row(actions(count).at(i).name, i);
     }
 
 private Q_SLOTS:
-    void hostMayActInItsSlotForADevice_data() { addRows(actionsForADevice()); }
+    void hostMayActInItsSlotForADevice_data() { addRows(13); }
 
     void hostMayActInItsSlotForADevice()
     {
         QFETCH(const int, index);
-        const Action action = actionsForADevice().at(index);
+        const Action action = actions(index + 1).at(index);
         bool acted = false;
         actOnce(&Ssdp::discovered, action.act, &acted);
         QVERIFY(findDevice());
@@ -240,20 +232,20 @@ private Q_SLOTS:
         }
         VERIFY_SOON(nothingIsListed());
 
-        // The controller is as good as new.
+        // The controller finds the device again.
         ssdp->stop();
         QVERIFY(findDevice());
         QVERIFY(sendLastEvent());
         QCOMPARE(reports.size(), action.reports + 1);
     }
 
-    void hostMayActInItsSlotForTheTimeout_data() { addRows(actionsAtAnyTime()); }
+    void hostMayActInItsSlotForTheTimeout_data() { addRows(8); }
 
     void hostMayActInItsSlotForTheTimeout()
     {
         QFETCH(const int, index);
         bool acted = false;
-        actOnce(&Ssdp::timeoutExpired, actionsAtAnyTime().at(index).act, &acted);
+        actOnce(&Ssdp::timeoutExpired, actions(index + 1).at(index).act, &acted);
         QVERIFY(findDevice());
         const QPointer<Ssdp> controller(ssdp.get());
         timer()->start(0);
@@ -272,12 +264,11 @@ private Q_SLOTS:
 
     void controllerMayGoAtAnyStage_data()
     {
-        QTest::addColumn<int>("index");
-        QTest::addColumn<bool>("later");
+        const Table<int, bool> row("index", "later");
         const QList<Stage> all = stages();
         for (int i = 0; i < all.size(); ++i) {
-            QTest::addRow("%s, delete", all.at(i).name) << i << false;
-            QTest::addRow("%s, deleteLater", all.at(i).name) << i << true;
+            row(QByteArray(all.at(i).name) + ", delete", i, false);
+            row(QByteArray(all.at(i).name) + ", deleteLater", i, true);
         }
     }
 
@@ -303,10 +294,8 @@ private Q_SLOTS:
         QCOMPARE(timeouts, 0);
 
         // Its port is free again.
-        CapturedLog::clear();
-        ssdp = newController(60000);
-        device.reset();
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.1"_s, quint16(8080));
+        makeController();
+        makeDevice();
         QVERIFY(findDevice());
         QVERIFY(sendLastEvent());
         QCOMPARE(device->searches.last().port, quint16(49152));
@@ -314,5 +303,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(LifetimeTest)
-
 #include "tst_lifetime.moc"

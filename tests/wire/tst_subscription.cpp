@@ -1,20 +1,14 @@
-#include <tests/support/Literals.h>
 #include <tests/support/WireTest.h>
 
 using namespace Velmora::Tests;
 using Velmora::SSDP::SsdpManager;
-using Velmora::SSDP::SsdpService;
 
-/// The subscriptions: what they say, and what becomes of the answer.
+/// The subscriptions, and what the library does with the answers.
 class SubscriptionTest : public WireTest
 {
     Q_OBJECT
 
-public:
-    using WireTest::WireTest;
-
-private:
-    /// Finds a device with these state variables that does not answer its subscriptions.
+    /// Finds a device with these state variables. It does not answer its subscriptions.
     bool subscribe(const QList<QByteArray>& names)
     {
         scriptDevice();
@@ -24,19 +18,15 @@ private:
             && waitUntil([&] { return device->requestsFor("SUBSCRIBE ").size() == names.size(); });
     }
 
-    SsdpService* service() const { return manager().devices().at(0)->services.at(0); }
-
     Connection* subscription(int index) const { return device->requestsFor("SUBSCRIBE ").at(index).connection; }
 
 private Q_SLOTS:
     void subscriptionNamesTheEventServer_data()
     {
-        QTest::addColumn<QByteArray>("authority");
-        QTest::addColumn<quint16>("port");
-        QTest::addColumn<QByteArray>("host");
-        QTest::newRow("no port") << "10.77.1.2"_ba << quint16(80) << "10.77.1.2:P"_ba;
-        QTest::newRow("port 8080") << "10.77.1.2:8080"_ba << quint16(8080) << "10.77.1.2:\x90"_ba;
-        QTest::newRow("port 49152") << "10.77.1.2:49152"_ba << quint16(49152) << "10.77.1.2:\0"_ba;
+        const Table<QByteArray, quint16, QByteArray> row("authority", "port", "host");
+        row("no port", "10.77.1.2", 80, "10.77.1.2:P");
+        row("port 8080", "10.77.1.2:8080", 8080, "10.77.1.2:\x90");
+        row("port 49152", "10.77.1.2:49152", 49152, "10.77.1.2:\0"_ba);
     }
 
     void subscriptionNamesTheEventServer()
@@ -44,59 +34,49 @@ private Q_SLOTS:
         QFETCH(const QByteArray, authority);
         QFETCH(const quint16, port);
         QFETCH(const QByteArray, host);
-        device = std::make_unique<ScriptedDevice>(network, "10.77.1.2"_s, port);
+        makeDevice("10.77.1.2", port);
         scriptDevice();
         device->script("GET /desc.xml ",
                        reply(deviceDescription(serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", "a b?\xe9=%1"))));
         device->script("SUBSCRIBE ", "");
         QVERIFY(search() && answerSearch("http://" + authority + "/desc.xml"));
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
+        Connection* const connection = requestFor("SUBSCRIBE ");
+        QVERIFY(connection);
 
         const QByteArray expected = "SUBSCRIBE /a b?\xe9=%1 HTTP/1.1\nHOST: " + host + "\nUSER-AGENT: "
             + SsdpManager::getSystemInfo().toLatin1() + " UPnP/1.1 SSDP/1.0\nCALLBACK: <http://10.77.0.1:"
             + QByteArray::number(manager().eventServer().serverPort()) + "/"
             + service()->id.toByteArray(QUuid::WithoutBraces) + "_%4>\nNT: upnp:event\nTIMEOUT: Second-120\n\n";
-        QCOMPARE(subscription(0)->received.toPercentEncoding(), expected.toPercentEncoding());
+        QCOMPARE(connection->received.toPercentEncoding(), expected.toPercentEncoding());
 
-        // The device is the one that ends it: nothing comes after the empty line.
-        subscription(0)->close();
+        // The device ends the connection. So the library sends nothing after the empty line.
+        connection->close();
         QVERIFY(answerSearch("http://" + authority + "/last"));
         QCOMPARE(device->requestsFor("SUBSCRIBE ").at(0).bytes, expected);
     }
 
-    void everyStateVariableSendsTheSameSubscription()
-    {
-        QVERIFY(subscribe({"KO", "A", "B"}));
-        QVERIFY(subscription(0) != subscription(1) && subscription(1) != subscription(2)
-                && subscription(0) != subscription(2));
-        QCOMPARE(subscription(1)->received, subscription(0)->received);
-        QCOMPARE(subscription(2)->received, subscription(0)->received);
-    }
-
     void answerSetsTheIdentifier_data()
     {
-        QTest::addColumn<QByteArray>("answer");
-        QTest::addColumn<QUuid>("identifier");
-        const QByteArray status = "HTTP/1.1 200 OK\r\n";
+        const Table<QByteArray, QUuid> row("answer", "identifier");
         const QByteArray known = "2fac1234-31f8-11b4-a222-08002b34c003";
         const QByteArray sid = "SID: uuid:" + known + "\r\n";
         const QUuid set(QString::fromLatin1(known));
-        QTest::newRow("with uuid:") << status + sid + "\r\n" << set;
-        QTest::newRow("without uuid:") << status + "SID: " + known + "\r\n\r\n" << set;
-        QTest::newRow("uuid: twice") << "SID: uuid:uuid:" + known + "\r\n" << set;
-        QTest::newRow("UUID:") << "SID: UUID:" + known + "\r\n" << QUuid();
-        QTest::newRow("lower-case header") << "HTTP/1.1 200 OK\nsid:uuid:" + known + "\n\n" << set;
-        QTest::newRow("upper-case identifier") << "SID: uuid:" + known.toUpper() + "\r\n" << set;
-        QTest::newRow("longer header") << "SIDE: uuid:" + known + "\r\n" << set;
-        QTest::newRow("first of two") << sid + "SID: uuid:00000000-0000-0000-0000-000000000001\r\n" << set;
-        QTest::newRow("error status") << "HTTP/1.1 412 Precondition Failed\r\n" + sid + "\r\n" << set;
-        QTest::newRow("missing") << "HTTP/1.1 503 Service Unavailable\r\n\r\n"_ba << QUuid();
-        QTest::newRow("no identifier") << "SID: uuid:none\r\n"_ba << QUuid();
-        QTest::newRow("cut identifier") << "SID: uuid:2fac1234-31f8\r\n"_ba << QUuid();
-        QTest::newRow("after a zero byte") << "X: \0\r\n"_ba + sid << QUuid();
-        QTest::newRow("one byte") << "H"_ba << QUuid();
-        // What comes later is not read.
-        QTest::newRow("status alone") << status << QUuid();
+        row("with uuid:", subscriptionReply(), set);
+        row("without uuid:", "HTTP/1.1 200 OK\r\nSID: " + known + "\r\n\r\n", set);
+        row("uuid: twice", "SID: uuid:uuid:" + known + "\r\n", set);
+        row("UUID:", "SID: UUID:" + known + "\r\n", QUuid());
+        row("lower-case header", "HTTP/1.1 200 OK\nsid:uuid:" + known + "\n\n", set);
+        row("upper-case identifier", "SID: uuid:" + known.toUpper() + "\r\n", set);
+        row("longer header", "SIDE: uuid:" + known + "\r\n", set);
+        row("first of two", sid + "SID: uuid:00000000-0000-0000-0000-000000000001\r\n", set);
+        row("error status", "HTTP/1.1 412 Precondition Failed\r\n" + sid + "\r\n", set);
+        row("missing", "HTTP/1.1 503 Service Unavailable\r\n\r\n", QUuid());
+        row("not an identifier", "SID: uuid:none\r\n", QUuid());
+        row("cut identifier", "SID: uuid:2fac1234-31f8\r\n", QUuid());
+        row("after a zero byte", "X: \0\r\n"_ba + sid, QUuid());
+        row("one byte", "H", QUuid());
+        // The library does not read what follows.
+        row("status alone", "HTTP/1.1 200 OK\r\n", QUuid());
     }
 
     void answerSetsTheIdentifier()
@@ -112,19 +92,24 @@ private Q_SLOTS:
         QVERIFY(nothingIsListed());
         QCOMPARE(log().filter("1|"), QStringList());
 
-        // The subscription is what counts, not its answer.
+        // Whatever the answer is, events are accepted.
         QVERIFY(sendLastEvent());
     }
 
-    void laterAnswerReplacesTheIdentifier()
+    void everyStateVariableSendsTheSameSubscription()
     {
         QVERIFY(subscribe({"KO", "A", "B"}));
-        const QList<QByteArray> sent{"2fac1234-31f8-11b4-a222-000000000001",
-                                     "2fac1234-31f8-11b4-a222-000000000002"};
+        QVERIFY(subscription(0) != subscription(1) && subscription(1) != subscription(2)
+                && subscription(0) != subscription(2));
+        QCOMPARE(subscription(1)->received, subscription(0)->received);
+        QCOMPARE(subscription(2)->received, subscription(0)->received);
+
+        // The last answer sets the identifier.
         for (int i = 0; i < 2; ++i) {
-            subscription(i)->send("HTTP/1.1 200 OK\r\nSID: uuid:" + sent.at(i) + "\r\n\r\n");
+            const QByteArray identifier = "2fac1234-31f8-11b4-a222-00000000000" + QByteArray::number(i);
+            subscription(i)->send("HTTP/1.1 200 OK\r\nSID: uuid:" + identifier + "\r\n\r\n");
             VERIFY_SOON(!subscription(i)->isOpen());
-            QCOMPARE(service()->subscriptionId, QUuid(QString::fromLatin1(sent.at(i))));
+            QCOMPARE(service()->subscriptionId, QUuid(QString(identifier)));
             QCOMPARE(manager().requestSockets().size(), 2 - i);
         }
         subscription(2)->send("HTTP/1.1 500 Internal Server Error\r\n\r\n");
@@ -132,14 +117,13 @@ private Q_SLOTS:
         QCOMPARE(service()->subscriptionId, QUuid());
     }
 
-    void subscriptionGoesToTheLocationAndNotToItsUrl()
+    void subscriptionGoesToTheServerOfTheLocation()
     {
-        ScriptedDevice other(network, "10.77.1.2"_s, 8080);
+        const ScriptedDevice other(network, "10.77.1.2");
         scriptDevice();
-        const QByteArray service = serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", "http://10.77.1.2:8080/event");
-        device->script("GET /desc.xml ", reply(deviceDescription(service)));
-        QVERIFY(search() && answerSearch());
-        VERIFY_SOON(device->requestsFor("SUBSCRIBE ").size() == 1);
+        const QByteArray elsewhere = serviceElement(KEY_OBJECT_TYPE, "/scpd.xml", "http://10.77.1.2:8080/event");
+        device->script("GET /desc.xml ", reply(deviceDescription(elsewhere)));
+        QVERIFY(search() && beFound());
         QVERIFY(sendLastEvent());
         QVERIFY(other.accepted.isEmpty());
     }
@@ -148,22 +132,24 @@ private Q_SLOTS:
     {
         device->script("GET /desc.xml ", reply(deviceDescription()));
         QVERIFY(search() && answerSearch());
-        VERIFY_SOON(device->requestsFor("GET /scpd.xml ").size() == 1);
+        Connection* const connection = requestFor("GET /scpd.xml ");
+        QVERIFY(connection);
         device->stopListening();
-        device->requestsFor("GET /scpd.xml ").at(0).connection->send(reply(serviceDescription()));
+        connection->send(reply(serviceDescription()));
         VERIFY_SOON(manager().requestSockets().size() == 1);
-        VERIFY_SOON(manager().requestSockets().at(0)->error() == QAbstractSocket::ConnectionRefusedError);
-        QCOMPARE(manager().requestSockets().at(0)->state(), QAbstractSocket::UnconnectedState);
-        QCOMPARE(manager().requestSocketServices().value(manager().requestSockets().at(0)), service());
+        const QTcpSocket* const socket = manager().requestSockets().at(0);
+        VERIFY_SOON(socket->error() == QAbstractSocket::ConnectionRefusedError);
+        QCOMPARE(socket->state(), QAbstractSocket::UnconnectedState);
+        QCOMPARE(manager().requestSocketServices().values(), QList<Velmora::SSDP::SsdpService*>{service()});
         QCOMPARE(log().filter("1|"), QStringList());
         QVERIFY(device->requestsFor("SUBSCRIBE ").isEmpty());
     }
 
     void connectionThatThePeerEndsStaysListed_data()
     {
-        QTest::addColumn<bool>("hard");
-        QTest::newRow("closed") << false;
-        QTest::newRow("reset") << true;
+        const Table<bool> row("hard");
+        row("closed", false);
+        row("reset", true);
     }
 
     void connectionThatThePeerEndsStaysListed()
@@ -181,5 +167,4 @@ private Q_SLOTS:
 };
 
 VELMORA_WIRE_TEST_MAIN(SubscriptionTest)
-
 #include "tst_subscription.moc"

@@ -128,3 +128,5 @@ void Connection::end(int error)
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_Connection.cpp"

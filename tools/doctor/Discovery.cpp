@@ -156,3 +156,5 @@ void Discovery::watchNewSockets()
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_Discovery.cpp"

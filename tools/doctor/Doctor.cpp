@@ -364,3 +364,5 @@ void Doctor::finishIfDone()
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_Doctor.cpp"

@@ -125,3 +125,5 @@ void EventServer::finish(Connection* connection)
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_EventServer.cpp"

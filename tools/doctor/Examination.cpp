@@ -169,3 +169,5 @@ void Examination::endEvents()
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_Examination.cpp"

@@ -134,3 +134,5 @@ DocumentSeen Request::document(const QString& url)
 
 } // namespace Doctor
 } // namespace Velmora
+
+#include "moc_Request.cpp"
