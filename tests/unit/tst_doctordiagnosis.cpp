@@ -79,9 +79,9 @@ private Q_SLOTS:
 
     void saysWhatIsWrong_data()
     {
-        addColumns<QByteArray, QString>("found", "expected");
-        const auto description = [](const char* name, const DocumentSeen& seen, const char* expected) {
-            addRow("description, "_s + name, ids(readDescription(seen).findings), expected);
+        const Table<QByteArray, QString> row("found", "expected");
+        const auto description = [&](const char* name, const DocumentSeen& seen, const char* expected) {
+            row("description, "_ba + name, ids(readDescription(seen).findings), expected);
         };
         const auto services = [&](const char* name, const QByteArray& elements, const char* expected) {
             description(name, document(deviceDescription(elements)), expected);
@@ -122,8 +122,8 @@ private Q_SLOTS:
                      + "</serviceList></device></deviceList><serviceList>",
                  "service.embedded");
 
-        const auto scpd = [](const char* name, const DocumentSeen& seen, const char* expected) {
-            addRow("service description, "_s + name, ids(readServiceDescription(seen).findings), expected);
+        const auto scpd = [&](const char* name, const DocumentSeen& seen, const char* expected) {
+            row("service description, "_ba + name, ids(readServiceDescription(seen).findings), expected);
         };
         scpd("KO", document(serviceDescription({"KO"})), "");
         scpd("no KO", document(serviceDescription({"ko"})), "scpd.no-ko");
@@ -136,8 +136,8 @@ private Q_SLOTS:
         scpd("device description", document(good), "scpd.no-root");
         scpd("status", document("", Ending::Complete, 404), "scpd.status");
 
-        const auto event = [](const char* name, const EventSeen& seen, const char* expected) {
-            addRow("event, "_s + name, ids(judgeEvent(seen)), expected);
+        const auto event = [&](const char* name, const EventSeen& seen, const char* expected) {
+            row("event, "_ba + name, ids(judgeEvent(seen)), expected);
         };
         const auto whole = [](const QByteArray& body) { return arrived({head(body.size()), body}); };
         const QByteArray noLength = eventHead("/x", QByteArray());
@@ -167,8 +167,8 @@ private Q_SLOTS:
 
         // In milliseconds, or -1: the answer, the answers to the standard search and to a search of the address,
         // the announcement, and the first message that the library received.
-        const auto search = [](const char* name, const char* location, const QList<int>& times,
-                               const char* expected) {
+        const auto search = [&](const char* name, const char* location, const QList<int>& times,
+                                const char* expected) {
             DeviceSeen device;
             device.sender = QHostAddress("10.0.0.5");
             device.location = location;
@@ -178,7 +178,7 @@ private Q_SLOTS:
             device.search.unicastDelay = times.at(2);
             device.search.announced = times.at(3);
             device.search.heard = times.at(4);
-            addRow("search, "_s + name, ids(judgeSearch(device, 5000)), expected);
+            row("search, "_ba + name, ids(judgeSearch(device, 5000)), expected);
         };
         const char URL[] = "http://10.0.0.5:80/d.xml";
         search("good", URL, {100, 200, -1, -1, 100}, "");
@@ -273,7 +273,7 @@ private Q_SLOTS:
         device.seen.search.message = "x";
         device.findings = {{"description.status", QString(200, QLatin1Char('y'))}};
         results.devices << device;
-        const auto plain = [](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
+        const auto plain = [&](const QString& text, Velmora::Tools::Terminal::Colour) { return text; };
         for (const int width : {30, 40, 80, 160}) {
             const QStringList lines = textOf(results, {width, plain}).split("\n");
             QVERIFY(lines.size() > 5);
@@ -285,20 +285,20 @@ private Q_SLOTS:
 
     void namesKindsOfInterfaces_data()
     {
-        addColumns<QString, QString>("kind", "expected");
-        const auto row = [](const char* name, const char* kind, const char* expected) {
-            addRow(name, kindOfInterface(name, kind), expected);
+        const Table<QString, QString> row("kind", "expected");
+        const auto add = [&](const char* name, const char* kind, const char* expected) {
+            row(name, kindOfInterface(name, kind), expected);
         };
-        row("eth0", "", "");
-        row("bond0", "bond", "");
-        row("eth0.5", "vlan", "");
-        row("br0", "bridge", "bridge");
-        row("docker0", "bridge", "bridge of containers");
-        row("br-0123456789ab", "bridge", "bridge of containers");
-        row("host0", "veth", "container");
-        row("tun0", "tun", "tunnel");
-        row("wg0", "wireguard", "tunnel");
-        row("dummy0", "dummy", "no network");
+        add("eth0", "", "");
+        add("bond0", "bond", "");
+        add("eth0.5", "vlan", "");
+        add("br0", "bridge", "bridge");
+        add("docker0", "bridge", "bridge of containers");
+        add("br-0123456789ab", "bridge", "bridge of containers");
+        add("host0", "veth", "container");
+        add("tun0", "tun", "tunnel");
+        add("wg0", "wireguard", "tunnel");
+        add("dummy0", "dummy", "no network");
     }
 
     void namesKindsOfInterfaces()
@@ -320,21 +320,21 @@ private Q_SLOTS:
 
     void findsRulesThatDrop_data()
     {
-        QTest::addColumn<QString>("rules");
-        QTest::addColumn<QStringList>("expected"); // how each begins
+        // The start of each.
+        const Table<QString, QStringList> row("rules", "expected");
         const QStringList all = {"UDP 1900", "UDP 49152", "TCP 40000"};
-        const auto iptables = [](const char* name, const char* policy, const char* rules,
-                                 const QStringList& expected) {
-            addRow("iptables, "_s + name, "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules), expected);
+        const auto iptables = [&](const char* name, const char* policy, const char* rules,
+                                  const QStringList& expected) {
+            row("iptables, "_ba + name, "*filter\n:INPUT %1 [0:0]\n%2COMMIT\n"_s.arg(policy, rules), expected);
         };
-        const auto nft = [](const char* name, const char* policy, const char* rules, const QStringList& expected,
-                            const char* others = "") {
+        const auto nft = [&](const char* name, const char* policy, const char* rules, const QStringList& expected,
+                             const char* others = "") {
             const QString text = "table inet filter {\n%1\tchain input {\n\t\ttype filter hook input priority 0;"
                                  " policy %2;\n%3\t}\n}\n"_s;
-            addRow("nft, "_s + name, text.arg(others, policy, rules), expected);
+            row("nft, "_ba + name, text.arg(others, policy, rules), expected);
         };
-        addRow("nothing", "", QStringList());
-        addRow("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", QStringList());
+        row("nothing", "", QStringList());
+        row("iptables, another table", "*nat\n:INPUT DROP [0:0]\nCOMMIT\n", QStringList());
         iptables("all in", "ACCEPT", "", {});
         iptables("nothing in", "DROP", "-A INPUT -i lo -j ACCEPT\n", all);
         iptables("one port out", "ACCEPT", "-A INPUT -p udp -m udp --dport 1900 -j DROP\n", all.mid(0, 1));

@@ -66,10 +66,11 @@ private:
         discoverBoth(options);
     }
 
-    static void addFaults(const QList<QByteArray>& faults, const QString& lastMessage, const QString& line)
+    static void addFaults(const Table<QString, QString>& row, const QList<QByteArray>& faults,
+                          const QString& lastMessage, const QString& line)
     {
         for (const QByteArray& fault : faults)
-            addRow(fault, lastMessage, line);
+            row(fault, lastMessage, line);
     }
 
     bool faultWasShown() const { return faulty->hasShown(faulty->options().faults.firstKey()); }
@@ -97,12 +98,12 @@ private Q_SLOTS:
 
     void deviceIsFoundDespiteTheFault_data()
     {
-        QTest::addColumn<QString>("fault");
+        const Table<QString> row("fault");
         for (const QByteArray& fault :
              listOf("duplicate-responses", "duplicate-responses=20", "slow-http=5000", "wrong-length=100",
                     "no-sid", "late-sid", "event-many-chunks", "event-no-length", "event-length=-20", "event-url",
                     "announce-only=50", "slow-answer=50", "die-after=event"))
-            addRow(fault, QString(fault));
+            row(fault, QString(fault));
     }
 
     void deviceIsFoundDespiteTheFault()
@@ -120,35 +121,36 @@ private Q_SLOTS:
 
     void deviceIsNotFound_data()
     {
-        addColumns<QString, QString>("lastMessage", "line");
-        addFaults({"location-garbage"}, "LOCATION: no location", UNPARSED_REPLY);
-        addFaults({"location-other-host"}, "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
-        addFaults({"no-location"}, "HTTP/1.1 200 OK", "");
-        addFaults({"silent-http"}, "GET /description.xml", "");
-        addFaults(listOf("reset-mid-body", "wrong-length", "truncated-xml", "deep-xml", "die-after=description"),
+        const Table<QString, QString> row("lastMessage", "line");
+        addFaults(row, {"location-garbage"}, "LOCATION: no location", UNPARSED_REPLY);
+        addFaults(row, {"location-other-host"}, "LOCATION: http://192.0.2.1:", UNPARSED_REPLY);
+        addFaults(row, {"no-location"}, "HTTP/1.1 200 OK", "");
+        addFaults(row, {"silent-http"}, "GET /description.xml", "");
+        addFaults(row,
+                  listOf("reset-mid-body", "wrong-length", "truncated-xml", "deep-xml", "die-after=description"),
                   "<root", UNPARSED_REPLY);
-        addFaults({"html-instead"}, "Welcome", UNPARSED_REPLY);
-        addFaults({"redirect"}, "302 Found", UNPARSED_REPLY);
-        addFaults({"error-500"}, "500 Internal", UNPARSED_REPLY);
-        addFaults({"scpd-url"}, "404 Not Found", UNPARSED_REPLY);
-        addFaults({"die-after=search"}, "HTTP/1.1 200 OK", UNPARSED_REPLY);
-        addFaults({"namespace"}, "<root xmlns=\"urn:example-org:other\"", "");
-        addFaults({"root-element"}, "</document>", "");
-        addFaults({"description-prefix"}, "</d:root>", "");
-        addFaults({"no-service"}, "</serviceList>", "");
-        addFaults({"service-type"}, "keyobjects:2", "");
-        addFaults({"embedded-service"}, "</deviceList>", "");
-        addFaults({"no-variable"}, "</scpd>", "");
-        addFaults({"die-after=scpd"}, "<scpd", "");
-        addFaults({"refuse-subscribe"}, "412 Precondition", "");
-        addFaults({"standard-subscribe-only"}, "400 Bad Request", "");
-        addFaults({"never-answer-subscribe"}, "SUBSCRIBE ", "");
-        addFaults(listOf("no-event", "die-after=subscribe"), "SID: ", "");
-        addFaults(listOf("event-unknown-path", "die-after=event-head"), "NOTIFY /", "");
-        addFaults({"event-bad-xml"}, "</KO>", UNPARSED_EVENT);
-        addFaults(listOf("event-one-chunk", "event-length", "event-no-ko"), "</e:propertyset>", "");
-        addFaults({"event-prefix"}, "</ev:propertyset>", "");
-        addFaults({"ko-malformed"}, "<KO>12</KO>", "");
+        addFaults(row, {"html-instead"}, "Welcome", UNPARSED_REPLY);
+        addFaults(row, {"redirect"}, "302 Found", UNPARSED_REPLY);
+        addFaults(row, {"error-500"}, "500 Internal", UNPARSED_REPLY);
+        addFaults(row, {"scpd-url"}, "404 Not Found", UNPARSED_REPLY);
+        addFaults(row, {"die-after=search"}, "HTTP/1.1 200 OK", UNPARSED_REPLY);
+        addFaults(row, {"namespace"}, "<root xmlns=\"urn:example-org:other\"", "");
+        addFaults(row, {"root-element"}, "</document>", "");
+        addFaults(row, {"description-prefix"}, "</d:root>", "");
+        addFaults(row, {"no-service"}, "</serviceList>", "");
+        addFaults(row, {"service-type"}, "keyobjects:2", "");
+        addFaults(row, {"embedded-service"}, "</deviceList>", "");
+        addFaults(row, {"no-variable"}, "</scpd>", "");
+        addFaults(row, {"die-after=scpd"}, "<scpd", "");
+        addFaults(row, {"refuse-subscribe"}, "412 Precondition", "");
+        addFaults(row, {"standard-subscribe-only"}, "400 Bad Request", "");
+        addFaults(row, {"never-answer-subscribe"}, "SUBSCRIBE ", "");
+        addFaults(row, listOf("no-event", "die-after=subscribe"), "SID: ", "");
+        addFaults(row, listOf("event-unknown-path", "die-after=event-head"), "NOTIFY /", "");
+        addFaults(row, {"event-bad-xml"}, "</KO>", UNPARSED_EVENT);
+        addFaults(row, listOf("event-one-chunk", "event-length", "event-no-ko"), "</e:propertyset>", "");
+        addFaults(row, {"event-prefix"}, "</ev:propertyset>", "");
+        addFaults(row, {"ko-malformed"}, "<KO>12</KO>", "");
     }
 
     void deviceIsNotFound()
@@ -186,10 +188,10 @@ private Q_SLOTS:
 
     void deviceAnswersAnotherSearchOnly_data()
     {
-        addColumns<QString, QString, int>("target", "lineEnd", "soundSearches");
-        addRow("crlf-search-only", "239.255.255.250", "\r\n", 2);
+        const Table<QString, QString, int> row("target", "lineEnd", "soundSearches");
+        row("crlf-search-only", "239.255.255.250", "\r\n", 2);
         // Only the device with this address gets the search.
-        addRow("unicast-search-only", "10.77.1.2", "\n", 1);
+        row("unicast-search-only", "10.77.1.2", "\n", 1);
     }
 
     void deviceAnswersAnotherSearchOnly()

@@ -52,12 +52,12 @@ private Q_SLOTS:
 
     void survives_data()
     {
-        QTest::addColumn<int>("number");
+        const Table<int> row("number");
         const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS");
         int number = 0;
         for (const Attack& attack : attacks()) {
             if (all || (attack.traits & Attack::Quick)) {
-                addRow(attack.name, number);
+                row(attack.name, number);
                 waiting << number;
             }
             ++number;

@@ -27,14 +27,14 @@ private Q_SLOTS:
 
     void endsWithTheStatusOfTheCommand_data()
     {
-        addColumns<QString, QString, int>("command", "argument", "status");
-        addRow("success", "true", "", 0);
-        addRow("status", "sh -c", "exit 7", 7);
-        addRow("signal", "sh -c", "kill -9 $$", 128 + SIGKILL);
-        addRow("no such command", "no-such-command", "", 127);
-        addRow("a folder", "/usr", "", 126);
-        addRow("no program", "/etc/passwd", "", 126);
-        addRow("below a file", "/etc/passwd/program", "", 126);
+        const Table<QString, QString, int> row("command", "argument", "status");
+        row("success", "true", "", 0);
+        row("status", "sh -c", "exit 7", 7);
+        row("signal", "sh -c", "kill -9 $$", 128 + SIGKILL);
+        row("no such command", "no-such-command", "", 127);
+        row("a folder", "/usr", "", 126);
+        row("no program", "/etc/passwd", "", 126);
+        row("below a file", "/etc/passwd/program", "", 126);
     }
 
     void endsWithTheStatusOfTheCommand()
@@ -62,10 +62,10 @@ private Q_SLOTS:
 
     void endsWhatTheCommandLeaves_data()
     {
-        addColumns<int, int>("signal", "status");
-        addRow("ended", 0, 1);
-        addRow("terminated", SIGTERM, 128 + SIGTERM);
-        addRow("killed", SIGKILL, 128 + SIGKILL);
+        const Table<int, int> row("signal", "status");
+        row("ended", 0, 1);
+        row("terminated", SIGTERM, 128 + SIGTERM);
+        row("killed", SIGKILL, 128 + SIGKILL);
     }
 
     void endsWhatTheCommandLeaves()
@@ -112,12 +112,11 @@ private Q_SLOTS:
 
     void worksWithLittle_data()
     {
-        QTest::addColumn<QString>("script");
-        addRow("no path", "PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started");
-        addRow(
-            "root without capabilities",
+        const Table<QString> row("script");
+        row("no path", "PATH=/no/such/folder; $lab --rate 10mbit -- /bin/echo started");
+        row("root without capabilities",
             "$lab --devices 0 -- setpriv --bounding-set=-sys_admin,-net_admin $lab --devices 2 -- echo started");
-        addRow("no place for files", R"($lab --devices 0 -- unshare --mount sh -c '
+        row("no place for files", R"($lab --devices 0 -- unshare --mount sh -c '
             mount --bind /tmp /tmp && mount -o remount,bind,ro /tmp || exit 9
             touch /tmp/file 2>/dev/null && exit 8
             exec "$0" --devices 2 -- echo started' $lab)");
@@ -146,28 +145,28 @@ private Q_SLOTS:
 
     void tellsOfWrongOptions_data()
     {
-        QTest::addColumn<QString>("message");
-        addRow("--devices 2", "give the command after '--'");
-        addRow("--devices two -- true", "--devices takes a number from 0 to 10000, not 'two'");
-        addRow("--fault no-such-fault -- true", "there is no fault 'no-such-fault'");
-        addRow("--devices 0 --nonsense -- true", "Unknown option 'nonsense'.");
-        addRow("--devices 0 --port 0 -- true", "--port takes a number from 1 to 65535, not '0'");
-        addRow("--ready-fd 1 -- true", "--ready-fd is taken");
-        addRow("--ready-fd=1 -- true", "--ready-fd is taken");
-        addRow("--first-address 300.1.1.1 -- true", "'300.1.1.1' is not an IPv4 address");
+        const Table<QString> row("message");
+        row("--devices 2", "give the command after '--'");
+        row("--devices two -- true", "--devices takes a number from 0 to 10000, not 'two'");
+        row("--fault no-such-fault -- true", "there is no fault 'no-such-fault'");
+        row("--devices 0 --nonsense -- true", "Unknown option 'nonsense'.");
+        row("--devices 0 --port 0 -- true", "--port takes a number from 1 to 65535, not '0'");
+        row("--ready-fd 1 -- true", "--ready-fd is taken");
+        row("--ready-fd=1 -- true", "--ready-fd is taken");
+        row("--first-address 300.1.1.1 -- true", "'300.1.1.1' is not an IPv4 address");
         const char* const range = "have to be within 10.77.0.2 to 10.77.255.254";
-        addRow("--first-address 10.77.0.0 -- true", range);
-        addRow("--first-address 10.77.0.1 -- true", range);
-        addRow("--first-address 10.77.255.255 -- true", range);
-        addRow("--first-address 10.77.255.250 --devices 6 -- true", range);
-        addRow("--first-address 10.76.255.255 --second-interface -- true", "within 10.76.0.2 to 10.76.255.254");
+        row("--first-address 10.77.0.0 -- true", range);
+        row("--first-address 10.77.0.1 -- true", range);
+        row("--first-address 10.77.255.255 -- true", range);
+        row("--first-address 10.77.255.250 --devices 6 -- true", range);
+        row("--first-address 10.76.255.255 --second-interface -- true", "within 10.76.0.2 to 10.76.255.254");
         const char* const unusable = "only one from 1.0.0.2 to 223.255.255.254 that does not begin with 127";
-        addRow("--first-address 0.0.0.1 -- true", unusable);
-        addRow("--first-address 127.0.1.1 -- true", unusable);
-        addRow("--first-address 126.1.1.1 --second-interface --devices 0 -- true", "");
-        addRow("--first-address 126.255.1.1 --second-interface -- true", unusable);
-        addRow("--first-address 224.0.1.1 -- true", unusable);
-        addRow("--first-address 255.255.255.255 -- true", unusable);
+        row("--first-address 0.0.0.1 -- true", unusable);
+        row("--first-address 127.0.1.1 -- true", unusable);
+        row("--first-address 126.1.1.1 --second-interface --devices 0 -- true", "");
+        row("--first-address 126.255.1.1 --second-interface -- true", unusable);
+        row("--first-address 224.0.1.1 -- true", unusable);
+        row("--first-address 255.255.255.255 -- true", unusable);
     }
 
     void tellsOfWrongOptions()

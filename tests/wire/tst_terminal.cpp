@@ -26,17 +26,17 @@ private Q_SLOTS:
 
     void showsProgressOnATerminalOnly_data()
     {
-        addColumns<Running, bool, bool, QString>("program", "hasProgress", "hasColour", "lineEnd");
+        const Table<Running, bool, bool, QString> row("program", "hasProgress", "hasColour", "lineEnd");
         const QString script = "env %1 $lab --response-delay 500-500 -- ssdp-discover --first"_s;
-        const auto row = [&script](const char* environment, bool hasProgress, bool hasColour) {
-            addRow(environment, startOnTerminal(script.arg(environment)), hasProgress, hasColour, "\r\n");
+        const auto add = [&](const char* environment, bool hasProgress, bool hasColour) {
+            row(environment, startOnTerminal(script.arg(environment)), hasProgress, hasColour, "\r\n");
         };
-        row("-u NO_COLOR TERM=xterm", true, true);
-        row("NO_COLOR=1 TERM=xterm", true, false);
-        row("-u NO_COLOR TERM=dumb", false, false);
-        row("-u NO_COLOR -u TERM", false, false);
-        row("-u NO_COLOR TERM=", false, false);
-        addRow("no terminal", startShell(script.arg("TERM=xterm")), false, false, "\n");
+        add("-u NO_COLOR TERM=xterm", true, true);
+        add("NO_COLOR=1 TERM=xterm", true, false);
+        add("-u NO_COLOR TERM=dumb", false, false);
+        add("-u NO_COLOR -u TERM", false, false);
+        add("-u NO_COLOR TERM=", false, false);
+        row("no terminal", startShell(script.arg("TERM=xterm")), false, false, "\n");
     }
 
     void showsProgressOnATerminalOnly()
@@ -59,16 +59,16 @@ private Q_SLOTS:
 
     void fitsIntoNarrowTerminals_data()
     {
-        addColumns<Running, int, QString>("program", "columns", "start");
-        const auto row = [](const char* name, int columns, const char* start) {
+        const Table<Running, int, QString> row("program", "columns", "start");
+        const auto add = [&](const char* name, int columns, const char* start) {
             const QString size = "stty cols %1; TERM=xterm; export TERM\n"_s.arg(columns);
             const QString discover = "exec $lab --response-delay 300-300 -- ssdp-discover --repeat 100"_s;
-            addRow(name, startOnTerminal(size + discover), columns, start);
+            row(name, startOnTerminal(size + discover), columns, start);
         };
-        row("wide", 80, "+          1            1  10.77.1.1 ");
-        row("without the time", 45, "+          1           1 10.77.1.1");
-        row("below forty", 39, "+1 1 10.77.1.1");
-        row("tiny", 26, "+1 1 10.77.1.1");
+        add("wide", 80, "+          1            1  10.77.1.1 ");
+        add("without the time", 45, "+          1           1 10.77.1.1");
+        add("below forty", 39, "+1 1 10.77.1.1");
+        add("tiny", 26, "+1 1 10.77.1.1");
     }
 
     void fitsIntoNarrowTerminals()

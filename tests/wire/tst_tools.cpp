@@ -69,10 +69,10 @@ private:
             wait $COPROC_PID)"_s.arg(setup, options, reaction));
     }
 
-    static void addCommands(const QString& start, const QList<QByteArray>& ends)
+    static void addCommands(const Table<QString>& row, const QByteArray& start, const QList<QByteArray>& ends)
     {
         for (const QByteArray& end : ends)
-            addRow(start + end, start + end);
+            row(start + end, QString(start + end));
     }
 
     const Shell withDevice{"--response-delay 0-0"};
@@ -106,11 +106,11 @@ private Q_SLOTS:
 
     void endsWhenNobodyReads_data()
     {
-        QTest::addColumn<QString>("command");
-        addCommands("ssdp-discover --repeat 1 ",
+        const Table<QString> row("command");
+        addCommands(row, "ssdp-discover --repeat 1 ",
                     listOf("--timeout 1000 --json | head -n 1", "--verbose --quiet 2>&1 | head -n 1"));
-        addCommands("ssdp-simulator --first-address 127.0.0.1 | head -n 1", listOf(""));
-        addCommands("ssdp-doctor --timeout 100 | echo ended", listOf(""));
+        addCommands(row, "ssdp-simulator --first-address 127.0.0.1 | head -n 1", listOf(""));
+        addCommands(row, "ssdp-doctor --timeout 100 | echo ended", listOf(""));
     }
 
     void endsWhenNobodyReads()
@@ -121,12 +121,12 @@ private Q_SLOTS:
 
     void saysWhenItCannotWrite_data()
     {
-        QTest::addColumn<QString>("command");
-        addCommands("ssdp-discover ", listOf("", "--json", "--help", "--version"));
-        addCommands("ssdp-simulator ",
+        const Table<QString> row("command");
+        addCommands(row, "ssdp-discover ", listOf("", "--json", "--help", "--version"));
+        addCommands(row, "ssdp-simulator ",
                     listOf("--first-address 127.0.0.1", "--help", "--list-faults",
                            "--trace --quiet --first-address 127.0.0.1"));
-        addCommands("ssdp-doctor ", listOf("--help"));
+        addCommands(row, "ssdp-doctor ", listOf("--help"));
     }
 
     void saysWhenItCannotWrite()
@@ -164,17 +164,17 @@ private Q_SLOTS:
 
     void saysWhichOptionIsWrong_data()
     {
-        QTest::addColumn<QString>("command");
-        addCommands("ssdp-discover ",
+        const Table<QString> row("command");
+        addCommands(row, "ssdp-discover ",
                     listOf("--no-such-option", "--help-all", "--timeout 0", "--timeout soon", "--count 0",
                            "--first --count 2", "--repeat 1 --first", "--address 10.77", "--address 10.77.1.1/33",
                            "--address ::1", "argument"));
-        addCommands("ssdp-simulator ",
+        addCommands(row, "ssdp-simulator ",
                     listOf("--no-such-option", "--help-all", "--devices 0", "--first-address here",
                            "--response-delay 5", "--response-delay 9-5", "--variables KO,,B",
                            "--fault no-such-fault", "--fault 2:error-500", "--fault error-500=1",
                            "--fault slow-http=0", "--fault die-after=birth", "argument"));
-        addCommands("ssdp-doctor ",
+        addCommands(row, "ssdp-doctor ",
                     listOf("--nonsense", "--timeout 0", "--timeout soon", "10.77", "nobody", "239.255.255.250",
                            "0.0.0.0", "255.255.255.255", "::1"));
     }
@@ -223,36 +223,35 @@ private Q_SLOTS:
 
     void discoverSaysWhenItCannotSearch_data()
     {
-        addColumns<QString, QString>("script", "message");
+        const Table<QString, QString> row("script", "message");
         const char* const none = "no network interface with an IPv4 address is up and connected";
-        addRow("port taken", R"(exec python3 -c '
+        row("port taken", R"(exec python3 -c '
 import socket, subprocess, sys
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
 s.bind(("", 1900))
 sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
-               "a program has UDP port 1900 and does not share it; 'ss -lunp sport = :1900' shows which one");
-        addRow("not permitted",
-               "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
-               "setpriv --bounding-set=-net_bind_service $discover",
-               "this user is not permitted to listen on UDP port 1900");
-        addRow("firewall",
-               "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
-               "this host cannot send the search from 10.77.0.1; its own firewall may drop it");
-        addRow("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
-               "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
-        addRow("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
-        addRow("loopback only", "ip link set host0 down; $discover", none);
+            "a program has UDP port 1900 and does not share it; 'ss -lunp sport = :1900' shows which one");
+        row("not permitted",
+            "echo 2000 >/proc/sys/net/ipv4/ip_unprivileged_port_start;"
+            "setpriv --bounding-set=-net_bind_service $discover",
+            "this user is not permitted to listen on UDP port 1900");
+        row("firewall", "ip xfrm policy add dir out src 0.0.0.0/0 dst 239.255.255.250/32 action block; $discover",
+            "this host cannot send the search from 10.77.0.1; its own firewall may drop it");
+        row("group", "echo 0 >/proc/sys/net/ipv4/igmp_max_memberships; $discover",
+            "cannot join 239.255.255.250 on 10.77.0.1 (host0): No buffer space available");
+        row("no interface", "ip link set host0 down; ip link set lo down; $discover", none);
+        row("loopback only", "ip link set host0 down; $discover", none);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0) // Qt 5 takes an interface without a link for one that is down.
-        addRow("not connected",
-               "ip link set host0 down; ip link add end0 type veth peer name end1;"
-               "ip addr add 10.79.0.1/16 dev end0; ip link set end0 up; $discover",
-               "no network is connected to 10.79.0.1 (end0)");
+        row("not connected",
+            "ip link set host0 down; ip link add end0 type veth peer name end1;"
+            "ip addr add 10.79.0.1/16 dev end0; ip link set end0 up; $discover",
+            "no network is connected to 10.79.0.1 (end0)");
 #endif
-        addRow("no such interface", "$discover --interface eth7",
-               "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
-        addRow("interface down", "ip link set host0 down; $discover --interface host0",
-               "host0 is not up or not connected");
-        addRow("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
+        row("no such interface", "$discover --interface eth7",
+            "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
+        row("interface down", "ip link set host0 down; $discover --interface host0",
+            "host0 is not up or not connected");
+        row("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
     }
 
     void discoverSaysWhenItCannotSearch()
@@ -266,17 +265,17 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverAdvisesOnWhatItSaw_data()
     {
-        addColumns<Running, QString>("program", "advice");
-        const auto row = [](const char* fault, const char* advice) {
+        const Table<Running, QString> row("program", "advice");
+        const auto add = [&](const char* fault, const char* advice) {
             const QString devices = "--devices 2 --response-delay 0-0 --fault %1 -- "_s.arg(fault);
-            addRow(fault, startLab(devices + "ssdp-discover --timeout 500"), advice);
+            row(fault, startLab(devices + "ssdp-discover --timeout 500"), advice);
         };
-        row("error-500",
+        add("error-500",
             "no description could be read: a device may be faulty, or a firewall may drop the HTTP "
             "connections to it");
-        row("never-answer-subscribe",
+        add("never-answer-subscribe",
             "none reported: a firewall may drop the TCP connections that devices open to this program");
-        row("event-bad-xml", "what was reported is not valid XML");
+        add("event-bad-xml", "what was reported is not valid XML");
     }
 
     void discoverAdvisesOnWhatItSaw()
@@ -292,10 +291,10 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverPrintsDevices_data()
     {
-        addColumns<Running, QStringList, QString>("program", "found", "out");
-        const auto filter = [](const char* options, const QStringList& found, const char* others) {
+        const Table<Running, QStringList, QString> row("program", "found", "out");
+        const auto filter = [&](const char* options, const QStringList& found, const char* others) {
             const QString discover = "--devices 3 --response-delay 0-0 -- ssdp-discover --timeout 1500 "_s;
-            addRow(options, startLab(discover + options), found, "**, %1 left out\n"_s.arg(others));
+            row(options, startLab(discover + options), found, "**, %1 left out\n"_s.arg(others));
         };
         filter("--univocal-code 2", devices(3).mid(1, 1), "2 others");
         filter("--address 10.77.1.3", devices(3).mid(2), "2 others");
@@ -304,23 +303,23 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
         filter("--function-code 2", {}, "3 others");
         const QString second = "--second-interface --response-delay 0-0 -- ssdp-discover "_s;
         for (const char* const interface : {"host1", "10.78.0.1"}) {
-            addRow(interface, startLab(second + "--timeout 500 --interface " + interface),
-                   QStringList{"1 2 10.78.1.1"}, "Searching from 10.78.0.1 (host1)\n**");
+            row(interface, startLab(second + "--timeout 500 --interface " + interface),
+                QStringList{"1 2 10.78.1.1"}, "Searching from 10.78.0.1 (host1)\n**");
         }
-        addRow("both interfaces", startLab("--devices 2 " + second + "--count 4 --timeout 20000"),
-               devices(2) << "1 3 10.78.1.1"
-                          << "1 4 10.78.1.2",
-               "**");
-        addRow("once", running["once"], devices(3), R"(Searching from 10.77.0.1 (host0)
+        row("both interfaces", startLab("--devices 2 " + second + "--count 4 --timeout 20000"),
+            devices(2) << "1 3 10.78.1.1"
+                       << "1 4 10.78.1.2",
+            "**");
+        row("once", running["once"], devices(3), R"(Searching from 10.77.0.1 (host0)
    FUNCTION     UNIVOCAL  ADDRESS             AFTER
           1            #  10.77.1.#           #.# s
           1            #  10.77.1.#           #.# s
           1            #  10.77.1.#           #.# s
 3 devices found in *
 )");
-        addRow("all", running["all"], devices(1) + devices(1) + devices(1), "**1 device found in *\n");
-        addRow("hundred", running["hundred"], devices(100), "**");
-        addRow("late", running["late"], devices(10), "**10 devices found in 5.*\n");
+        row("all", running["all"], devices(1) + devices(1) + devices(1), "**1 device found in *\n");
+        row("hundred", running["hundred"], devices(100), "**");
+        row("late", running["late"], devices(10), "**10 devices found in 5.*\n");
     }
 
     void discoverPrintsDevices()
@@ -335,11 +334,11 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverFollowsTheNetwork_data()
     {
-        QTest::addColumn<Run>("expected");
+        const Table<Run> row("expected");
         // A device beside it goes and comes back. The other stays.
-        addRow("comings", Run{0, "Searching *\n*\n+*\n+*\n-* 10.77.0.1 *\n+*\n2 devices found in *\n"});
+        row("comings", Run{0, "Searching *\n*\n+*\n+*\n-* 10.77.0.1 *\n+*\n2 devices found in *\n"});
         const QString later = FROM_LOOPBACK + "Searching from 10.77.0.1 (host0)\n*\n+* 10.77.1.1 *\n"_s;
-        addRow("later interface", Run{0, later + "1 device found in *\n", "**"});
+        row("later interface", Run{0, later + "1 device found in *\n", "**"});
     }
 
     void discoverFollowsTheNetwork()
@@ -350,10 +349,10 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void discoverKeepsWhatItCannotSee_data()
     {
-        QTest::addColumn<Run>("expected");
+        const Table<Run> row("expected");
         // The device was found before. The next discovery searches only from the loopback.
-        addRow("lost interface", Run{128 + SIGTERM, "Searching from *\n*\n+*\n"_s + FROM_LOOPBACK, "**"});
-        addRow("short", Run{0, "Searching from *\n*\n+*\n1 device found in *\n", "**"});
+        row("lost interface", Run{128 + SIGTERM, "Searching from *\n*\n+*\n"_s + FROM_LOOPBACK, "**"});
+        row("short", Run{0, "Searching from *\n*\n+*\n1 device found in *\n", "**"});
     }
 
     void discoverKeepsWhatItCannotSee()
@@ -370,15 +369,15 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
 
     void endsWithTheSummaryWhenInterrupted_data()
     {
-        addColumns<QString, Run>("awaited", "expected");
-        addRow("--response-delay 0-0 -- ssdp-discover --timeout 3600000", "10.77.1.1",
-               Run{0, "**1 device found in *\n"});
+        const Table<QString, Run> row("awaited", "expected");
+        row("--response-delay 0-0 -- ssdp-discover --timeout 3600000", "10.77.1.1",
+            Run{0, "**1 device found in *\n"});
         // The time is to blame only if it ran out.
-        addRow("--devices 0 -- ssdp-discover --verbose --timeout 4000", "Ssdp Server bound",
-               Run{1, "**", "**A firewall may *\nThe devices may *\n'ssdp-doctor' says *\n"});
+        row("--devices 0 -- ssdp-discover --verbose --timeout 4000", "Ssdp Server bound",
+            Run{1, "**", "**A firewall may *\nThe devices may *\n'ssdp-doctor' says *\n"});
         // With its event, the device is found.
-        addRow("--response-delay 0-0 -- ssdp-doctor --timeout 3600000 --trace", "<KO>1,1</KO>",
-               Run{0, "**1 of 1 device found in *\n", "**"});
+        row("--response-delay 0-0 -- ssdp-doctor --timeout 3600000 --trace", "<KO>1,1</KO>",
+            Run{0, "**1 of 1 device found in *\n", "**"});
     }
 
     void endsWithTheSummaryWhenInterrupted()
