@@ -37,7 +37,7 @@ class AddressesTest : public WireTest
     /// Adds what WireTest::initTestCase() adds, and a device. Returns the name of the host's interface.
     QString addUsualLink()
     {
-        const QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
+        QString link = addLink("10.77.0.1/16", "10.77.1.1/16");
         host("ip route add 224.0.0.0/4 dev "_s + link);
         makeDevice();
         return link;

@@ -276,7 +276,8 @@ private Q_SLOTS:
         QVERIFY(findDevice());
         const QByteArray body = eventBody("KO", "12,34");
         Connection* const connection = sendHead(callback(), contentLength);
-        QVERIFY(connection && send(connection, body.left(sent)));
+        QVERIFY(connection);
+        QVERIFY(send(connection, body.left(sent)));
 
         ssdp->stop();
         QVERIFY(findDevice());
