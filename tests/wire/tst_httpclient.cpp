@@ -523,7 +523,8 @@ private Q_SLOTS:
             VERIFY_SOON(device->requests.size() == 6);
         if (stage == Answered) {
             Connection* const connection = requestFor("GET ");
-            QVERIFY(connection && send(connection, answer));
+            QVERIFY(connection);
+            QVERIFY(send(connection, answer));
         }
         if (stage == InFinished || stage == Finished)
             device->script("GET ", reply(BODY));

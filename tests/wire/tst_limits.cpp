@@ -15,7 +15,6 @@
 using namespace Velmora::Simulator;
 using namespace Velmora::Tests;
 using Velmora::SSDP::Ssdp;
-using Velmora::SSDP::SsdpManager;
 
 namespace {
 
