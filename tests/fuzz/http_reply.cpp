@@ -45,7 +45,8 @@ void Velmora::Fuzz::test(QByteArray& input)
     QNetworkReply* const reply =
         network.get(QNetworkRequest(QUrl("http://127.0.0.1:%1/d.xml"_s.arg(server.serverPort()))));
     int finishes = 0;
-    QObject::connect(reply, &QNetworkReply::finished, reply, [&finishes] { ++finishes; });
+    const QObject context;
+    QObject::connect(reply, &QNetworkReply::finished, &context, [count = &finishes] { ++*count; });
     settle();
 
     Peer device = server.accept();

@@ -238,8 +238,10 @@ private Q_SLOTS:
 
         // The names are properties of an event.
         QStringList changes;
-        connect(controlPoint(), &SsdpManager::valueChanged, this,
-                [&changes](const SsdpDevice*, const SsdpService*, const QString& name) { changes << name; });
+        const QObject context;
+        connect(
+            controlPoint(), &SsdpManager::valueChanged, &context,
+            [names = &changes](const SsdpDevice*, const SsdpService*, const QString& name) { *names << name; });
         service->stateVariables = {{"KO", ""}};
         const QList<QByteArray> reported = names.mid(0, entries);
         // The second event is reported completely, because the table contains its names.

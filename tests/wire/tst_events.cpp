@@ -345,22 +345,24 @@ private Q_SLOTS:
         Connection* const connection = sendHead(to, eventLength);
         QVERIFY(connection);
         const QTcpSocket* const socket = manager().requestSockets().at(0);
-        bool wasOpen = false;
-        qint64 kept = -1;
-        connect(ssdp.get(), &Velmora::SSDP::Ssdp::discovered, this, [&] {
-            // If the library had closed the connection, the device would know before this event ends.
-            QVERIFY(sendEvent(to, eventBody("A", "1")));
-            wasOpen = connection->isOpen();
-            connection->send(QByteArray(16 * 1024 * 1024, 'x'));
-            for (int i = 0; i < 20; ++i)
-                QVERIFY(sendEvent(to, eventBody("A", "1")));
-            kept = socket->bytesAvailable();
-        });
+        bool isOpenInSlot = false;
+        qint64 keptInSlot = -1;
+        const QObject context;
+        connect(ssdp.get(), &Velmora::SSDP::Ssdp::discovered, &context,
+                [this, connection, socket, to, wasOpen = &isOpenInSlot, kept = &keptInSlot] {
+                    // If the library had closed the connection, the device would know before this event ends.
+                    QVERIFY(sendEvent(to, eventBody("A", "1")));
+                    *wasOpen = connection->isOpen();
+                    connection->send(QByteArray(16 * 1024 * 1024, 'x'));
+                    for (int i = 0; i < 20; ++i)
+                        QVERIFY(sendEvent(to, eventBody("A", "1")));
+                    *kept = socket->bytesAvailable();
+                });
         connection->send(event);
         VERIFY_SOON(!connection->isOpen());
-        QVERIFY(wasOpen);
+        QVERIFY(isOpenInSlot);
         QCOMPARE(connection->received, QByteArray());
-        QVERIFY2(kept >= 0 && kept <= 64 * 1024, QByteArray::number(kept).constData());
+        QVERIFY2(keptInSlot >= 0 && keptInSlot <= 64 * 1024, QByteArray::number(keptInSlot).constData());
     }
 };
 

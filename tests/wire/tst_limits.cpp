@@ -235,7 +235,9 @@ private Q_SLOTS:
         // Some versions of QtTest start a thread.
         const int before = ProcessState::threads();
         int most = 0;
-        connect(ssdp.get(), &Ssdp::discovered, this, [&most] { most = qMax(most, ProcessState::threads()); });
+        const QObject context;
+        connect(ssdp.get(), &Ssdp::discovered, &context,
+                [count = &most] { *count = qMax(*count, ProcessState::threads()); });
         ssdp->discover();
         QVERIFY(waitUntil([&] {
             most = qMax(most, ProcessState::threads());
