@@ -147,7 +147,7 @@ void Search::examine()
     if (interface.isEmpty()) {
         problems << isolation();
     } else if (!chosen.isEmpty()) {
-        problems << QStringLiteral("%1 is not up or not connected").arg(interface);
+        problems << QStringLiteral("%1 is down or not connected").arg(interface);
     } else if (QNetworkInterface::interfaceFromName(interface).isValid()) {
         problems << QStringLiteral("%1 has no IPv4 address").arg(interface);
     } else {

@@ -406,7 +406,7 @@ private:
     static QString answer(const Traces& seen)
     {
         if (seen.eventMalformed)
-            return QStringLiteral("answered, but what was reported is not valid XML.");
+            return QStringLiteral("answered, but an event is not well-formed XML.");
         if (seen.subscribed)
             return QStringLiteral(
                 "answered, but none reported: a firewall may drop the TCP connections that devices"

@@ -134,7 +134,7 @@ private Q_SLOTS:
         QFETCH(QString, command);
         const QString error = words(command).at(0) + ": cannot write: "_s;
         VERIFY_RUN(withDevice.run(command + " >/dev/full"), {4, "", error + "No space left on device\n"});
-        // No socket becomes its standard output.
+        // Its standard output is closed, and none of its sockets may take the number.
         VERIFY_RUN(withDevice.run(command + " >&-"), {4, "", error + "Bad file descriptor\n"});
     }
 
@@ -250,7 +250,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
         row("no such interface", "$discover --interface eth7",
             "this host has no interface or address 'eth7', only 127.0.0.1 (lo), 10.77.0.1 (host0)");
         row("interface down", "ip link set host0 down; $discover --interface host0",
-            "host0 is not up or not connected");
+            "host0 is down or not connected");
         row("no address", "ip addr flush dev host0; $discover --interface host0", "host0 has no IPv4 address");
     }
 
@@ -275,7 +275,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
             "connections to it");
         add("never-answer-subscribe",
             "none reported: a firewall may drop the TCP connections that devices open to this program");
-        add("event-bad-xml", "what was reported is not valid XML");
+        add("event-bad-xml", "an event is not well-formed XML");
     }
 
     void discoverAdvisesOnWhatItSaw()
@@ -335,7 +335,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
     void discoverFollowsTheNetwork_data()
     {
         const Table<Run> row("expected");
-        // A device beside it goes and comes back. The other stays.
+        // The device of the host goes and comes back. That of the lab stays.
         row("comings", Run{0, "Searching *\n*\n+*\n+*\n-* 10.77.0.1 *\n+*\n2 devices found in *\n"});
         const QString later = FROM_LOOPBACK + "Searching from 10.77.0.1 (host0)\n*\n+* 10.77.1.1 *\n"_s;
         row("later interface", Run{0, later + "1 device found in *\n", "**"});
@@ -372,7 +372,7 @@ sys.exit(subprocess.call(sys.argv[1:]))' $discover)",
         const Table<QString, Run> row("awaited", "expected");
         row("--response-delay 0-0 -- ssdp-discover --timeout 3600000", "10.77.1.1",
             Run{0, "**1 device found in *\n"});
-        // The time is to blame only if it ran out.
+        // The advice names the time-out only if it has expired.
         row("--devices 0 -- ssdp-discover --verbose --timeout 4000", "Ssdp Server bound",
             Run{1, "**", "**A firewall may *\nThe devices may *\n'ssdp-doctor' says *\n"});
         // With its event, the device is found.

@@ -8,9 +8,9 @@ namespace Doctor {
 const QList<FindingText>& findingTexts()
 {
     static const QList<FindingText> list = {
-        {"search.silent", "Nothing came from this address, not even when it was searched alone.",
+        {"search.silent", "Nothing came from this address, not even after a search sent to it alone.",
          "Check the address, and the power and the cable of the device. Check that no firewall drops UDP to port "
-         "1900, nor the answers.",
+         "1900 or the answers.",
          1},
         {"search.unicast-only", "It answers a search that is sent to its address, but not one to the group.",
          "Make the device join 239.255.255.250, and make switches (IGMP snooping) and access points forward "
@@ -56,8 +56,8 @@ const QList<FindingText>& findingTexts()
         {"description.long", "The description is longer than the length that its head announces.",
          "Make CONTENT-LENGTH the number of bytes in the body.", 3},
         {"description.out-of-bounds", "The description exceeds the limits of the library.",
-         "Keep the reply below 16 MiB. Use at most 128 levels of elements and 256 attributes per element, and no "
-         "internal DTD subset.",
+         "Keep the head of the reply below 64 KiB and the body below 16 MiB. Use at most 128 levels of elements "
+         "and 256 attributes per element, and no internal DTD subset.",
          3},
         {"description.not-xml", "The description is not well-formed XML.", "Correct the XML.", 3},
         {"description.no-root", "The top element of the document at the LOCATION is not root.",
@@ -109,8 +109,8 @@ const QList<FindingText>& findingTexts()
         {"scpd.long", "The service description is longer than the length that its head announces.",
          "Make CONTENT-LENGTH the number of bytes in the body.", 4},
         {"scpd.out-of-bounds", "The service description exceeds the limits of the library.",
-         "Keep the reply below 16 MiB. Use at most 128 levels of elements and 256 attributes per element, and no "
-         "internal DTD subset.",
+         "Keep the head of the reply below 64 KiB and the body below 16 MiB. Use at most 128 levels of elements "
+         "and 256 attributes per element, and no internal DTD subset.",
          4},
         {"scpd.not-xml", "The service description is not well-formed XML.", "Correct the XML.", 4},
         {"scpd.no-root", "The top element of the document at the SCPDURL is not scpd.",
@@ -129,14 +129,17 @@ const QList<FindingText>& findingTexts()
         {"subscription.refused", "It refuses the connection for the subscription.",
          "Accept subscriptions at the host and port of the LOCATION.", 5},
         {"subscription.silent", "It accepts the subscription request and sends no reply.",
-         "Accept lines that end with a line feed alone, and one character for the port in HOST.", 5},
+         "Accept lines that end with a line feed alone, and a HOST whose port is one byte, not a decimal number.",
+         5},
         {"subscription.closed", "It closes the connection without a reply to the subscription request.",
-         "Accept lines that end with a line feed alone, and one character for the port in HOST.", 5},
+         "Accept lines that end with a line feed alone, and a HOST whose port is one byte, not a decimal number.",
+         5},
         {"subscription.status", "It answers the subscription request with an error.",
-         "Accept every SUBSCRIBE, also if one host sends several at the same time.", 5},
+         "Accept every SUBSCRIBE, even if one host sends several at the same time.", 5},
         {"subscription.standard-only",
          "It accepts a SUBSCRIBE with CR LF and a decimal port in HOST, but not that of the library.",
-         "Accept lines that end with a line feed alone, and one character for the port in HOST.", 5},
+         "Accept lines that end with a line feed alone, and a HOST whose port is one byte, not a decimal number.",
+         5},
         {"subscription.no-sid", "Its reply to the subscription request has no SID.", "Send a SID in the reply.",
          5},
         {"subscription.late-sid", "The SID comes after the first segment of its reply.",
@@ -173,7 +176,8 @@ const QList<FindingText>& findingTexts()
          "Make KO the function code, a comma and the univocal code, as in 12,34.", 7},
 
         {"device.unexplained", "No mistake was found when the device was examined.",
-         "Run this again with a longer time-out. If the device is still not found, check what this host drops.",
+         "Run this again with a longer time-out. If the device is still not found, check the firewall of this "
+         "host.",
          0},
 
         {"host.no-interface", "No network interface of this host is up and has an IPv4 address.",

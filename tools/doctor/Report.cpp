@@ -165,7 +165,7 @@ void addHost(Lines& lines, const Results& results)
     const bool isVirtual = std::all_of(results.host.addresses.cbegin(), results.host.addresses.cend(),
                                        [](const AddressSeen& address) { return !address.kind.isEmpty(); });
     lines.line(QStringLiteral("The devices may be in another network. Routers do not forward multicast, and many"
-                              " wireless access points drop it. To search one device, give its address."));
+                              " wireless access points drop it. To search for one device, give its address."));
     if (isVirtual)
         lines.line(QStringLiteral("This host has searched only from virtual interfaces."));
 }
