@@ -9,7 +9,7 @@
 #include <QtTest/QAbstractItemModelTester>
 #include <QtTest/QSignalSpy>
 #include <QtTest/QTest>
-// In Qt 5, it is a part of QtWidgets, and later of QtGui.
+// QAction is in QtWidgets in Qt 5, and in QtGui in Qt 6.
 #include <QAction>
 #include <QtWidgets/QApplication>
 #include <QtWidgets/QLabel>

@@ -25,10 +25,10 @@ namespace Fuzz {
  */
 void test(QByteArray& input);
 
-/// If @p holds is false, aborts the process. So the input is a finding.
+/// If @p holds is false, aborts the process. libFuzzer then stores the input.
 void require(bool holds, const char* what);
 
-/// Runs the event loop until nothing is left to do, including deferred deletions.
+/// Runs the event loop, with deferred deletions, as often as one segment needs.
 void settle();
 
 /// Removes the first byte of @p input and returns it. Returns 0 if there is none.
@@ -67,7 +67,7 @@ public:
     void send(const QByteArray& bytes);
     /// Sends @p segments. The library handles each segment before the next one is sent.
     void sendSegments(const QList<QByteArray>& segments);
-    /// Ends the own direction of the connection.
+    /// Ends the sending direction of the connection.
     void finish();
     void reset();
 

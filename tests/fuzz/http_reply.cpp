@@ -60,7 +60,7 @@ void Velmora::Fuzz::test(QByteArray& input)
     }
     device.reset();
     settle();
-    // A request without a reply is sent again.
+    // A request whose reply has no complete head is sent again.
     while (server.closeNext())
         settle();
 

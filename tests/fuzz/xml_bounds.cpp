@@ -1,6 +1,6 @@
 // A document. The fuzzer compares the bounds with those that another parser counts. Three control characters,
-// which no document has, make a long text of a short input: in \1<n>text\2, the text is repeated 16 * n times, and
-// every \3 in it becomes the number of the repetition.
+// which no document has, make a long text of a short input. In \1, a byte n, a text and \2, the text is repeated
+// 16 * n times. In each repetition, \3 becomes its number.
 
 #include <tests/fuzz/Harness.h>
 #include <tests/support/Literals.h>

@@ -12,7 +12,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// What the test program holds and has used.
+/// The descriptors, threads and processor time of the test program.
 namespace ProcessState {
 
 inline int entriesOf(const char* folder)
@@ -49,7 +49,7 @@ inline int nextDescriptor()
     return probe;
 }
 
-/// Limits the descriptors of the process while it exists.
+/// Limits the descriptors of the process while this object exists.
 class DescriptorLimit
 {
 public:

@@ -31,7 +31,7 @@ namespace Tests {
 
 const char LOCATION[] = "http://10.77.1.1:8080/desc.xml";
 
-/// A test that lets the library find a device at LAST_LOCATION knows that it has read every earlier datagram.
+/// When the library has found a device here, it has read every earlier datagram.
 const char LAST_LOCATION[] = "http://10.77.1.1:8080/last";
 
 /// The report of WireTest::sendLastEvent().
@@ -123,7 +123,7 @@ protected:
     /// Opens a connection to the event server.
     Connection* connectTo(const Callback& to) { return device->connectTo(to.host, to.port); }
 
-    /// Opens an event connection and sends the head. Returns null if it is not read.
+    /// Opens an event connection and sends the head. Returns null if the library does not read it.
     Connection* sendHead(const Callback& to, const QByteArray& contentLength);
 
     /// Sends an event as devices do, the body in a second segment. Returns whether the library closes the

@@ -10,7 +10,7 @@ using Velmora::SSDP::parseXml;
 
 namespace {
 
-// A hundred times what the slowest build needs. In quadratic time, it would take hours.
+// The slowest build needs a hundredth of this. In quadratic time, it would need hours.
 const qint64 MAX_DECISION_MS = 5000;
 
 QString nested(int levels, const QString& innermost = QString())

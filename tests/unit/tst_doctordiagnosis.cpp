@@ -70,7 +70,7 @@ QByteArray ids(const QList<Finding>& findings)
 
 } // namespace
 
-/// From what was seen of devices and of the host to what is said of it.
+/// What the doctor says about what was seen of devices and of the host.
 class DoctorDiagnosisTest : public QObject
 {
     Q_OBJECT
@@ -320,7 +320,7 @@ private Q_SLOTS:
 
     void findsRulesThatDrop_data()
     {
-        // The start of each.
+        // The second column has the beginning of each finding.
         const Table<QString, QStringList> row("rules", "expected");
         const QStringList all = {"UDP 1900", "UDP 49152", "TCP 40000"};
         const auto iptables = [&](const char* name, const char* policy, const char* rules,

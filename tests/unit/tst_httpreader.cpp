@@ -60,7 +60,7 @@ QByteArray outcomeOf(const QByteArray& bytes, int first, int segment)
         + result + ": " + taken(reader);
 }
 
-/// Reads @p bytes byte by byte, and in two segments of every size. A long reply has fewer cuts.
+/// Reads @p bytes byte by byte, and cut in two at every place. A long reply is cut at fewer places.
 QList<QByteArray> outcomesOf(const QByteArray& bytes)
 {
     const int size = static_cast<int>(bytes.size());

@@ -32,9 +32,9 @@ Q_DECLARE_METATYPE(Maker)
 
 namespace {
 
-const int KB = 1024;
+const int KIB = 1024;
 
-// Twice the input may take two and a half times as long. Two of these factors are for four times the input.
+// Twice the input may take 2.5 times as long. Four times the input is twice of twice.
 const double MAX_GROWTH = 2.5 * 2.5;
 const qint64 MIN_RUN = 700; ///< In microseconds.
 const int RUNS = 3;
@@ -105,39 +105,39 @@ class LinearTest : public QObject
 
     static void textRows()
     {
-        texts("header value", 64 * KB,
+        texts("header value", 64 * KIB,
               listOf("~SID\n", "~SID", "~\n", "~:SID\n", "~SI\n", "SID:~ ~x", "SID~:", "~S: x\n~SID: x"),
               [](const QString& input) { Protocol::headerValue(input, "SID"); });
-        texts("event path", 64 * KB,
+        texts("event path", 64 * KIB,
               listOf("NOTIFY ~/~ HTTP/1.1\n", "NOTIFY~ ", "~x", "NOTIFY ~{", "NOTIFY 6f9619ff-~/~8b86",
                      "NOTIFY /~a", "NOTIFY / HTTP/1.1\n~x\n"),
               [](const QString& input) {
                   QUuid identifier;
                   Protocol::readEventIdentifier(input, &identifier);
               });
-        texts("subscription identifier", 64 * KB,
+        texts("subscription identifier", 64 * KIB,
               listOf("SID: ~uuid:", "SID: ~uuid:x", "SID: ~uuid", "SID: ~uuuid:uid:", "~SID\n"),
               [](const QString& input) { Protocol::subscriptionIdentifier(input); });
-        texts("location", 16 * KB, listOf("http://h/~a", "~/"), [](const QString& input) {
+        texts("location", 16 * KIB, listOf("http://h/~a", "~/"), [](const QString& input) {
             Protocol::fullLocation(input, input);
             Protocol::hostValue(input);
         });
-        texts("host", 8 * KB,
+        texts("host", 8 * KIB,
               listOf("http://~a~/", "http://~a.~/", "http://~\xe4\xf6\xfc~/", "http://~%41~/", "http://h:~1~/",
                      "http://[~1:~]/", "http://h/~%zz"),
               [](const QString& input) { Protocol::hostValue(input); });
-        texts("path of a service", 16 * KB, listOf("~/x", "~%1"), [](const QString& input) {
+        texts("path of a service", 16 * KIB, listOf("~/x", "~%1"), [](const QString& input) {
             Protocol::subLocation(input);
             Protocol::subscribeMessage(input, "http://h/", {QHostAddress(QHostAddress::LocalHost), 1, QUuid()});
         });
-        texts("key object", 64 * KB, listOf("~;~1,2", "~,~1,2", "~1,2,3;~1,2", "~ ~1,2", "~1~1,2"),
+        texts("key object", 64 * KIB, listOf("~;~1,2", "~,~1,2", "~1,2,3;~1,2", "~ ~1,2", "~1~1,2"),
               [](const QString& input) {
                   KeyObject read = {};
                   readKeyObject(input, &read);
               });
-        texts("log line", 64 * KB, listOf("~x", "~\x1b", "~\n", "~%1"),
+        texts("log line", 64 * KIB, listOf("~x", "~\x1b", "~\n", "~%1"),
               [](const QString& input) { Logger(Logger::Information) << "piece" << input; });
-        row("text", "up to the zero byte", 64 * KB, [](int size) -> Work {
+        row("text", "up to the zero byte", 64 * KIB, [](int size) -> Work {
             const QByteArray input(size, '\xfe');
             return [input] { textUpToZero(input); };
         });
@@ -169,11 +169,11 @@ class LinearTest : public QObject
                     });
                 }
             };
-            replies(15 * KB, heads);
-            replies(32 * KB, bodies);
-            replies(128 * KB, chunks);
+            replies(15 * KIB, heads);
+            replies(32 * KIB, bodies);
+            replies(128 * KIB, chunks);
         }
-        row("body", "taken byte by byte", 128 * KB, [](int size) -> Work {
+        row("body", "taken byte by byte", 128 * KIB, [](int size) -> Work {
             const QByteArray input(size, 'x');
             return [input] {
                 ByteQueue queue;
@@ -186,7 +186,7 @@ class LinearTest : public QObject
 
     static void documentRows()
     {
-        texts("XML bounds", 64 * KB,
+        texts("XML bounds", 64 * KIB,
               listOf("~<", "~<\"", "~<a>", "<r>~<a/>~</r>", "~</a>", "~<!---->", "~<!--", "~<!-->", "<!--~- ",
                      "<!-~-", "~<![CDATA[", "<a>~<![CDATA[]>", "<![CDATA[~]]~]]>", "~<!x>", "~<!x", "~<!DOCTYPE ",
                      "~<!DOCTYPE a>", "<!DOCTYPE a [<!ELEMENT a ~(", "~<?x?>", "~<?x", "~<?", "~<?xml ?>",
@@ -197,16 +197,16 @@ class LinearTest : public QObject
             QDomDocument document;
             parseXml(document, input);
         };
-        texts("parsed", 32 * KB,
+        texts("parsed", 32 * KIB,
               listOf("<r>~<a/>~</r>", "<r>~<a b='' c='' d='' e=''/>~</r>", "<r>~<!---->~</r>",
                      "<r>~<![CDATA[]]>~</r>", "<r>~<?p?>~</r>", "<r>~<a/>"),
               parse);
-        texts("parsed", 64 * KB, listOf("<r>~x~</r>", "<r>~&#65;~</r>", "<~a~/>", "<a b='~x~'/>", "~x"), parse);
+        texts("parsed", 64 * KIB, listOf("<r>~x~</r>", "<r>~&#65;~</r>", "<~a~/>", "<a b='~x~'/>", "~x"), parse);
 
         const auto documents = [](const char* group, const QList<QByteArray>& shapes,
                                   const std::function<void(const QDomDocument&)>& function) {
             for (const QByteArray& shape : shapes) {
-                row(group, shape, 64 * KB, [=](int size) -> Work {
+                row(group, shape, 64 * KIB, [=](int size) -> Work {
                     const auto dom = std::make_shared<QDomDocument>();
                     if (!parseXml(*dom, QString::fromLatin1(inputOf(shape, size))))
                         qFatal("not parsed: %s", shape.constData());
@@ -272,9 +272,9 @@ private Q_SLOTS:
     {
         if (SANITIZED)
             QSKIP("AddressSanitizer takes time, too");
-        // To return memory to the kernel takes as long as the work. Only large inputs would do it.
-        mallopt(M_MMAP_THRESHOLD, 32 * KB * KB);
-        mallopt(M_TRIM_THRESHOLD, 1024 * KB * KB);
+        // Only large inputs would return memory to the kernel, which takes as long as the work.
+        mallopt(M_MMAP_THRESHOLD, 32 * KIB * KIB);
+        mallopt(M_TRIM_THRESHOLD, 1024 * KIB * KIB);
     }
 
     void timeGrowsWithTheLength_data()

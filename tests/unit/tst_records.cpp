@@ -15,7 +15,7 @@ using namespace Velmora::SSDP;
 
 namespace {
 
-/// Records its deletion. It notices it only if the destructor is virtual.
+/// Notes its deletion. This works only if the destructor of the record is virtual.
 class NotedService : public SsdpService
 {
 public:

@@ -12,16 +12,16 @@
 using namespace Velmora::Tests;
 using namespace Velmora::SSDP;
 
-/// What uname() returns. If it is null, that of the kernel.
+/// What uname() returns.
 struct FakedSystem
 {
     int result;
     const char* name;
     const char* release;
 };
-static const FakedSystem* faked = nullptr;
+static const FakedSystem* faked = nullptr; ///< If it is null, uname() returns what the kernel says.
 
-// The library calls this function, too, instead of that of the C library.
+// The library also calls this function, and not that of the C library.
 extern "C" Q_DECL_EXPORT int uname(utsname* system) noexcept
 {
     if (!faked)

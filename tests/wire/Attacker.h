@@ -141,7 +141,7 @@ public:
     /// The URL of @p path on this device. @p port is counted from the first port.
     static QByteArray url(const QByteArray& path, int port = 0);
 
-    /// Listens at the first @p count ports, like as many devices.
+    /// Listens at the first @p count ports, as if there were as many devices.
     void listenAtPorts(int count);
     /// Refuses connections from now on.
     void stopListening();

@@ -122,7 +122,7 @@ Handler sendsFor(int milliseconds, const QByteArray& bytes, int pause = 0)
     return [=](PlainConnection& connection) { connection.sendFor(milliseconds, bytes, pause); };
 }
 
-/// Sends a document that is made only now, so that no other process has it in memory.
+/// Makes the document only when it is sent, so that the other processes do not hold it.
 Handler sendsDocument(const QByteArray& pattern, int size)
 {
     return [pattern, size](PlainConnection& connection) { connection.send(reply(expanded(pattern, size))); };
@@ -396,7 +396,7 @@ void waitForTheGoodDevice(const Attacker::Callback& callback)
 void useUpDescriptors(Attacker& attacker)
 {
     const Attacker::Callback callback = attacker.beSubscribedTo();
-    // After the attack, no device gets a connection.
+    // After the attack, the host accepts no connection.
     waitForTheGoodDevice(callback);
     std::vector<std::unique_ptr<PlainConnection>> connections;
     while (connections.size() < 1100)

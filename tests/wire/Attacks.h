@@ -13,12 +13,12 @@ struct Attack
 {
     enum Trait {
         Quick = 0x1, ///< Part of the reduced set.
-        Unending = 0x2, ///< Leaves requests without an end, so the test does not wait for it.
-        ManyRecords = 0x4, ///< Describes so much that the memory for its records is not limited.
+        Unending = 0x2, ///< Leaves requests without an end, so the test does not wait for the end.
+        ManyRecords = 0x4, ///< Has so many records that the test does not limit the memory.
         FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
         Stalled = 0x10, ///< The host is busy for 400 ms after its search.
-        Oversized = 0x20, ///< Larger than the sizes for which the time of the host is limited.
-        Prompt = 0x40 ///< Must not delay the good device, nor the destructor of the controller, by 100 ms.
+        Oversized = 0x20, ///< So large that the test does not limit the time of the host.
+        Prompt = 0x40 ///< Must not delay the good device or the destructor of the controller.
     };
 
     QByteArray name;
@@ -28,8 +28,8 @@ struct Attack
     /// How many records of devices the host must have in the end.
     int devices = 1;
     /// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than
-    /// the host may be busy, because the library loses a body that it reads with the head. The pause ends with the
-    /// attack, when the host has read the head.
+    /// the host may be busy, because the library loses a body that it reads with the head. The pause ends when
+    /// the attack has ended and the host has read the head.
     int eventGap = SHORT_GAP;
 };
 

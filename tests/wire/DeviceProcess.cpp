@@ -21,7 +21,7 @@ using Simulator::PrivateNetwork;
 
 namespace {
 
-// A command is this, or the number of the process to start.
+// A command is STOP, or the number of the process to start.
 const int STOP = -1;
 
 } // namespace

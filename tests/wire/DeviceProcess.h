@@ -14,8 +14,8 @@ namespace Tests {
  * The device side of a private network, in another process. So a measurement of this process measures only the
  * library.
  *
- * Create it before the first thread, because it forks. The forked process starts the others, and all of them end
- * with this one.
+ * Create it before the first thread, because it forks. The forked process starts the processes of the devices. All
+ * of them end with this process.
  */
 class DeviceProcess
 {

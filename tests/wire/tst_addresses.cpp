@@ -141,7 +141,7 @@ private Q_SLOTS:
     {
         addLink("10.77.0.1/16", "10.77.1.1/16");
         addLink("10.78.0.1/16", "10.78.1.1/16");
-        // If two interfaces have an address, it is used twice.
+        // An address of two interfaces is used twice.
         addLink("10.78.0.1/16", "10.78.1.2/16");
         ssdp->discover();
         QCOMPARE(addresses(), (QStringList{"10.78.0.1", "10.78.0.1", "10.77.0.1"}));
@@ -205,7 +205,7 @@ private Q_SLOTS:
         QUdpSocket large;
         QVERIFY(usual.bind() && large.bind());
         large.setSocketOption(option, 4 * 1024 * 1024);
-        // The kernel limits the size to more than its default.
+        // The kernel limits the size, but not to its default.
         const int size = large.socketOption(option).toInt();
         QVERIFY(size > usual.socketOption(option).toInt());
 

@@ -253,7 +253,7 @@ private Q_SLOTS:
     void requestThatFailedAlreadyIsDroppedToo()
     {
         QVERIFY(search());
-        // Its scheme is not known, so the end of the reply is queued already.
+        // The scheme is unknown, so the request has failed, and its finished() is queued.
         manager().addSsdpDevice(QHostAddress("10.77.1.1"), "coap://10.77.1.1/");
         QCOMPARE(manager().deviceReplies().size(), 1);
         QVERIFY(restart());
@@ -353,7 +353,7 @@ private Q_SLOTS:
             const auto proxyType = static_cast<QNetworkProxy::ProxyType>(type);
             QNetworkProxy::setApplicationProxy(QNetworkProxy(proxyType, "10.77.1.3", 3128));
         }
-        // Qt would use it.
+        // Qt itself would use the proxy.
         const QNetworkProxyQuery query{QUrl(LOCATION)};
         QCOMPARE(QNetworkProxyFactory::proxyForQuery(query).at(0).hostName(), "10.77.1.3"_s);
 
@@ -391,11 +391,11 @@ private Q_SLOTS:
         device->script("GET /answered", reply("<a/>"));
         QVERIFY(search());
         const KeptMessages kept;
-        // Nobody listens, there is no route, no answer, and an answer.
+        // Of the last four, nobody listens, there is no route, no answer, and an answer.
         for (const QByteArray& location :
              listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
                     "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered")) {
-            // With more turns of the event loop, more requests have finished when the others are forgotten.
+            // The more turns, the more requests have finished before the others are forgotten.
             for (int turns = 0; turns < 20; ++turns) {
                 for (int i = 0; i < 10; ++i)
                     manager().addSsdpDevice(QHostAddress("10.77.1.1"), location + QByteArray::number(i));

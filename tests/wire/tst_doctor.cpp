@@ -17,12 +17,12 @@ namespace {
 const char DOCTOR[] = "-- ssdp-doctor --json --timeout 3000";
 const char DISCOVER[] = "-- ssdp-discover --json --timeout 3000";
 
-// Each device of a pair test has two faults. Few pairs of all faults leave a device found, so there are also pairs
-// of those that leave it found alone.
+// Each device of a pair test has two faults. With few of them a device is found, so there are also pairs of
+// faults that each leave it found.
 const int PAIRS = 50;
 const int HARMLESS_PAIRS = 20;
 
-// A device that has gone refuses connections or closes the last one.
+// A device that has gone refuses the next connection or closes an open one.
 const char GONE[] = "description.refused|description.closed";
 
 /// What the doctor has to say about a device with a fault.
@@ -202,7 +202,7 @@ private Q_SLOTS:
                                     " --fault 3:ignore-search "_s
                                     + DOCTOR + " 10.77.1.2 10.77.1.3");
 
-        // A socket that does not share the port has it while the doctor looks.
+        // While the doctor runs, another socket has the port and does not share it.
         running["port taken"] = startLab("-- python3 -c", R"(
 import socket, subprocess, sys
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)

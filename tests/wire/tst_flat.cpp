@@ -28,7 +28,7 @@ class FlatTest : public WireTest
     struct Holdings
     {
         int descriptors;
-        int objects; ///< Without those connections.
+        int objects; ///< Without the listed connections.
         int pending; ///< Requests and event connections.
         int connections; ///< The listed connections of subscriptions and events.
         int services; ///< The services of these connections, one for each.

@@ -44,7 +44,7 @@ const int MOST_RUNS = 10;
 // The number of attacks in the document.
 const int SHOWN = 10;
 
-// The process of the library. It starts the others.
+// The process of the library.
 const pid_t HOST = getpid();
 
 const char GOOD_ADDRESS[] = "10.77.1.1";
@@ -58,8 +58,8 @@ int eventGap(const Attack& attack)
     return SANITIZED ? qMax(attack.eventGap, qMin(attack.eventGap * 3, 9000)) : attack.eventGap;
 }
 
-/// In KB. A release build needs a third: 700 MB while it parses a large document, and 64 MB otherwise. During a
-/// large document, the good device pauses.
+/// The limit in KiB: three times what a release build needs, which is 700 MiB for a large document and 64 MiB
+/// otherwise. With a large document, the good device pauses longer.
 qint64 peakMemory(const Attack& attack)
 {
     if (SANITIZED)
@@ -132,7 +132,7 @@ int runDevices(int number, const DeviceProcess& process)
     return QCoreApplication::exec();
 }
 
-/// Returns a line of /proc/self/status, in KB.
+/// Returns a line of /proc/self/status, in KiB.
 qint64 memory(const char* field)
 {
     QFile file("/proc/self/status");
@@ -195,7 +195,7 @@ private Q_SLOTS:
 
     void initTestCase()
     {
-        // The test would also measure the log.
+        // Otherwise the test would also measure the log.
         QLoggingCategory::setFilterRules("velmora.ssdp=false");
         // The first control point of a process loads plugins of Qt 5. They keep descriptors.
         const SSDP::SsdpManager first{QHostAddress("10.77.0.1")};
@@ -338,7 +338,7 @@ private:
             if (measured.isDone || elapsed.elapsed() > PATIENCE)
                 loop.quit();
             if (attack.traits & Attack::FewDescriptors) {
-                // Ends the process if no descriptor is left for the event loop of the thread.
+                // Qt ends the process if no descriptor is left for the event loop of the thread.
                 QThread thread;
                 thread.start();
                 thread.quit();

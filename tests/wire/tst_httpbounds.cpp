@@ -57,7 +57,7 @@ class HttpBoundsTest : public HttpTest
     }
 
     /// Requests one more document and sends @p size bytes of its body. One byte is missing, so the reply does not
-    /// finish. Returns whether it has not failed.
+    /// finish. Returns false if it has failed.
     bool hold(Fetches& fetches, Fetcher& fetcher, int size)
     {
         const QByteArray path = '/' + QByteArray::number(device->requests.size());

@@ -43,7 +43,7 @@ class HttpClientTest : public HttpTest
     Q_OBJECT
 
 public:
-    /// The stage of a request. It waits for one of the six connections, or the device has answered some bytes.
+    /// The stage of a request. Waiting is for one of six connections. Answered is a part of the reply.
     enum Stage { Requested, Waiting, Connecting, Answered, InFinished, Finished };
     Q_ENUM(Stage)
 
@@ -335,7 +335,7 @@ private Q_SLOTS:
         QCOMPARE(device->accepted.size(), isReused ? 1 : 2);
         QCOMPARE(device->requests.at(0).connection == device->requests.at(1).connection, isReused);
         QVERIFY(!device->requests.at(1).bytes.toLower().contains("cookie"));
-        // The device would keep it open.
+        // The device would keep the connection open.
         QVERIFY(hasFinishedOnce(*fetches.second));
         QVERIFY(fetches.first.reply && fetches.second->reply);
         QCOMPARE(fetches.first.finishes, 1);

@@ -15,7 +15,7 @@ class LabTest : public QObject
     Q_OBJECT
 
 private:
-    Running ignoring; ///< Runs for seconds.
+    Running ignoring; ///< Takes some seconds.
 
 private Q_SLOTS:
 
@@ -105,7 +105,7 @@ private Q_SLOTS:
         own.close();
         const QString command = "PATH=%1:/usr/bin:/bin; $lab -- ssdp-discover --version"_s.arg(folder.path());
         VERIFY_RUN(shell(command), {0, "own\n"});
-        // Only a program that is nowhere else is searched for beside ssdp-lab.
+        // The lab runs the program beside it only if there is none in PATH.
         QVERIFY(own.remove());
         VERIFY_RUN(shell(command), {0, "ssdp-discover *\n"});
     }

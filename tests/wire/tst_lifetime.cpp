@@ -178,7 +178,7 @@ class LifetimeTest : public WireTest
         };
     }
 
-    /// Returns whether every connection between the device and the library is closed.
+    /// Returns whether every connection between the device and the library, except the filler, is closed.
     bool allIsClosed() const
     {
         const QList<Connection*> all = device->findChildren<Connection*>();

@@ -39,7 +39,7 @@ int runLimitedDevices(int count, const DeviceProcess& process)
     });
 }
 
-/// Takes the descriptors below @p end. Does so again before each event, because threads give some back.
+/// Takes the descriptors below @p end. Does so again before each event, because ending threads close some.
 class TakenDescriptors : public QObject
 {
 public:
@@ -197,7 +197,7 @@ private Q_SLOTS:
         ssdp->discover();
         ssdp->stop();
         const TakenDescriptors taken(100);
-        // The library keeps a sixteenth of them free. The search takes two.
+        // The library keeps a sixteenth of the limit free. The search takes two.
         const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 6);
         CapturedLog::clear();
         ssdp->discover();
@@ -219,7 +219,7 @@ private Q_SLOTS:
         ssdp->discover();
         manager().addSsdpDevice(QHostAddress("10.77.1.1"_s), "http://localhost:%1/"_s.arg(server.serverPort()));
         QCOMPARE(manager().deviceReplies().size(), 1);
-        // The library keeps a sixteenth of them free.
+        // The library keeps a sixteenth of the limit free.
         const TakenDescriptors taken(256 - 256 / 16);
         VERIFY_SOON(manager().deviceReplies().isEmpty());
         QCOMPARE(log().count(QLatin1String(REFUSED)), 1);

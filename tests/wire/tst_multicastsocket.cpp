@@ -23,7 +23,7 @@ const char IPV6[] = "fe80::1";
 /// The options that are set at level IPPROTO_IP while a test watches, as "35 effffffa0a4d0001".
 static QStringList* watchedOptions = nullptr;
 
-// The library calls this function, too, instead of that of the C library.
+// The library also calls this function, and not that of the C library.
 extern "C" Q_DECL_EXPORT int setsockopt(int descriptor, int level, int option, const void* value,
                                         socklen_t size) noexcept
 {
@@ -119,7 +119,7 @@ private Q_SLOTS:
         QVERIFY(!socket->bind(PORT));
         QCOMPARE(socket->error(), QAbstractSocket::AddressInUseError);
 
-        // A later failure replaces the error and not its text.
+        // A later failure changes error(), but not errorString().
         const QString errorString = socket->errorString();
         QVERIFY(!socket->joinMulticastGroup(QHostAddress("ff02::c"), first));
         QCOMPARE(socket->error(), QAbstractSocket::UnknownSocketError);

@@ -58,7 +58,7 @@ private Q_SLOTS:
         QVERIFY(search());
         device->announce(datagram);
         device->answer(datagram);
-        // Then both sockets have read the datagram before.
+        // When these are read, both sockets have read the earlier datagram.
         device->announce(searchReply(ANNOUNCED));
         device->answer(searchReply(LAST_LOCATION));
         QStringList expected{ANNOUNCED, LAST_LOCATION};

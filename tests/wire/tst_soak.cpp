@@ -44,7 +44,7 @@ struct Holdings
     int descriptors;
     int objects;
     int sockets;
-    qint64 memory; ///< In KB.
+    qint64 memory; ///< In KiB.
 };
 
 Holdings holdingsOf(SSDP::Ssdp& ssdp)

@@ -49,7 +49,7 @@ private Q_SLOTS:
             + service()->id.toByteArray(QUuid::WithoutBraces) + "_%4>\nNT: upnp:event\nTIMEOUT: Second-120\n\n";
         QCOMPARE(connection->received.toPercentEncoding(), expected.toPercentEncoding());
 
-        // The device ends the connection. So the library sends nothing after the empty line.
+        // After the end of the connection, it is certain that nothing follows the empty line.
         connection->close();
         QVERIFY(answerSearch("http://" + authority + "/last"));
         QCOMPARE(device->requestsFor("SUBSCRIBE ").at(0).bytes, expected);

@@ -144,7 +144,7 @@ private Q_SLOTS:
             {"ssdp-discover --interf", "<ssdp-discover><--interface>"},
             {"ssdp-discover --interface l", "<ssdp-discover><--interface><lo>"},
         };
-        // A tabulator completes, and Ctrl-A goes to the beginning of the line.
+        // Tab completes, and Ctrl-A goes to the beginning of the line.
         for (const auto& row : rows)
             bash->write("%1\t\001typed \n"_s.arg(row.typed));
         bash->write("exit\n");
