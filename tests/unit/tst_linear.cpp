@@ -263,7 +263,8 @@ class LinearTest : public QObject
                 };
             });
         };
-        announcements("different locations", 100, "none:/#");
+        // The records and requests of 200 locations fit in the cache of a processor.
+        announcements("different locations", 50, "none:/#");
         announcements("one location", 1000, "none:/");
     }
 
