@@ -204,5 +204,3 @@ int Server::next()
 
 } // namespace Fuzz
 } // namespace Velmora
-
-#include "moc_Harness.cpp"

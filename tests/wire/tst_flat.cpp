@@ -18,8 +18,8 @@ const int SLACK = 16 * 1024; ///< How many more bytes may be on the heap for oth
 const char FOUND[] = "Device with FC:1 ";
 const char NOT_PARSED[] = "Could not parse server response";
 
-/// What a discovery leaves behind. The twentieth leaves as much as the fifth, whatever the device does wrong. Only
-/// the connections of subscriptions without a reply stay listed.
+/// What remains after a discovery. It does not grow from the fifth to the twentieth discovery, for any fault of
+/// the device. Only connections of subscriptions without a reply stay listed.
 class FlatTest : public WireTest
 {
     Q_OBJECT
@@ -68,7 +68,8 @@ class FlatTest : public WireTest
                });
     }
 
-    /// Compares what the fifth and the twentieth discovery leave behind. Each may leave @p kept connections.
+    /// Runs twenty discoveries. Compares the holdings after the fifth and after the twentieth. Each discovery may
+    /// keep @p kept connections.
     void repeat(int kept, const std::function<void()>& discover)
     {
         Holdings before = {};

@@ -7,6 +7,7 @@
 #include <tests/support/ManagerAccess.h>
 #include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
+#include <tests/support/Table.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -203,13 +204,13 @@ private Q_SLOTS:
 
     void goodDeviceIsFound_data()
     {
-        QTest::addColumn<int>("number");
+        const Table<int> row("number");
         const bool all = qEnvironmentVariableIsSet("VELMORA_ALL_ATTACKS")
             || qEnvironmentVariableIsSet("VELMORA_WRITE_ROBUSTNESS");
         int number = 0;
         for (const Attack& attack : attacks()) {
             if (all || (attack.traits & Attack::Quick))
-                QTest::newRow(attack.name.constData()) << number;
+                row(attack.name, number);
             ++number;
         }
     }
