@@ -24,9 +24,7 @@ const int QUICK = Attack::Quick;
 const int MANY = Attack::ManyRecords;
 const int UNENDING = Attack::Unending;
 const int FEW = Attack::FewDescriptors;
-
-const int LONG_GAP = 6000;
-const int LONGEST_GAP = 15000;
+const int LARGE = Attack::Large;
 
 int millisecondsSince(Clock::time_point begin)
 {
@@ -35,7 +33,7 @@ int millisecondsSince(Clock::time_point begin)
 
 void pauseAfterHead()
 {
-    std::this_thread::sleep_for(std::chrono::milliseconds(SHORT_GAP));
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
 }
 
 /// Returns @p size bytes of @p unit. In each repetition, "@" is its number.
@@ -167,7 +165,7 @@ Attack manyLocations(const char* name, int traits, int count, int atOnce)
                 attacker.waitForDatagrams();
         }
     };
-    return {name, traits, run, count, LONG_GAP};
+    return {name, traits, run, count};
 }
 
 /// The device is found, and answers so many requests that begin with @p request.
@@ -178,14 +176,13 @@ void beAskedFor(Attacker& attacker, const QByteArray& request, int count = 1)
 }
 
 /// The device is found, and @p handler answers the request that begins with @p request.
-Attack answered(const QByteArray& name, int traits, const QByteArray& request, const Handler& handler,
-                int gap = SHORT_GAP)
+Attack answered(const QByteArray& name, int traits, const QByteArray& request, const Handler& handler)
 {
     const Action run = [request, handler](Attacker& attacker) {
         attacker.serve(request, handler);
         beAskedFor(attacker, request);
     };
-    return {name, traits, run, 1, gap};
+    return {name, traits, run};
 }
 
 Attack http(const char* name, int traits, const Handler& handler)
@@ -229,13 +226,12 @@ Attack endlessReply(const QByteArray& name, int traits, int devices, const QByte
 
 Attack document(const QByteArray& name, int traits, const QByteArray& pattern, int size = 4 * MB)
 {
-    const int gap = traits & Attack::Oversized ? LONGEST_GAP : LONG_GAP;
-    return answered(name, traits, "GET /d.xml ", sendsDocument(pattern, size), gap);
+    return answered(name, traits | LARGE, "GET /d.xml ", sendsDocument(pattern, size));
 }
 
 Attack serviceDocument(const char* name, int traits, const QByteArray& pattern)
 {
-    return answered(name, traits, "GET /scpd.xml ", sendsDocument(pattern, 4 * MB), LONG_GAP);
+    return answered(name, traits | LARGE, "GET /scpd.xml ", sendsDocument(pattern, 4 * MB));
 }
 
 Attack subscription(const char* name, int traits, const Handler& handler)
@@ -566,14 +562,14 @@ std::vector<Attack> eventAttacks()
         eventParts("Event with an unknown identifier", QUICK, eventHead(unknown, "100"), "", HostCloses),
         eventParts("Event with the null identifier", 0, eventHead(null, "100"), "", HostCloses),
         eventParts("Event with the identifier in upper case", 0, eventHead("UPPER", "5"), "<a/>\n", HostCloses),
-        {"Event of 20,000 names that Qt 5 hashes alike", QUICK, sendsEvent(namesAlike), 1, LONG_GAP},
-        {"Event of 100,000 properties after 100,000 services", MANY, sendManyProperties, 1, LONG_GAP},
+        {"Event of 20,000 names that Qt 5 hashes alike", QUICK | LARGE, sendsEvent(namesAlike)},
+        {"Event of 100,000 properties after 100,000 services", MANY, sendManyProperties},
         eventParts("Event head of 1 MB of lines without a colon", QUICK, "NOTIFY PATH HTTP/1.1\r\n" + lines, "",
                    HostCloses),
-        {"1,100 event connections, 1,024 descriptors", QUICK | FEW, useUpDescriptors, 1, 2000},
+        {"1,100 event connections, 1,024 descriptors", QUICK | FEW, useUpDescriptors},
         {"1,000 event connections that stay silent", QUICK, connectWithoutAWord},
-        {"Event bodies of 16 and 64 MB", MANY, sendLongEvents, 1, LONG_GAP},
-        {"Event body of 4 MB, deep", 0, sendsEvent(deep), 1, LONG_GAP},
+        {"Event bodies of 16 and 64 MB", MANY, sendLongEvents},
+        {"Event body of 4 MB, deep", LARGE, sendsEvent(deep)},
         eventParts("Event body length of 2147483647", QUICK, eventHead("PATH", "2147483647"),
                    QByteArray(1024, 'x'), PartIsRepeated),
         eventParts("Event body length of -2147483648", QUICK, "", eventHead("PATH", "-2147483648"),

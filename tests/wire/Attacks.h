@@ -6,8 +6,6 @@
 namespace Velmora {
 namespace Tests {
 
-const int SHORT_GAP = 300;
-
 /// What somebody on the network may do to the host.
 struct Attack
 {
@@ -18,7 +16,8 @@ struct Attack
         FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
         Stalled = 0x10, ///< The host is busy for 400 ms after its search.
         Oversized = 0x20, ///< So large that the test does not limit the time of the host.
-        Prompt = 0x40 ///< Must not delay the good device or the destructor of the controller.
+        Prompt = 0x40, ///< Must not delay the good device or the destructor of the controller.
+        Large = 0x80 ///< With a document or an event of megabytes.
     };
 
     QByteArray name;
@@ -27,10 +26,6 @@ struct Attack
     std::function<void(Attacker&)> run;
     /// How many records of devices the host must have in the end.
     int devices = 1;
-    /// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than
-    /// the host may be busy, because the library loses a body that it reads with the head. The pause ends when
-    /// the attack has ended and the host has read the head.
-    int eventGap = SHORT_GAP;
 };
 
 /// All attacks. The first one does nothing.

@@ -54,18 +54,20 @@ const int TICK = 5;
 const int PEEK = 20;
 const int PATIENCE = 90 * 1000;
 
+/// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than the
+/// host may be busy, because the library loses a body that it reads with the head. The pause ends when the attack
+/// has ended and the host has read the head. But some attacks must not delay the good device.
 int eventGap(const Attack& attack)
 {
-    return SANITIZED ? qMax(attack.eventGap, qMin(attack.eventGap * 3, 9000)) : attack.eventGap;
+    return attack.traits & Attack::Prompt ? 3 * LONGEST_DELAY : 2 * LONGEST_BLOCK;
 }
 
-/// The limit in KiB: three times what a release build needs, which is 700 MiB for a large document and 64 MiB
-/// otherwise. With a large document, the good device pauses longer.
+/// The limit in KiB: three times what a release build needs.
 qint64 peakMemory(const Attack& attack)
 {
     if (SANITIZED)
         return Q_INT64_C(6000) * 1024;
-    return (attack.eventGap > 1000 ? Q_INT64_C(2100) : Q_INT64_C(200)) * 1024;
+    return (attack.traits & Attack::Large ? Q_INT64_C(2100) : Q_INT64_C(200)) * 1024;
 }
 
 /// Returns whether bytes of the good device's connections wait in the kernel, on the side of @p process.
