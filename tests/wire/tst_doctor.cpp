@@ -268,7 +268,8 @@ sys.exit(subprocess.call(['ssdp-doctor', '--json', '--timeout', '100'])))");
     /// Runs after the tests above, when their programs have ended. A busy machine makes good devices look bad.
     void goodDevicesAreFoundAndNothingElse()
     {
-        // Devices answer within MX. The rest of the time-out is for reading them.
+        // Devices answer within MX. The rest of the time-out is for reading them. The gap is as long as that of
+        // the faulty devices.
         static const char* const options[] = {
             "--devices 5 --response-delay 0-0",
             "--devices 5 --response-delay 100-2500",
@@ -276,8 +277,8 @@ sys.exit(subprocess.call(['ssdp-doctor', '--json', '--timeout', '100'])))");
             "--devices 5 --variables KO,A,B,C --services 4 --response-delay 0-500",
             "--devices 5 --variables A,KO --event-every 300 --announce-every 700 --response-delay 0-500",
             "--devices 2 --second-interface --response-delay 0-500",
-            "--devices 5 --event-gap 300 --event-tail --response-delay 0-200",
-            ("--devices 20 --event-gap 100 --function-code -5 --univocal-code 2146000000 --port 80 "
+            "--devices 5 --event-gap 600 --event-tail --response-delay 0-200",
+            ("--devices 20 --function-code -5 --univocal-code 2146000000 --port 80 "
              "--response-delay 0-900"),
         };
         const int kinds = static_cast<int>(std::size(options));
@@ -285,19 +286,23 @@ sys.exit(subprocess.call(['ssdp-doctor', '--json', '--timeout', '100'])))");
         QList<QPair<QString, Running>> labs;
         for (int started = 0, ended = 0; ended < runs; ++ended) {
             for (; started < qMin(runs, ended + kinds); ++started) {
-                const QString text = "%1 --seed %2 "_s.arg(options[started % kinds]).arg(started * 100 + 1);
+                const QString text =
+                    "--event-gap 300 %1 --seed %2 "_s.arg(options[started % kinds]).arg(started * 100 + 1);
                 labs.append({text, startLab(text + DOCTOR)});
             }
             const QString text = labs.constFirst().first;
             const Run run = labs.takeFirst().second->finish();
             const Answer answer(run);
-            const int devices = words(text).at(1).toInt() * (text.contains("second") ? 2 : 1);
-            QVERIFY2(run.status == 0, qPrintable(text + run.out + run.err));
+            const int devices = words(text).at(3).toInt() * (text.contains("second") ? 2 : 1);
+            QStringList notes;
+            for (auto it = answer.devices.cbegin(); it != answer.devices.cend(); ++it) {
+                if (!it->isEmpty() || !answer.found.contains(it.key()))
+                    notes << it.key() + ": " + it.value();
+            }
+            QVERIFY2(run.status == 0 && notes.isEmpty(), qPrintable(text + notes.join(" ") + run.err));
             QCOMPARE(answer.found.size(), devices);
             QCOMPARE(answer.devices.size(), devices);
             QCOMPARE(answer.host, "");
-            for (const QString& findings : answer.devices)
-                QVERIFY2(findings.isEmpty(), qPrintable(text + findings));
         }
     }
 
