@@ -20,7 +20,7 @@ struct FindingText
 {
     const char* id;
     const char* meaning; ///< What is wrong.
-    const char* change; ///< One sentence that says what to do.
+    const char* change; ///< What to do.
     int section; ///< The section of docs/protocol.md. 0 if there is none.
 };
 
