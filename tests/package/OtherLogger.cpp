@@ -1,4 +1,4 @@
-// A logging library of somebody else's, made from the installed header alone.
+// Another logging library. It uses only the installed header.
 #include <log/Logger.h>
 
 #include <QtCore/QString>

@@ -8,7 +8,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// A QString of Latin-1 text. A plain literal would stay a pointer in `"a"_s + b` or in `auto`.
+/// A QString of Latin-1 text. Without the suffix, a literal stays a pointer, as in `"a" + b` or `auto a = "a"`.
 inline QString operator""_s(const char* text, size_t length)
 {
     return QString::fromLatin1(text, static_cast<int>(length));
@@ -20,7 +20,7 @@ inline QByteArray operator""_ba(const char* bytes, size_t length)
     return QByteArray(bytes, static_cast<int>(length));
 }
 
-/// A list of texts. clang-format fills its lines. In braces, each text would take a line.
+/// A list of texts. clang-format writes several of them on a line. In a list in braces, it writes one.
 template <typename... Text> QList<QByteArray> listOf(const Text&... texts)
 {
     return {QByteArray(texts)...};

@@ -52,8 +52,8 @@ VELMORA_GRANT(updateStateVariables)
  * QCOMPARE(access.devices().size(), 1);
  * @endcode
  *
- * It must not outlive the control point. Its lists and tables are those of the control point, which a test may
- * change.
+ * It must not outlive the control point. Its lists and tables are those of the control point. A test
+ * may change them.
  */
 class ManagerAccess
 {

@@ -27,7 +27,7 @@ public:
     /// Ends the connection with FIN.
     void close() { socket->disconnectFromHost(); }
 
-    /// Ends the connection with RST, like a device that has lost its power.
+    /// Ends the connection with RST, like a device that has restarted.
     void reset();
 
     /// Ends the connection with RST if @p hard is true, else with FIN.
@@ -96,7 +96,7 @@ public:
     /// Returns the requests that begin with @p start. The oldest is the first.
     QList<Request> requestsFor(const QByteArray& start) const;
 
-    /// Closes every connection. Forgets what was received and the scripts.
+    /// Closes every accepted connection. Forgets what was received and the scripts.
     void forget();
 
     /// From now on, refuses connections. Those that are open stay open.
@@ -106,7 +106,8 @@ public:
     /// fills the queue. Both ends of it belong to the device.
     const Connection* holdConnections();
 
-    /// Ends holdConnections(). The kernel of the library tries to connect again every second or two.
+    /// Ends holdConnections(). The kernel tries to connect again after a second, then after longer and longer
+    /// pauses.
     void takeConnections() { server.resumeAccepting(); }
 
     QList<Datagram> searches;

@@ -165,8 +165,9 @@ private Q_SLOTS:
         strange.isForSubscription = false;
         event("unknown path", strange, "event.unknown-path");
 
-        // In milliseconds, or -1: the answer, the answers to the standard search and to a search of the address,
-        // the announcement, and the first message that the library received.
+        // The times are in milliseconds, or -1. They are those of the answer to the library's search, of the
+        // answer to the standard search, of the answer to a search sent to the address, of the announcement, and
+        // of the first message that the library received.
         const auto search = [&](const char* name, const char* location, const QList<int>& times,
                                 const char* expected) {
             DeviceSeen device;

@@ -24,7 +24,7 @@ const int MAX_BODY = 16 * KIB * KIB;
 // Outcomes of a reply with BODY, as outcomeOf() writes them.
 const char WHOLE[] = "finished 200, keeps: <a>b</a>";
 const char LAST[] = "finished 200, closes: <a>b</a>";
-const char OPEN[] = "closed 200, closes: <a>b</a>"; ///< The connection ends the body.
+const char OPEN[] = "closed 200, closes: <a>b</a>"; ///< The end of the connection ends the body.
 
 QByteArray taken(HttpReader& reader)
 {
@@ -374,7 +374,7 @@ private Q_SLOTS:
         QByteArray body;
         for (int i = 0; body.size() < 15 * KIB * KIB; ++i)
             body += QByteArray::number(i) + '\n';
-        // The lines of the chunks may be longer than a body.
+        // All lines of the chunks together may be longer than a body.
         const auto inChunks = [&body](int count, int size, const QByteArray& extension) {
             QByteArray chunks = CHUNKED;
             for (int i = 0; i < count; ++i)

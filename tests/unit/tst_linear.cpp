@@ -34,7 +34,7 @@ namespace {
 
 const int KIB = 1024;
 
-// Twice the input may take 2.5 times as long. Four times the input is twice of twice.
+// Twice the input may take 2.5 times as long.
 const double MAX_GROWTH = 2.5 * 2.5;
 const qint64 MIN_RUN = 700; ///< In microseconds.
 const int RUNS = 3;
@@ -155,7 +155,7 @@ class LinearTest : public QObject
                    ok + "Content-Length: ~0~1\r\n\r\nx", ok + "Transfer-Encoding: ~a,~\r\n\r\n",
                    ok + "~Transfer-Encoding:,\n~\r\n", "~HTTP/1.1 100 C\r\n\r\n~" + ok + "\r\n",
                    chunked + "~0~1\r\nx\r\n0\r\n\r\n", chunked + "0\r\n~A:\r\n~\r\n");
-        // Four times this size must fit into the cache of a processor.
+        // Four times the size of the bodies and chunks below must fit into the cache of a processor.
         const QList<QByteArray> bodies = listOf(ok + "Content-Length: 16000000\r\n\r\n~x", ok + "\r\n~x");
         const QList<QByteArray> chunks =
             listOf(chunked + "~1\r\nx\r\n~0\r\n\r\n", chunked + "~1;xxxxxxxxxxxxxxxxxxxxxxxx\r\nx\r\n~0\r\n\r\n");
@@ -273,7 +273,7 @@ private Q_SLOTS:
     {
         if (SANITIZED)
             QSKIP("AddressSanitizer takes time, too");
-        // Only large inputs would return memory to the kernel, which takes as long as the work.
+        // Without these settings, large inputs would return memory to the kernel. That takes as long as the work.
         mallopt(M_MMAP_THRESHOLD, 32 * KIB * KIB);
         mallopt(M_TRIM_THRESHOLD, 1024 * KIB * KIB);
     }

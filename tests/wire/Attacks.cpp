@@ -168,7 +168,7 @@ Attack manyLocations(const char* name, int traits, int count, int atOnce)
     return {name, traits, run, count};
 }
 
-/// The device is found, and answers so many requests that begin with @p request.
+/// The device is found. Waits until it has answered @p count requests that begin with @p request.
 void beAskedFor(Attacker& attacker, const QByteArray& request, int count = 1)
 {
     attacker.sendLocation(Attacker::url("/d.xml"));
@@ -206,8 +206,8 @@ Attack chunkLength(const char* name, int traits, const QByteArray& length)
     return http(name, traits, sends(chunked(length + "\r\n" + root("") + "\r\n0\r\n\r\n")));
 }
 
-/// Each of the devices has a port of its own. Its reply is @p head, and then @p bytes until the host closes the
-/// connection.
+/// Each device has another port. Its reply is @p head, and then @p bytes for five seconds or until the host closes
+/// the connection.
 Attack endlessReply(const QByteArray& name, int traits, int devices, const QByteArray& head,
                     const QByteArray& bytes)
 {

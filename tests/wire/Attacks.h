@@ -13,18 +13,18 @@ struct Attack
         Quick = 0x1, ///< Part of the reduced set.
         Unending = 0x2, ///< Leaves requests without an end, so the test does not wait for the end.
         ManyRecords = 0x4, ///< Has so many records that the test does not limit the memory.
-        FewDescriptors = 0x8, ///< The host may open 1,024 descriptors.
+        FewDescriptors = 0x8, ///< The host may open at most 1,024 descriptors.
         Stalled = 0x10, ///< The host is busy for 400 ms after its search.
         Oversized = 0x20, ///< So large that the test does not limit the time of the host.
         Prompt = 0x40, ///< Must not delay the good device or the destructor of the controller.
-        Large = 0x80 ///< With a document or an event of megabytes.
+        Large = 0x80 ///< The host may use more memory, as for documents and events of megabytes.
     };
 
     QByteArray name;
     int traits;
-    /// Does it after the search of the host. Throws if it cannot.
+    /// Runs the attack after the search of the host. Throws if something cannot be done.
     std::function<void(Attacker&)> run;
-    /// How many records of devices the host must have in the end.
+    /// The minimum number of records of devices in the end, without that of the good device.
     int devices = 1;
 };
 

@@ -51,7 +51,7 @@ public:
     Program(const QString& name, const QStringList& arguments);
     ~Program();
 
-    /// Waits until it has printed @p text that many times, on standard output and standard error together.
+    /// Waits until it has printed @p text @p times times, on standard output and standard error together.
     bool waitFor(const QByteArray& text, int times = 1);
 
     void write(const QString& text);

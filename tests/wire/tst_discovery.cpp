@@ -391,7 +391,7 @@ private Q_SLOTS:
         device->script("GET /answered", reply("<a/>"));
         QVERIFY(search());
         const KeptMessages kept;
-        // Of the last four, nobody listens, there is no route, no answer, and an answer.
+        // The last four: nobody listens; there is no route; the device does not answer; the device answers.
         for (const QByteArray& location :
              listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
                     "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered")) {

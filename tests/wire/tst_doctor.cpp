@@ -17,12 +17,12 @@ namespace {
 const char DOCTOR[] = "-- ssdp-doctor --json --timeout 3000";
 const char DISCOVER[] = "-- ssdp-discover --json --timeout 3000";
 
-// Each device of a pair test has two faults. With few of them a device is found, so there are also pairs of
-// faults that each leave it found.
+// Each device of a pair test has two faults. Most of these devices are not found. So there are also pairs of
+// faults with which the device is found.
 const int PAIRS = 50;
 const int HARMLESS_PAIRS = 20;
 
-// A device that has gone refuses the next connection or closes an open one.
+// A device that has shut down refuses the next connection or closes an open one.
 const char GONE[] = "description.refused|description.closed";
 
 /// What the doctor has to say about a device with a fault.

@@ -42,7 +42,7 @@ const int LONGEST_BLOCK = (SANITIZED ? 12 : 6) * 1000;
 const int LONGEST_DELAY = SANITIZED ? 500 : 100;
 const int MOST_RUNS = 10;
 
-// The number of attacks in the document.
+// The number of attacks in each table of docs/robustness.md.
 const int SHOWN = 10;
 
 // The process of the library.
@@ -54,15 +54,15 @@ const int TICK = 5;
 const int PEEK = 20;
 const int PATIENCE = 90 * 1000;
 
-/// The longest pause of the good device between head and body of its event, in milliseconds. It is longer than the
-/// host may be busy, because the library loses a body that it reads with the head. The pause ends when the attack
-/// has ended and the host has read the head. But some attacks must not delay the good device.
+/// Returns the longest pause of the good device between head and body of its event, in milliseconds. The library
+/// loses a body that it reads with the head. So the pause is longer than the host may be busy. It ends when the
+/// attack has ended and the host has read the head. If the attack must not delay the good device, it is short.
 int eventGap(const Attack& attack)
 {
     return attack.traits & Attack::Prompt ? 3 * LONGEST_DELAY : 2 * LONGEST_BLOCK;
 }
 
-/// The limit in KiB: three times what a release build needs.
+/// The limit in KiB: three times what a release build needs. With sanitizers, it is larger.
 qint64 peakMemory(const Attack& attack)
 {
     if (SANITIZED)
@@ -135,7 +135,7 @@ int runDevices(int number, const DeviceProcess& process)
     return QCoreApplication::exec();
 }
 
-/// Returns a line of /proc/self/status, in KiB.
+/// Returns a value of /proc/self/status, in KiB.
 qint64 memory(const char* field)
 {
     QFile file("/proc/self/status");

@@ -170,7 +170,7 @@ private Q_SLOTS:
                 VERIFY_SOON(connection->wasRead() || !connection->isOpen());
             }
             most = qMax(most, residentBytes());
-            // Now the bodies hold all that they may.
+            // Now the bodies hold most of what they may.
             if (!good && sent > 70 * MIB)
                 good = std::make_unique<Fetch>(fetcher.network, url("/good.xml"));
             QVERIFY(sent < 330 * MIB);

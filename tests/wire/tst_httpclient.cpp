@@ -43,7 +43,7 @@ class HttpClientTest : public HttpTest
     Q_OBJECT
 
 public:
-    /// The stage of a request. Waiting is for one of six connections. Answered is a part of the reply.
+    /// The stage of a request. Waiting: for one of the six connections. Answered: a part of the reply was sent.
     enum Stage { Requested, Waiting, Connecting, Answered, InFinished, Finished };
     Q_ENUM(Stage)
 
@@ -180,7 +180,7 @@ private Q_SLOTS:
             QVERIFY2(fetch.body == bodyWithin(reply, cut),
                      ("after byte " + QByteArray::number(cut) + ": " + fetch.body).constData());
             QVERIFY(hasFinishedOnce(fetch));
-            // Only a request without a whole head is sent again.
+            // A request is sent again only if the head of its reply was not complete.
             QCOMPARE(served - before, cut < bytes.indexOf("\r\n\r\n") + 4 ? 4 : 1);
         }
     }

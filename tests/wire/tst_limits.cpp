@@ -197,7 +197,7 @@ private Q_SLOTS:
         ssdp->discover();
         ssdp->stop();
         const TakenDescriptors taken(100);
-        // The library keeps a sixteenth of the limit free. The search takes two.
+        // The library keeps a sixteenth of the limit free. The search takes two descriptors.
         const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + 6);
         CapturedLog::clear();
         ssdp->discover();
