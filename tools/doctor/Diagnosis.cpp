@@ -595,7 +595,7 @@ QList<Finding> judgeSubscription(const ServiceSeen& service)
     case Ending::Unfinished:
     case Ending::Malformed:
     case Ending::OutOfBounds:
-        return {finding("subscription.silent", QStringLiteral("no reply in ") + seconds(seen.duration))};
+        return {finding("subscription.silent", QStringLiteral("no complete reply in ") + seconds(seen.duration))};
     case Ending::Complete:
         break;
     }

@@ -22,7 +22,7 @@ const QList<FindingText>& findingTexts()
          "Make the device answer a search for upnp:rootdevice. Until then, it is found only if it announces "
          "itself during a discovery.",
          2},
-        {"search.late", "Its first message came too late for the time-out of the discovery.",
+        {"search.late", "Its first message came so late that the discovery reached its time-out.",
          "Make the device answer sooner, or give the host a longer time-out.", 2},
         {"search.after-mx", "It answers later than the search allows (MX).",
          "Make the device answer within MX seconds.", 2},
@@ -30,7 +30,7 @@ const QList<FindingText>& findingTexts()
         {"search.no-location", "Its message has no LOCATION.", "Send the URL of the description as LOCATION.", 2},
         {"search.location-no-url", "Its LOCATION is not a URL that begins with http:// and names a host.",
          "Send the http:// URL of the description as LOCATION.", 2},
-        {"search.location-other-host", "Its LOCATION does not have the address that sent it.",
+        {"search.location-other-host", "The host in its LOCATION is not the address from which the message came.",
          "Send a LOCATION with the address from which the device answers.", 2},
 
         {"description.no-connection", "Nothing answers a connection to its HTTP port.",
