@@ -22,7 +22,7 @@ int main(int argc, char** argv)
         }
     }
     std::fprintf(stderr, "%d inputs\n", inputs);
-    // They must be deleted before main() ends, because then Qt destroys its static objects.
+    // The control points must be deleted here. After main(), Qt destroys its static objects.
     qDeleteAll(QCoreApplication::instance()->findChildren<Velmora::SSDP::SsdpManager*>());
     return inputs > 0 ? 0 : 1;
 }

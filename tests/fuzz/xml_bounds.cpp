@@ -1,6 +1,6 @@
-// A document. The fuzzer compares the result of the bounds with the counts of another parser. Three control
-// characters, which no document has, make a long text of a short input. The sequence \1, a byte n, a text and \2
-// means 16 * n times the text. In each repetition, \3 becomes its number.
+// A document. The fuzzer compares isWithinXmlBounds() with what another parser counts. Three control characters,
+// which no document has, turn a short input into a long text. The sequence \1, a byte n, a text and \2 is replaced
+// by the text, repeated 16 * n times. In each repetition, \3 becomes its number.
 
 #include <tests/fuzz/Harness.h>
 #include <tests/support/Literals.h>

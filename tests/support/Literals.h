@@ -20,7 +20,7 @@ inline QByteArray operator""_ba(const char* bytes, size_t length)
     return QByteArray(bytes, static_cast<int>(length));
 }
 
-/// A list of texts. clang-format writes several of them on a line. In a list in braces, it writes one.
+/// A list of texts. clang-format writes several of them on a line. In braces, it writes each on a separate line.
 template <typename... Text> QList<QByteArray> listOf(const Text&... texts)
 {
     return {QByteArray(texts)...};

@@ -106,8 +106,7 @@ public:
     /// fills the queue. Both ends of it belong to the device.
     const Connection* holdConnections();
 
-    /// Ends holdConnections(). The kernel tries to connect again after a second, then after longer and longer
-    /// pauses.
+    /// Ends holdConnections(). The kernel on the library's side tries again after one second or more.
     void takeConnections() { server.resumeAccepting(); }
 
     QList<Datagram> searches;

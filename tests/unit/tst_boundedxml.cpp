@@ -142,7 +142,7 @@ private Q_SLOTS:
         QFETCH(const QString, text);
         QDomDocument document;
         const QString before = "<r>" + text + nested(128) + "</r>";
-        // A text that Qt's parser accepts must be refused before it is parsed.
+        // The document is too deep. If Qt's parser accepts it, the bounds must refuse it.
         if (static_cast<bool>(document.setContent(before)))
             QVERIFY(!isWithinXmlBounds(before));
         QVERIFY(!parseXml(document, before));

@@ -34,7 +34,7 @@ namespace {
 
 const int KIB = 1024;
 
-// Twice the input may take 2.5 times as long.
+// Twice the input may take 2.5 times as long. The tests compare four times the input with the input.
 const double MAX_GROWTH = 2.5 * 2.5;
 const qint64 MIN_RUN = 700; ///< In microseconds.
 const int RUNS = 3;
@@ -273,7 +273,7 @@ private Q_SLOTS:
     {
         if (SANITIZED)
             QSKIP("AddressSanitizer takes time, too");
-        // Without these settings, large inputs would return memory to the kernel. That takes as long as the work.
+        // Without these settings, free() returns large blocks to the kernel. That takes as long as the work.
         mallopt(M_MMAP_THRESHOLD, 32 * KIB * KIB);
         mallopt(M_TRIM_THRESHOLD, 1024 * KIB * KIB);
     }

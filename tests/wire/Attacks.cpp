@@ -168,7 +168,7 @@ Attack manyLocations(const char* name, int traits, int count, int atOnce)
     return {name, traits, run, count};
 }
 
-/// The device is found. Waits until it has answered @p count requests that begin with @p request.
+/// Announces the device. Waits until it has answered @p count requests that begin with @p request.
 void beAskedFor(Attacker& attacker, const QByteArray& request, int count = 1)
 {
     attacker.sendLocation(Attacker::url("/d.xml"));

@@ -51,7 +51,8 @@ public:
     Program(const QString& name, const QStringList& arguments);
     ~Program();
 
-    /// Waits until it has printed @p text @p times times, on standard output and standard error together.
+    /// Waits until its output contains @p text as often as @p times says. The output is standard output and
+    /// standard error together.
     bool waitFor(const QByteArray& text, int times = 1);
 
     void write(const QString& text);

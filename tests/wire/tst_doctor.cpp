@@ -18,7 +18,7 @@ const char DOCTOR[] = "-- ssdp-doctor --json --timeout 3000";
 const char DISCOVER[] = "-- ssdp-discover --json --timeout 3000";
 
 // Each device of a pair test has two faults. Most of these devices are not found. So there are also pairs of
-// faults with which the device is found.
+// faults that do not prevent, each alone, that the device is found.
 const int PAIRS = 50;
 const int HARMLESS_PAIRS = 20;
 
@@ -268,8 +268,7 @@ sys.exit(subprocess.call(['ssdp-doctor', '--json', '--timeout', '100'])))");
     /// Runs after the tests above, when their programs have ended. A busy machine makes good devices look bad.
     void goodDevicesAreFoundAndNothingElse()
     {
-        // Devices answer within MX. The rest of the time-out is for reading them. The gap is as long as that of
-        // the faulty devices.
+        // Devices answer within MX. The rest of the time-out is for reading them.
         static const char* const options[] = {
             "--devices 5 --response-delay 0-0",
             "--devices 5 --response-delay 100-2500",

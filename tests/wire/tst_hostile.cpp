@@ -56,7 +56,8 @@ const int PATIENCE = 90 * 1000;
 
 /// Returns the longest pause of the good device between head and body of its event, in milliseconds. The library
 /// loses a body that it reads with the head. So the pause is longer than the host may be busy. It ends when the
-/// attack has ended and the host has read the head. If the attack must not delay the good device, it is short.
+/// attack has ended and the host has read the head. Attacks with the trait Prompt must not keep the host busy, so
+/// their pause is short.
 int eventGap(const Attack& attack)
 {
     return attack.traits & Attack::Prompt ? 3 * LONGEST_DELAY : 2 * LONGEST_BLOCK;
