@@ -4,12 +4,13 @@
 #include <tests/support/ProcessState.h>
 #include <tests/support/WireTest.h>
 
-#include <QtCore/QFile>
 #include <QtCore/QThread>
 #include <QtNetwork/QTcpServer>
 #include <QtNetwork/QTcpSocket>
 
 #include <algorithm>
+#include <fcntl.h>
+#include <unistd.h>
 #include <vector>
 
 using namespace Velmora::Simulator;
@@ -39,7 +40,7 @@ int runLimitedDevices(int count, const DeviceProcess& process)
     });
 }
 
-/// Takes the descriptors below @p end. Does so again before each event, because ending threads close some.
+/// Takes the descriptors below @p end. Does so again before each event, because other threads close some.
 class TakenDescriptors : public QObject
 {
 public:
@@ -48,6 +49,12 @@ public:
     {
         take();
         qApp->installEventFilter(this);
+    }
+
+    ~TakenDescriptors() override
+    {
+        for (const int descriptor : descriptors)
+            close(descriptor);
     }
 
     bool eventFilter(QObject*, QEvent*) override
@@ -59,15 +66,15 @@ public:
 private:
     void take()
     {
-        while (ProcessState::nextDescriptor() < end) {
-            files.push_back(std::make_unique<QFile>("/dev/null"_s));
-            if (!files.back()->open(QIODevice::ReadOnly))
-                qFatal("No descriptor is left");
-        }
+        int descriptor = -1;
+        while ((descriptor = open("/", O_PATH | O_CLOEXEC)) != -1 && descriptor < end)
+            descriptors.push_back(descriptor);
+        if (descriptor != -1)
+            close(descriptor);
     }
 
     const int end;
-    std::vector<std::unique_ptr<QFile>> files;
+    std::vector<int> descriptors;
 };
 
 } // namespace
@@ -115,7 +122,10 @@ private Q_SLOTS:
         start(ThreeDevices);
         ssdp->discover();
         {
-            const ProcessState::DescriptorLimit limit(ProcessState::nextDescriptor() + left);
+            const int next = ProcessState::nextDescriptor();
+            const ProcessState::DescriptorLimit limit(next + left);
+            // On Qt 5, a thread for D-Bus closes a descriptor soon after the first control point was made.
+            const TakenDescriptors taken(next);
             VERIFY_SOON(manager().devices().size() == 3 && manager().deviceReplies().isEmpty());
             QVERIFY(left > 0 || manager().devices().at(0)->services.isEmpty());
         }
