@@ -1,14 +1,13 @@
 #include <tests/support/HttpTest.h>
-#include <tests/support/ProcessState.h>
 #include <tests/support/Sanitized.h>
 
 #include <QtCore/QFile>
 
 #include <algorithm>
+#include <unistd.h>
 #include <vector>
 
 using namespace Velmora::Tests;
-using ProcessState::processorTime;
 
 namespace {
 
@@ -42,19 +41,10 @@ qint64 residentBytes()
 
 } // namespace
 
-/// How much of a reply the library accepts, and that it takes linear time. tests/unit/tst_httpreader.cpp tests
-/// every bound of a single reply.
+/// How much of a reply the library accepts. tests/unit/tst_httpreader.cpp tests every bound of a single reply.
 class HttpBoundsTest : public HttpTest
 {
     Q_OBJECT
-
-    static void sendInSegmentsOf(Connection* connection, const QByteArray& bytes, int size)
-    {
-        for (int i = 0; i < bytes.size(); i += size) {
-            connection->send(bytes.mid(i, size));
-            QCoreApplication::processEvents();
-        }
-    }
 
     /// Requests one more document and sends @p size bytes of its body. One byte is missing, so the reply does not
     /// finish. Returns false if it has failed.
@@ -185,47 +175,6 @@ private Q_SLOTS:
         QCOMPARE(good->body, bodyOf(100000));
         // AddressSanitizer keeps freed memory for a while.
         QVERIFY2(SANITIZED || most - before < 100 * MIB, QByteArray::number((most - before) / MIB).constData());
-    }
-
-    void timeIsLinear_data()
-    {
-        const Table<QByteArray, QByteArray, int, int> row("beginning", "repeated", "size", "segment");
-        row("fields in segments of 5 bytes", "HTTP/1.1 200 OK\r\n", "X: y\r\n", 14000, 5);
-        row("body in segments of 100 bytes", OPEN_HEAD, "x", MIB / 2, 100);
-        row("chunks in segments of 100 bytes", CHUNKED_HEAD, "1\r\nx\r\n", MIB / 2, 100);
-    }
-
-    void timeIsLinear()
-    {
-        if (SANITIZED)
-            QSKIP("AddressSanitizer takes time, too");
-        QFETCH(const QByteArray, beginning);
-        QFETCH(const QByteArray, repeated);
-        QFETCH(const int, size);
-        QFETCH(const int, segment);
-        Fetcher fetcher;
-        qint64 shortest[3] = {};
-        bool isLinear = false;
-        // Other programs only make a run longer. So the shortest of several runs counts.
-        for (int run = 0; run < 5 && !isLinear; ++run) {
-            for (int i = 0; i < 3; ++i) {
-                device->forget();
-                const QByteArray bytes =
-                    beginning + repeated.repeated((size << i) / static_cast<int>(repeated.size()));
-                Fetch fetch(fetcher.network, url());
-                Connection* const connection = requestFor("GET ");
-                QVERIFY(connection);
-                const qint64 begin = processorTime();
-                sendInSegmentsOf(connection, bytes, segment);
-                VERIFY_SOON(connection->wasRead());
-                const qint64 time = processorTime() - begin;
-                QCOMPARE(fetch.finishes, 0);
-                shortest[i] = run == 0 ? time : qMin(shortest[i], time);
-            }
-            isLinear = run > 0 && shortest[1] <= shortest[0] * 5 / 2 && shortest[2] <= shortest[1] * 5 / 2;
-        }
-        QVERIFY2(isLinear,
-                 qPrintable("%1, %2 and %3 microseconds"_s.arg(shortest[0]).arg(shortest[1]).arg(shortest[2])));
     }
 };
 

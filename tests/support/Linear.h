@@ -1,0 +1,72 @@
+#ifndef VELMORA_TESTS_SUPPORT_LINEAR_H
+#define VELMORA_TESTS_SUPPORT_LINEAR_H
+
+#include <tests/support/Literals.h>
+
+#include <QtCore/QFile>
+#include <QtTest/QtTest>
+
+#include <functional>
+#include <valgrind/callgrind.h>
+
+namespace Velmora {
+namespace Tests {
+
+/// What is counted. Its input exists already.
+using Work = std::function<void()>;
+/// Returns the work for an input of a size.
+using Maker = std::function<Work(int)>;
+
+/// Returns how many instructions all threads execute during @p work. Returns 0 if the program does not run under
+/// Valgrind's callgrind with the output file CALLGRIND_FILE.
+inline qint64 instructionsOf(const Work& work)
+{
+    CALLGRIND_ZERO_STATS;
+    work();
+    CALLGRIND_DUMP_STATS;
+    static int dumps = 0;
+    QFile file("%1.%2"_s.arg(CALLGRIND_FILE).arg(++dumps));
+    if (!file.open(QIODevice::ReadOnly))
+        return 0;
+    const QByteArray dump = file.readAll();
+    file.remove();
+    const QByteArray label("\ntotals: ");
+    return dump.mid(dump.lastIndexOf(label) + label.size()).simplified().toLongLong();
+}
+
+/// The instructions of a work for inputs of one, two and four times a size. Unlike times, they do not depend on
+/// other programs or on the caches of the processor.
+struct Growth
+{
+    Growth(const Maker& maker, int size)
+    {
+        const Work works[] = {maker(size), maker(2 * size), maker(4 * size)};
+        // The first runs load what later runs have, and join the memory that earlier tests freed.
+        works[0]();
+        works[0]();
+        for (int i = 0; i < 3; ++i)
+            counts[i] = instructionsOf(works[i]);
+    }
+
+    /// Four times the input may take five times the instructions, because a buffer grows in steps.
+    bool isLinear() const { return counts[2] <= 5 * counts[0]; }
+
+    qint64 counts[3] = {};
+};
+
+} // namespace Tests
+} // namespace Velmora
+
+/// Verifies that the work of @p maker is linear, starting with @p size. Skips the test outside callgrind.
+#define VERIFY_LINEAR(maker, size)                                                                                \
+    do {                                                                                                          \
+        const Velmora::Tests::Growth growth(maker, size);                                                         \
+        if (growth.counts[0] == 0)                                                                                \
+            QSKIP("Only callgrind counts instructions. CTest runs this program under it.");                       \
+        QVERIFY2(growth.isLinear(),                                                                               \
+                 qPrintable("%1, %2 and %3 instructions"_s.arg(growth.counts[0])                                  \
+                                .arg(growth.counts[1])                                                            \
+                                .arg(growth.counts[2])));                                                         \
+    } while (false)
+
+#endif
