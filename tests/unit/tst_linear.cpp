@@ -57,8 +57,7 @@ void dropMessage(QtMsgType, const QMessageLogContext&, const QString&) { }
 
 } // namespace
 
-/// The library reads every message in linear time, whatever its content is. Each row has inputs of one, two and
-/// four times a size.
+/// The library reads every message in linear time, whatever its content is.
 class LinearTest : public QObject
 {
     Q_OBJECT

@@ -44,7 +44,7 @@ private Q_SLOTS:
             };
         };
         VERIFY_LINEAR(maker, size);
-        QCOMPARE(reads, 5);
+        QCOMPARE(reads, 4);
     }
 };
 
