@@ -22,7 +22,7 @@ int main(int argc, char** argv)
         }
     }
     std::fprintf(stderr, "%d inputs\n", inputs);
-    // The control points must be deleted here. After main(), Qt destroys its static objects.
+    // This ends the threads of the control points. After main(), Qt destroys objects that these threads use.
     qDeleteAll(QCoreApplication::instance()->findChildren<Velmora::SSDP::SsdpManager*>());
     return inputs > 0 ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-// Another logging library. It uses only the installed header.
+// Another logging library. Of this project, it uses only the installed header.
 #include <log/Logger.h>
 
 #include <QtCore/QString>

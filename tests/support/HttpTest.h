@@ -87,7 +87,8 @@ protected:
     /// Waits until the library has closed every connection to the device.
     bool allCloses() const;
 
-    /// Waits like allCloses(). Returns whether all are closed and @p fetch has finished exactly once.
+    /// Waits like allCloses(). Returns whether every connection is closed and @p fetch has
+    /// finished exactly once.
     bool hasFinishedOnce(const Fetch& fetch) const;
 
 protected Q_SLOTS:

@@ -12,7 +12,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// What is counted. Its input exists already.
+/// The work whose instructions are counted. Its input was made before.
 using Work = std::function<void()>;
 /// Returns the work for an input of a size.
 using Maker = std::function<Work(int)>;
@@ -34,22 +34,22 @@ inline qint64 instructionsOf(const Work& work)
     return dump.mid(dump.lastIndexOf(label) + label.size()).simplified().toLongLong();
 }
 
-/// The instructions of a work for an input of a size, and for one of four times this size. Unlike times, they do
-/// not depend on other programs or on the caches of the processor.
+/// How many instructions the work takes for an input of a size, and for an input that is four times as large.
+/// Other programs do not change these numbers.
 struct Growth
 {
     Growth(const Maker& maker, int size)
     {
         const Work once = maker(size);
         const Work fourTimes = maker(4 * size);
-        // The first runs load what later runs have, and join the memory that earlier tests freed.
+        // Only the first runs fill tables, and merge the blocks of memory that earlier tests freed.
         once();
         once();
         before = instructionsOf(once);
         after = instructionsOf(fourTimes);
     }
 
-    /// Four times the input may take five times the instructions, because a buffer grows in steps.
+    /// Five times the instructions are allowed for four times the input, because a buffer grows in steps.
     bool isLinear() const { return after <= 5 * before; }
 
     qint64 before = 0;
@@ -59,14 +59,16 @@ struct Growth
 } // namespace Tests
 } // namespace Velmora
 
-/// Verifies that the work of @p maker is linear, starting with @p size. Skips the test outside callgrind.
+/// Verifies that the work of @p maker is linear, for inputs of @p size and 4 * @p size. Skips the test outside
+/// callgrind.
 #define VERIFY_LINEAR(maker, size)                                                                                \
     do {                                                                                                          \
         const Velmora::Tests::Growth growth(maker, size);                                                         \
         if (growth.before == 0)                                                                                   \
             QSKIP("Only callgrind counts instructions. CTest runs this program under it.");                       \
-        QVERIFY2(growth.isLinear(),                                                                               \
-                 qPrintable("%1 instructions, then %2"_s.arg(growth.before).arg(growth.after)));                  \
+        QVERIFY2(                                                                                                 \
+            growth.isLinear(),                                                                                    \
+            qPrintable("%1 instructions, %2 for four times the size"_s.arg(growth.before).arg(growth.after)));    \
     } while (false)
 
 #endif

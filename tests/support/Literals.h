@@ -8,7 +8,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// A QString of Latin-1 text. Without the suffix, a literal stays a pointer, as in `"a" + b` or `auto a = "a"`.
+/// A QString of Latin-1 text. Without the suffix, `auto a = "a"` is a pointer.
 inline QString operator""_s(const char* text, size_t length)
 {
     return QString::fromLatin1(text, static_cast<int>(length));
@@ -20,7 +20,7 @@ inline QByteArray operator""_ba(const char* bytes, size_t length)
     return QByteArray(bytes, static_cast<int>(length));
 }
 
-/// A list of texts. clang-format writes several of them on a line. In braces, it writes each on a separate line.
+/// A list of texts. clang-format would write each text in braces on a separate line.
 template <typename... Text> QList<QByteArray> listOf(const Text&... texts)
 {
     return {QByteArray(texts)...};

@@ -12,9 +12,9 @@
 namespace Velmora {
 namespace Tests {
 
-/// Returns different names that have the same hash on Qt 5, with every seed. The hash is a CRC. So a change of
-/// certain bits of a name changes the same bits of the hash in every name. The names differ only in changes that
-/// cancel each other in the hash.
+/// Returns different names that have the same hash on Qt 5, with every seed. The hash is a CRC. So if
+/// certain bits of a name change, certain bits of the hash change, whatever the name is. The names differ in
+/// several such changes, which together leave the hash as it was.
 inline std::vector<std::string> namesAlike(size_t count)
 {
     const std::string base(14, 'H');

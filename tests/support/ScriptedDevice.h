@@ -96,7 +96,7 @@ public:
     /// Returns the requests that begin with @p start. The oldest is the first.
     QList<Request> requestsFor(const QByteArray& start) const;
 
-    /// Closes every accepted connection. Forgets what was received and the scripts.
+    /// Closes every accepted connection. Forgets the scripts and everything that was received.
     void forget();
 
     /// From now on, refuses connections. Those that are open stay open.
@@ -106,7 +106,8 @@ public:
     /// fills the queue. Both ends of it belong to the device.
     const Connection* holdConnections();
 
-    /// Ends holdConnections(). The kernel on the library's side tries again after one second or more.
+    /// Ends holdConnections(). The kernel on the library's side tries to connect again after one second
+    /// or more.
     void takeConnections() { server.resumeAccepting(); }
 
     QList<Datagram> searches;

@@ -66,7 +66,7 @@ void WireTest::makeController(int timeout)
 
 void WireTest::makeDevice(const char* address, quint16 port)
 {
-    // Two devices cannot listen on the same port.
+    // Two devices cannot listen on the same address and port. So the old one is deleted first.
     device.reset();
     device = std::make_unique<ScriptedDevice>(network, QLatin1String(address), port);
 }

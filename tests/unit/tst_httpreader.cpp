@@ -374,7 +374,7 @@ private Q_SLOTS:
         QByteArray body;
         for (int i = 0; body.size() < 15 * KIB * KIB; ++i)
             body += QByteArray::number(i) + '\n';
-        // All lines of the chunks together may be longer than a body.
+        // All lines of the chunks together may be longer than the limit of the body.
         const auto inChunks = [&body](int count, int size, const QByteArray& extension) {
             QByteArray chunks = CHUNKED;
             for (int i = 0; i < count; ++i)

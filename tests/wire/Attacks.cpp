@@ -168,7 +168,8 @@ Attack manyLocations(const char* name, int traits, int count, int atOnce)
     return {name, traits, run, count};
 }
 
-/// Announces the device. Waits until it has answered @p count requests that begin with @p request.
+/// Answers the search with the location of the device. Waits until the device has answered @p count requests that
+/// begin with @p request.
 void beAskedFor(Attacker& attacker, const QByteArray& request, int count = 1)
 {
     attacker.sendLocation(Attacker::url("/d.xml"));
@@ -206,8 +207,8 @@ Attack chunkLength(const char* name, int traits, const QByteArray& length)
     return http(name, traits, sends(chunked(length + "\r\n" + root("") + "\r\n0\r\n\r\n")));
 }
 
-/// Each device has another port. Its reply is @p head, and then @p bytes for five seconds or until the host closes
-/// the connection.
+/// Each device has its own port. It replies with @p head. Then it sends @p bytes again and again, for five seconds
+/// or until the host closes the connection.
 Attack endlessReply(const QByteArray& name, int traits, int devices, const QByteArray& head,
                     const QByteArray& bytes)
 {

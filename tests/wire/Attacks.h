@@ -17,14 +17,14 @@ struct Attack
         Stalled = 0x10, ///< The host is busy for 400 ms after its search.
         Oversized = 0x20, ///< So large that the test does not limit the time of the host.
         Prompt = 0x40, ///< Must not delay the good device or the destructor of the controller.
-        Large = 0x80 ///< The limit of memory is higher, as a large document needs it.
+        Large = 0x80 ///< Sends a large document, so the limit of the memory is higher.
     };
 
     QByteArray name;
     int traits;
     /// Runs the attack after the search of the host. Throws if something cannot be done.
     std::function<void(Attacker&)> run;
-    /// The minimum number of records of devices in the end, without that of the good device.
+    /// The host must have at least this many records of devices at the end. The good device is not counted.
     int devices = 1;
 };
 

@@ -391,7 +391,8 @@ private Q_SLOTS:
         device->script("GET /answered", reply("<a/>"));
         QVERIFY(search());
         const KeptMessages kept;
-        // The last four: nobody listens; there is no route; the device does not answer; the device answers.
+        // At the last four locations: nobody listens; there is no route; the device does not answer; the device
+        // answers.
         for (const QByteArray& location :
              listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
                     "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered")) {

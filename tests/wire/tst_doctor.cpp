@@ -18,7 +18,7 @@ const char DOCTOR[] = "-- ssdp-doctor --json --timeout 3000";
 const char DISCOVER[] = "-- ssdp-discover --json --timeout 3000";
 
 // Each device of a pair test has two faults. Most of these devices are not found. So there are also pairs of
-// faults that do not prevent, each alone, that the device is found.
+// harmless faults. A device with only one of them is found.
 const int PAIRS = 50;
 const int HARMLESS_PAIRS = 20;
 

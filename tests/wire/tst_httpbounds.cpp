@@ -41,7 +41,8 @@ qint64 residentBytes()
 
 } // namespace
 
-/// How much of a reply the library accepts. tests/unit/tst_httpreader.cpp tests every bound of a single reply.
+/// How much the library accepts of one reply, and of all replies together. tests/unit/tst_httpreader.cpp tests
+/// every bound of a single reply.
 class HttpBoundsTest : public HttpTest
 {
     Q_OBJECT
@@ -160,7 +161,7 @@ private Q_SLOTS:
                 VERIFY_SOON(connection->wasRead() || !connection->isOpen());
             }
             most = qMax(most, residentBytes());
-            // Now the bodies hold most of what they may.
+            // Now the bodies hold most of the bytes that they may hold.
             if (!good && sent > 70 * MIB)
                 good = std::make_unique<Fetch>(fetcher.network, url("/good.xml"));
             QVERIFY(sent < 330 * MIB);

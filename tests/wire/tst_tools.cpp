@@ -134,7 +134,7 @@ private Q_SLOTS:
         QFETCH(QString, command);
         const QString error = words(command).at(0) + ": cannot write: "_s;
         VERIFY_RUN(withDevice.run(command + " >/dev/full"), {4, "", error + "No space left on device\n"});
-        // Its standard output is closed, and none of its sockets may get descriptor 1.
+        // The program starts with its standard output closed. None of its sockets may get descriptor 1.
         VERIFY_RUN(withDevice.run(command + " >&-"), {4, "", error + "Bad file descriptor\n"});
     }
 
