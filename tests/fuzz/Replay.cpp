@@ -22,7 +22,8 @@ int main(int argc, char** argv)
         }
     }
     std::fprintf(stderr, "%d inputs\n", inputs);
-    // This ends the threads of the control points. After main(), Qt destroys objects that these threads use.
+    // With Qt 5.15, each control point has threads of Qt, which end here. After main(), Qt destroys objects that
+    // these threads use.
     qDeleteAll(QCoreApplication::instance()->findChildren<Velmora::SSDP::SsdpManager*>());
     return inputs > 0 ? 0 : 1;
 }

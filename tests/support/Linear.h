@@ -12,7 +12,7 @@
 namespace Velmora {
 namespace Tests {
 
-/// The work whose instructions are counted. Its input was made before.
+/// The work whose instructions are counted.
 using Work = std::function<void()>;
 /// Returns the work for an input of a size.
 using Maker = std::function<Work(int)>;
@@ -42,7 +42,8 @@ struct Growth
     {
         const Work once = maker(size);
         const Work fourTimes = maker(4 * size);
-        // Only the first runs fill tables, and merge the blocks of memory that earlier tests freed.
+        // These two runs are not counted. They fill tables, and merge the blocks of memory that earlier tests
+        // freed. Later runs need not do this.
         once();
         once();
         before = instructionsOf(once);

@@ -12,9 +12,9 @@
 namespace Velmora {
 namespace Tests {
 
-/// Returns different names that have the same hash on Qt 5, with every seed. The hash is a CRC. So if
-/// certain bits of a name change, certain bits of the hash change, whatever the name is. The names differ in
-/// several such changes, which together leave the hash as it was.
+/// Returns different names that have the same hash on Qt 5, with every seed except 0. On processors that can
+/// calculate a CRC, the hash is a CRC. So a bit of the name always flips the same bits of the hash, whatever the
+/// name is. In each name, some bits are flipped whose effects on the hash cancel each other.
 inline std::vector<std::string> namesAlike(size_t count)
 {
     const std::string base(14, 'H');

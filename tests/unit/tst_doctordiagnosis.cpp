@@ -165,9 +165,12 @@ private Q_SLOTS:
         strange.isForSubscription = false;
         event("unknown path", strange, "event.unknown-path");
 
-        // The times are in milliseconds, or -1 if the message did not come. The messages are the answer to the
-        // library's search, the answer to the standard search, the answer to a search sent to the address, the
-        // announcement, and the first message that the library received.
+        // The times are in milliseconds, or -1 if the message did not come. They belong to these messages:
+        // - the answer to the library's search;
+        // - the answer to the standard search;
+        // - the answer to a search sent to the address;
+        // - the announcement;
+        // - the first message that the library received.
         const auto search = [&](const char* name, const char* location, const QList<int>& times,
                                 const char* expected) {
             DeviceSeen device;

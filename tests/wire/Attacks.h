@@ -17,7 +17,7 @@ struct Attack
         Stalled = 0x10, ///< The host is busy for 400 ms after its search.
         Oversized = 0x20, ///< So large that the test does not limit the time of the host.
         Prompt = 0x40, ///< Must not delay the good device or the destructor of the controller.
-        Large = 0x80 ///< Sends a large document, so the limit of the memory is higher.
+        Large = 0x80 ///< Sends a large document or event, so the limit of the memory is higher.
     };
 
     QByteArray name;

@@ -391,8 +391,8 @@ private Q_SLOTS:
         device->script("GET /answered", reply("<a/>"));
         QVERIFY(search());
         const KeptMessages kept;
-        // At the last four locations: nobody listens; there is no route; the device does not answer; the device
-        // answers.
+        // The last four locations are a port where nobody listens, an address without a route, a path that the
+        // device does not answer, and a path that it answers.
         for (const QByteArray& location :
              listOf("", "none:/a", "file:///dev/null", "http://10.77.1.1:9/a", "http://192.0.2.1/a",
                     "http://10.77.1.1:8080/a", "http://10.77.1.1:8080/answered")) {

@@ -18,7 +18,7 @@ const char DOCTOR[] = "-- ssdp-doctor --json --timeout 3000";
 const char DISCOVER[] = "-- ssdp-discover --json --timeout 3000";
 
 // Each device of a pair test has two faults. Most of these devices are not found. So there are also pairs of
-// harmless faults. A device with only one of them is found.
+// harmless faults. A fault is harmless if a device with this fault alone is found.
 const int PAIRS = 50;
 const int HARMLESS_PAIRS = 20;
 

@@ -55,9 +55,9 @@ const int PEEK = 20;
 const int PATIENCE = 90 * 1000;
 
 /// Returns the longest pause of the good device between head and body of its event, in milliseconds. The library
-/// loses a body that it reads with the head. So this limit is longer than the host may be busy. The pause ends
-/// earlier if the attack has ended and the host has read the head. An attack with the trait Prompt must not keep
-/// the host busy. So its limit is short.
+/// loses a body that it reads with the head. So the longest pause is longer than the time for which the host may
+/// be busy. The pause ends earlier if the attack has ended and the host has read the head. An attack with the
+/// trait Prompt must not keep the host busy. So its longest pause is short.
 int eventGap(const Attack& attack)
 {
     return attack.traits & Attack::Prompt ? 3 * LONGEST_DELAY : 2 * LONGEST_BLOCK;

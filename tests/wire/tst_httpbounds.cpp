@@ -161,7 +161,7 @@ private Q_SLOTS:
                 VERIFY_SOON(connection->wasRead() || !connection->isOpen());
             }
             most = qMax(most, residentBytes());
-            // Now the bodies hold most of the bytes that they may hold.
+            // After 70 MiB, the bodies hold most of the bytes that they may hold. A good reply must still be read.
             if (!good && sent > 70 * MIB)
                 good = std::make_unique<Fetch>(fetcher.network, url("/good.xml"));
             QVERIFY(sent < 330 * MIB);

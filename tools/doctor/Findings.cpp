@@ -22,7 +22,7 @@ const QList<FindingText>& findingTexts()
          "Make the device answer a search for upnp:rootdevice. Until then, it is found only if it announces "
          "itself during a discovery.",
          2},
-        {"search.late", "Its first message came too late for the time-out of the discovery.",
+        {"search.late", "Its first message came so late that the device was not found before the time-out.",
          "Make the device answer sooner, or give the host a longer time-out.", 2},
         {"search.after-mx", "It answers later than the search allows (MX).",
          "Make the device answer within MX seconds.", 2},
