@@ -1,6 +1,6 @@
 // A document. The fuzzer compares isWithinXmlBounds() with what another parser counts. Three control characters,
-// which no document has, turn a short input into a long text. A byte n and a text stand between \1 and \2. All of
-// this is replaced by the text, repeated 16 * n times. In each repetition, \3 is replaced by the number of the
+// which no document has, turn a short input into a long text. The sequence is \1, a byte n, a text, \2. It is
+// replaced by the text, repeated 16 * n times. In each repetition, \3 is replaced by the number of the
 // repetition.
 
 #include <tests/fuzz/Harness.h>

@@ -20,7 +20,7 @@ inline QByteArray operator""_ba(const char* bytes, size_t length)
     return QByteArray(bytes, static_cast<int>(length));
 }
 
-/// A list of texts. If they were in braces, clang-format would write each text on its own line.
+/// A list of texts. In braces, clang-format would write each text of a long list on its own line.
 template <typename... Text> QList<QByteArray> listOf(const Text&... texts)
 {
     return {QByteArray(texts)...};

@@ -12,9 +12,9 @@
 namespace Velmora {
 namespace Tests {
 
-/// Returns different names that have the same hash on Qt 5, with every seed except 0. On processors that can
-/// calculate a CRC, the hash is a CRC. So a bit of the name always flips the same bits of the hash, whatever the
-/// name is. In each name, some bits are flipped whose effects on the hash cancel each other.
+/// Returns different names. On Qt 5, they have the same hash with every seed except 0, if the processor can
+/// calculate a CRC. The hash is then a CRC: if one bit of a name changes, always the same bits of the hash change.
+/// The names differ from the first one in several bits. Together, these changes leave the hash as it was.
 inline std::vector<std::string> namesAlike(size_t count)
 {
     const std::string base(14, 'H');

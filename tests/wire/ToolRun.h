@@ -51,8 +51,8 @@ public:
     Program(const QString& name, const QStringList& arguments);
     ~Program();
 
-    /// Waits until the output contains @p text as often as @p times says, or more often. Returns false if this
-    /// takes too long. The output is standard output and standard error together.
+    /// Waits until the output contains @p text @p times or more often. Returns false if the program ends before
+    /// that, or if this takes more than a minute. The output is standard output and standard error together.
     bool waitFor(const QByteArray& text, int times = 1);
 
     void write(const QString& text);
