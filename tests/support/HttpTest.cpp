@@ -97,7 +97,7 @@ bool HttpTest::hasFinishedOnce(const Fetch& fetch) const
 void HttpTest::initTestCase()
 {
     WireTest::initTestCase();
-    // Qt does not close the descriptors that it opens for the first request of a process.
+    // Qt 5.15 opens two descriptors for the first request of a process, and does not close them.
     Fetcher fetcher;
     Fetch first(fetcher.network, url());
     waitUntil([&] { return first.finishes > 0; });

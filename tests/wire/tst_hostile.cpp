@@ -343,7 +343,7 @@ private:
             if (measured.isDone || elapsed.elapsed() > PATIENCE)
                 loop.quit();
             if (attack.traits & Attack::FewDescriptors) {
-                // Qt ends the process if no descriptor is left for the event loop of the thread.
+                // Qt (4.8 to 6.4) ends the process if no descriptor is left for the event loop of the thread.
                 QThread thread;
                 thread.start();
                 thread.quit();

@@ -157,7 +157,7 @@ private Q_SLOTS:
         for (int discovery = 1; discovery <= 2; ++discovery) {
             ssdp->discover();
             VERIFY_SOON(manager().devices().size() == 2 && manager().deviceReplies().isEmpty());
-            // If there is no descriptor for the event loop of the thread, Qt ends the process.
+            // If there is no descriptor for the event loop of the thread, Qt (4.8 to 6.4) ends the process.
             QThread thread;
             thread.start();
             thread.quit();
